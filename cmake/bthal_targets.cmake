@@ -1,0 +1,41 @@
+# What every target of ours has in common.
+
+find_package(Threads REQUIRED)
+
+# The platform libraries that Debian ships: <android-base/…>, <utils/…>, <cutils/…>, <log/…>.
+set(android_lib_dir /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)
+add_library(android_libs INTERFACE)
+target_include_directories(android_libs SYSTEM INTERFACE /usr/include/android)
+target_link_directories(android_libs INTERFACE ${android_lib_dir})
+target_link_options(android_libs INTERFACE -Wl,-rpath,${android_lib_dir})
+target_link_libraries(android_libs INTERFACE utils cutils base log Threads::Threads)
+
+add_library(bthal_options INTERFACE)
+target_compile_options(bthal_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Werror)
+if(BTHAL_COMPILE_ONLY)
+  target_compile_options(bthal_options INTERFACE -Wthread-safety)
+endif()
+if(BTHAL_SANITIZE)
+  add_compile_options(-fsanitize=${BTHAL_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${BTHAL_SANITIZE})
+  add_compile_definitions(BTHAL_SANITIZED=1)
+endif()
+
+# bthal_executable(NAME SOURCES…): skipped when only objects are wanted.
+function(bthal_executable name)
+  if(BTHAL_COMPILE_ONLY)
+    add_library(${name} OBJECT ${ARGN})
+  else()
+    add_executable(${name} ${ARGN})
+  endif()
+  target_link_libraries(${name} PRIVATE bthal_options)
+endfunction()
+
+# bthal_test(NAME SOURCES…): a GoogleTest program, one ctest entry a case.
+include(GoogleTest)
+function(bthal_test name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE bthal_options test_support GTest::gmock GTest::gtest_main)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+endfunction()

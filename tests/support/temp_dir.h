@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+namespace test {
+
+// A folder of its own for a test, gone with it.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+std::string ReadFile(const std::string& path);
+// Makes the folders above path, too.
+void WriteFile(const std::string& path, const std::string& content);
+
+}  // namespace test

@@ -1,0 +1,27 @@
+#include "support/wait.h"
+
+#include <cstdio>
+#include <thread>
+
+namespace test {
+
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline) {
+  const auto end = std::chrono::steady_clock::now() + deadline;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return condition();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+int Count(const char* what, int full) {
+#ifdef BTHAL_SANITIZED
+  const int count = full / 10;
+#else
+  const int count = full;
+#endif
+  printf("count: %d %s\n", count, what);
+  return count;
+}
+
+}  // namespace test
