@@ -1,0 +1,8 @@
+// Lines for whoever runs the simulator, on stderr: "zvksim: …".
+#pragma once
+
+namespace zvk {
+
+void Log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace zvk

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+
+#include "sim/controller/command_group.h"
+#include "sim/firmware/download.h"
+
+namespace zvk {
+
+// The vendor commands that bring the controller up: chip id, serial speed, firmware download,
+// address, sleep mode, vendor capabilities.
+class BringUpCommands : public CommandGroup {
+ public:
+  using CommandGroup::CommandGroup;
+  void Register(CommandTable* table) override;
+
+  // While true only firmware records are taken.
+  bool downloading() const { return download_ != nullptr; }
+
+ private:
+  Packet DownloadMinidriver();
+  Packet SetDownloadConfig(ByteView params);
+  Packet WriteRam(ByteView params);
+  Packet LaunchRam(ByteView params);
+  Packet UpdateBaudRate(ByteView params);
+  Packet SetSleepMode(ByteView params);
+  Packet VerboseConfig() const;
+
+  bool fast_ = false;
+  std::unique_ptr<Download> download_;
+};
+
+}  // namespace zvk

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <functional>
+#include <random>
+#include <string>
+
+#include "sim/base/event_loop.h"
+#include "sim/controller/chip.h"
+#include "sim/controller/hci_out.h"
+
+namespace zvk {
+
+// The board around the controller, as far as a command can change it.
+struct BoardPort {
+  // A packet for the host.
+  HciOut::Sink send;
+  // The serial speed from the moment on when everything sent so far is out.
+  std::function<void(uint32_t bits_per_second)> set_speed;
+  // Starts the loaded firmware once everything sent so far is out. The controller is destroyed.
+  std::function<void(const std::string& firmware_name)> launch;
+};
+
+// What every group of commands works with. Owned by the controller, outlives its groups.
+struct Context {
+  EventLoop& loop;
+  std::mt19937& random;
+  BoardPort& board;
+  ChipState& chip;
+  HciOut& out;
+  // Runs right after the answer to the command that is being run.
+  std::function<void(std::function<void()>)> then;
+};
+
+}  // namespace zvk

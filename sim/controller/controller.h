@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "sim/controller/bring_up_commands.h"
+#include "sim/controller/command_group.h"
+#include "sim/controller/command_table.h"
+#include "sim/controller/context.h"
+
+namespace zvk {
+
+// The controller from power-on (or the start of a loaded firmware) until it loses power: takes
+// whole packets from the host, answers through BoardPort. Whoever owns it destroys it to cut the
+// power; nothing survives except what ChipState is built from next time.
+class Controller {
+ public:
+  Controller(EventLoop& loop, std::mt19937& random, BoardPort board, const ChipState& chip);
+  ~Controller();
+
+  void OnPacket(PacketType type, ByteView packet);
+  // change applies to this command's answer.
+  void OnCommand(ByteView packet, const AnswerChange& change);
+  // The framing of the host's bytes was lost.
+  void OnLostSync(uint8_t bad);
+  // A packet of the host's has been read in whole and so has all that came with it.
+  void EndOfInput();
+
+  const ChipState& chip() const { return chip_; }
+  HciOut& out() { return out_; }
+
+ private:
+  void Run(uint16_t opcode, ByteView params);
+  bool Known(uint16_t opcode) const;
+  void Reset();
+
+  BoardPort board_;
+  ChipState chip_;
+  HciOut out_;
+  std::vector<std::function<void()>> after_answer_;
+  Context context_;
+  CommandTable table_;
+  std::vector<std::unique_ptr<CommandGroup>> groups_;
+  BringUpCommands* bring_up_ = nullptr;
+};
+
+}  // namespace zvk

@@ -1,0 +1,37 @@
+// Event codes of HCI (Bluetooth Core 5.3, Vol 4, Part E, 7.7).
+#pragma once
+
+#include <cstdint>
+
+namespace zvk::event {
+
+constexpr uint8_t kInquiryComplete = 0x01;
+constexpr uint8_t kConnectionComplete = 0x03;
+constexpr uint8_t kDisconnectionComplete = 0x05;
+constexpr uint8_t kEncryptionChange = 0x08;
+constexpr uint8_t kRemoteVersion = 0x0C;
+constexpr uint8_t kCommandComplete = 0x0E;
+constexpr uint8_t kCommandStatus = 0x0F;
+constexpr uint8_t kHardwareError = 0x10;
+constexpr uint8_t kNumberOfCompletedPackets = 0x13;
+constexpr uint8_t kLoopbackCommand = 0x19;
+constexpr uint8_t kDataBufferOverflow = 0x1A;
+constexpr uint8_t kLeMeta = 0x3E;
+constexpr uint8_t kVendor = 0xFF;
+
+}  // namespace zvk::event
+
+namespace zvk::le_event {
+
+constexpr uint8_t kConnectionComplete = 0x01;
+constexpr uint8_t kAdvertisingReport = 0x02;
+constexpr uint8_t kConnectionUpdate = 0x03;
+constexpr uint8_t kRemoteFeatures = 0x04;
+constexpr uint8_t kDataLengthChange = 0x07;
+constexpr uint8_t kEnhancedConnectionComplete = 0x0A;
+constexpr uint8_t kPhyUpdate = 0x0C;
+constexpr uint8_t kExtendedAdvertisingReport = 0x0D;
+constexpr uint8_t kAdvertisingSetTerminated = 0x12;
+constexpr uint8_t kChannelSelection = 0x14;
+
+}  // namespace zvk::le_event

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "sim/controller/command_group.h"
+
+namespace zvk {
+
+// What the controller tells of itself: version, commands, features, buffers, address.
+class InfoCommands : public CommandGroup {
+ public:
+  using CommandGroup::CommandGroup;
+  // table is looked at again when the host asks for the supported commands.
+  void Register(CommandTable* table) override;
+};
+
+}  // namespace zvk

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <memory>
+#include <random>
+#include <string>
+
+#include "sim/base/event_loop.h"
+#include "sim/controller/controller.h"
+#include "sim/controller/framer.h"
+#include "sim/handset/coex_device.h"
+#include "sim/handset/root_folder.h"
+#include "sim/handset/status_file.h"
+#include "sim/handset/switch_file.h"
+#include "sim/handset/time_sync.h"
+#include "sim/handset/trace.h"
+#include "sim/handset/uart.h"
+#include "sim/handset/wake_locks.h"
+
+namespace zvk {
+
+struct HandsetOptions {
+  RootFolder::Options root;
+  const ChipPreset* chip = nullptr;
+  size_t chunk = SIZE_MAX;
+  bool pace = false;
+  std::string trace_file;
+};
+
+// The simulated handset: its root folder, the serial line and the kernel files in it, and the
+// controller behind them, which exists while its power is on.
+class Handset {
+ public:
+  // Throws std::runtime_error with a one-line reason. The root folder is complete afterwards.
+  Handset(EventLoop& loop, const HandsetOptions& options);
+  ~Handset();
+
+  const std::string& root() const { return root_.path(); }
+
+ private:
+  void OnPower(bool on);
+  void OnWake(bool asserted);
+  void OnHostBytes(ByteView bytes);
+  void OnHostPacket(PacketType type, ByteView packet);
+  void OnLostSync(uint8_t bad);
+  void SendToHost(PacketType type, ByteView packet);
+  void StartController(const ChipState& chip);
+  void StopController();
+  void LaunchFirmware(const std::string& name);
+  bool Awake() const;
+  void OnIdle();
+  void WriteStatus();
+
+  EventLoop& loop_;
+  const ChipPreset& preset_;
+  std::mt19937 random_;
+  RootFolder root_;
+  Trace trace_;
+  Status status_;
+  bool wake_asserted_ = false;
+  bool lpm_enabled_ = false;
+  std::string written_status_;
+  EventLoop::TimerId status_timer_ = EventLoop::kNoTimer;
+  EventLoop::TimerId warm_up_timer_ = EventLoop::kNoTimer;
+  std::unique_ptr<Controller> controller_;  // null while the power is off
+  Framer framer_;
+  Uart uart_;
+  SwitchFile rfkill_;
+  SwitchFile lpm_;
+  SwitchFile btwrite_;
+  WakeLocks wake_locks_;
+  CoexDevice coex_;
+  TimeSync time_sync_;
+};
+
+}  // namespace zvk

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "sim/handset/wake_locks.h"
+
+namespace zvk {
+
+// What the simulator tells of itself in ROOT/run/zvksim/status, as JSON.
+struct Status {
+  bool powered = false;
+  uint64_t power_cycles = 0;  // times that it was switched on
+  bool patched = false;
+  bool listening = false;  // false while off and while a new firmware warms up
+  uint32_t speed_baud = 0;
+  bool sleep_mode = false;
+  bool lpm_enabled = false;
+  bool awake = true;
+  std::string address;
+  uint64_t bytes_from_host = 0;
+  uint64_t bytes_to_host = 0;
+  uint64_t bytes_lost_asleep = 0;
+  uint64_t packets_from_host = 0;
+  uint64_t packets_to_host = 0;
+  uint64_t packets_dropped = 0;  // the host did not read
+  uint64_t sync_losses = 0;
+  uint64_t coex_acknowledged = 0;
+  std::map<uint16_t, uint64_t> commands;  // by opcode
+};
+
+std::string StatusJson(const Status& status,
+                       const std::map<std::string, WakeLocks::Account>& wake_locks);
+
+// Replaces path by content at once: a reader sees the old or the new whole. Returns false when it
+// cannot be written.
+bool ReplaceFile(const std::string& path, const std::string& content);
+
+}  // namespace zvk

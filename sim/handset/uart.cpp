@@ -1,0 +1,185 @@
+#include "sim/handset/uart.h"
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+
+#include "sim/controller/chip.h"
+
+namespace zvk {
+namespace {
+
+constexpr size_t kReadBytes = 65536;
+constexpr int kReadsPerTurn = 32;  // then everybody else has a turn
+constexpr size_t kTxHigh = 256 * 1024;
+constexpr double kBitsPerByte = 10;  // start bit, 8 data bits, stop bit
+constexpr auto kTick = std::chrono::milliseconds(1);
+constexpr double kBurstSeconds = 0.002;
+
+}  // namespace
+
+size_t Uart::Budget::Available(uint32_t bits_per_second) {
+  const EventLoop::Time now = EventLoop::Clock::now();
+  const double rate = bits_per_second / kBitsPerByte;
+  const double seconds = std::chrono::duration<double>(now - refilled_).count();
+  refilled_ = now;
+  bytes_ = std::min(bytes_ + seconds * rate, std::max(1.0, kBurstSeconds * rate));
+  return bytes_ < 1 ? 0 : static_cast<size_t>(bytes_);
+}
+
+Uart::Uart(EventLoop& loop, std::mt19937& random, const Options& options,
+           std::function<void()> before_read, OnBytes on_bytes)
+    : loop_(loop),
+      random_(random),
+      options_(options),
+      before_read_(std::move(before_read)),
+      on_bytes_(std::move(on_bytes)),
+      rx_(kReadBytes),
+      speed_(kBootSpeed) {
+  OpenLine();
+}
+
+Uart::~Uart() {
+  loop_.Cancel(&rx_timer_);
+  loop_.Cancel(&tx_timer_);
+  loop_.Unwatch(pty_->fd());
+}
+
+void Uart::OpenLine() {
+  pty_ = std::make_unique<Pty>(options_.link);
+  events_ = EPOLLIN;
+  loop_.Watch(pty_->fd(), events_, [this](uint32_t events) { OnReady(events); });
+}
+
+void Uart::HangUp() {
+  Clear();
+  loop_.Unwatch(pty_->fd());
+  pty_.reset();  // first: it takes its link along
+  OpenLine();
+}
+
+void Uart::Clear() {
+  tx_.clear();
+  tx_head_ = 0;
+  marks_.clear();
+  tx_blocked_ = false;
+  loop_.Cancel(&tx_timer_);
+  pty_->DropUnread();
+  UpdateEvents();
+}
+
+void Uart::UpdateEvents() {
+  uint32_t wanted = 0;
+  if (rx_timer_ == EventLoop::kNoTimer && queued() < kTxHigh) wanted |= EPOLLIN;
+  if (tx_blocked_) wanted |= EPOLLOUT;
+  if (wanted == events_) return;
+  events_ = wanted;
+  loop_.Change(pty_->fd(), events_);
+}
+
+void Uart::OnReady(uint32_t events) {
+  if ((events & EPOLLOUT) != 0) tx_blocked_ = false;  // the owner flushes before it waits again
+  if ((events & EPOLLIN) != 0) Read();
+  UpdateEvents();
+}
+
+bool Uart::ReadOnce(size_t limit) {
+  const size_t count = pty_->Read(rx_.data(), std::min(limit, rx_.size()));
+  if (count == 0) return false;
+  received_ += count;
+  if (pty_->Speed() != speed_) Garble(rx_.data(), count);
+  on_bytes_({rx_.data(), count});
+  return true;
+}
+
+void Uart::Read() {
+  before_read_();
+  for (int turn = 0; turn < kReadsPerTurn && queued() < kTxHigh; ++turn) {
+    size_t limit = SIZE_MAX;
+    if (options_.pace) {
+      limit = rx_budget_.Available(speed_);
+      if (limit == 0) {
+        rx_timer_ = loop_.After(kTick, [this] {
+          rx_timer_ = EventLoop::kNoTimer;
+          Read();
+          UpdateEvents();
+        });
+        return;
+      }
+    }
+    const uint64_t before = received_;
+    if (!ReadOnce(limit)) return;
+    rx_budget_.Spend(received_ - before);
+  }
+}
+
+void Uart::Drain() {
+  while (ReadOnce(SIZE_MAX)) {
+  }
+}
+
+void Uart::Send(ByteView bytes) { tx_.insert(tx_.end(), bytes.begin(), bytes.end()); }
+
+void Uart::AfterSent(std::function<void()> run) {
+  marks_.push_back({sent_ + queued(), {}, std::move(run)});
+}
+
+void Uart::Pause(EventLoop::Duration pause) {
+  marks_.push_back({sent_ + queued(), pause, nullptr});
+}
+
+void Uart::Garble(uint8_t* data, size_t size) {
+  for (size_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(random_());
+}
+
+// Returns false while a pause lasts.
+bool Uart::RunMarks() {
+  while (!marks_.empty() && marks_.front().position <= sent_) {
+    const Mark mark = std::move(marks_.front());
+    marks_.pop_front();
+    if (mark.run) mark.run();
+    if (mark.pause > EventLoop::Duration::zero()) {
+      tx_timer_ = loop_.After(mark.pause, [this] { tx_timer_ = EventLoop::kNoTimer; });
+      return false;
+    }
+  }
+  return true;
+}
+
+void Uart::Flush() {
+  if (tx_blocked_ || tx_timer_ != EventLoop::kNoTimer) return;
+  bool noise = false;
+  bool speed_known = false;
+  while (RunMarks() && queued() > 0) {
+    if (!speed_known) noise = pty_->Speed() != speed_;
+    speed_known = marks_.empty();  // a mark may change the speed
+    size_t count = std::min(queued(), options_.chunk);
+    if (!marks_.empty()) count = std::min(count, static_cast<size_t>(marks_[0].position - sent_));
+    if (options_.pace) {
+      count = std::min(count, tx_budget_.Available(speed_));
+      if (count == 0) {
+        tx_timer_ = loop_.After(kTick, [this] { tx_timer_ = EventLoop::kNoTimer; });
+        break;
+      }
+    }
+    if (noise) Garble(tx_.data() + tx_head_, count);
+    const size_t written = pty_->Write(ByteView(tx_).Sub(tx_head_, count));
+    if (written == 0) {
+      tx_blocked_ = true;
+      break;
+    }
+    tx_budget_.Spend(written);
+    tx_head_ += written;
+    sent_ += written;
+    if (queued() == 0) {
+      tx_.clear();
+      tx_head_ = 0;
+    } else if (tx_head_ >= kTxHigh) {
+      tx_.erase(tx_.begin(), tx_.begin() + static_cast<ptrdiff_t>(tx_head_));
+      tx_head_ = 0;
+    }
+  }
+  UpdateEvents();
+}
+
+}  // namespace zvk

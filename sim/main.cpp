@@ -1,0 +1,140 @@
+// zvksim: a simulated handset. See docs/simulator.md.
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <stdexcept>
+
+#include "sim/base/event_loop.h"
+#include "sim/base/log.h"
+#include "sim/base/unique_fd.h"
+#include "sim/firmware/image.h"
+#include "sim/handset/handset.h"
+
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+
+constexpr char kExamples[] =
+    "Examples:\n"
+    "  zvksim --root /tmp/handset\n"
+    "  zvksim --root /tmp/handset --chip B5 --trace /tmp/hci.txt\n"
+    "  zvksim make-firmware --output ZVK_B5.hcd --chip 0xB5 --size 500000\n"
+    "Exit codes: 0 done, 1 failed, 2 wrong usage.";
+
+struct FirmwareOptions {
+  std::string output;
+  zvk::ImageOptions image;
+  unsigned chip_id = 0;
+  bool no_launch = false;
+};
+
+int MakeFirmwareFile(const FirmwareOptions& options) {
+  zvk::ImageOptions image = options.image;
+  image.chip_id = static_cast<uint8_t>(options.chip_id);
+  image.launch = !options.no_launch;
+  const zvk::Bytes content = zvk::MakeFirmware(image);
+  std::ofstream out(options.output, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(content.data()),
+            static_cast<std::streamsize>(content.size()));
+  if (!out.flush()) throw std::runtime_error("cannot write " + options.output);
+  return 0;
+}
+
+// Ends the loop on SIGINT and SIGTERM. Blocks them, so it comes before everything else.
+class StopSignals {
+ public:
+  explicit StopSignals(zvk::EventLoop& loop) : loop_(loop) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    fd_ = zvk::UniqueFd(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+    loop_.Watch(fd_.get(), EPOLLIN, [this](uint32_t) { loop_.Stop(); });
+  }
+  ~StopSignals() { loop_.Unwatch(fd_.get()); }
+
+ private:
+  zvk::EventLoop& loop_;
+  zvk::UniqueFd fd_;
+};
+
+int RunHandset(const zvk::HandsetOptions& options) {
+  zvk::EventLoop loop;
+  StopSignals signals(loop);
+  zvk::Handset handset(loop, options);
+  std::printf("ready %s\n", handset.root().c_str());
+  std::fflush(stdout);
+  loop.Run();
+  return 0;
+}
+
+std::string ChipHelp() {
+  std::string help = "kind of controller (default B5):";
+  for (const zvk::ChipPreset& preset : zvk::ChipPresets()) {
+    help += "\n" + preset.name + ": " + preset.what;
+  }
+  return help;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app(
+      "A simulated handset: a Bluetooth controller behind a serial line, and the kernel "
+      "files around it, in a folder.");
+  app.footer(kExamples);
+  zvk::HandsetOptions handset;
+  std::string chip = "B5";
+  app.add_option("--root", handset.root.path, "root folder, made when it is not there");
+  app.add_option("--chip", chip, ChipHelp());
+  app.add_option("--seed", handset.root.seed, "what is random repeats with the same seed");
+  app.add_option("--chunk", handset.chunk, "bytes that the serial line delivers in one write")
+      ->check(CLI::PositiveNumber);
+  app.add_flag("--pace", handset.pace, "move bytes at line speed");
+  app.add_option("--firmware-size", handset.root.firmware_bytes,
+                 "bytes of the firmware images made in a new root folder")
+      ->check(CLI::Range(1, 64 * 1024 * 1024));
+  app.add_option("--trace", handset.trace_file, "file for one line a packet");
+
+  FirmwareOptions firmware;
+  CLI::App* make = app.add_subcommand("make-firmware",
+                                      "Write a firmware file that a simulated "
+                                      "controller accepts.");
+  make->add_option("--output", firmware.output, "file to write")->required();
+  make->add_option("--size", firmware.image.size, "bytes of the image")
+      ->check(CLI::Range(1, 64 * 1024 * 1024));
+  make->add_option("--chip", firmware.chip_id, "chip id that it is for, 0 for any")
+      ->check(CLI::Range(0, 255));
+  make->add_option("--name", firmware.image.name, "local name of the controller that runs it");
+  make->add_option("--seed", firmware.image.seed, "content of the image");
+  make->add_flag("--no-launch", firmware.no_launch, "leave out the Launch RAM record");
+  make->add_flag("--bad-checksum", firmware.image.bad_checksum, "for a download that must fail");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kUsage;
+  }
+  try {
+    if (make->parsed()) return MakeFirmwareFile(firmware);
+    handset.chip = zvk::FindChip(chip);
+    if (handset.chip == nullptr || handset.root.path.empty()) {
+      zvk::Log(handset.chip == nullptr ? "unknown --chip; --help lists them"
+                                       : "--root DIR is missing; see --help");
+      return kUsage;
+    }
+    return RunHandset(handset);
+  } catch (const std::exception& error) {
+    zvk::Log("%s", error.what());
+    return kFailed;
+  }
+}
