@@ -10,7 +10,8 @@ namespace test {
 constexpr std::chrono::seconds kDeadline{30};
 
 // Asks condition every few milliseconds until it holds. Returns false once deadline has passed.
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline = kDeadline);
+bool WaitFor(const std::function<bool()>& condition,
+             std::chrono::milliseconds deadline = kDeadline);
 
 // full in a release build, a tenth of it under a sanitizer. Printed, so that a run's summary tells
 // what was run.
