@@ -12,6 +12,8 @@ target_link_libraries(android_libs INTERFACE utils cutils base log Threads::Thre
 
 add_library(bthal_options INTERFACE)
 target_compile_options(bthal_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Werror)
+# g++ does not know the attributes of thread-safety analysis.
+target_compile_options(bthal_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-attributes>)
 if(BTHAL_COMPILE_ONLY)
   target_compile_options(bthal_options INTERFACE -Wthread-safety)
 endif()

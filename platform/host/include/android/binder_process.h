@@ -1,0 +1,17 @@
+#pragma once
+
+#include <android/binder_status.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// The pool that serves calls to objects made by AIBinder_new().
+bool ABinderProcess_setThreadPoolMaxThreadCount(uint32_t numThreads);
+void ABinderProcess_startThreadPool(void);
+// Serves calls on the calling thread; does not return.
+void ABinderProcess_joinThreadPool(void);
+
+#ifdef __cplusplus
+}
+#endif

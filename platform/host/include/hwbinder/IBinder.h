@@ -1,0 +1,107 @@
+// Objects that can be called from another process: local ones (stubs) and remote ones (proxies).
+#pragma once
+
+#include <android-base/thread_annotations.h>
+#include <utils/Errors.h>
+#include <utils/RefBase.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace bthal::rpc {
+class IncomingCall;
+class ThreadPool;
+ThreadPool& HidlThreadPool();
+}  // namespace bthal::rpc
+
+namespace android::hardware {
+
+class BHwBinder;
+class BpHwBinder;
+class Parcel;
+
+class IBinder : public virtual RefBase {
+ public:
+  enum { FLAG_ONEWAY = 0x01 };
+
+  // Takes the reply while the objects that it refers to still live.
+  using TransactCallback = std::function<void(Parcel&)>;
+
+  class DeathRecipient : public virtual RefBase {
+   public:
+    virtual void binderDied(const wp<IBinder>& who) = 0;
+  };
+
+  virtual status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0,
+                            TransactCallback callback = nullptr) = 0;
+  // recipient hears once, on a thread of its own, that the object's process has gone. DEAD_OBJECT
+  // when it has already: recipient then hears nothing.
+  virtual status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie = nullptr,
+                               uint32_t flags = 0) = 0;
+  virtual status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,
+                                 uint32_t flags = 0,
+                                 wp<DeathRecipient>* outRecipient = nullptr) = 0;
+  virtual bool isBinderAlive() const = 0;
+  virtual BHwBinder* localBinder() { return nullptr; }
+  virtual BpHwBinder* remoteBinder() { return nullptr; }
+};
+
+// An object of this process. Calls from other processes arrive in onTransact(), on a thread of
+// threadPool() or on a blocked thread of the same chain of calls; oneway calls one at a time and in
+// order.
+class BHwBinder : public IBinder {
+ public:
+  BHwBinder();
+  ~BHwBinder() override;
+
+  status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0,
+                    TransactCallback callback = nullptr) override;
+  status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie = nullptr,
+                       uint32_t flags = 0) override;
+  status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,
+                         uint32_t flags = 0, wp<DeathRecipient>* outRecipient = nullptr) override;
+  bool isBinderAlive() const override { return true; }
+  BHwBinder* localBinder() override { return this; }
+
+  virtual status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0,
+                              TransactCallback callback = nullptr) = 0;
+  void setRequestingSid(bool /*requesting*/) {}
+
+  virtual bthal::rpc::ThreadPool& threadPool() { return bthal::rpc::HidlThreadPool(); }
+
+  // For the transport: queues a oneway call. True when none is running: the caller then posts a
+  // task that runs nextOneway() until it is null.
+  bool queueOneway(std::unique_ptr<bthal::rpc::IncomingCall> call);
+  std::unique_ptr<bthal::rpc::IncomingCall> nextOneway();
+
+ protected:
+  int mSchedPolicy = 0;
+  int mSchedPriority = 0;
+
+ private:
+  std::mutex oneway_mutex_;
+  std::deque<std::unique_ptr<bthal::rpc::IncomingCall>> oneway_calls_ GUARDED_BY(oneway_mutex_);
+  bool oneway_running_ GUARDED_BY(oneway_mutex_) = false;
+};
+
+// An object of another process; the transport's proxies derive from it.
+class BpHwBinder : public IBinder {
+ public:
+  BpHwBinder* remoteBinder() override { return this; }
+};
+
+class IInterface : public virtual RefBase {
+ public:
+  static IBinder* asBinder(IInterface* interface) {
+    return interface == nullptr ? nullptr : interface->onAsBinder();
+  }
+  static sp<IBinder> asBinder(const sp<IInterface>& interface) { return asBinder(interface.get()); }
+
+ protected:
+  virtual IBinder* onAsBinder() = 0;
+};
+
+}  // namespace android::hardware

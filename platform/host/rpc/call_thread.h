@@ -1,0 +1,82 @@
+// What the runtime knows of a thread that makes or serves calls.
+#pragma once
+
+#include <android-base/unique_fd.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+
+namespace bthal::rpc {
+
+class IncomingCall;
+
+// Who is at the other end of a connection.
+struct Identity {
+  pid_t pid = -1;
+  uid_t uid = static_cast<uid_t>(-1);
+};
+
+// A chain is a call, the calls that its handler makes, the calls that theirs make, and so on, over
+// all processes. While a thread is blocked in a chain, calls of that chain into this process run on
+// it: it would otherwise take a second thread of the pool to answer the thread that is waiting.
+class CallThread {
+ public:
+  // The calling thread's own.
+  static const std::shared_ptr<CallThread>& Current();
+
+  CallThread();
+  ~CallThread();
+  CallThread(const CallThread&) = delete;
+  CallThread& operator=(const CallThread&) = delete;
+
+  // Gives call to the thread that is blocked in its chain; false, and call stays, when there is
+  // none.
+  static bool DeliverNested(std::unique_ptr<IncomingCall>& call);
+  // The next call for this thread while it is blocked, or null.
+  std::unique_ptr<IncomingCall> TakeNested();
+
+  // Ends this thread's poll() on wake_descriptor(); from any thread.
+  void Wake() const;
+  void ClearWake() const;
+  int wake_descriptor() const { return wake_.get(); }
+
+  // For this thread only: the chain that it works for (0: none), the caller that it serves.
+  uint64_t chain = 0;
+  Identity caller;
+
+  // This thread is blocked in a call for the lifetime of this object.
+  class Blocked {
+   public:
+    Blocked();
+    ~Blocked();
+    Blocked(const Blocked&) = delete;
+    Blocked& operator=(const Blocked&) = delete;
+
+   private:
+    const bool starts_chain_;
+  };
+
+  // This thread serves a call of a chain for the lifetime of this object.
+  class Serving {
+   public:
+    Serving(uint64_t chain, Identity caller);
+    ~Serving();
+    Serving(const Serving&) = delete;
+    Serving& operator=(const Serving&) = delete;
+
+   private:
+    const uint64_t outer_chain_;
+    const Identity outer_caller_;
+  };
+
+ private:
+  friend struct Chains;
+  const android::base::unique_fd wake_;
+  // Guarded by the table of chains.
+  int blocked_ = 0;  // calls that this thread is blocked in, one inside the other
+  std::deque<std::unique_ptr<IncomingCall>> nested_;
+};
+
+}  // namespace bthal::rpc

@@ -1,0 +1,495 @@
+#define LOG_TAG "bthal.rpc"
+
+#include "rpc/connection.h"
+
+#include <android-base/logging.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "rpc/incoming_call.h"
+#include "rpc/name_service.h"
+#include "rpc/obituaries.h"
+
+namespace bthal::rpc {
+namespace {
+
+using android::sp;
+using android::status_t;
+using android::wp;
+using android::hardware::IBinder;
+using android::hardware::Parcel;
+using std::chrono::steady_clock;
+
+Identity PeerOf(int socket) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return {};
+  return {credentials.pid, credentials.uid};
+}
+
+// For poll(2): -1 without a deadline, else what is left, rounded up.
+int PollTime(std::optional<steady_clock::time_point> deadline) {
+  if (!deadline) return -1;
+  const auto left = *deadline - steady_clock::now();
+  if (left <= steady_clock::duration::zero()) return 0;
+  return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
+}
+
+}  // namespace
+
+std::shared_ptr<Connection> Connection::Start(android::base::unique_fd socket, Side peer_side,
+                                              std::function<void()> on_end) {
+  const std::shared_ptr<Connection> connection(
+      new Connection(std::move(socket), peer_side, std::move(on_end)));
+  IoLoop& loop = IoLoop::Get();
+  const std::lock_guard<std::mutex> lock(connection->watch_mutex_);  // OnReady() needs the key
+  connection->io_key_ = loop.Add(connection->socket_.get(), EPOLLIN, connection);
+  return connection;
+}
+
+Connection::Connection(android::base::unique_fd socket, Side peer_side,
+                       std::function<void()> on_end)
+    : socket_(std::move(socket)),
+      peer_side_(peer_side),
+      peer_(PeerOf(socket_.get())),
+      on_end_(std::move(on_end)) {
+  // Room for a message of full size whatever the machine's default.
+  const int size = 2 * kMaxMessageBytes;
+  setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+}
+
+Connection::~Connection() = default;
+
+// ---- calls of ours
+
+status_t Connection::Call(uint32_t object, uint32_t code, const Parcel& data, Parcel* reply,
+                          uint32_t flags, std::optional<std::chrono::milliseconds> limit) {
+  MessageHeader header;
+  header.type = MessageType::kCall;
+  header.object = object;
+  header.code = code;
+  header.flags = flags;
+  if ((flags & IBinder::FLAG_ONEWAY) != 0) return Send(header, data);
+
+  const CallThread::Blocked blocked;
+  PendingReply pending{CallThread::Current(), reply};
+  header.chain = pending.thread->chain;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (ended()) return android::DEAD_OBJECT;
+    header.serial = ++last_serial_;
+    pending_.emplace(header.serial, &pending);
+  }
+  const status_t sent = Send(header, data);
+  if (sent != android::OK) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    pending_.erase(header.serial);
+    return sent;
+  }
+  Wait(&pending, header.serial, limit);
+  return pending.status;
+}
+
+void Connection::Wait(PendingReply* pending, uint64_t serial,
+                      std::optional<std::chrono::milliseconds> limit) {
+  CallThread& thread = *pending->thread;
+  std::optional<steady_clock::time_point> deadline;
+  const auto restart_clock = [&] {
+    if (limit) {
+      deadline = steady_clock::now() + *limit;
+    } else if (peer_side_ == Side::kClient) {
+      deadline = steady_clock::now() + kClientAnswerTime;
+    }
+  };
+  restart_clock();
+  bool reading = false;
+  for (;;) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (pending->done) break;
+      if (!reading) reading = StartReading();
+    }
+    if (std::unique_ptr<IncomingCall> nested = thread.TakeNested(); nested != nullptr) {
+      if (reading) StopReading();
+      reading = false;
+      nested->Run();
+      nested = nullptr;
+      restart_clock();  // the time was ours
+      continue;
+    }
+    pollfd ready[] = {{thread.wake_descriptor(), POLLIN, 0}, {socket_.get(), POLLIN, 0}};
+    const int count = poll(ready, reading ? 2 : 1, PollTime(deadline));
+    if (count < 0) continue;  // a signal
+    if (ready[0].revents != 0) thread.ClearWake();
+    if (reading && ready[1].revents != 0) ReadMessage();
+    if (count != 0) continue;
+    if (!limit) {
+      End("a call to it was not answered for 10 s");
+      continue;
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (pending->done) break;
+    pending_[serial] = nullptr;
+    pending->status = android::TIMED_OUT;
+    break;
+  }
+  if (reading) StopReading();
+}
+
+bool Connection::StartReading() {
+  if (reader_ != Reader::kNobody) return false;
+  reader_ = Reader::kCaller;
+  Watch(&Connection::read_elsewhere_, true);
+  return true;
+}
+
+void Connection::StopReading() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  reader_ = Reader::kNobody;
+  Watch(&Connection::read_elsewhere_, false);
+}
+
+// ---- sending
+
+status_t Connection::Send(MessageHeader header, const Parcel& parcel) {
+  if (ended()) return android::DEAD_OBJECT;
+  const size_t references = parcel.binders().size();
+  if (references > kMaxReferences || parcel.descriptors().size() > kMaxDescriptors ||
+      sizeof header + references * sizeof(ObjectReference) + parcel.byteCount() >
+          kMaxMessageBytes) {
+    LOG(WARNING) << "a message of " << parcel.byteCount() << " bytes is too large to send";
+    return android::FAILED_TRANSACTION;
+  }
+  header.references = static_cast<uint32_t>(references);
+  header.descriptors = static_cast<uint32_t>(parcel.descriptors().size());
+  header.bytes = static_cast<uint32_t>(parcel.byteCount());
+  const std::vector<ObjectReference> names = ToReferences(parcel.binders());
+
+  const char* failure = nullptr;
+  {
+    const std::lock_guard<std::mutex> lock(out_mutex_);
+    if (out_.empty()) {
+      const int error = SendMessage(socket_.get(), header, names, parcel);
+      if (error == 0) return android::OK;
+      if (error == EBADF) return android::BAD_VALUE;  // a descriptor of the caller's
+      if (error != EAGAIN) failure = "it cannot be written to";
+    }
+    if (failure == nullptr) {
+      out_.push_back(std::make_unique<QueuedMessage>(header, names, parcel));
+      out_bytes_ += out_.back()->size();
+      if (out_.size() == 1) Watch(&Connection::unsent_, true);
+      if (out_.size() <= kMaxQueuedMessages && out_bytes_ <= kMaxQueuedBytes) return android::OK;
+      failure = "it does not read what is sent to it";
+    }
+  }
+  End(failure);
+  return android::DEAD_OBJECT;
+}
+
+void Connection::Flush() {
+  const char* failure = nullptr;
+  {
+    const std::lock_guard<std::mutex> lock(out_mutex_);
+    while (!out_.empty()) {
+      const int error = out_.front()->Send(socket_.get());
+      if (error == EAGAIN) break;
+      if (error != 0) {
+        failure = "it cannot be written to";
+        break;
+      }
+      out_bytes_ -= out_.front()->size();
+      out_.pop_front();
+    }
+    Watch(&Connection::unsent_, !out_.empty());
+  }
+  if (failure != nullptr) End(failure);
+}
+
+void Connection::Watch(bool Connection::*flag, bool value) {
+  const std::lock_guard<std::mutex> lock(watch_mutex_);
+  this->*flag = value;
+  // Reported once only while another thread reads: an end of the connection cannot be masked, and
+  // would keep the I/O thread busy.
+  uint32_t events = read_elsewhere_ || overfull_ ? uint32_t{EPOLLONESHOT} : uint32_t{EPOLLIN};
+  if (unsent_) events |= EPOLLOUT;
+  IoLoop::Get().Change(io_key_, socket_.get(), events);
+}
+
+// ---- receiving
+
+void Connection::OnReady(uint32_t events) {
+  if ((events & EPOLLOUT) != 0) Flush();
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if ((events & ~uint32_t{EPOLLOUT}) == 0 || ended() || reader_ != Reader::kNobody) return;
+    reader_ = Reader::kIoThread;
+  }
+  ReadMessage();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  reader_ = Reader::kNobody;
+}
+
+void Connection::ReadMessage() {
+  if (buffer_ == nullptr) buffer_.reset(new uint8_t[kMaxMessageBytes]);
+  ReceivedMessage message;
+  switch (ReceiveMessage(socket_.get(), buffer_.get(), &message)) {
+    case ReceiveResult::kNothingYet:
+      return;
+    case ReceiveResult::kEnd:
+      return End(nullptr);
+    case ReceiveResult::kMalformed:
+      return End("a malformed message");
+    case ReceiveResult::kMessage:
+      break;
+  }
+  const char* failure = Handle(std::move(message));
+  if (failure != nullptr) End(failure);
+}
+
+// The handlers return what is wrong with the message, or null.
+const char* Connection::Handle(ReceivedMessage message) {
+  const MessageHeader& header = message.header;
+  std::vector<sp<IBinder>> objects;
+  const bool known = ToObjects(message.references, &objects);
+  Parcel parcel;
+  if (parcel.receive(message.data, header.bytes, std::move(message.descriptors),
+                     std::move(objects)) != android::OK) {
+    return "no memory for a message of its";
+  }
+  if (!known) return "a message that refers to an unknown object";
+  switch (header.type) {
+    case MessageType::kCall:
+      return HandleCall(header, std::move(parcel));
+    case MessageType::kReply:
+      return HandleReply(header, std::move(parcel));
+    case MessageType::kRelease:
+      return HandleRelease(header);
+  }
+  return "a message of unknown type";
+}
+
+const char* Connection::HandleCall(const MessageHeader& header, Parcel parcel) {
+  if (header.object == 0) {  // answered here: the pool may be busy for long
+    MessageHeader answer;
+    answer.type = MessageType::kReply;
+    answer.serial = header.serial;
+    Parcel reply;
+    if (!AnswerNameCall(header.code, parcel, &reply)) return "a malformed look-up";
+    Send(answer, reply);
+    return nullptr;
+  }
+  sp<IBinder> target;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = exports_.find(header.object);
+    if (found != exports_.end()) target = found->second.object;
+  }
+  if (target == nullptr) return ended() ? nullptr : "a call to an unknown object";
+  IncomingCall::Dispatch(std::make_unique<IncomingCall>(shared_from_this(), std::move(target),
+                                                        header, std::move(parcel)));
+  return nullptr;
+}
+
+const char* Connection::HandleReply(const MessageHeader& header, Parcel parcel) {
+  std::shared_ptr<CallThread> thread;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = pending_.find(header.serial);
+    if (found == pending_.end()) return ended() ? nullptr : "a reply to no call";
+    PendingReply* pending = found->second;
+    pending_.erase(found);
+    if (pending == nullptr) return nullptr;
+    pending->done = true;
+    pending->status = header.status;
+    if (pending->reply != nullptr) *pending->reply = std::move(parcel);
+    thread = pending->thread;
+  }
+  if (thread != CallThread::Current()) thread->Wake();
+  return nullptr;
+}
+
+const char* Connection::HandleRelease(const MessageHeader& header) {
+  sp<IBinder> dropped;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = exports_.find(header.object);
+    if (found == exports_.end() || found->second.references < header.code) {
+      return ended() ? nullptr : "a release of what it does not hold";
+    }
+    found->second.references -= header.code;
+    if (found->second.references != 0) return nullptr;
+    dropped = std::move(found->second.object);
+    export_ids_.erase(dropped.get());
+    exports_.erase(found);
+  }
+  DropOnPool(std::move(dropped));
+  return nullptr;
+}
+
+void Connection::CallArrived(size_t bytes) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ++waiting_calls_;
+  waiting_bytes_ += bytes;
+  if (waiting_calls_ == kMaxWaitingCalls || waiting_bytes_ > kMaxWaitingBytes) {
+    Watch(&Connection::overfull_, true);
+  }
+}
+
+void Connection::CallDone(size_t bytes) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  --waiting_calls_;
+  waiting_bytes_ -= bytes;
+  if (waiting_calls_ == kMaxWaitingCalls / 2 || waiting_calls_ == 0) {
+    Watch(&Connection::overfull_, false);
+  }
+}
+
+// ---- objects
+
+sp<IBinder> Connection::NameService() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return ProxyOf(0);
+}
+
+sp<Proxy> Connection::ProxyOf(uint32_t object) {
+  Import& import = imports_[object];
+  sp<Proxy> proxy = import.proxy.promote();
+  if (proxy == nullptr) {
+    proxy = new Proxy(shared_from_this(), object);
+    import = {proxy, proxy.get()};
+  }
+  return proxy;
+}
+
+bool Connection::ToObjects(const std::vector<ObjectReference>& references,
+                           std::vector<sp<IBinder>>* objects) {
+  if (references.empty()) return true;
+  objects->reserve(references.size());
+  const std::lock_guard<std::mutex> lock(mutex_);
+  for (const ObjectReference& reference : references) {
+    if (reference.owner == ObjectReference::Owner::kSender && reference.id != 0) {
+      const sp<Proxy> proxy = ProxyOf(reference.id);
+      ++proxy->received_;
+      objects->push_back(proxy);
+    } else {
+      const auto found = exports_.find(reference.id);
+      if (reference.owner != ObjectReference::Owner::kReceiver || found == exports_.end()) {
+        return false;
+      }
+      objects->push_back(found->second.object);
+    }
+  }
+  return true;
+}
+
+std::vector<ObjectReference> Connection::ToReferences(const std::vector<sp<IBinder>>& objects) {
+  std::vector<ObjectReference> references;
+  if (objects.empty()) return references;
+  references.reserve(objects.size());
+  const std::lock_guard<std::mutex> lock(mutex_);
+  for (const sp<IBinder>& object : objects) {
+    const auto* proxy = dynamic_cast<const Proxy*>(object->remoteBinder());
+    if (proxy != nullptr && proxy->connection_.get() == this) {
+      references.push_back({ObjectReference::Owner::kReceiver, proxy->object_});
+      continue;
+    }
+    const auto [id, added] = export_ids_.emplace(object.get(), last_export_ + 1);
+    if (added) exports_[++last_export_].object = object;
+    ++exports_[id->second].references;
+    references.push_back({ObjectReference::Owner::kSender, id->second});
+  }
+  return references;
+}
+
+void Connection::Release(const Proxy* proxy, uint32_t object, uint32_t received) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = imports_.find(object);
+    if (found != imports_.end() && found->second.address == proxy) imports_.erase(found);
+  }
+  if (object == 0) return;
+  MessageHeader header;
+  header.type = MessageType::kRelease;
+  header.object = object;
+  header.code = received;
+  Send(header, Parcel());
+}
+
+void Connection::End(const char* reason) {
+  std::vector<sp<Proxy>> orphans;
+  std::vector<std::shared_ptr<CallThread>> callers;
+  decltype(exports_) dropped;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (ended_.exchange(true)) return;
+    for (const auto& [serial, pending] : pending_) {
+      if (pending == nullptr) continue;
+      pending->done = true;
+      pending->status = android::DEAD_OBJECT;
+      callers.push_back(pending->thread);
+    }
+    pending_.clear();
+    for (const auto& [object, import] : imports_) {
+      if (sp<Proxy> proxy = import.proxy.promote(); proxy != nullptr) orphans.push_back(proxy);
+    }
+    imports_.clear();
+    export_ids_.clear();
+    dropped.swap(exports_);
+  }
+  if (reason != nullptr) {
+    LOG(ERROR) << "connection to process " << peer_.pid << " ended: " << reason;
+  }
+  shutdown(socket_.get(), SHUT_RDWR);
+  IoLoop::Get().Remove(io_key_, socket_.get());
+  for (const std::shared_ptr<CallThread>& thread : callers) thread->Wake();
+  on_end_();
+  PostObituaries(std::move(orphans));
+  for (auto& [id, exported] : dropped) DropOnPool(std::move(exported.object));
+}
+
+// ---- proxies
+
+status_t Proxy::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags,
+                         TransactCallback callback) {
+  const status_t status = connection_->Call(object_, code, data, reply, flags);
+  if (status == android::OK && callback != nullptr && reply != nullptr) callback(*reply);
+  return status;
+}
+
+status_t Proxy::linkToDeath(const sp<DeathRecipient>& recipient, void* /*cookie*/,
+                            uint32_t /*flags*/) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (connection_->ended()) return android::DEAD_OBJECT;
+  recipients_.push_back(recipient);
+  return android::OK;
+}
+
+status_t Proxy::unlinkToDeath(const wp<DeathRecipient>& recipient, void* /*cookie*/,
+                              uint32_t /*flags*/, wp<DeathRecipient>* out_recipient) {
+  sp<DeathRecipient> removed;  // dropped after the lock is free
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (connection_->ended()) return android::DEAD_OBJECT;
+  for (auto i = recipients_.begin(); i != recipients_.end(); ++i) {
+    if (wp<DeathRecipient>(*i) != recipient) continue;
+    if (out_recipient != nullptr) *out_recipient = *i;
+    removed = std::move(*i);
+    recipients_.erase(i);
+    return android::OK;
+  }
+  return android::NAME_NOT_FOUND;
+}
+
+void Proxy::SendObituary() {
+  std::vector<sp<DeathRecipient>> recipients;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    recipients.swap(recipients_);
+  }
+  for (const sp<DeathRecipient>& recipient : recipients) recipient->binderDied(this);
+}
+
+}  // namespace bthal::rpc

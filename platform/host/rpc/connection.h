@@ -1,0 +1,181 @@
+// A connection between two processes, and the objects that each has of the other.
+#pragma once
+
+#include <android-base/thread_annotations.h>
+#include <android-base/unique_fd.h>
+#include <hwbinder/IBinder.h>
+#include <hwbinder/Parcel.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "rpc/call_thread.h"
+#include "rpc/io_loop.h"
+#include "rpc/wire.h"
+
+namespace bthal::rpc {
+
+class Proxy;
+
+// How long a call to a client's object may take. A call to a service may take any time.
+constexpr std::chrono::seconds kClientAnswerTime{10};
+// Messages that a peer leaves unread before it is given up.
+constexpr size_t kMaxQueuedMessages = 256;
+constexpr size_t kMaxQueuedBytes = 8 << 20;
+// Calls of a peer that wait to be served, and their bytes, above which nothing more is read from
+// it.
+constexpr size_t kMaxWaitingCalls = 256;
+constexpr size_t kMaxWaitingBytes = 4 << 20;
+
+// Safe on any thread; no call blocks but Call(), and none holds a lock while user code runs.
+// Messages are read by one thread at a time: the first caller that waits for a reply (which then
+// needs nobody to wake it), else the I/O thread. Whoever sends writes to the socket itself; what
+// the socket does not take is queued and written by the I/O thread.
+//
+// A peer that breaks a rule (a malformed message, an unknown object, too much left unread, a client
+// that does not answer) costs its connection and nothing else: one log line, calls into it fail
+// with DEAD_OBJECT, death notices go out. Its descriptor stays open until the last user has gone.
+class Connection : public IoHandler, public std::enable_shared_from_this<Connection> {
+ public:
+  enum class Side { kService, kClient };  // what the peer is to us
+
+  // The connection ends, told through on_end, at the latest when socket does.
+  static std::shared_ptr<Connection> Start(android::base::unique_fd socket, Side peer_side,
+                                           std::function<void()> on_end);
+  ~Connection() override;
+
+  const Identity& peer() const { return peer_; }
+  bool ended() const { return ended_.load(std::memory_order_acquire); }
+
+  // Calls the peer's object and waits for the reply; oneway calls return once queued. Returns
+  // TIMED_OUT after limit, when there is one: a reply that still comes is dropped.
+  android::status_t Call(uint32_t object, uint32_t code, const android::hardware::Parcel& data,
+                         android::hardware::Parcel* reply, uint32_t flags,
+                         std::optional<std::chrono::milliseconds> limit = std::nullopt);
+  // Fills in what header says of parcel, and sends both.
+  android::status_t Send(MessageHeader header, const android::hardware::Parcel& parcel);
+
+  // Ends the connection; reason is null for an orderly end, else one log line. Once.
+  void End(const char* reason);
+
+  // The proxy of the peer's object 0, through which names are looked up.
+  android::sp<android::hardware::IBinder> NameService();
+
+  // For IncomingCall: one more, one less waiting or running.
+  void CallArrived(size_t bytes);
+  void CallDone(size_t bytes);
+  // For Proxy: the last reference to a peer's object has gone; received is how often it came.
+  void Release(const Proxy* proxy, uint32_t object, uint32_t received);
+
+  void OnReady(uint32_t events) override;
+
+ private:
+  struct PendingReply {
+    std::shared_ptr<CallThread> thread;
+    android::hardware::Parcel* reply;
+    android::status_t status = android::OK;
+    bool done = false;
+  };
+  struct Export {
+    android::sp<android::hardware::IBinder> object;
+    uint32_t references = 0;
+  };
+  struct Import {
+    android::wp<Proxy> proxy;
+    const Proxy* address = nullptr;
+  };
+  enum class Reader { kNobody, kIoThread, kCaller };
+
+  Connection(android::base::unique_fd socket, Side peer_side, std::function<void()> on_end);
+
+  void Wait(PendingReply* pending, uint64_t serial, std::optional<std::chrono::milliseconds> limit);
+  bool StartReading() REQUIRES(mutex_);
+  void StopReading();
+  // Takes one message from the socket. For the thread that is the reader.
+  void ReadMessage();
+  const char* Handle(ReceivedMessage message);
+  const char* HandleCall(const MessageHeader& header, android::hardware::Parcel parcel);
+  const char* HandleReply(const MessageHeader& header, android::hardware::Parcel parcel);
+  const char* HandleRelease(const MessageHeader& header);
+  void Flush();
+
+  // False when a reference names no object.
+  bool ToObjects(const std::vector<ObjectReference>& references,
+                 std::vector<android::sp<android::hardware::IBinder>>* objects);
+  std::vector<ObjectReference> ToReferences(
+      const std::vector<android::sp<android::hardware::IBinder>>& objects);
+  android::sp<Proxy> ProxyOf(uint32_t object) REQUIRES(mutex_);
+
+  // What the I/O thread watches for. Each flag is changed under the lock of what it follows.
+  void Watch(bool Connection::*flag, bool value) NO_THREAD_SAFETY_ANALYSIS;
+
+  const android::base::unique_fd socket_;
+  const Side peer_side_;
+  const Identity peer_;
+  const std::function<void()> on_end_;
+  uint64_t io_key_ = 0;  // set before anything else runs
+  std::atomic<bool> ended_{false};
+  std::unique_ptr<uint8_t[]> buffer_;  // the reader's
+
+  std::mutex mutex_;
+  Reader reader_ GUARDED_BY(mutex_) = Reader::kNobody;
+  uint64_t last_serial_ GUARDED_BY(mutex_) = 0;
+  // Null for a call that was given up.
+  std::unordered_map<uint64_t, PendingReply*> pending_ GUARDED_BY(mutex_);
+  std::unordered_map<uint32_t, Export> exports_ GUARDED_BY(mutex_);
+  std::unordered_map<const android::hardware::IBinder*, uint32_t> export_ids_ GUARDED_BY(mutex_);
+  uint32_t last_export_ GUARDED_BY(mutex_) = 0;
+  std::unordered_map<uint32_t, Import> imports_ GUARDED_BY(mutex_);
+  size_t waiting_calls_ GUARDED_BY(mutex_) = 0;
+  size_t waiting_bytes_ GUARDED_BY(mutex_) = 0;
+
+  std::mutex out_mutex_;
+  std::deque<std::unique_ptr<QueuedMessage>> out_ GUARDED_BY(out_mutex_);
+  size_t out_bytes_ GUARDED_BY(out_mutex_) = 0;
+
+  std::mutex watch_mutex_;                                // the innermost
+  bool read_elsewhere_ GUARDED_BY(watch_mutex_) = false;  // a caller reads
+  bool overfull_ GUARDED_BY(watch_mutex_) = false;        // too many calls wait
+  bool unsent_ GUARDED_BY(watch_mutex_) = false;          // messages are queued
+};
+
+// An object of the peer's.
+class Proxy : public android::hardware::BpHwBinder {
+ public:
+  Proxy(std::shared_ptr<Connection> connection, uint32_t object)
+      : connection_(std::move(connection)), object_(object) {}
+  ~Proxy() override { connection_->Release(this, object_, received_); }
+
+  android::status_t transact(uint32_t code, const android::hardware::Parcel& data,
+                             android::hardware::Parcel* reply, uint32_t flags,
+                             TransactCallback callback) override;
+  android::status_t linkToDeath(const android::sp<DeathRecipient>& recipient, void* cookie,
+                                uint32_t flags) override;
+  android::status_t unlinkToDeath(const android::wp<DeathRecipient>& recipient, void* cookie,
+                                  uint32_t flags,
+                                  android::wp<DeathRecipient>* out_recipient) override;
+  bool isBinderAlive() const override { return !connection_->ended(); }
+
+  // Tells those who linked; once, after the connection has ended.
+  void SendObituary();
+
+ private:
+  friend class Connection;
+  const std::shared_ptr<Connection> connection_;
+  const uint32_t object_;
+  std::atomic<uint32_t> received_{0};
+
+  std::mutex mutex_;
+  std::vector<android::sp<DeathRecipient>> recipients_ GUARDED_BY(mutex_);
+};
+
+}  // namespace bthal::rpc

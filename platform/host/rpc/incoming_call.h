@@ -1,0 +1,47 @@
+#pragma once
+
+#include <hwbinder/Parcel.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "rpc/thread_pool.h"
+#include "rpc/wire.h"
+
+namespace bthal::rpc {
+
+class Connection;
+
+// A call from another process, from its arrival to its reply. Run once, on a thread of the target's
+// pool or on a thread that is blocked in the call's chain.
+class IncomingCall : public Task {
+ public:
+  IncomingCall(std::shared_ptr<Connection> connection,
+               android::sp<android::hardware::IBinder> target, const MessageHeader& header,
+               android::hardware::Parcel data);
+  ~IncomingCall() override;
+
+  // Hands call to whoever has to run it.
+  static void Dispatch(std::unique_ptr<IncomingCall> call);
+  // Hands call to the target's pool.
+  static void Post(std::unique_ptr<IncomingCall> call);
+
+  void Run() override;
+
+  uint64_t chain() const { return header_.chain; }
+  bool is_oneway() const { return (header_.flags & android::hardware::IBinder::FLAG_ONEWAY) != 0; }
+
+ private:
+  void Reply(android::status_t status, const android::hardware::Parcel& reply);
+
+  const std::shared_ptr<Connection> connection_;
+  const android::sp<android::hardware::IBinder> target_;
+  const MessageHeader header_;
+  const android::hardware::Parcel data_;
+  bool replied_ = false;
+};
+
+// Drops a reference on the pool of the object: destructors are its users' code.
+void DropOnPool(android::sp<android::hardware::IBinder> object);
+
+}  // namespace bthal::rpc

@@ -1,0 +1,47 @@
+// The one thread that watches sockets that nobody waits for.
+#pragma once
+
+#include <android-base/thread_annotations.h>
+#include <android-base/unique_fd.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+namespace bthal::rpc {
+
+// Something with a descriptor. OnReady() runs on the I/O thread and must not block.
+class IoHandler {
+ public:
+  virtual ~IoHandler() = default;
+  // events as epoll_wait(2) reports them.
+  virtual void OnReady(uint32_t events) = 0;
+};
+
+// An epoll set and its thread, which starts with the first descriptor, sleeps while nothing
+// happens, and lives as long as the process. Safe on any thread.
+class IoLoop {
+ public:
+  static IoLoop& Get();
+  IoLoop(const IoLoop&) = delete;
+  IoLoop& operator=(const IoLoop&) = delete;
+
+  // Watches descriptor for events; returns the key for the calls below. The loop holds handler
+  // until Remove().
+  uint64_t Add(int descriptor, uint32_t events, std::shared_ptr<IoHandler> handler);
+  void Change(uint64_t key, int descriptor, uint32_t events);
+  // handler may still be running when this returns.
+  void Remove(uint64_t key, int descriptor);
+
+ private:
+  IoLoop();
+  [[noreturn]] void Run();
+
+  const android::base::unique_fd epoll_;
+  std::mutex mutex_;
+  std::unordered_map<uint64_t, std::shared_ptr<IoHandler>> handlers_ GUARDED_BY(mutex_);
+  uint64_t next_key_ GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace bthal::rpc

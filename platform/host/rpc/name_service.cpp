@@ -1,0 +1,134 @@
+#define LOG_TAG "bthal.rpc"
+
+#include "rpc/name_service.h"
+
+#include <android-base/logging.h>
+#include <android-base/parseint.h>
+#include <android-base/thread_annotations.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "rpc/connection.h"
+#include "rpc/listener.h"
+#include "rpc/socket_folder.h"
+
+namespace bthal::rpc {
+namespace {
+
+using android::sp;
+using android::status_t;
+using android::hardware::IBinder;
+using android::hardware::Parcel;
+using std::chrono::milliseconds;
+
+constexpr uint32_t kFindByName = 1;
+
+milliseconds LookupTime() {
+  int time_ms = 5000;
+  const char* text = getenv("BTHAL_LOOKUP_TIMEOUT_MS");
+  if (text != nullptr && !android::base::ParseInt(text, &time_ms, 0)) {
+    LOG(WARNING) << "BTHAL_LOOKUP_TIMEOUT_MS is no number of milliseconds: " << text;
+  }
+  return milliseconds(time_ms);
+}
+
+// As a file: an AIDL instance has a slash in its name.
+std::string FileName(std::string name) {
+  std::replace(name.begin(), name.end(), '/', ':');
+  return name;
+}
+
+// What this process serves, and its connections to others that serve. Never destroyed.
+class Names {
+ public:
+  static Names& Get() {
+    static auto* const names = new Names;
+    return *names;
+  }
+
+  status_t Publish(const std::string& name, const sp<IBinder>& object) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const SocketFolder folder(/*create=*/true);
+    if (!folder.ok() || (socket_name_.empty() && !StartListening(folder, &socket_name_))) {
+      const int error = errno;
+      PLOG(ERROR) << "cannot open a socket for services";
+      return -error;
+    }
+    objects_[name] = object;
+    const int error = folder.Link(FileName(name), socket_name_);
+    if (error != 0) LOG(ERROR) << "cannot publish " << name << ": " << strerror(error);
+    return -error;
+  }
+
+  sp<IBinder> Own(const std::string& name) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = objects_.find(name);
+    return found == objects_.end() ? nullptr : found->second;
+  }
+
+  // The connection to the process that serves name; null when nobody does.
+  std::shared_ptr<Connection> ConnectionTo(const std::string& name) {
+    const SocketFolder folder(/*create=*/false);
+    if (!folder.ok()) return nullptr;
+    const std::string target = folder.Target(FileName(name));
+    if (target.empty()) return nullptr;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::shared_ptr<Connection>& connection = connections_[target];
+    if (connection != nullptr && !connection->ended()) return connection;
+    connection = nullptr;
+    android::base::unique_fd socket = folder.Connect(target);
+    if (socket.get() < 0) return nullptr;
+    connection = Connection::Start(std::move(socket), Connection::Side::kService, [] {});
+    return connection;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::string socket_name_ GUARDED_BY(mutex_);
+  std::map<std::string, sp<IBinder>> objects_ GUARDED_BY(mutex_);
+  std::map<std::string, std::shared_ptr<Connection>> connections_ GUARDED_BY(mutex_);
+};
+
+sp<IBinder> FindNow(const std::string& name, milliseconds answer_time) {
+  if (sp<IBinder> own = Names::Get().Own(name); own != nullptr) return own;
+  const std::shared_ptr<Connection> connection = Names::Get().ConnectionTo(name);
+  if (connection == nullptr) return nullptr;
+  Parcel data;
+  Parcel reply;
+  sp<IBinder> object;
+  if (data.writeCString(name.c_str()) != android::OK ||
+      connection->Call(0, kFindByName, data, &reply, 0, answer_time) != android::OK ||
+      reply.readNullableStrongBinder(&object) != android::OK) {
+    return nullptr;
+  }
+  return object;
+}
+
+}  // namespace
+
+status_t Publish(const std::string& name, const sp<IBinder>& object) {
+  return Names::Get().Publish(name, object);
+}
+
+sp<IBinder> Find(const std::string& name, bool wait) {
+  const milliseconds time = LookupTime();
+  if (!wait) return FindNow(name, time);
+  sp<IBinder> object;
+  SocketFolder::WaitUntil(std::chrono::steady_clock::now() + time, [&] {
+    object = FindNow(name, time);
+    return object != nullptr;
+  });
+  return object;
+}
+
+bool AnswerNameCall(uint32_t code, const Parcel& data, Parcel* reply) {
+  const char* name = data.readCString();
+  if (code != kFindByName || name == nullptr) return false;
+  return reply->writeStrongBinder(Names::Get().Own(name)) == android::OK;
+}
+
+}  // namespace bthal::rpc

@@ -1,0 +1,80 @@
+// Messages on a socket. One message is one datagram of a SOCK_SEQPACKET socket: a header, the
+// object references, the parcel's bytes; descriptors travel beside it.
+#pragma once
+
+#include <hwbinder/Parcel.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace bthal::rpc {
+
+// Both ends are built from the same sources: another version is a malformed message.
+constexpr uint32_t kWireVersion = 0x62740001;
+
+constexpr size_t kMaxMessageBytes = 192 * 1024;  // below the socket's default send buffer
+constexpr size_t kMaxDescriptors = 64;
+constexpr size_t kMaxReferences = 64;
+
+enum class MessageType : uint32_t { kCall = 1, kReply = 2, kRelease = 3 };
+
+struct MessageHeader {
+  uint32_t version = kWireVersion;
+  MessageType type = MessageType::kCall;
+  uint32_t object = 0;  // call, release: id of the receiver's object
+  uint32_t code = 0;    // call: the method; release: how many references
+  uint32_t flags = 0;   // call: IBinder::FLAG_ONEWAY
+  int32_t status = 0;   // reply
+  uint64_t serial = 0;  // pairs a reply with its call
+  uint64_t chain = 0;   // call: which chain of nested calls it belongs to; 0 for oneway
+  uint32_t references = 0;
+  uint32_t descriptors = 0;
+  uint32_t bytes = 0;
+  uint32_t unused = 0;
+};
+
+// An object in a parcel, as its sender sees it.
+struct ObjectReference {
+  enum class Owner : uint32_t { kSender = 1, kReceiver = 2 };
+  Owner owner;
+  uint32_t id;  // among the owner's objects on this connection
+};
+
+// A message that waits to be sent: a copy of its bytes, duplicates of its descriptors.
+class QueuedMessage {
+ public:
+  QueuedMessage(const MessageHeader& header, const std::vector<ObjectReference>& references,
+                const android::hardware::Parcel& parcel);
+  ~QueuedMessage();
+  QueuedMessage(const QueuedMessage&) = delete;
+  QueuedMessage& operator=(const QueuedMessage&) = delete;
+
+  size_t size() const { return bytes_.size(); }
+  // 0, or errno: EAGAIN when the socket is full.
+  int Send(int socket) const;
+
+ private:
+  std::vector<uint8_t> bytes_;
+  std::vector<int> descriptors_;
+};
+
+// Sends without copying; never blocks. 0, or errno: EAGAIN when the socket is full.
+int SendMessage(int socket, const MessageHeader& header,
+                const std::vector<ObjectReference>& references,
+                const android::hardware::Parcel& parcel);
+
+// A message as received, its parts checked against each other; data lies in the buffer given.
+struct ReceivedMessage {
+  MessageHeader header;
+  std::vector<ObjectReference> references;
+  const uint8_t* data = nullptr;
+  std::vector<int> descriptors;  // open: whoever takes the message closes them
+};
+
+enum class ReceiveResult { kMessage, kNothingYet, kEnd, kMalformed };
+
+// Takes one message without blocking. buffer has kMaxMessageBytes.
+ReceiveResult ReceiveMessage(int socket, uint8_t* buffer, ReceivedMessage* message);
+
+}  // namespace bthal::rpc
