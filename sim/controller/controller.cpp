@@ -1,9 +1,13 @@
 #include "sim/controller/controller.h"
 
 #include "sim/base/log.h"
+#include "sim/controller/advertising_commands.h"
 #include "sim/controller/baseband_commands.h"
+#include "sim/controller/data_flow_commands.h"
 #include "sim/controller/event_codes.h"
 #include "sim/controller/info_commands.h"
+#include "sim/controller/le_commands.h"
+#include "sim/controller/scan_commands.h"
 #include "sim/firmware/image.h"
 
 namespace zvk {
@@ -26,13 +30,26 @@ Controller::Controller(EventLoop& loop, std::mt19937& random, BoardPort board,
           loop,   random,
           board_, chip_,
           out_,   [this](std::function<void()> run) {
-                 after_answer_.push_back(std::move(run)); }} {
-  auto bring_up = std::make_unique<BringUpCommands>(context_);
-  bring_up_ = bring_up.get();
-  groups_.push_back(std::move(bring_up));
-  groups_.push_back(std::make_unique<BasebandCommands>(context_, [this] { Reset(); }));
-  groups_.push_back(std::make_unique<InfoCommands>(context_));
-  for (const auto& group : groups_) group->Register(&table_);
+                 after_answer_.push_back(std::move(run)); }},
+      flow_(out_),
+      bring_up_(Add<BringUpCommands>()),
+      connections_(Add<ConnectionCommands>(le_, flow_)),
+      loopback_(Add<LoopbackCommands>(flow_)) {
+  Add<BasebandCommands>([this] { Reset(); });
+  Add<InfoCommands>();
+  Add<DataFlowCommands>(flow_);
+  Add<LeCommands>(le_);
+  Add<ScanCommands>(le_);
+  Add<AdvertisingCommands>(le_);
+}
+
+template <typename Group, typename... Arguments>
+Group* Controller::Add(Arguments&&... arguments) {
+  auto group = std::make_unique<Group>(context_, std::forward<Arguments>(arguments)...);
+  Group* const raw = group.get();
+  raw->Register(&table_);
+  groups_.push_back(std::move(group));
+  return raw;
 }
 
 Controller::~Controller() = default;
@@ -45,10 +62,14 @@ void Controller::Reset() {
 void Controller::OnPacket(PacketType type, ByteView packet) {
   if (type == PacketType::kCommand) {
     OnCommand(packet, {});
+  } else if (loopback_->local()) {
+    loopback_->OnData(type, packet);
+  } else if (type == PacketType::kAcl) {
+    connections_->OnAcl(packet);
+  } else {
+    Log("SCO or ISO data without a connection");
   }
 }
-
-void Controller::EndOfInput() {}
 
 bool Controller::Known(uint16_t opcode) const {
   const bool rom_only = chip_.preset->needs_patch && !chip_.patched;
@@ -57,7 +78,9 @@ bool Controller::Known(uint16_t opcode) const {
 
 void Controller::Run(uint16_t opcode, ByteView params) {
   const CommandTable::Entry* entry = table_.Find(opcode);
-  if (bring_up_->downloading() && opcode != kWriteRamOpcode && opcode != kLaunchRamOpcode) {
+  if (loopback_->Takes(opcode)) {
+    loopback_->OnCommand(Packet().U16(opcode).U8(static_cast<unsigned>(params.size())).Raw(params));
+  } else if (bring_up_->downloading() && opcode != kWriteRamOpcode && opcode != kLaunchRamOpcode) {
     Log("command 0x%04X in the middle of a firmware download", opcode);
     out_.Complete(opcode, Packet{status::kDisallowed});
   } else if (!Known(opcode)) {

@@ -6,7 +6,11 @@
 #include "sim/controller/bring_up_commands.h"
 #include "sim/controller/command_group.h"
 #include "sim/controller/command_table.h"
+#include "sim/controller/connection_commands.h"
 #include "sim/controller/context.h"
+#include "sim/controller/data_flow.h"
+#include "sim/controller/le_state.h"
+#include "sim/controller/loopback_commands.h"
 
 namespace zvk {
 
@@ -23,8 +27,8 @@ class Controller {
   void OnCommand(ByteView packet, const AnswerChange& change);
   // The framing of the host's bytes was lost.
   void OnLostSync(uint8_t bad);
-  // A packet of the host's has been read in whole and so has all that came with it.
-  void EndOfInput();
+  // Everything that the host has written so far has been taken.
+  void EndOfInput() { flow_.Complete(); }
 
   const ChipState& chip() const { return chip_; }
   HciOut& out() { return out_; }
@@ -33,15 +37,22 @@ class Controller {
   void Run(uint16_t opcode, ByteView params);
   bool Known(uint16_t opcode) const;
   void Reset();
+  template <typename Group, typename... Arguments>
+  Group* Add(Arguments&&... arguments);
 
   BoardPort board_;
   ChipState chip_;
   HciOut out_;
   std::vector<std::function<void()>> after_answer_;
   Context context_;
+  DataFlow flow_;
+  LeState le_;
   CommandTable table_;
   std::vector<std::unique_ptr<CommandGroup>> groups_;
-  BringUpCommands* bring_up_ = nullptr;
+  // Owned by groups_.
+  BringUpCommands* bring_up_;
+  ConnectionCommands* connections_;
+  LoopbackCommands* loopback_;
 };
 
 }  // namespace zvk

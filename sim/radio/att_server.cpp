@@ -1,0 +1,248 @@
+#include "sim/radio/att_server.h"
+
+#include <algorithm>
+
+namespace zvk {
+namespace {
+
+constexpr size_t kDefaultMtu = 23;
+constexpr size_t kServerMtu = 247;  // fills one ACL packet of 251 bytes
+constexpr size_t kLongestValue = 512;
+constexpr auto kTickPeriod = std::chrono::seconds(1);
+
+// Opcodes; an answer's is the request's plus one.
+constexpr uint8_t kErrorResponse = 0x01;
+constexpr uint8_t kExchangeMtu = 0x02;
+constexpr uint8_t kFindInformation = 0x04;
+constexpr uint8_t kFindByTypeValue = 0x06;
+constexpr uint8_t kReadByType = 0x08;
+constexpr uint8_t kRead = 0x0A;
+constexpr uint8_t kReadBlob = 0x0C;
+constexpr uint8_t kReadByGroupType = 0x10;
+constexpr uint8_t kWrite = 0x12;
+constexpr uint8_t kNotification = 0x1B;
+constexpr uint8_t kConfirmation = 0x1E;
+constexpr uint8_t kCommandFlag = 0x40;
+constexpr uint8_t kWriteCommand = 0x52;
+
+// Error codes.
+constexpr uint8_t kInvalidHandle = 0x01;
+constexpr uint8_t kReadNotPermitted = 0x02;
+constexpr uint8_t kWriteNotPermitted = 0x03;
+constexpr uint8_t kInvalidPdu = 0x04;
+constexpr uint8_t kRequestNotSupported = 0x06;
+constexpr uint8_t kInvalidOffset = 0x07;
+constexpr uint8_t kAttributeNotFound = 0x0A;
+constexpr uint8_t kInvalidLength = 0x0D;
+constexpr uint8_t kUnsupportedGroupType = 0x10;
+
+constexpr uint8_t kNotifyBit = 0x01;
+
+bool Same(ByteView a, ByteView b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
+
+const Bytes kPrimaryService = {0x00, 0x28};
+const Bytes kSecondaryService = {0x01, 0x28};
+
+}  // namespace
+
+AttServer::AttServer(EventLoop& loop, Send send)
+    : loop_(loop), send_(std::move(send)), attributes_(MakeGattDatabase()), mtu_(kDefaultMtu) {}
+
+void AttServer::OnPdu(ByteView pdu) {
+  if (pdu.empty()) return;
+  switch (pdu[0]) {
+    case kExchangeMtu:
+      return ExchangeMtu(pdu);
+    case kFindInformation:
+      return FindInformation(pdu);
+    case kFindByTypeValue:
+      return FindByTypeValue(pdu);
+    case kReadByType:
+      return ReadByType(pdu);
+    case kRead:
+      return Read(pdu);
+    case kReadBlob:
+      return ReadBlob(pdu);
+    case kReadByGroupType:
+      return ReadByGroupType(pdu);
+    case kWrite:
+      return Write(pdu);
+    case kWriteCommand:
+      return WriteCommand(pdu);
+    case kConfirmation:
+      return;
+    default:
+      // Commands are ignored when unknown, requests are not. Answers have odd opcodes.
+      if ((pdu[0] & kCommandFlag) == 0 && (pdu[0] & 1) == 0) {
+        Error(pdu[0], 0, kRequestNotSupported);
+      }
+  }
+}
+
+void AttServer::Error(uint8_t request, uint16_t handle, uint8_t code) {
+  send_(Packet{kErrorResponse, request}.U16(handle).U8(code));
+}
+
+bool AttServer::Range(ByteView pdu, uint16_t* start, uint16_t* end) {
+  *start = pdu.U16(1);
+  *end = pdu.U16(3);
+  if (pdu.size() < 5) {
+    Error(pdu[0], 0, kInvalidPdu);
+    return false;
+  }
+  if (*start == 0 || *start > *end) {
+    Error(pdu[0], *start, kInvalidHandle);
+    return false;
+  }
+  return true;
+}
+
+Attribute* AttServer::Find(uint16_t handle) {
+  for (Attribute& attribute : attributes_) {
+    if (attribute.handle == handle) return &attribute;
+  }
+  return nullptr;
+}
+
+void AttServer::ExchangeMtu(ByteView pdu) {
+  if (pdu.size() != 3) return Error(pdu[0], 0, kInvalidPdu);
+  send_(Packet{kExchangeMtu + 1}.U16(kServerMtu));
+  mtu_ = std::clamp<size_t>(pdu.U16(1), kDefaultMtu, kServerMtu);
+}
+
+void AttServer::FindInformation(ByteView pdu) {
+  uint16_t start;
+  uint16_t end;
+  if (!Range(pdu, &start, &end)) return;
+  Packet list;
+  size_t type_size = 0;
+  for (const Attribute& attribute : attributes_) {
+    if (attribute.handle < start || attribute.handle > end) continue;
+    if (type_size == 0) type_size = attribute.type.size();
+    if (attribute.type.size() != type_size) break;  // one format in an answer
+    if (2 + list.bytes().size() + 2 + type_size > mtu_) break;
+    list.U16(attribute.handle).Raw(attribute.type);
+  }
+  if (type_size == 0) return Error(pdu[0], start, kAttributeNotFound);
+  send_(Packet{kFindInformation + 1}.U8(type_size == 2 ? 1 : 2).Raw(list));
+}
+
+void AttServer::FindByTypeValue(ByteView pdu) {
+  uint16_t start;
+  uint16_t end;
+  if (!Range(pdu, &start, &end)) return;
+  Packet list;
+  for (const Attribute& attribute : attributes_) {
+    if (attribute.handle < start || attribute.handle > end) continue;
+    if (!Same(attribute.type, pdu.Sub(5, 2)) || !Same(attribute.value, pdu.From(7))) continue;
+    if (1 + list.bytes().size() + 4 > mtu_) break;
+    list.U16(attribute.handle).U16(std::max(attribute.handle, attribute.group_end));
+  }
+  if (list.bytes().empty()) return Error(pdu[0], start, kAttributeNotFound);
+  send_(Packet{kFindByTypeValue + 1}.Raw(list));
+}
+
+void AttServer::ReadByType(ByteView pdu) {
+  uint16_t start;
+  uint16_t end;
+  if (!Range(pdu, &start, &end)) return;
+  const ByteView type = pdu.From(5);
+  if (type.size() != 2 && type.size() != 16) return Error(pdu[0], start, kInvalidPdu);
+  Packet list;
+  size_t entry = 0;  // bytes of handle and value: the same in all of an answer
+  for (const Attribute& attribute : attributes_) {
+    if (attribute.handle < start || attribute.handle > end) continue;
+    if (!Same(attribute.type, type)) continue;
+    if (!attribute.readable) return Error(pdu[0], attribute.handle, kReadNotPermitted);
+    const ByteView value = ByteView(attribute.value).Sub(0, std::min<size_t>(mtu_ - 4, 253));
+    if (entry == 0) entry = 2 + value.size();
+    if (2 + value.size() != entry || 2 + list.bytes().size() + entry > mtu_) break;
+    list.U16(attribute.handle).Raw(value);
+  }
+  if (entry == 0) return Error(pdu[0], start, kAttributeNotFound);
+  send_(Packet{kReadByType + 1}.U8(static_cast<unsigned>(entry)).Raw(list));
+}
+
+void AttServer::ReadByGroupType(ByteView pdu) {
+  uint16_t start;
+  uint16_t end;
+  if (!Range(pdu, &start, &end)) return;
+  const ByteView type = pdu.From(5);
+  if (!Same(type, kPrimaryService) && !Same(type, kSecondaryService)) {
+    return Error(pdu[0], start, kUnsupportedGroupType);
+  }
+  Packet list;
+  size_t entry = 0;
+  for (const Attribute& attribute : attributes_) {
+    if (attribute.handle < start || attribute.handle > end) continue;
+    if (!Same(attribute.type, type)) continue;
+    if (entry == 0) entry = 4 + attribute.value.size();
+    if (4 + attribute.value.size() != entry || 2 + list.bytes().size() + entry > mtu_) break;
+    list.U16(attribute.handle).U16(attribute.group_end).Raw(attribute.value);
+  }
+  if (entry == 0) return Error(pdu[0], start, kAttributeNotFound);
+  send_(Packet{kReadByGroupType + 1}.U8(static_cast<unsigned>(entry)).Raw(list));
+}
+
+void AttServer::Read(ByteView pdu) {
+  if (pdu.size() != 3) return Error(pdu[0], 0, kInvalidPdu);
+  const Attribute* attribute = Find(pdu.U16(1));
+  if (attribute == nullptr) return Error(pdu[0], pdu.U16(1), kInvalidHandle);
+  if (!attribute->readable) return Error(pdu[0], attribute->handle, kReadNotPermitted);
+  send_(Packet{kRead + 1}.Raw(ByteView(attribute->value).Sub(0, mtu_ - 1)));
+}
+
+void AttServer::ReadBlob(ByteView pdu) {
+  if (pdu.size() != 5) return Error(pdu[0], 0, kInvalidPdu);
+  const Attribute* attribute = Find(pdu.U16(1));
+  const size_t offset = pdu.U16(3);
+  if (attribute == nullptr) return Error(pdu[0], pdu.U16(1), kInvalidHandle);
+  if (!attribute->readable) return Error(pdu[0], attribute->handle, kReadNotPermitted);
+  if (offset > attribute->value.size()) return Error(pdu[0], attribute->handle, kInvalidOffset);
+  send_(Packet{kReadBlob + 1}.Raw(ByteView(attribute->value).Sub(offset, mtu_ - 1)));
+}
+
+uint8_t AttServer::Store(uint16_t handle, ByteView value) {
+  Attribute* attribute = Find(handle);
+  if (attribute == nullptr) return kInvalidHandle;
+  if (!attribute->writable) return kWriteNotPermitted;
+  const bool right_size =
+      handle == kValueConfigHandle ? value.size() == 2 : value.size() <= kLongestValue;
+  if (!right_size) return kInvalidLength;
+  attribute->value = value.Copy();
+  return 0;
+}
+
+void AttServer::AfterStore(uint16_t handle) {
+  const bool notify = (Find(kValueConfigHandle)->value[0] & kNotifyBit) != 0;
+  loop_.Cancel(&tick_);
+  if (!notify) return;
+  tick_ = loop_.After(kTickPeriod, [this] { Tick(); });
+  if (handle == kValueHandle) Notify();
+}
+
+void AttServer::Write(ByteView pdu) {
+  if (pdu.size() < 3) return Error(pdu[0], 0, kInvalidPdu);
+  const uint16_t handle = pdu.U16(1);
+  const uint8_t error = Store(handle, pdu.From(3));
+  if (error != 0) return Error(pdu[0], handle, error);
+  send_(Packet{kWrite + 1});
+  AfterStore(handle);
+}
+
+void AttServer::WriteCommand(ByteView pdu) {
+  const uint16_t handle = pdu.U16(1);
+  if (pdu.size() >= 3 && Store(handle, pdu.From(3)) == 0) AfterStore(handle);
+}
+
+void AttServer::Notify() {
+  const ByteView value(Find(kValueHandle)->value);
+  send_(Packet{kNotification}.U16(kValueHandle).Raw(value.Sub(0, mtu_ - 3)));
+}
+
+void AttServer::Tick() {
+  tick_ = loop_.After(kTickPeriod, [this] { Tick(); });
+  Notify();
+}
+
+}  // namespace zvk

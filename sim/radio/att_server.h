@@ -1,0 +1,50 @@
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "sim/base/event_loop.h"
+#include "sim/radio/gatt_database.h"
+
+namespace zvk {
+
+// A small ATT server (Bluetooth Core 5.3, Vol 3, Part F): requests in, answers out. While the
+// client has notifications on, the characteristic is notified once a second and after each write.
+class AttServer {
+ public:
+  // pdu lives for the call.
+  using Send = std::function<void(ByteView pdu)>;
+  AttServer(EventLoop& loop, Send send);
+  ~AttServer() { loop_.Cancel(&tick_); }
+
+  void OnPdu(ByteView pdu);
+
+ private:
+  void ExchangeMtu(ByteView pdu);
+  void FindInformation(ByteView pdu);
+  void FindByTypeValue(ByteView pdu);
+  void ReadByType(ByteView pdu);
+  void ReadByGroupType(ByteView pdu);
+  void Read(ByteView pdu);
+  void ReadBlob(ByteView pdu);
+  void Write(ByteView pdu);
+  void WriteCommand(ByteView pdu);
+
+  // A request's first and last handle; answers with an error and returns false when they are none.
+  bool Range(ByteView pdu, uint16_t* start, uint16_t* end);
+  Attribute* Find(uint16_t handle);
+  // 0 or an ATT error code.
+  uint8_t Store(uint16_t handle, ByteView value);
+  void AfterStore(uint16_t handle);
+  void Error(uint8_t request, uint16_t handle, uint8_t code);
+  void Notify();
+  void Tick();
+
+  EventLoop& loop_;
+  const Send send_;
+  std::vector<Attribute> attributes_;
+  size_t mtu_;
+  EventLoop::TimerId tick_ = EventLoop::kNoTimer;
+};
+
+}  // namespace zvk
