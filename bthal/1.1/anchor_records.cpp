@@ -1,0 +1,80 @@
+#include "anchor_records.h"
+
+#include <android-base/stringprintf.h>
+
+namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
+namespace {
+
+timespec Now() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now;
+}
+
+bool IsEmpty(const timespec& time) { return time.tv_sec == 0; }
+
+}  // namespace
+
+std::string FormatTimestamp(const timespec& time) {
+  tm local{};
+  localtime_r(&time.tv_sec, &local);
+  return base::StringPrintf("%02d:%02d:%02d:%03ld", local.tm_hour, local.tm_min, local.tm_sec,
+                            time.tv_nsec / 1000000);
+}
+
+void AnchorRecords::Add(AnchorType type, const std::string& text) {
+  std::lock_guard<std::mutex> guard(lock_);
+  const timespec now = Now();
+  for (Record* record : {&history_[added_ % kHistoryLimit], &last_[static_cast<uint8_t>(type)]}) {
+    record->time = now;
+    record->formatter = nullptr;
+    record->text = text;
+  }
+  ++added_;
+}
+
+void AnchorRecords::Add(AnchorType type, AnchorFormatter formatter, const AnchorValues& values,
+                        const char* suffix) {
+  std::lock_guard<std::mutex> guard(lock_);
+  const timespec now = Now();
+  for (Record* record : {&history_[added_ % kHistoryLimit], &last_[static_cast<uint8_t>(type)]}) {
+    record->time = now;
+    record->formatter = formatter;
+    record->values = values;
+    record->suffix = suffix;
+  }
+  ++added_;
+}
+
+AnchorRecords::Line AnchorRecords::ToLine(const Record& record) {
+  return {record.formatter == nullptr ? record.text
+                                      : record.formatter(record.values) + record.suffix,
+          FormatTimestamp(record.time)};
+}
+
+std::vector<AnchorRecords::Line> AnchorRecords::History() const {
+  std::vector<Record> records;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    const size_t first = added_ > kHistoryLimit ? added_ - kHistoryLimit : 0;
+    for (size_t i = first; i < added_; ++i) records.push_back(history_[i % kHistoryLimit]);
+  }
+  std::vector<Line> lines;
+  for (const Record& record : records) lines.push_back(ToLine(record));
+  return lines;
+}
+
+std::vector<AnchorRecords::Line> AnchorRecords::LastAppearances() const {
+  std::vector<Record> records;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    for (const Record& record : last_) {
+      if (!IsEmpty(record.time)) records.push_back(record);
+    }
+  }
+  std::vector<Line> lines;
+  for (const Record& record : records) lines.push_back(ToLine(record));
+  return lines;
+}
+
+}  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug

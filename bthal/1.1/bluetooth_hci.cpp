@@ -1,0 +1,239 @@
+#define LOG_TAG "bthal.zvkbtlinux"
+
+#include "bluetooth_hci.h"
+
+#include <android-base/logging.h>
+#include <android-base/stringprintf.h>
+#include <log/log.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "bluetooth_address.h"
+#include "btzvk_protocol.h"
+#include "conf.h"
+#include "debug_central.h"
+#include "stack_link.h"
+#include "transport_shim.h"
+
+namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
+namespace {
+
+using ::android::base::StringPrintf;
+using ::android::hardware::bluetooth::V1_0::Status;
+using debug::AnchorType;
+using debug::AnchorValues;
+using debug::BqrErrorCode;
+using debug::DebugAnchor;
+using debug::DebugCentral;
+
+// The count shown includes the packet type byte.
+uint32_t ShownSize(const hidl_vec<uint8_t>& packet) {
+  return static_cast<uint32_t>(packet.size() + 1);
+}
+
+std::string CommandText(const AnchorValues& v) {
+  return StringPrintf("sendHciCommand: 0x%02hhX%02hhX - %u bytes", v[0], v[1], v[2]);
+}
+std::string AclText(const AnchorValues& v) { return StringPrintf("sendAclData: %u bytes", v[0]); }
+std::string ScoText(const AnchorValues& v) { return StringPrintf("sendScoData: %u bytes", v[0]); }
+std::string IsoText(const AnchorValues& v) { return StringPrintf("sendIsoData: %u bytes", v[0]); }
+
+}  // namespace
+
+void BluetoothDeathRecipient::serviceDied(uint64_t /*cookie*/,
+                                          const wp<::android::hidl::base::V1_0::IBase>& who) {
+  ALOGE("BluetoothDeathRecipient::serviceDied - Bluetooth service died");
+  const sp<::android::hidl::base::V1_0::IBase> stack = who.promote();
+  if (!StackLink::Get().IsAttached(stack)) return;
+  has_died_ = true;
+  hci::ReconsiderProvisioning();
+  hal_->OnStackDied(stack);
+}
+
+BluetoothHci::BluetoothHci() {
+  death_recipient_ = new BluetoothDeathRecipient(this);
+  ALOGI("%s", "BluetoothHci");
+  if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
+    BeginWork();
+    StartWorker(&BluetoothHci::thread_perform_init);
+  }
+}
+
+std::shared_ptr<hci::HciFlowControl> BluetoothHci::hci_handle() {
+  std::lock_guard<std::mutex> guard(handle_lock_);
+  return hci_handle_;
+}
+
+void BluetoothHci::set_hci_handle(hci::HciFlowControl* handle) {
+  auto kept = handle == nullptr ? nullptr : handle->shared_from_this();
+  std::lock_guard<std::mutex> guard(handle_lock_);
+  hci_handle_.swap(kept);
+}
+
+Return<void> BluetoothHci::initialize(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
+  initialize_impl(cb, nullptr);
+  return Void();
+}
+
+Return<void> BluetoothHci::initialize_1_1(const sp<V1_1::IBluetoothHciCallbacks>& cb) {
+  initialize_impl(cb, cb);
+  return Void();
+}
+
+void BluetoothHci::initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
+                                   const sp<V1_1::IBluetoothHciCallbacks>& cb_1_1) {
+  ALOGI("%s", __func__);
+  const DebugAnchor anchor(AnchorType::kInitialize, __func__, DebugCentral::Get());
+  if (cb == nullptr) {
+    ALOGE("cb == nullptr! -> Unable to call initializationComplete(ERR)");
+    return;
+  }
+  if (!StackLink::Get().Attach(cb, cb_1_1)) {
+    ALOGE("%s: already initialized, don't allow multiple initialize the HAL", __func__);
+    if (!cb->initializationComplete(Status::INITIALIZATION_ERROR).isOk()) {
+      ALOGE("%s: VendorInterface -> Unable to call initializationComplete(ERR)", __func__);
+    }
+    return;
+  }
+  const uint64_t attachment = CurrentAttachment();
+
+  std::unique_lock<std::mutex> guard(mutex_);
+  while (workers_ > 0) worker_ended_.wait(guard);
+  if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported() && hci::shim::IsUserialReady()) {
+    if (!BtZvkProtocol::GetInstacne()->AcceleratedReset()) {
+      ALOGE("%s: Accelerated Init failed", __func__);
+      DebugCentral::Get().ReportBqrError(BqrErrorCode::HostAccelatedBtInitFailed,
+                                         "Accelerated Init failed");
+    }
+  } else {
+    perform_init();
+  }
+  link_to_death(cb);
+  hci::ApplyProvisionBDAddress(hci_handle().get(), [this] { return death_recipient_->has_died(); });
+  if (!cb->initializationComplete(Status::SUCCESS).isOk()) {
+    ALOGE("VendorInterface -> Unable to call initializationComplete(ERR)");
+    DebugCentral::Get().UpdateRecord(
+        AnchorType::kCompletionUndelivered,
+        StringPrintf("%s: Unable to call initializationComplete(ERR)", __func__));
+  }
+  setup_signal_handler();
+  std::thread([self = sp<BluetoothHci>(this), attachment] {
+    self->startTavioHalExtensions(attachment);
+  }).detach();
+  ALOGI("BluetoothHci::initialize() completed");
+}
+
+void BluetoothHci::link_to_death(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
+  death_recipient_->ClearHasDied();
+  const Return<bool> linked = cb->linkToDeath(death_recipient_, 0);
+  if (!linked.isOk() || !static_cast<bool>(linked)) {
+    std::thread([recipient = death_recipient_, cb] { recipient->serviceDied(0, cb); }).detach();
+  }
+  std::lock_guard<std::mutex> guard(link_lock_);
+  unlink_cb_ = [cb](sp<BluetoothDeathRecipient>& recipient) {
+    if (recipient->has_died()) {
+      ALOGI("Skipping unlink call, service died.");
+      DebugCentral::Get().UpdateRecord(
+          AnchorType::kUnlinkSkipped,
+          StringPrintf("%s: Skipping unlink call, service died", "operator()"));
+    } else {
+      (void)cb->unlinkToDeath(recipient).isOk();
+    }
+  };
+}
+
+void BluetoothHci::unlink_from_death() {
+  std::function<void(sp<BluetoothDeathRecipient>&)> unlink;
+  {
+    std::lock_guard<std::mutex> guard(link_lock_);
+    unlink = unlink_cb_;
+  }
+  unlink(death_recipient_);
+}
+
+void BluetoothHci::SendPacket(hci::HciPacketType type, const hidl_vec<uint8_t>& packet) {
+  const std::shared_ptr<hci::HciFlowControl> handle = hci_handle();
+  if (handle == nullptr) return;
+  if (!hci::LengthIsRight(type, packet.data(), packet.size())) {
+    ALOGW("%s: a packet of type %d with %zu bytes does not have the length in its header, dropped",
+          __func__, type, packet.size());
+    return;
+  }
+  if (type == hci::HCI_PACKET_TYPE_COMMAND &&
+      DebugCentral::Get().IsControllerDebugDumpOpcode(packet)) {
+    handle->SendNoAck(type, packet.data(), packet.size());
+  } else {
+    handle->Send(type, packet.data(), packet.size());
+  }
+}
+
+Return<void> BluetoothHci::sendHciCommand(const hidl_vec<uint8_t>& packet) {
+  const DebugAnchor anchor(
+      AnchorType::kSendHciCommand, CommandText,
+      {hci::ByteAt(packet, 1), hci::ByteAt(packet, 0), ShownSize(packet)}, DebugCentral::Get());
+  SendPacket(hci::HCI_PACKET_TYPE_COMMAND, packet);
+  return Void();
+}
+
+Return<void> BluetoothHci::sendAclData(const hidl_vec<uint8_t>& packet) {
+  const DebugAnchor anchor(AnchorType::kSendAclData, AclText, {ShownSize(packet)},
+                           DebugCentral::Get());
+  SendPacket(hci::HCI_PACKET_TYPE_ACL_DATA, packet);
+  return Void();
+}
+
+Return<void> BluetoothHci::sendScoData(const hidl_vec<uint8_t>& packet) {
+  const DebugAnchor anchor(AnchorType::kSendScoData, ScoText, {ShownSize(packet)},
+                           DebugCentral::Get());
+  SendPacket(hci::HCI_PACKET_TYPE_SCO_DATA, packet);
+  return Void();
+}
+
+Return<void> BluetoothHci::sendIsoData(const hidl_vec<uint8_t>& packet) {
+  const DebugAnchor anchor(AnchorType::kSendIsoData, IsoText, {ShownSize(packet)},
+                           DebugCentral::Get());
+  SendPacket(hci::HCI_PACKET_TYPE_ISO_DATA, packet);
+  return Void();
+}
+
+Return<void> BluetoothHci::close() {
+  close_impl(nullptr);
+  return Void();
+}
+
+void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& only_if) {
+  if (!close_gate_.Enter()) return;
+  if (only_if != nullptr && !StackLink::Get().IsAttached(only_if)) {
+    close_gate_.Leave();
+    return;
+  }
+  DebugCentral::Get().UpdateRecord(AnchorType::kClose, "close");
+  ALOGI("BluetoothHci::close()");
+  unlink_from_death();
+  stopTavioHalExtensions();
+  if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported() && hci::shim::IsUserialReady()) {
+    if (!BtZvkProtocol::GetInstacne()->AcceleratedReset()) {
+      ALOGE("Accelerated shutdown failed");
+      DebugCentral::Get().ReportBqrError(BqrErrorCode::HostAccelatedBtShutdownFailed,
+                                         "Accelerated shutdown failed");
+    }
+  } else {
+    perform_close();
+  }
+  StackLink::Get().Detach();
+  ALOGI("BluetoothHci::close() Done");
+  close_gate_.Leave();
+}
+
+Return<void> BluetoothHci::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& /*options*/) {
+  const native_handle_t* handle = fd.getNativeHandle();
+  if (handle != nullptr && handle->numFds >= 1) {
+    ALOGI("%s: Dump debug log", __func__);
+    DebugCentral::Get().Dump(handle->data[0]);
+    fsync(handle->data[0]);
+  }
+  return Void();
+}
+
+}  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux

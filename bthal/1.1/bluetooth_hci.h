@@ -1,0 +1,110 @@
+#pragma once
+
+#include <android-base/thread_annotations.h>
+#include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "coex_device.h"
+#include "hci_flow_control.h"
+#include "teardown_gate.h"
+
+namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
+
+class BluetoothHci;
+
+// Told by the runtime when the process of a stack dies. Owned by the HAL object.
+class BluetoothDeathRecipient : public hidl_death_recipient {
+ public:
+  explicit BluetoothDeathRecipient(const sp<BluetoothHci>& hal) : hal_(hal) {}
+
+  // Only logs when who is not the attached stack.
+  void serviceDied(uint64_t cookie, const wp<::android::hidl::base::V1_0::IBase>& who) override;
+
+  bool has_died() const { return has_died_; }
+  void ClearHasDied() { has_died_ = false; }
+
+ private:
+  const sp<BluetoothHci> hal_;
+  std::atomic<bool> has_died_{false};
+};
+
+// The HAL object: attaches one Bluetooth stack at a time, brings the controller up for it, relays
+// its packets in both directions, and recovers when the stack or the chip goes away. One a
+// process, alive for as long as the process. Calls arrive on the HIDL thread; packets from the
+// controller on the reader thread; deaths on a thread of the runtime.
+class BluetoothHci : public IBluetoothHci {
+ public:
+  // Starts the bring-up when accelerated Bluetooth-on is supported.
+  BluetoothHci();
+
+  // IBluetoothHci
+  Return<void> initialize(const sp<V1_0::IBluetoothHciCallbacks>& cb) override;
+  Return<void> initialize_1_1(const sp<V1_1::IBluetoothHciCallbacks>& cb) override;
+  Return<void> sendHciCommand(const hidl_vec<uint8_t>& packet) override;
+  Return<void> sendAclData(const hidl_vec<uint8_t>& packet) override;
+  Return<void> sendScoData(const hidl_vec<uint8_t>& packet) override;
+  Return<void> sendIsoData(const hidl_vec<uint8_t>& packet) override;
+  Return<void> close() override;
+  Return<void> debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) override;
+
+  // What the death of the attached stack leaves to do; on the thread that learnt of it.
+  void OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who) EXCLUDES(mutex_);
+
+ private:
+  void initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
+                       const sp<V1_1::IBluetoothHciCallbacks>& cb_1_1) EXCLUDES(mutex_);
+  void link_to_death(const sp<V1_0::IBluetoothHciCallbacks>& cb) EXCLUDES(link_lock_);
+  void unlink_from_death() EXCLUDES(link_lock_);
+
+  void perform_init() REQUIRES(mutex_);
+  void perform_close();
+  void close_hci();
+  void thread_perform_init() EXCLUDES(mutex_);
+  void thread_perform_reinit() EXCLUDES(mutex_);
+  // Detaches the stack and tears down, or resets the controller that stays up. With only_if not
+  // null, only while that stack is attached.
+  void close_impl(const sp<::android::hidl::base::V1_0::IBase>& only_if);
+  // Brackets work that initialize() waits for.
+  void BeginWork() EXCLUDES(mutex_);
+  void EndWork() EXCLUDES(mutex_);
+  // Runs work, which has begun, on a detached thread.
+  void StartWorker(void (BluetoothHci::*work)()) EXCLUDES(mutex_);
+  bool open_coex_dev();
+  void resetBtCallback();
+  void startTavioHalExtensions(uint64_t attachment) EXCLUDES(extensions_lock_);
+  void stopTavioHalExtensions() EXCLUDES(extensions_lock_);
+  uint64_t CurrentAttachment() EXCLUDES(extensions_lock_);
+
+  void setup_signal_handler();
+  static void signal_handler(int signum);
+  // What the signal asks for; on a thread of its own.
+  void HandleTermination(int signum);
+
+  void SendPacket(hci::HciPacketType type, const hidl_vec<uint8_t>& packet);
+  std::shared_ptr<hci::HciFlowControl> hci_handle() EXCLUDES(handle_lock_);
+  void set_hci_handle(hci::HciFlowControl* handle) EXCLUDES(handle_lock_);
+
+  std::mutex handle_lock_;  // a leaf
+  std::shared_ptr<hci::HciFlowControl> hci_handle_ GUARDED_BY(handle_lock_);  // null: down
+  coex_device::CoexDevice coex_device_;
+
+  std::mutex mutex_;  // one bring-up at a time
+  std::condition_variable worker_ended_;
+  int workers_ GUARDED_BY(mutex_) = 0;
+
+  TeardownGate close_gate_;
+  sp<BluetoothDeathRecipient> death_recipient_;
+  std::mutex link_lock_;  // a leaf
+  std::function<void(sp<BluetoothDeathRecipient>&)> unlink_cb_ GUARDED_BY(link_lock_);
+
+  std::mutex extensions_lock_;
+  // Counts ends of attachments: a start that comes after its attachment's end sees another value.
+  uint64_t attachment_ GUARDED_BY(extensions_lock_) = 0;
+};
+
+}  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux

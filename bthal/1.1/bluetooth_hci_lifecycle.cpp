@@ -1,0 +1,330 @@
+// Bring-up, recovery and shutdown of BluetoothHci.
+#define LOG_TAG "bthal.zvkbtlinux"
+
+#include <android-base/logging.h>
+#include <android-base/stringprintf.h>
+#include <log/log.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "bluetooth_hci.h"
+#include "btzvk_protocol.h"
+#include "conf.h"
+#include "debug_central.h"
+#include "stack_link.h"
+#include "transport_shim.h"
+
+namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
+namespace {
+
+using ::android::base::StringPrintf;
+using ::android::hardware::bluetooth::V1_0::Status;
+using debug::AnchorFormatter;
+using debug::AnchorType;
+using debug::AnchorValues;
+using debug::BqrErrorCode;
+using debug::DebugAnchor;
+using debug::DebugCentral;
+
+constexpr int kCoexAttempts = 10;
+constexpr std::chrono::milliseconds kCoexRetryPause{100};
+
+std::string EventText(const AnchorValues& v) {
+  return StringPrintf("cb->hciEventReceived: %u bytes", v[0]);
+}
+std::string AclText(const AnchorValues& v) {
+  return StringPrintf("cb->aclDataReceived: %u bytes", v[0]);
+}
+std::string ScoText(const AnchorValues& v) {
+  return StringPrintf("cb->scoDataReceived: %u bytes", v[0]);
+}
+std::string IsoText(const AnchorValues& v) {
+  return StringPrintf("cb->isoDataReceived: %u bytes", v[0]);
+}
+
+AnchorValues SizeOf(const hidl_vec<uint8_t>& packet) {
+  return {static_cast<uint32_t>(packet.size())};
+}
+
+// The four functions that the transport calls for the controller's packets, on the reader thread.
+
+void OnEvent(const hidl_vec<uint8_t>& event) {
+  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  if (cb == nullptr) {
+    ALOGW("hciEvent: g_cb == nullptr");
+    return;
+  }
+  const DebugAnchor anchor(AnchorType::kHciEventReceived, EventText, SizeOf(event),
+                           DebugCentral::Get());
+  if (!cb->hciEventReceived(event).isOk()) ALOGW("Unable to callback hciEvent to Stack");
+}
+
+void OnAclData(const hidl_vec<uint8_t>& data) {
+  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  if (cb == nullptr) {
+    ALOGW("aclData: g_cb == nullptr");
+    return;
+  }
+  const DebugAnchor anchor(AnchorType::kAclDataReceived, AclText, SizeOf(data),
+                           DebugCentral::Get());
+  if (!cb->aclDataReceived(data).isOk()) ALOGW("Unable to callback aclData to Stack");
+}
+
+void OnScoData(const hidl_vec<uint8_t>& data) {
+  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  if (cb == nullptr) {
+    ALOGW("scoData: g_cb == nullptr");
+    return;
+  }
+  const DebugAnchor anchor(AnchorType::kScoDataReceived, ScoText, SizeOf(data),
+                           DebugCentral::Get());
+  if (!cb->scoDataReceived(data).isOk()) ALOGW("Unable to callback scoData to Stack");
+}
+
+void OnIsoData(const hidl_vec<uint8_t>& data) {
+  if (StackLink::Get().g_cb() == nullptr) {
+    ALOGW("isoData: g_cb == nullptr");
+    return;
+  }
+  const DebugAnchor anchor(AnchorType::kIsoDataReceived, IsoText, SizeOf(data),
+                           DebugCentral::Get());
+  // Null for a stack that attached through 1.0, which knows no ISO data.
+  const StackLink::Callbacks1_1 cb = StackLink::Get().g_cb_1_1();
+  if (cb == nullptr || !cb->isoDataReceived(data).isOk()) {
+    ALOGW("Unable to callback isoData to Stack");
+  }
+}
+
+// Takes the events that the diagnostics make themselves.
+void notify_cb(const hidl_vec<uint8_t>& event) {
+  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  if (cb == nullptr) {
+    ALOGW("%s: g_cb == nullptr", __func__);
+    return;
+  }
+  if (!cb->hciEventReceived(event).isOk()) {
+    ALOGW("Unable to callback bqr root inflamed event to Stack");
+  }
+}
+
+void KillSelf(const char* why) {
+  ALOGE("%s", why);
+  kill(getpid(), SIGKILL);
+}
+
+}  // namespace
+
+void BluetoothHci::BeginWork() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  ++workers_;
+}
+
+void BluetoothHci::EndWork() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  --workers_;
+  worker_ended_.notify_all();
+}
+
+void BluetoothHci::StartWorker(void (BluetoothHci::*work)()) {
+  std::thread([self = sp<BluetoothHci>(this), work] {
+    ((*self).*work)();
+    self->EndWork();
+  }).detach();
+}
+
+// The work begins before the stack is detached, so that the next one waits for its end.
+void BluetoothHci::OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who) {
+  BeginWork();
+  if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
+    if (StackLink::Get().DetachIf(who)) {
+      StartWorker(&BluetoothHci::thread_perform_reinit);
+      return;
+    }
+  } else {
+    close_impl(who);
+  }
+  EndWork();
+}
+
+void BluetoothHci::perform_init() {
+  ALOGI("%s", __func__);
+  const DebugAnchor anchor(AnchorType::kPerformInit, __func__, DebugCentral::Get());
+  const auto report_failure = [](const char* operation) {
+    const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+    if (!cb->initializationComplete(Status::INITIALIZATION_ERROR).isOk()) {
+      ALOGE("VendorInterface -> Unable to call initializationComplete(ERR)");
+      if (operation != nullptr) {
+        DebugCentral::Get().UpdateRecord(
+            AnchorType::kCompletionUndelivered,
+            StringPrintf("%s: Unable to call initializationComplete(ERR)", operation));
+      }
+    }
+  };
+
+  if (hci_handle() != nullptr) {
+    ALOGE("%s: hci_handle != nullptr! -> Double attempt to initialize the HAL", __func__);
+    if (StackLink::Get().g_cb() != nullptr) {
+      report_failure(nullptr);
+    } else {
+      KillSelf("perform_init: Calling kill due to error");
+    }
+    return;
+  }
+  DebugCentral::Get().SetEventSink(notify_cb);
+  if (!open_coex_dev()) {
+    ALOGE("Failed to open coex device");
+    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostCoexDeviceOpenError,
+                                       "Can't open coex device");
+  }
+  hci::HciFlowControl* handle =
+      hci::shim::InitializeHciHandle(OnEvent, OnAclData, OnScoData, OnIsoData);
+  set_hci_handle(handle);
+  if (handle == nullptr) {
+    if (StackLink::Get().g_cb() != nullptr) {
+      report_failure(nullptr);
+      StackLink::Get().Detach();
+    } else {
+      KillSelf("InitializeHciHandle failed, calling kill");
+    }
+    return;
+  }
+  DebugCentral::Get().StartMonitor(handle);
+  if (BtZvkProtocol::GetInstacne()->Initialize(handle)) {
+    const std::string text = StringPrintf("%s: BTZVK controller is ready", __func__);
+    ALOGI("%s", text.c_str());
+    DebugCentral::Get().UpdateRecord(AnchorType::kControllerReady, text);
+    return;
+  }
+  ALOGE("Initialize() failed");
+  DebugCentral::Get().StopMonitor();
+  hci::shim::Deinitialize();
+  set_hci_handle(nullptr);
+  if (StackLink::Get().g_cb() != nullptr) {
+    report_failure(__func__);
+    StackLink::Get().Detach();
+  } else {
+    KillSelf("Calling kill due to an error");
+  }
+  coex_device_.DeviceClose();
+}
+
+bool BluetoothHci::open_coex_dev() {
+  const int delay = conf::Config::GetInstance()->big_hammer_reg_on_delay_ms();
+  bool opened = false;
+  int failures = 0;
+  while (!opened && failures < kCoexAttempts) {
+    opened = coex_device_.DeviceOpen([this] { resetBtCallback(); }, delay);
+    if (opened) break;
+    ++failures;
+    std::this_thread::sleep_for(kCoexRetryPause);
+  }
+  ALOGI("%s: return ret (%d), count:%d", __func__, opened ? 1 : 0, failures);
+  DebugCentral::Get().UpdateRecord(AnchorType::kCoexOpenTried,
+                                   StringPrintf("%s, open the coex device (%s), count:%d", __func__,
+                                                opened ? "Success" : "Failed", failures));
+  return opened;
+}
+
+void BluetoothHci::close_hci() {
+  ALOGI("%s", "closeHci");
+  BtZvkProtocol::GetInstacne()->Shutdown();
+  DebugCentral::Get().StopMonitor();
+  hci::shim::Deinitialize();
+  ALOGI("%s: hci_handle_ = nullptr", "closeHci");
+  set_hci_handle(nullptr);
+}
+
+void BluetoothHci::perform_close() {
+  DebugCentral::Get().UpdateRecord(AnchorType::kPerformClose, __func__);
+  ALOGI("%s", __func__);
+  close_hci();
+  coex_device_.DeviceClose();
+}
+
+void BluetoothHci::thread_perform_init() {
+  DebugCentral::Get().UpdateRecord(AnchorType::kThreadPerformInit, __func__);
+  ALOGI("%s", __func__);
+  std::lock_guard<std::mutex> guard(mutex_);
+  perform_init();
+}
+
+void BluetoothHci::thread_perform_reinit() {
+  DebugCentral::Get().UpdateRecord(AnchorType::kThreadPerformReinit, __func__);
+  ALOGI("%s", __func__);
+  std::lock_guard<std::mutex> guard(mutex_);
+  // A close() that the stack asked for before it died may still be under way.
+  close_gate_.Enter();
+  stopTavioHalExtensions();
+  perform_close();
+  close_gate_.Leave();
+  perform_init();
+}
+
+void BluetoothHci::resetBtCallback() {
+  ALOGE("%s called", __func__);
+  DebugCentral::Get().UpdateRecord(AnchorType::kBigHammer,
+                                   StringPrintf("%s Big Hammer Occurred", __func__));
+  close_hci();
+}
+
+uint64_t BluetoothHci::CurrentAttachment() {
+  std::lock_guard<std::mutex> guard(extensions_lock_);
+  return attachment_;
+}
+
+void BluetoothHci::startTavioHalExtensions(uint64_t attachment) {
+  std::lock_guard<std::mutex> guard(extensions_lock_);
+  if (attachment != attachment_) return;
+  ALOGI("%s: Enable Bluetooth HAL Extensions", __func__);
+}
+
+void BluetoothHci::stopTavioHalExtensions() {
+  std::lock_guard<std::mutex> guard(extensions_lock_);
+  ++attachment_;
+  ALOGI("%s: Disable Bluetooth HAL Extensions", __func__);
+}
+
+// What the handler of a signal and the thread that acts on it share.
+namespace {
+int g_signal_event = -1;  // written once, before the handler is installed
+}
+
+void BluetoothHci::signal_handler(int signum) {
+  const int saved_errno = errno;
+  const uint64_t value = static_cast<uint64_t>(signum);
+  TEMP_FAILURE_RETRY(write(g_signal_event, &value, sizeof value));
+  errno = saved_errno;
+}
+
+void BluetoothHci::setup_signal_handler() {
+  ALOGI("%s:", __func__);
+  if (g_signal_event < 0) {
+    g_signal_event = eventfd(0, EFD_CLOEXEC);
+    std::thread([self = sp<BluetoothHci>(this)] {
+      pthread_setname_np(pthread_self(), "bthal_signal");
+      for (;;) {
+        uint64_t value = 0;
+        if (TEMP_FAILURE_RETRY(read(g_signal_event, &value, sizeof value)) < 0) return;
+        self->HandleTermination(SIGTERM);
+      }
+    }).detach();
+  }
+  struct sigaction action {};
+  action.sa_handler = signal_handler;
+  sigemptyset(&action.sa_mask);
+  ALOGI("%s: sigaction(SIGTERM)", __func__);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+void BluetoothHci::HandleTermination(int signum) {
+  ALOGW("%s: Caught Signal! signum: %d", "signal_handler", signum);
+  BtZvkProtocol::GetInstacne()->Shutdown();
+  hci::shim::Deinitialize();
+  set_hci_handle(nullptr);
+}
+
+}  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux

@@ -1,0 +1,307 @@
+#define LOG_TAG "coex_device"
+
+#include "coex_device.h"
+
+#include <android-base/stringprintf.h>
+#include <bthal/root.h>
+#include <fcntl.h>
+#include <log/log.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+
+#include "debug_central.h"
+#include "thread_role.h"
+#include "timer.h"
+
+namespace android::hardware::bluetooth::coex_device {
+namespace {
+
+using ::android::base::StringPrintf;
+using ::android::base::unique_fd;
+using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
+using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::BqrErrorCode;
+using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+
+constexpr char kDevice[] = "/dev/wbrc";
+constexpr char kThreadName[] = "BT_COEX_THREAD";
+
+// The driver's messages: class, one byte not looked at, kind, event code.
+constexpr size_t kMessageSize = 4;
+constexpr uint8_t kMessageClass = 1;
+constexpr uint8_t kMessageEvent = 1;
+constexpr uint8_t kResetNotice = 0x42;
+constexpr uint8_t kResetNoticeToAcknowledge = 0x43;
+constexpr uint8_t kAcknowledgement[] = {0x02, 0x02, 0x04, 0x81};
+
+// The thread is asked to leave by a signal after the first, and let go after the second.
+constexpr std::chrono::seconds kCloseTimeout{1};
+constexpr std::chrono::seconds kLetGoTimeout{2};
+
+void Record(AnchorType type, const std::string& text) {
+  DebugCentral::Get().UpdateRecord(type, text);
+}
+
+thread_local volatile sig_atomic_t t_asked_to_exit = 0;
+
+void sigusr1_handler(int /*signum*/) { t_asked_to_exit = 1; }
+
+// After every interrupted call on the poll thread.
+void ExitIfAsked() {
+  if (t_asked_to_exit == 0) return;
+  ALOGI("%s: pthread_exit(0)", "sigusr1_handler");
+  pthread_exit(nullptr);
+}
+
+// Retries call while it is interrupted.
+template <typename Call>
+ssize_t Interruptible(Call call) {
+  for (;;) {
+    const ssize_t result = call();
+    if (result >= 0 || errno != EINTR) return result;
+    ExitIfAsked();
+  }
+}
+
+void SleepFor(int delay_ms) {
+  timespec left = {delay_ms / 1000, delay_ms % 1000 * 1000000L};
+  Interruptible([&] { return nanosleep(&left, &left); });
+}
+
+}  // namespace
+
+// What the device and its thread share; it lives as long as either needs it.
+struct CoexDevice::Poller {
+  unique_fd coex_fd;        // closed by the thread at its end
+  unique_fd break_sockets[2];  // closing the second ends the first one's poll
+  std::atomic<bool> running{true};
+  pthread_t thread{};  // written before the device hands the poller out
+
+  std::mutex lock;
+  std::condition_variable ended;
+  std::function<void()> callback GUARDED_BY(lock);
+  int delay_ms GUARDED_BY(lock) = 0;
+  bool alive GUARDED_BY(lock) = true;  // the thread exists and may be signalled
+
+  void SetNotice(const std::function<void()>& new_callback, int new_delay_ms) EXCLUDES(lock) {
+    std::lock_guard<std::mutex> guard(lock);
+    callback = new_callback;
+    delay_ms = new_delay_ms;
+  }
+  bool IsAlive() EXCLUDES(lock) {
+    std::lock_guard<std::mutex> guard(lock);
+    return alive;
+  }
+
+  int ReadEvent();
+  bool WriteEvent(const uint8_t* bytes, uint8_t length);
+  void ClosePollThread() EXCLUDES(lock);
+  void coex_close_timeout() EXCLUDES(lock);
+  void JoinOrLetGo() EXCLUDES(lock);
+};
+
+int CoexDevice::Poller::ReadEvent() {
+  uint8_t message[kMessageSize] = {};
+  const ssize_t n =
+      Interruptible([&] { return read(coex_fd.get(), message, sizeof message); });
+  if (n < 0) {
+    const int error = errno;
+    ALOGE("%s Cannot read from wlbt driver: %s", __func__, strerror(error));
+    return -error;
+  }
+  if (n == 0) {
+    ALOGE("%s Cannot read from wlbt driver: %s", __func__, "end of file");
+    return -EPIPE;
+  }
+  const uint8_t event = message[3];
+  ALOGI("%s Read wlbt driver event: 0x%X", __func__, event);
+  if (message[0] != kMessageClass) {
+    ALOGW("%s Got unexpected message", __func__);
+    return 0;
+  }
+  if (message[2] != kMessageEvent) {
+    ALOGW("%s received unknown event", __func__);
+    return 0;
+  }
+  if (event != kResetNotice && event != kResetNoticeToAcknowledge) return 0;
+
+  std::function<void()> notify;
+  int delay = 0;
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    notify = callback;
+    delay = delay_ms;
+  }
+  notify();
+  ALOGI("%s Sleep : %d ms", __func__, delay);
+  SleepFor(delay);
+  if (event == kResetNoticeToAcknowledge) {
+    ALOGI("%s msg: 0x%X", "BtSend", kAcknowledgement[3]);
+    WriteEvent(kAcknowledgement, sizeof kAcknowledgement);
+  }
+  ClosePollThread();
+  DebugCentral::Get().ReportBqrError(BqrErrorCode::SocBigHammerFault,
+                                     "restart bt due to receiving Big Hammer Event!");
+  return 0;
+}
+
+bool CoexDevice::Poller::WriteEvent(const uint8_t* bytes, uint8_t length) {
+  ALOGI("%s", __func__);
+  if (Interruptible([&] { return write(coex_fd.get(), bytes, length); }) >= 0) return true;
+  ALOGE("Failed to write the message to coex device!!");
+  return false;
+}
+
+void CoexDevice::PollEventThread(const std::shared_ptr<Poller>& poller) {
+  // Also when the thread leaves by pthread_exit.
+  struct AtEnd {
+    Poller& poller;
+    ~AtEnd() {
+      poller.coex_fd.reset();
+      ALOGI("%s: Thread done", "PollEventThread");
+      Record(AnchorType::kCoexThreadDone, "PollEventThread, Thread done");
+      std::lock_guard<std::mutex> guard(poller.lock);
+      poller.alive = false;
+      poller.ended.notify_all();
+    }
+  } at_end{*poller};
+
+  g_thread_role = ThreadRole::kCoex;
+  ALOGI("%s: Thread created fd = %d", __func__, poller->coex_fd.get());
+  pthread_setname_np(pthread_self(), kThreadName);
+  struct sigaction action {};
+  action.sa_handler = sigusr1_handler;
+  if (sigaction(SIGUSR1, &action, nullptr) != 0) {
+    ALOGE("%s: Unable to set a SIGUSR1 signal handler", __func__);
+    return;
+  }
+  while (poller->running) {
+    pollfd fds[] = {{poller->coex_fd.get(), POLLIN, 0}, {poller->break_sockets[0].get(), 0, 0}};
+    if (Interruptible([&] { return poll(fds, 2, -1); }) < 0) {
+      ALOGE("%s: Cannot poll for fds: %s", __func__, strerror(errno));
+      return;
+    }
+    if ((fds[0].revents & POLLIN) != 0) {
+      ALOGI("%s: POLLIN", __func__);
+      if (poller->ReadEvent() < 0) return;
+    } else if (fds[0].revents != 0) {
+      ALOGI("%s: (POLLHUP | POLLERR)", __func__);
+      return;
+    }
+    if (fds[1].revents != 0) {
+      ALOGI("%s: socket event", __func__);
+      Record(AnchorType::kCoexSocketEvent, StringPrintf("%s, socket event", __func__));
+    }
+  }
+}
+
+void CoexDevice::Poller::coex_close_timeout() {
+  ALOGE("coex_close_timeout");
+  Record(AnchorType::kCoexThreadStuck, StringPrintf("%s: PollEventThread Stuck!", __func__));
+  std::lock_guard<std::mutex> guard(lock);
+  if (alive) pthread_kill(thread, SIGUSR1);
+}
+
+void CoexDevice::Poller::JoinOrLetGo() {
+  const auto deadline = std::chrono::steady_clock::now() + kLetGoTimeout;
+  std::unique_lock<std::mutex> guard(lock);
+  while (alive && ended.wait_until(guard, deadline) != std::cv_status::timeout) {
+  }
+  if (alive) {
+    pthread_detach(thread);
+  } else {
+    guard.unlock();
+    pthread_join(thread, nullptr);
+  }
+}
+
+void CoexDevice::Poller::ClosePollThread() {
+  ALOGI("%s", __func__);
+  running = false;
+  const bool own_thread = g_thread_role == ThreadRole::kCoex;
+  std::unique_ptr<Timer> timer;
+  if (!own_thread) {
+    timer = Timer::Create("bthal_coex", [this] { coex_close_timeout(); });
+    if (timer == nullptr) {
+      ALOGE("%s: cannot create coex_close_timer, ret:%d", "coex_close_timer_setup", -1);
+    } else {
+      timer->Arm(kCloseTimeout, std::chrono::milliseconds(0));
+    }
+  }
+  ALOGI("%s: close socket fds_1", __func__);
+  Record(AnchorType::kCoexSocket1Closed, StringPrintf("%s, close socket fds_1", __func__));
+  break_sockets[1].reset();
+  // The first socket is being polled: it is closed with the poller.
+  ALOGI("%s: close socket fds_0", __func__);
+  Record(AnchorType::kCoexSocket0Closed, StringPrintf("%s, close socket fds_0", __func__));
+  if (own_thread) return;
+  ALOGI("%s: pthread_join", __func__);
+  JoinOrLetGo();
+}
+
+CoexDevice::CoexDevice() = default;
+
+CoexDevice::~CoexDevice() { DeviceClose(); }
+
+bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms) {
+  ALOGI("%s", __func__);
+  std::lock_guard<std::mutex> guard(lock_);
+  if (poller_ != nullptr && poller_->IsAlive()) {
+    poller_->SetNotice(callback, delay_ms);
+    return true;
+  }
+  auto poller = std::make_shared<Poller>();
+  poller->coex_fd.reset(static_cast<int>(
+      TEMP_FAILURE_RETRY(bthal::root::Open(kDevice, O_RDWR | O_NOCTTY))));
+  if (poller->coex_fd.get() < 0) {
+    ALOGE("Failed to open the coex device!! Error: %s", strerror(errno));
+    return false;
+  }
+  int sockets[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) {
+    ALOGE("Failed to create socket pair!! Error: %s", strerror(errno));
+    return false;
+  }
+  poller->break_sockets[0].reset(sockets[0]);
+  poller->break_sockets[1].reset(sockets[1]);
+  poller->SetNotice(callback, delay_ms);
+
+  const int fd = poller->coex_fd.get();
+  auto argument = std::make_unique<std::shared_ptr<Poller>>(poller);
+  const auto routine = [](void* shared) -> void* {
+    const std::unique_ptr<std::shared_ptr<Poller>> own(static_cast<std::shared_ptr<Poller>*>(shared));
+    PollEventThread(*own);
+    return nullptr;
+  };
+  const int error = pthread_create(&poller->thread, nullptr, routine, argument.get());
+  if (error != 0) {
+    ALOGE("%s: pthread_create error: %s", "CreateThread", strerror(error));
+    return true;
+  }
+  argument.release();
+  poller_ = std::move(poller);
+  ALOGI("%s return upon created fd: %d", __func__, fd);
+  Record(AnchorType::kCoexOpened, StringPrintf("%s return upon created fd: %d", __func__, fd));
+  return true;
+}
+
+int CoexDevice::DeviceClose() {
+  ALOGI("%s", __func__);
+  std::shared_ptr<Poller> poller;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    poller.swap(poller_);
+  }
+  if (poller != nullptr) poller->ClosePollThread();
+  return 0;
+}
+
+}  // namespace android::hardware::bluetooth::coex_device

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <android-base/thread_annotations.h>
+#include <hidl/HidlSupport.h>
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "anchor_records.h"
+#include "bqr_error_code.h"
+#include "recursive_mutex.h"
+
+namespace android::hardware::bluetooth::hci {
+class HciFlowControl;
+class HciEventWatcher;
+}  // namespace android::hardware::bluetooth::hci
+
+namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
+
+// The process-wide diagnostics hub: keeps the records, watches the controller's error events,
+// writes crash files, prints everything into the HAL's debug output, and ends the process on a
+// fatal error. Built on first use, never destroyed. Any thread.
+class DebugCentral {
+ public:
+  using EventSink = std::function<void(const hidl_vec<uint8_t>& event)>;
+
+  static DebugCentral& Get();
+
+  void UpdateRecord(AnchorType type, const std::string& text) { records_.Add(type, text); }
+  // For the hot path: the text is made when the record is read.
+  void UpdateRecord(AnchorType type, AnchorFormatter formatter, const AnchorValues& values,
+                    const char* suffix) {
+    records_.Add(type, formatter, values, suffix);
+  }
+
+  // Where events that the hub makes itself go: the stack.
+  void SetEventSink(EventSink sink) EXCLUDES(lock_);
+
+  // Watches the events of flow until StopMonitor().
+  void StartMonitor(hci::HciFlowControl* flow) EXCLUDES(lock_);
+  // Also re-arms the crash dump.
+  void StopMonitor() EXCLUDES(lock_);
+
+  // Whether a command packet is the controller's debug dump command, which is not answered.
+  bool IsControllerDebugDumpOpcode(const hidl_vec<uint8_t>& command) const;
+
+  // Remembers the kernel log buffer that belongs to a UART: its path up to the first digit is
+  // replaced by "/dev/logbuffer_tty".
+  void SetBtUartDebugPort(const std::string& uart_port) EXCLUDES(lock_);
+
+  // The whole diagnostic picture, as text.
+  void Dump(int fd);
+  // Firmware description and records.
+  void dump_hal_log(int fd);
+
+  // Tells the stack, writes the crash files, and ends the process through the function named after
+  // code. Does not return, on any thread.
+  void ReportBqrError(BqrErrorCode code, std::string extra);
+
+  // Writes core dump and crash information, once per enable cycle.
+  void start_crash_dump(const std::string& reason) EXCLUDES(lock_);
+
+ private:
+  DebugCentral() = default;
+
+  bool handle_hardware_error(const hidl_vec<uint8_t>& event);
+  bool handle_vendor_specific_event(const hidl_vec<uint8_t>& event);
+  bool handle_scan_enable(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
+  void write_core_dump(int fd, const std::string& reason, const std::string& timestamp);
+  std::string uart_debug_port() EXCLUDES(lock_);
+
+  AnchorRecords records_;
+  RecursiveMutex lock_;
+  EventSink event_sink_ GUARDED_BY(lock_);
+  std::string uart_debug_port_ GUARDED_BY(lock_);
+  std::string crash_timestamp_ GUARDED_BY(lock_);  // empty: armed
+  std::vector<std::unique_ptr<hci::HciEventWatcher>> watchers_ GUARDED_BY(lock_);
+  std::atomic<uint32_t> crash_count_{0};
+};
+
+// Records that a scope is entered (" [ IN]") and left (" [OUT]").
+class DebugAnchor {
+ public:
+  DebugAnchor(AnchorType type, const std::string& name, DebugCentral& central);
+  // For the hot path.
+  DebugAnchor(AnchorType type, AnchorFormatter formatter, const AnchorValues& values,
+              DebugCentral& central);
+  ~DebugAnchor();
+  DebugAnchor(const DebugAnchor&) = delete;
+  DebugAnchor& operator=(const DebugAnchor&) = delete;
+
+ private:
+  DebugCentral& central_;
+  const std::string name_;
+  const AnchorType type_;
+  const AnchorFormatter formatter_ = nullptr;
+  const AnchorValues values_{};
+};
+
+}  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <android-base/thread_annotations.h>
+#include <android-base/unique_fd.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+
+#include "../hci_packet.h"
+#include "hci_packetizer.h"
+
+namespace android::hardware::bluetooth::hci {
+
+// H4 framing on a UART: writes packets behind their type byte, and cuts the incoming stream into
+// packets, each handed to the receiver of its type on the reader thread. Made by the transport
+// shim for each open port; the port stays the hardware control's, which closes it after Close().
+// After a fatal stream error the port is closed and nothing is delivered any more.
+class H4Protocol {
+ public:
+  H4Protocol(int fd, PacketReceiver event_cb, PacketReceiver acl_cb, PacketReceiver sco_cb,
+             PacketReceiver iso_cb);
+  H4Protocol(const H4Protocol&) = delete;
+  H4Protocol& operator=(const H4Protocol&) = delete;
+
+  // Writes one packet, waiting for room as long as the port is open. Returns the bytes written,
+  // type byte included; fewer than length + 1 after an error. Any thread, one packet at a time.
+  size_t Send(uint8_t type, const uint8_t* data, size_t length) EXCLUDES(fd_lock_);
+
+  // Reads what the port has. Reader thread only.
+  void OnDataReady(int fd);
+
+  // Cuts bytes of the stream into packets. Reader thread only.
+  void OnBytes(const uint8_t* data, size_t length);
+
+  // Ends a waiting Send() and a pause of the reader, and forgets the descriptor. Any thread.
+  void Close() EXCLUDES(fd_lock_);
+
+ private:
+  static constexpr size_t kReadSize = 65536;
+
+  void OnPacketReady();
+  void OnUnimplementedType(const uint8_t* data, size_t length);
+  // Keeps the reader from spinning on a port that hung up.
+  void Pause(std::chrono::milliseconds duration);
+  bool WaitForRoom() REQUIRES(fd_lock_);
+
+  std::mutex fd_lock_;
+  int uart_fd_ GUARDED_BY(fd_lock_);      // -1 once closed
+  const base::unique_fd closing_event_;  // readable for good once closing
+  const PacketReceiver event_cb_;
+  const PacketReceiver acl_cb_;
+  const PacketReceiver sco_cb_;
+  const PacketReceiver iso_cb_;
+  HciPacketType hci_packet_type_ = HCI_PACKET_TYPE_UNKNOWN;  // of the packet being received
+  HciPacketizer hci_packetizer_;
+  const std::unique_ptr<uint8_t[]> read_buffer_;
+};
+
+}  // namespace android::hardware::bluetooth::hci

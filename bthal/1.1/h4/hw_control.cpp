@@ -1,0 +1,294 @@
+#define LOG_TAG "bthal.hwcontrol"
+
+#include "hw_control.h"
+
+#include <android-base/logging.h>
+#include <android-base/stringprintf.h>
+#include <bthal/root.h>
+#include <fcntl.h>
+#include <log/log.h>
+#include <sys/socket.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <optional>
+#include <thread>
+
+#include "../conf.h"
+#include "../debug_central.h"
+#include "../debug_files.h"
+
+namespace android::hardware::bluetooth::hwcontrol {
+namespace {
+
+using ::android::base::StringPrintf;
+using ::android::base::unique_fd;
+using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
+using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::BqrErrorCode;
+using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugAnchor;
+using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+
+constexpr char kLpmControlPort[] = "/proc/bluetooth/sleep/btwrite";
+constexpr char kLpmDriver[] = "/proc/bluetooth/sleep/lpm";
+constexpr uint32_t kUserialTty = 1;
+constexpr std::chrono::milliseconds kPortSettleTime{50};
+constexpr std::chrono::milliseconds kWakeTime{10};
+
+void Record(AnchorType type, const std::string& text) {
+  DebugCentral::Get().UpdateRecord(type, text);
+}
+
+std::optional<speed_t> TermiosSpeed(UartBaudRate rate) {
+  switch (rate) {
+    case UartBaudRate::kRate115200:
+      return B115200;
+    case UartBaudRate::kRate3000000:
+      return B3000000;
+    case UartBaudRate::kRate4000000:
+      return B4000000;
+    default:
+      return std::nullopt;
+  }
+}
+
+// The state file of the first rfkill entry of type "bluetooth"; empty when there is none.
+std::string rfkill_state_finder() {
+  for (int index = 0;; ++index) {
+    const std::string entry = "/sys/class/rfkill/rfkill" + std::to_string(index);
+    const std::string path = entry + "/type";
+    const unique_fd fd(bthal::root::Open(path, O_RDONLY));
+    if (fd.get() < 0) {
+      LOG(INFO) << __func__ << ": Open(" << path << "): " << strerror(errno) << " (" << errno
+                << ")";
+      return "";
+    }
+    char buffer[16] = {};
+    const ssize_t n = TEMP_FAILURE_RETRY(read(fd.get(), buffer, sizeof buffer - 1));
+    std::string type(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+    type = type.substr(0, type.find('\n'));
+    LOG(DEBUG) << __func__ << ": rfkill candidate " << path << " is [" << type << "]";
+    if (type == "bluetooth") {
+      LOG(INFO) << __func__ << ": Use rfkill " << entry << "/state";
+      return entry + "/state";
+    }
+  }
+}
+
+bool ConfigureTty(int fd) {
+  termios settings{};
+  if (tcgetattr(fd, &settings) != 0) return false;
+  cfmakeraw(&settings);
+  settings.c_cflag |= CRTSCTS;
+  tcsetattr(fd, TCSANOW, &settings);
+  tcflush(fd, TCIOFLUSH);
+  tcsetattr(fd, TCSANOW, &settings);
+  tcflush(fd, TCIOFLUSH);
+  tcflush(fd, TCIOFLUSH);
+  cfsetspeed(&settings, B115200);
+  tcsetattr(fd, TCSANOW, &settings);
+  tcflush(fd, TCIOFLUSH);
+  return true;
+}
+
+unique_fd userial_tty_open() {
+  const std::string& port = conf::Config::GetInstance()->uart_port();
+  const std::string text = StringPrintf("%s: open %s", __func__, port.c_str());
+  ALOGI("%s", text.c_str());
+  Record(AnchorType::kTtyOpened, text);
+  DebugCentral::Get().SetBtUartDebugPort(port);
+  unique_fd fd(bthal::root::Open(port, O_RDWR | O_NOCTTY | O_NONBLOCK));
+  if (fd.get() < 0 || !ConfigureTty(fd.get())) {
+    LOG(ERROR) << __func__ << ": Can't open Bluetooth UART port: " << strerror(errno);
+    return {};
+  }
+  return fd;
+}
+
+unique_fd userial_socket_open() {
+  // From the kernel's Bluetooth socket interface.
+  constexpr int kBtProtoHci = 1;
+  constexpr uint16_t kHciChannelUser = 1;
+  struct {
+    sa_family_t family;
+    uint16_t device;
+    uint16_t channel;
+  } address = {AF_BLUETOOTH, 0, kHciChannelUser};
+
+  unique_fd fd(socket(AF_BLUETOOTH, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, kBtProtoHci));
+  if (fd.get() < 0) {
+    LOG(ERROR) << __func__ << ": Can't create Bluetooth HCI socket: " << strerror(errno);
+    return fd;
+  }
+  if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    LOG(ERROR) << __func__ << ": HCI User Channel Error: " << strerror(errno);
+    fd.reset();
+  }
+  return fd;
+}
+
+bool WriteCharacter(int fd, char character) {
+  return TEMP_FAILURE_RETRY(write(fd, &character, 1)) == 1;
+}
+
+}  // namespace
+
+BtHwControl& BtHwControl::Get() {
+  static auto* instance = new BtHwControl;
+  return *instance;
+}
+
+bool BtHwControl::PowerControl(bool on) {
+  const DebugAnchor anchor(AnchorType::kPowerControl, "PowerControl", DebugCentral::Get());
+  const std::string state_path = rfkill_state_finder();
+  if (state_path.empty()) {
+    LOG(INFO) << __func__ << ": Power sequence is not controlled by Bluetooth HAL";
+    return true;
+  }
+  const std::string text = StringPrintf("%s: %s, state_path: %s", __func__,
+                                        on ? "Enabling" : "Disabling", state_path.c_str());
+  ALOGI("%s", text.c_str());
+  Record(AnchorType::kPowerState, text);
+
+  const unique_fd fd(bthal::root::Open(state_path, O_WRONLY | O_NOCTTY));
+  if (fd.get() < 0) {
+    LOG(ERROR) << __func__ << ": Unable to open rfkill state {" << state_path
+               << "}: " << strerror(errno) << " (" << errno << ")";
+    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostPowerUpController,
+                                       "Unable to open rfkill state");
+    return false;
+  }
+  while (!WriteCharacter(fd.get(), on ? '1' : '0')) {
+    LOG(ERROR) << __func__ << ": Failed to change rfkill state: " << strerror(errno) << " ("
+               << errno << ")";
+    if (errno == EAGAIN) continue;
+    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostPowerUpController,
+                                       "Cannot write power control data");
+    return false;
+  }
+  return true;
+}
+
+bool BtHwControl::UserialOpen(uint32_t userial_type) {
+  const DebugAnchor anchor(AnchorType::kUserialOpen, "UserialOpen", DebugCentral::Get());
+  unique_fd fd = userial_type == kUserialTty ? userial_tty_open() : userial_socket_open();
+  if (fd.get() < 0) {
+    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostOpenUserial, "Host Open Port Error");
+    return false;
+  }
+  if (userial_type == kUserialTty) std::this_thread::sleep_for(kPortSettleTime);
+  LOG(INFO) << __func__ << ": USERIAL (" << fd.get() << ") Ready";
+  Record(AnchorType::kUserialReady,
+         StringPrintf("USERIAL Ready FD: <%d>, type: <%u>", fd.get(), userial_type));
+  uart_fd_.store(fd.release(), std::memory_order_release);
+  return true;
+}
+
+void BtHwControl::UserialClose() {
+  const DebugAnchor anchor(AnchorType::kUserialClose, "UserialClose", DebugCentral::Get());
+  unique_fd(uart_fd_.exchange(-1));
+}
+
+void BtHwControl::BaudrateChange(UartBaudRate rate) {
+  const std::optional<speed_t> speed = TermiosSpeed(rate);
+  if (!speed) {
+    LOG(INFO) << __func__ << ": Baud rate (" << static_cast<uint32_t>(rate) << ") unsupported";
+    return;
+  }
+  termios settings{};
+  tcgetattr(UartFd(), &settings);
+  cfmakeraw(&settings);
+  cfsetspeed(&settings, *speed);
+  tcsetattr(UartFd(), TCSANOW, &settings);
+  tcflush(UartFd(), TCIOFLUSH);
+}
+
+bool BtHwControl::IsLpmRunning() {
+  std::lock_guard<std::mutex> guard(lpm_lock_);
+  return lpm_fd_.get() >= 0;
+}
+
+bool BtHwControl::LpmSetup() {
+  ALOGI("%s: LPM enabling", __func__);
+  Record(AnchorType::kLpmEnabling, StringPrintf("%s: LPM enabling", __func__));
+  std::lock_guard<std::mutex> guard(lpm_lock_);
+  lpm_fd_.reset(bthal::root::Open(kLpmControlPort, O_WRONLY | O_NOCTTY));
+  if (lpm_fd_.get() < 0) {
+    ALOGE("%s: Unable to open LPM control port, %s (%d)", __func__, strerror(errno), errno);
+    LOG(ERROR) << __func__ << ": Unable to open LPM control port (" << kLpmControlPort
+               << "): " << strerror(errno);
+    return false;
+  }
+  const unique_fd driver(bthal::root::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
+  if (driver.get() < 0) {
+    ALOGE("%s: Unable to open LPM driver, %s (%d)", __func__, strerror(errno), errno);
+    lpm_fd_.reset();
+    return false;
+  }
+  if (!WriteCharacter(driver.get(), '1')) {
+    LOG(ERROR) << __func__ << ": Unable to enable LPM driver (" << kLpmDriver
+               << "): " << strerror(errno);
+    lpm_fd_.reset();
+    return false;
+  }
+  if (!WriteCharacter(lpm_fd_.get(), '1')) {
+    ALOGE("%s: Unable to wake up LPM: %s (%d)", __func__, strerror(errno), errno);
+    return false;
+  }
+  return true;
+}
+
+void BtHwControl::LpmTeardown() {
+  ALOGI("%s: LPM disabling", __func__);
+  Record(AnchorType::kLpmDisabling, StringPrintf("%s: LPM disabling", __func__));
+  std::lock_guard<std::mutex> guard(lpm_lock_);
+  lpm_fd_.reset();
+  const unique_fd driver(bthal::root::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
+  if (driver.get() < 0) {
+    ALOGE("%s: Unable to close LPM driver, %s (%d)", __func__, strerror(errno), errno);
+  } else if (!WriteCharacter(driver.get(), '0')) {
+    LOG(ERROR) << __func__ << ": Unable to disable LPM driver (" << kLpmDriver
+               << "): " << strerror(errno);
+  }
+  LOG(INFO) << __func__ << ": LPM Disabled";
+  Record(AnchorType::kLpmDisabled, StringPrintf("%s: LPM Disabled", __func__));
+}
+
+bool BtHwControl::LpmWakeUp() {
+  {
+    std::lock_guard<std::mutex> guard(lpm_lock_);
+    if (lpm_fd_.get() < 0) return true;
+    if (!WriteCharacter(lpm_fd_.get(), '1')) {
+      ALOGE("%s: Unable to wake up LPM, %s (%d)", __func__, strerror(errno), errno);
+      return false;
+    }
+  }
+  std::this_thread::sleep_for(kWakeTime);
+  Record(AnchorType::kLpmAssert, StringPrintf("%s: Assert", __func__));
+  return true;
+}
+
+bool BtHwControl::LpmSuspend() {
+  {
+    std::lock_guard<std::mutex> guard(lpm_lock_);
+    if (lpm_fd_.get() < 0) return true;
+    if (WriteCharacter(lpm_fd_.get(), '0')) {
+      Record(AnchorType::kLpmDeassert, StringPrintf("%s: Deassert", __func__));
+      return true;
+    }
+    ALOGE("%s: Unable to suspend LPM, %s (%d)", __func__, strerror(errno), errno);
+    LOG(ERROR) << __func__ << ": Unable to suspend LPM:" << strerror(errno);
+    // Leaves the line in a known state.
+    WriteCharacter(lpm_fd_.get(), '1');
+  }
+  std::this_thread::sleep_for(kWakeTime);
+  return false;
+}
+
+void BtHwControl::GetFsDebugDump(int fd, const std::string& path) {
+  V1_1::zvkbtlinux::debug::dump_debugfs_to_fd(fd, path);
+}
+
+}  // namespace android::hardware::bluetooth::hwcontrol

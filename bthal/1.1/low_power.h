@@ -1,0 +1,59 @@
+#pragma once
+
+#include <android-base/thread_annotations.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "timer.h"
+
+namespace android::hardware::bluetooth {
+
+// One awake period of the controller.
+struct bthal_wakelock_stat_t {
+  std::string wake_time;      // local time, HH:MM:SS:mmm
+  std::string sleep_time;     // likewise
+  uint32_t duration_ms = 0;
+  uint32_t transmissions = 0;
+};
+
+// Lets the controller sleep when nothing was sent for one to two timer periods, wakes it before
+// each transmission, and holds the wake lock while it is awake. Owned by BtZvkProtocol. Any thread.
+class LowPower {
+ public:
+  LowPower() = default;
+  LowPower(const LowPower&) = delete;
+  LowPower& operator=(const LowPower&) = delete;
+
+  // Switches the low-power mode on: transport, timer, then the controller through
+  // set_sleep_mode, which returns whether the controller accepted. Off again when a step fails.
+  void Setup(const std::function<bool()>& set_sleep_mode) EXCLUDES(lock_);
+  void Teardown() EXCLUDES(lock_);
+
+  // Before each transmission. True when the controller is awake, or the mode is off.
+  bool WakeUp() EXCLUDES(lock_);
+
+ private:
+  static constexpr std::chrono::milliseconds kPeriod{800};
+
+  void OnTimer() EXCLUDES(lock_);
+  // Ends the awake state; returns the timer, to be deleted without the lock.
+  [[nodiscard]] std::unique_ptr<Timer> Reset() REQUIRES(lock_);
+  void wakelock_acquire() REQUIRES(lock_);
+  void wakelock_release() REQUIRES(lock_);
+
+  std::mutex lock_;
+  std::unique_ptr<Timer> timer_ GUARDED_BY(lock_);
+  bool active_ GUARDED_BY(lock_) = false;  // something was sent since the last tick
+  bool awake_ GUARDED_BY(lock_) = false;
+  bool wake_lock_held_ GUARDED_BY(lock_) = false;
+  uint32_t transmissions_ GUARDED_BY(lock_) = 0;  // since the last suspend
+  std::chrono::steady_clock::time_point wake_time_ GUARDED_BY(lock_);
+  bthal_wakelock_stat_t last_statistics_ GUARDED_BY(lock_);
+};
+
+}  // namespace android::hardware::bluetooth

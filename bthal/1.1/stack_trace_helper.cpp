@@ -1,0 +1,66 @@
+#define LOG_TAG "bthal.debug_central"
+
+#include "stack_trace_helper.h"
+
+#include <android-base/logging.h>
+
+#include <map>
+
+namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
+namespace {
+
+struct AbortEntry {
+  BqrErrorCode code;
+  void (*abort)(std::string message);
+};
+
+const AbortEntry kAbortTable[] = {
+#define BTHAL_ENTRY(code, name, text) {BqrErrorCode::name, name},
+    BTHAL_BQR_ERRORS(BTHAL_ENTRY)
+#undef BTHAL_ENTRY
+};
+
+std::map<BqrErrorCode, std::string> MakeMessages() {
+  const struct {
+    BqrErrorCode code;
+    const char* text;
+  } rows[] = {
+#define BTHAL_ROW(code, name, text) {BqrErrorCode::name, text},
+      BTHAL_BQR_ERRORS(BTHAL_ROW)
+#undef BTHAL_ROW
+  };
+  std::map<BqrErrorCode, std::string> messages;
+  for (const auto& row : rows) {
+    if (row.text != nullptr) messages.emplace(row.code, row.text);
+  }
+  return messages;
+}
+
+}  // namespace
+
+// The empty assembly differs from function to function, so that none is folded into another.
+#define BTHAL_DEFINE(code, name, text)                             \
+  __attribute__((noinline)) void name(std::string message) {       \
+    asm volatile("# " #name);                                      \
+    LOG(FATAL) << message;                                         \
+  }
+BTHAL_BQR_ERRORS(BTHAL_DEFINE)
+#undef BTHAL_DEFINE
+
+const std::string& MessageOf(BqrErrorCode code) noexcept {
+  static const auto* messages = new std::map<BqrErrorCode, std::string>(MakeMessages());
+  return messages->at(code);
+}
+
+void LogFatal(BqrErrorCode code, const std::string& extra) {
+  std::string message = "Bluetooth HAL crash with error code 0, vendor error code " +
+                        std::to_string(static_cast<int>(code));
+  if (!extra.empty()) message += ", extra info: " + extra;
+  for (const AbortEntry& entry : kAbortTable) {
+    if (entry.code == code) entry.abort(message);
+  }
+  LOG(FATAL) << message;
+  abort();
+}
+
+}  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug

@@ -1,0 +1,63 @@
+// The one place that knows which transport carries HCI: everything above calls these functions and
+// never a transport. Any thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "bqr_error_code.h"
+#include "hci_flow_control.h"
+#include "hci_packet.h"
+#include "uart_baud_rate.h"
+
+namespace android::hardware::bluetooth::hci::shim {
+
+// Userial types. 0 is a port whose kernel driver initialises the controller itself.
+inline constexpr uint32_t kUserialAutoInit = 0;
+inline constexpr uint32_t kUserialTty = 1;
+inline constexpr uint32_t kUserialCoProcessor = 2;
+inline constexpr uint32_t kUserialClosed = 3;
+
+// Selects the transport, power-cycles the controller, opens the port and starts reading. The
+// functions receive the controller's packets on the reader thread. Returns the flow control, owned
+// here until Deinitialize(), or null after undoing what had been switched on.
+HciFlowControl* InitializeHciHandle(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
+                                    const PacketReceiver& sco_cb, const PacketReceiver& iso_cb);
+
+// Stops the reader, halts and drops the flow control, closes the port, powers off. Runs once: a
+// second caller waits for the first, or returns at once on a thread that the first may wait for.
+void Deinitialize();
+
+// Connects and disconnects the packet receivers; called for the flow control.
+void InitializeCallback(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
+                        const PacketReceiver& sco_cb, const PacketReceiver& iso_cb);
+void DeinitializeCallback();
+
+// Writes one packet. flag: it is a flow-controlled command. Returns the bytes accepted.
+size_t Send(uint8_t type, const uint8_t* data, size_t length, bool flag);
+
+void BaudrateChange(UartBaudRate rate);
+uint32_t RequiredBaudRate();
+
+bool LpmSetup();
+void LpmTeardown();
+bool LpmSuspend();
+bool LpmWakeUp();
+bool IsLpmRunning();
+
+uint32_t GetUserialType();
+bool IsUserialAutoInit();
+bool SupportBaudRateChange();
+// The port is open.
+bool IsUserialReady();
+// The port is open and the flow control exists.
+bool IsInitialized();
+
+// Appends the transport's own debug files to fd.
+bool GetTlDebugDump(int fd, const std::string& first, const std::string& second);
+
+// A fatal error of the stream: shuts the controller down and closes the port. On the UART the
+// error is not reported and the flow control stays until the next Deinitialize().
+void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, std::string reason);
+
+}  // namespace android::hardware::bluetooth::hci::shim
