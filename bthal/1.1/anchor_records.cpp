@@ -47,9 +47,9 @@ void AnchorRecords::Add(AnchorType type, AnchorFormatter formatter, const Anchor
 }
 
 AnchorRecords::Line AnchorRecords::ToLine(const Record& record) {
-  return {record.formatter == nullptr ? record.text
-                                      : record.formatter(record.values) + record.suffix,
-          FormatTimestamp(record.time)};
+  return {
+      record.formatter == nullptr ? record.text : record.formatter(record.values) + record.suffix,
+      FormatTimestamp(record.time)};
 }
 
 std::vector<AnchorRecords::Line> AnchorRecords::History() const {

@@ -158,6 +158,7 @@ void AsyncFdWatcher::StopWatchingFileDescriptor(int fd) {
   }
   if (run == nullptr) return;
   std::unique_lock<std::mutex> run_guard(run->lock);
+  const base::ScopedLockAssertion locked(run->lock);
   run->watched.erase(fd);
   run->Wake();
   if (g_thread_role == ThreadRole::kReader) return;

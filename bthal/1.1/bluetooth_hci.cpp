@@ -33,7 +33,7 @@ uint32_t ShownSize(const hidl_vec<uint8_t>& packet) {
 }
 
 std::string CommandText(const AnchorValues& v) {
-  return StringPrintf("sendHciCommand: 0x%02hhX%02hhX - %u bytes", v[0], v[1], v[2]);
+  return StringPrintf("sendHciCommand: 0x%02X%02X - %u bytes", v[0], v[1], v[2]);
 }
 std::string AclText(const AnchorValues& v) { return StringPrintf("sendAclData: %u bytes", v[0]); }
 std::string ScoText(const AnchorValues& v) { return StringPrintf("sendScoData: %u bytes", v[0]); }
@@ -99,6 +99,7 @@ void BluetoothHci::initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
   const uint64_t attachment = CurrentAttachment();
 
   std::unique_lock<std::mutex> guard(mutex_);
+  const base::ScopedLockAssertion locked(mutex_);
   while (workers_ > 0) worker_ended_.wait(guard);
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported() && hci::shim::IsUserialReady()) {
     if (!BtZvkProtocol::GetInstacne()->AcceleratedReset()) {
@@ -169,9 +170,9 @@ void BluetoothHci::SendPacket(hci::HciPacketType type, const hidl_vec<uint8_t>& 
 }
 
 Return<void> BluetoothHci::sendHciCommand(const hidl_vec<uint8_t>& packet) {
-  const DebugAnchor anchor(
-      AnchorType::kSendHciCommand, CommandText,
-      {hci::ByteAt(packet, 1), hci::ByteAt(packet, 0), ShownSize(packet)}, DebugCentral::Get());
+  const DebugAnchor anchor(AnchorType::kSendHciCommand, CommandText,
+                           {hci::ByteAt(packet, 1), hci::ByteAt(packet, 0), ShownSize(packet)},
+                           DebugCentral::Get());
   SendPacket(hci::HCI_PACKET_TYPE_COMMAND, packet);
   return Void();
 }

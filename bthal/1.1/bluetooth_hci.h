@@ -89,7 +89,7 @@ class BluetoothHci : public IBluetoothHci {
   std::shared_ptr<hci::HciFlowControl> hci_handle() EXCLUDES(handle_lock_);
   void set_hci_handle(hci::HciFlowControl* handle) EXCLUDES(handle_lock_);
 
-  std::mutex handle_lock_;  // a leaf
+  std::mutex handle_lock_;                                                    // a leaf
   std::shared_ptr<hci::HciFlowControl> hci_handle_ GUARDED_BY(handle_lock_);  // null: down
   coex_device::CoexDevice coex_device_;
 

@@ -75,8 +75,8 @@ hidl_vec<uint8_t> btzvk_last_completion() {
   return Last().event;
 }
 
-uint8_t btzvk_send_command_wait_complete(hci::HciFlowControl* flow, uint16_t opcode,
-                                         uint8_t length, const uint8_t* params) {
+uint8_t btzvk_send_command_wait_complete(hci::HciFlowControl* flow, uint16_t opcode, uint8_t length,
+                                         const uint8_t* params) {
   BtzvkEventWatcher watcher(opcode);
   std::future<uint8_t> future = watcher.Result();
   if (flow != nullptr) {
@@ -90,8 +90,8 @@ uint8_t btzvk_send_command_wait_complete(hci::HciFlowControl* flow, uint16_t opc
 
   const uint8_t result = future.get();
   if (result != 0) {
-    const std::string text =
-        StringPrintf("%s: opcode 0x%04x LEN 0x%02x Result 0x%02x", __func__, opcode, length, result);
+    const std::string text = StringPrintf("%s: opcode 0x%04x LEN 0x%02x Result 0x%02x", __func__,
+                                          opcode, length, result);
     LOG(ERROR) << __func__
                << StringPrintf(": 0x%04x LEN 0x%02x Result 0x%02x", opcode, length, result);
     DebugCentral::Get().UpdateRecord(AnchorType::kCommandFailed, text);

@@ -49,8 +49,7 @@ bool BtZvkProtocol::enable_fast_download() {
   const uint8_t params[] = {0x00, 0x01};
   const uint8_t status = send_and_wait(kOpcodeSetDownloadConfig, sizeof params, params);
   if (status == 0) return true;
-  LOG(ERROR) << __func__
-             << ": Set Download Config command returned: " << static_cast<int>(status);
+  LOG(ERROR) << __func__ << ": Set Download Config command returned: " << static_cast<int>(status);
   Record(AnchorType::kFastDownload,
          StringPrintf("%s: Set Download Config command returned: 0x%2X", __func__, status));
   return false;
@@ -139,8 +138,7 @@ bool BtZvkProtocol::send_firmware_records(const std::string& path) {
     }
   }
   if (result != FirmwarePatch::Result::kEnd) {
-    const char* part =
-        result == FirmwarePatch::Result::kShortPreamble ? "preamble" : "parameters";
+    const char* part = result == FirmwarePatch::Result::kShortPreamble ? "preamble" : "parameters";
     LOG(ERROR) << kDownload << ": Failed to read patchram " << part << " (" << patch.count()
                << "): " << strerror(errno) << " (" << errno << ")";
     return false;

@@ -80,7 +80,7 @@ void SleepFor(int delay_ms) {
 
 // What the device and its thread share; it lives as long as either needs it.
 struct CoexDevice::Poller {
-  unique_fd coex_fd;        // closed by the thread at its end
+  unique_fd coex_fd;           // closed by the thread at its end
   unique_fd break_sockets[2];  // closing the second ends the first one's poll
   std::atomic<bool> running{true};
   pthread_t thread{};  // written before the device hands the poller out
@@ -110,8 +110,7 @@ struct CoexDevice::Poller {
 
 int CoexDevice::Poller::ReadEvent() {
   uint8_t message[kMessageSize] = {};
-  const ssize_t n =
-      Interruptible([&] { return read(coex_fd.get(), message, sizeof message); });
+  const ssize_t n = Interruptible([&] { return read(coex_fd.get(), message, sizeof message); });
   if (n < 0) {
     const int error = errno;
     ALOGE("%s Cannot read from wlbt driver: %s", __func__, strerror(error));
@@ -212,13 +211,17 @@ void CoexDevice::Poller::coex_close_timeout() {
 
 void CoexDevice::Poller::JoinOrLetGo() {
   const auto deadline = std::chrono::steady_clock::now() + kLetGoTimeout;
-  std::unique_lock<std::mutex> guard(lock);
-  while (alive && ended.wait_until(guard, deadline) != std::cv_status::timeout) {
+  bool stuck = false;
+  {
+    std::unique_lock<std::mutex> guard(lock);
+    const base::ScopedLockAssertion locked(lock);
+    while (alive && ended.wait_until(guard, deadline) != std::cv_status::timeout) {
+    }
+    stuck = alive;
   }
-  if (alive) {
+  if (stuck) {
     pthread_detach(thread);
   } else {
-    guard.unlock();
     pthread_join(thread, nullptr);
   }
 }
@@ -259,8 +262,8 @@ bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms)
     return true;
   }
   auto poller = std::make_shared<Poller>();
-  poller->coex_fd.reset(static_cast<int>(
-      TEMP_FAILURE_RETRY(bthal::root::Open(kDevice, O_RDWR | O_NOCTTY))));
+  poller->coex_fd.reset(
+      static_cast<int>(TEMP_FAILURE_RETRY(bthal::root::Open(kDevice, O_RDWR | O_NOCTTY))));
   if (poller->coex_fd.get() < 0) {
     ALOGE("Failed to open the coex device!! Error: %s", strerror(errno));
     return false;
@@ -277,7 +280,8 @@ bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms)
   const int fd = poller->coex_fd.get();
   auto argument = std::make_unique<std::shared_ptr<Poller>>(poller);
   const auto routine = [](void* shared) -> void* {
-    const std::unique_ptr<std::shared_ptr<Poller>> own(static_cast<std::shared_ptr<Poller>*>(shared));
+    const std::unique_ptr<std::shared_ptr<Poller>> own(
+        static_cast<std::shared_ptr<Poller>*>(shared));
     PollEventThread(*own);
     return nullptr;
   };

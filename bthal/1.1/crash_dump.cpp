@@ -67,10 +67,9 @@ void DebugCentral::start_crash_dump(const std::string& reason) {
   const std::string info_path = kDumpDirectory + (kCrashInfoPrefix + timestamp) + ".txt";
   const base::unique_fd info = CreateReadOnlyFile(info_path, "crashinfo", __func__);
   if (info.get() < 0) return;
-  base::WriteStringToFd(
-      base::StringPrintf("crash_reason: %s\ncrash_count: %u\ntimestamp: %s\n", reason.c_str(),
-                         ++crash_count_, timestamp.c_str()),
-      info);
+  base::WriteStringToFd(base::StringPrintf("crash_reason: %s\ncrash_count: %u\ntimestamp: %s\n",
+                                           reason.c_str(), ++crash_count_, timestamp.c_str()),
+                        info);
 }
 
 void DebugCentral::write_core_dump(int fd, const std::string& reason,

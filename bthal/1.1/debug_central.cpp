@@ -26,7 +26,6 @@ namespace {
 using ::android::base::StringPrintf;
 
 constexpr uint16_t kOpcodeDebugDump = 0xFD5B;
-constexpr uint16_t kOpcodeVendorCapabilities = 0xFD53;
 constexpr uint16_t kOpcodeSetExtendedScanEnable = 0x2042;
 
 // Records cut their text to what a buffer of 128 bytes holds.
@@ -83,8 +82,8 @@ void DebugCentral::StartMonitor(hci::HciFlowControl* flow) {
   std::vector<std::unique_ptr<hci::HciEventWatcher>> fresh;
   const auto add = [&](const char* name, uint16_t event_code, uint16_t opcode,
                        DebugEventWatcher::Handler handler) {
-    fresh.push_back(std::make_unique<DebugEventWatcher>(name, flow, event_code, opcode,
-                                                        std::move(handler)));
+    fresh.push_back(
+        std::make_unique<DebugEventWatcher>(name, flow, event_code, opcode, std::move(handler)));
   };
   add("debug_HwError", hci::kEventHardwareError, 0,
       [this](const hidl_vec<uint8_t>& event) { return handle_hardware_error(event); });

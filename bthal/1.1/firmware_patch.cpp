@@ -54,8 +54,8 @@ bool FirmwarePatch::Open(const std::string& path) {
 void FirmwarePatch::Read(uint8_t* bytes, size_t size) {
   count_ = 0;
   while (static_cast<size_t>(count_) < size) {
-    const ssize_t n = TEMP_FAILURE_RETRY(
-        read(fd_.get(), bytes + count_, size - static_cast<size_t>(count_)));
+    const ssize_t n =
+        TEMP_FAILURE_RETRY(read(fd_.get(), bytes + count_, size - static_cast<size_t>(count_)));
     if (n < 0 && count_ == 0) count_ = -1;
     if (n <= 0) return;
     count_ += n;

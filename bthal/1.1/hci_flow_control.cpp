@@ -140,9 +140,9 @@ bool HciFlowControl::HciEventPreProcess(const hidl_vec<uint8_t>& event) {
 void HciFlowControl::HciEventPostProcess(const hidl_vec<uint8_t>& event) {
   const uint16_t opcode = hci_event_extract_command_opcode(event);
   const unsigned credits = CreditsOf(event);
-  LOG(VERBOSE) << __func__ << ": HCI Event " << StringPrintf("%#hx", ByteAt(event, 0))
-               << " Opcode " << StringPrintf("%#x", opcode) << " credits " << credits << " <"
-               << toString(event) << ">";
+  LOG(VERBOSE) << __func__ << ": HCI Event " << StringPrintf("%#hx", ByteAt(event, 0)) << " Opcode "
+               << StringPrintf("%#x", opcode) << " credits " << credits << " <" << toString(event)
+               << ">";
 
   std::lock_guard<std::mutex> guard(lock_);
   if (IsHalted(__func__)) return;

@@ -15,8 +15,8 @@ namespace android::hardware::bluetooth {
 
 // One awake period of the controller.
 struct bthal_wakelock_stat_t {
-  std::string wake_time;      // local time, HH:MM:SS:mmm
-  std::string sleep_time;     // likewise
+  std::string wake_time;   // local time, HH:MM:SS:mmm
+  std::string sleep_time;  // likewise
   uint32_t duration_ms = 0;
   uint32_t transmissions = 0;
 };

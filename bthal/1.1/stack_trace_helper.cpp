@@ -39,10 +39,10 @@ std::map<BqrErrorCode, std::string> MakeMessages() {
 }  // namespace
 
 // The empty assembly differs from function to function, so that none is folded into another.
-#define BTHAL_DEFINE(code, name, text)                             \
-  __attribute__((noinline)) void name(std::string message) {       \
-    asm volatile("# " #name);                                      \
-    LOG(FATAL) << message;                                         \
+#define BTHAL_DEFINE(code, name, text)                       \
+  __attribute__((noinline)) void name(std::string message) { \
+    asm volatile("# " #name);                                \
+    LOG(FATAL) << message;                                   \
   }
 BTHAL_BQR_ERRORS(BTHAL_DEFINE)
 #undef BTHAL_DEFINE

@@ -17,6 +17,7 @@ class TeardownGate {
   // once and must return.
   bool Enter() EXCLUDES(lock_) {
     std::unique_lock<std::mutex> lock(lock_);
+    const base::ScopedLockAssertion locked(lock_);
     while (busy_) {
       if (IsJoinedByTeardown()) return false;
       idle_.wait(lock);

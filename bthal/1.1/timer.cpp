@@ -19,8 +19,10 @@ struct Timer::State {
   bool stopped GUARDED_BY(lock) = false;
   std::thread thread;  // written before the timer is handed out, then only by its destructor
 
-  void Run(const std::function<void()>& callback) {
+  // Sleeps until the next expiry, and sets the one after it. False once the timer is deleted.
+  bool WaitForExpiry() EXCLUDES(lock) {
     std::unique_lock<std::mutex> guard(lock);
+    const base::ScopedLockAssertion locked(lock);
     while (!stopped) {
       if (!expiry) {
         changed.wait(guard);
@@ -33,18 +35,19 @@ struct Timer::State {
         } else {
           expiry.reset();
         }
-        guard.unlock();
-        callback();
-        guard.lock();
+        return true;
       }
     }
+    return false;
   }
 };
 
 std::unique_ptr<Timer> Timer::Create(const char* name, std::function<void()> callback) {
   auto state = std::make_shared<State>();
   try {
-    state->thread = std::thread([state, callback = std::move(callback)] { state->Run(callback); });
+    state->thread = std::thread([state, callback = std::move(callback)] {
+      while (state->WaitForExpiry()) callback();
+    });
   } catch (const std::system_error&) {
     return nullptr;
   }

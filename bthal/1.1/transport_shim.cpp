@@ -126,8 +126,8 @@ void Deinitialize() {
 
 void InitializeCallback(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
                         const PacketReceiver& sco_cb, const PacketReceiver& iso_cb) {
-  auto h4 = std::make_shared<H4Protocol>(BtHwControl::Get().UartFd(), event_cb, acl_cb, sco_cb,
-                                         iso_cb);
+  auto h4 =
+      std::make_shared<H4Protocol>(BtHwControl::Get().UartFd(), event_cb, acl_cb, sco_cb, iso_cb);
   std::lock_guard<std::mutex> guard(State().lock);
   State().h4 = std::move(h4);
 }

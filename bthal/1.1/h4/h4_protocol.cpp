@@ -97,10 +97,9 @@ size_t H4Protocol::Send(uint8_t type, const uint8_t* data, size_t length) {
     }
     written += static_cast<size_t>(n);
     if (written == total) return total;
-    const std::string text =
-        StringPrintf("%s: %d/%d bytes written - retrying remaining %d bytes", __func__,
-                     static_cast<int>(written), static_cast<int>(total),
-                     static_cast<int>(total - written));
+    const std::string text = StringPrintf(
+        "%s: %d/%d bytes written - retrying remaining %d bytes", __func__,
+        static_cast<int>(written), static_cast<int>(total), static_cast<int>(total - written));
     ALOGW("%s", text.c_str());
     DebugCentral::Get().UpdateRecord(AnchorType::kH4Send, text);
     Advance(&list, &count, static_cast<size_t>(n));

@@ -46,7 +46,7 @@ class H4Protocol {
   bool WaitForRoom() REQUIRES(fd_lock_);
 
   std::mutex fd_lock_;
-  int uart_fd_ GUARDED_BY(fd_lock_);      // -1 once closed
+  int uart_fd_ GUARDED_BY(fd_lock_);     // -1 once closed
   const base::unique_fd closing_event_;  // readable for good once closing
   const PacketReceiver event_cb_;
   const PacketReceiver acl_cb_;
