@@ -34,7 +34,8 @@ void BM_Event(benchmark::State& state) {
     watchers.push_back(std::make_unique<Watcher>(opcode));
     flow->RegisterEventWatcher(watchers.back().get());
   }
-  const hidl_vec<uint8_t> event = {kEventCommandComplete, 4, 1, kMatching & 0xFF, kMatching >> 8, 0};
+  const hidl_vec<uint8_t> event = {kEventCommandComplete, 4, 1, kMatching & 0xFF,
+                                   kMatching >> 8,        0};
   for (auto _ : state) flow->OnHciEventReady(event, deliver);
   for (const auto& watcher : watchers) flow->UnregisterEventWatcher(watcher.get());
   if (delivered != state.iterations()) state.SkipWithError("events lost");

@@ -26,7 +26,8 @@ void Append(Stream* stream, std::mt19937* random, HciPacketType type, size_t pay
   const PreambleFormat& format = kPreambles[type];
   std::vector<uint8_t> preamble(format.size, 0x42);
   preamble[format.length_offset] = static_cast<uint8_t>(payload);
-  if (format.length_size == 2) preamble[format.length_offset + 1] = static_cast<uint8_t>(payload >> 8);
+  if (format.length_size == 2)
+    preamble[format.length_offset + 1] = static_cast<uint8_t>(payload >> 8);
   bytes.insert(bytes.end(), preamble.begin(), preamble.end());
   for (size_t i = 0; i < payload; ++i) bytes.push_back(static_cast<uint8_t>((*random)()));
   ++stream->packets;
