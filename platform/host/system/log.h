@@ -1,0 +1,17 @@
+// Where log lines go: stderr, and a file once a daemon has opened one.
+#pragma once
+
+#include <string>
+
+namespace bthal::log {
+
+// Lines also go to the file at path from now on, behind what it holds. At kMaxFileBytes it becomes
+// path + ".1", in place of an older one, and a new file begins. False with errno on failure.
+constexpr size_t kMaxFileBytes = 1 << 20;
+bool OpenFile(const std::string& path);
+
+// The message of the fatal line that is ending this process; empty before there is one. For the
+// handler of the signal that follows it: it does not lock.
+const char* AbortMessage();
+
+}  // namespace bthal::log

@@ -1,0 +1,202 @@
+// System properties, kept in this process: they replace those of libbase, which neither lie in
+// files nor are safe to use on several threads. Read at first use from vendor/build.prop and then
+// data/property/persistent.prop; those whose name begins with "persist." are written back to the
+// latter as soon as they change. One "name=value" a line, "#" begins a comment.
+#define LOG_TAG "bthal.properties"
+
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/parsebool.h>
+#include <android-base/parseint.h>
+#include <android-base/properties.h>
+#include <android-base/strings.h>
+#include <android-base/thread_annotations.h>
+#include <android-base/unique_fd.h>
+#include <cutils/properties.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bthal/root.h"
+
+namespace {
+
+constexpr char kBuildFile[] = "/vendor/build.prop";
+constexpr char kPersistentFile[] = "/data/property/persistent.prop";
+
+bool IsComment(const std::string& line) {
+  const std::string text = android::base::Trim(line);
+  return text.empty() || text.front() == '#';
+}
+
+// A line's name and value; nothing when it has none.
+std::optional<std::pair<std::string, std::string>> Parse(const std::string& line) {
+  const size_t equals = line.find('=');
+  if (equals == std::string::npos) return std::nullopt;
+  const std::string name = android::base::Trim(line.substr(0, equals));
+  if (name.empty() || name.find_first_of(" \t") != std::string::npos) return std::nullopt;
+  return std::make_pair(name, android::base::Trim(line.substr(equals + 1)));
+}
+
+std::vector<std::string> ReadLines(const char* path) {
+  std::string text;
+  if (!android::base::ReadFileToString(bthal::root::Resolve(path), &text)) {
+    if (errno != ENOENT) PLOG(ERROR) << path;
+    return {};
+  }
+  std::vector<std::string> lines = android::base::Split(text, "\n");
+  if (lines.back().empty()) lines.pop_back();
+  return lines;
+}
+
+// As a whole or not at all, whenever the machine stops.
+bool ReplaceFile(const char* path, const std::vector<std::string>& lines) {
+  const std::string target = bthal::root::Resolve(path);
+  const std::string fresh = target + ".new";
+  const std::string text = android::base::Join(lines, '\n') + "\n";
+  mkdir(bthal::root::Resolve("/data").c_str(), 0771);
+  mkdir(bthal::root::Resolve("/data/property").c_str(), 0700);
+  const android::base::unique_fd file(
+      open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  return file.get() >= 0 && android::base::WriteStringToFd(text, file) && fsync(file.get()) == 0 &&
+         rename(fresh.c_str(), target.c_str()) == 0;
+}
+
+class PropertyStore {
+ public:
+  static PropertyStore& Get() {
+    static auto* const store = new PropertyStore;
+    return *store;
+  }
+
+  // Empty when it is not set: the platform makes no difference.
+  std::string Value(const std::string& name) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = values_.find(name);
+    return found == values_.end() ? "" : found->second;
+  }
+
+  bool Set(const std::string& name, const std::string& value) {
+    const bool read_only = android::base::StartsWith(name, "ro.");
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!Parse(name + "=") || name.find('\n') != std::string::npos ||
+        value.find('\n') != std::string::npos || name.find('=') != std::string::npos ||
+        (!read_only && value.size() >= PROP_VALUE_MAX) || (read_only && values_.count(name) != 0)) {
+      LOG(WARNING) << "cannot set property \"" << name << "\" to \"" << value << "\"";
+      return false;
+    }
+    values_[name] = value;
+    if (android::base::StartsWith(name, "persist.") && !WriteBack(name, value)) {
+      PLOG(ERROR) << kPersistentFile;
+    }
+    return true;
+  }
+
+ private:
+  PropertyStore() {
+    Load(kBuildFile);
+    Load(kPersistentFile);
+  }
+
+  void Load(const char* path) NO_THREAD_SAFETY_ANALYSIS {  // from the constructor
+    const std::vector<std::string> lines = ReadLines(path);
+    for (size_t i = 0; i < lines.size(); ++i) {
+      if (IsComment(lines[i])) continue;
+      if (const auto property = Parse(lines[i])) {
+        values_[property->first] = property->second;
+      } else {
+        LOG(WARNING) << path << ":" << i + 1 << ": no name=value: " << lines[i];
+      }
+    }
+  }
+
+  // Changes one line; whatever else the file holds stays.
+  static bool WriteBack(const std::string& name, const std::string& value) {
+    std::vector<std::string> lines = ReadLines(kPersistentFile);
+    const std::string changed = name + "=" + value;
+    bool found = false;
+    for (std::string& line : lines) {
+      const auto property = IsComment(line) ? std::nullopt : Parse(line);
+      if (!property || property->first != name) continue;
+      line = changed;
+      found = true;
+    }
+    if (!found) lines.push_back(changed);
+    return ReplaceFile(kPersistentFile, lines);
+  }
+
+  std::mutex mutex_;
+  std::map<std::string, std::string> values_ GUARDED_BY(mutex_);
+};
+
+template <typename T>
+T IntegerProperty(const char* key, T fallback) {
+  char* end = nullptr;
+  const std::string text = PropertyStore::Get().Value(key == nullptr ? "" : key);
+  errno = 0;
+  const long long value = strtoll(text.c_str(), &end, 0);
+  if (end == text.c_str() || errno != 0 || value < std::numeric_limits<T>::min() ||
+      value > std::numeric_limits<T>::max()) {
+    return fallback;
+  }
+  return static_cast<T>(value);
+}
+
+}  // namespace
+
+namespace android::base {
+
+// The other functions of <android-base/properties.h>, in the library, come down to these two.
+std::string GetProperty(const std::string& key, const std::string& default_value) {
+  std::string value = PropertyStore::Get().Value(key);
+  return value.empty() ? default_value : value;
+}
+
+bool SetProperty(const std::string& key, const std::string& value) {
+  return PropertyStore::Get().Set(key, value);
+}
+
+}  // namespace android::base
+
+int property_get(const char* key, char* value, const char* default_value) {
+  const std::string found =
+      android::base::GetProperty(key, default_value == nullptr ? "" : default_value);
+  return snprintf(value, PROPERTY_VALUE_MAX, "%.*s", PROPERTY_VALUE_MAX - 1, found.c_str()) < 0
+             ? 0
+             : static_cast<int>(strlen(value));
+}
+
+int property_set(const char* key, const char* value) {
+  return PropertyStore::Get().Set(key, value == nullptr ? "" : value) ? 0 : -EINVAL;
+}
+
+int8_t property_get_bool(const char* key, int8_t default_value) {
+  const std::string value = PropertyStore::Get().Value(key == nullptr ? "" : key);
+  switch (android::base::ParseBool(value)) {
+    case android::base::ParseBoolResult::kTrue:
+      return 1;
+    case android::base::ParseBoolResult::kFalse:
+      return 0;
+    case android::base::ParseBoolResult::kError:
+      break;
+  }
+  return default_value;
+}
+
+int32_t property_get_int32(const char* key, int32_t default_value) {
+  return IntegerProperty(key, default_value);
+}
+
+int64_t property_get_int64(const char* key, int64_t default_value) {
+  return IntegerProperty(key, default_value);
+}

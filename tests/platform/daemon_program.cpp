@@ -1,0 +1,33 @@
+// A daemon. usage: platform_test_daemon idle | log COUNT | fatal | segv | terminate
+#define LOG_TAG "test.daemon"
+
+#include <android-base/logging.h>
+#include <log/log.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+// Not in an unnamed namespace: their names have to be found.
+__attribute__((noinline)) void FatalErrorNamed(std::string message) { LOG(FATAL) << message; }
+
+__attribute__((noinline)) int ReadThroughNull(const volatile int* pointer) { return *pointer; }
+
+int main(int argc, char** argv) {
+  const std::string mode = argc > 1 ? argv[1] : "idle";
+  LOG(INFO) << "mode " << mode;
+  ALOGW("a warning with %d", 17);
+  ALOGD("not to be seen at level info");
+  LOG(ERROR) << "two\nlines";
+  printf("ready\n");
+  fflush(stdout);
+  if (mode == "log") {
+    for (int i = 0; i < atoi(argv[2]); ++i) LOG(INFO) << "line " << i << std::string(1000, 'x');
+    return 0;
+  }
+  if (mode == "fatal") FatalErrorNamed("the reason of the end");
+  if (mode == "segv") std::thread([] { ReadThroughNull(nullptr); }).join();
+  for (;;) pause();
+}

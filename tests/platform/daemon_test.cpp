@@ -1,0 +1,129 @@
+// What a daemon has from its start: log file, lock, tombstones.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+
+#include "platform/test_root.h"
+#include "support/child_process.h"
+#include "support/temp_dir.h"
+#include "support/wait.h"
+
+namespace {
+
+using test::ChildProcess;
+using test::kDeadline;
+using test::ReadFile;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+
+class Daemon : public testing::Test {
+ protected:
+  ChildProcess Start(std::vector<std::string> arguments,
+                     std::map<std::string, std::string> environment = {}) {
+    arguments.insert(arguments.begin(), test::TestProgram("platform_test_daemon"));
+    environment.emplace("BTHAL_ROOT", root_.path());
+    return ChildProcess(arguments, environment);
+  }
+
+  const test::TempDir root_;
+  const std::string log_ = root_ / "run/bthal/log";
+};
+
+TEST_F(Daemon, Log_HoldsLinesInOneForm) {
+  ChildProcess daemon = Start({"idle"});
+  ASSERT_TRUE(daemon.WaitForOutput("ready", kDeadline));
+  const std::string text = ReadFile(log_);
+  EXPECT_THAT(text, ContainsRegex("20[0-9][0-9]-[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:"
+                                  "[0-5][0-9]\\.[0-9]{3} +[0-9]+ +[0-9]+ I test.daemon: mode "
+                                  "idle\n"));
+  EXPECT_THAT(text, HasSubstr(" W test.daemon: a warning with 17\n"));
+  EXPECT_THAT(text, HasSubstr(" E test.daemon: two\n"));
+  EXPECT_THAT(text, HasSubstr(" E test.daemon: lines\n"));
+  EXPECT_THAT(text, Not(HasSubstr("not to be seen")));
+  EXPECT_THAT(daemon.Output(), HasSubstr(" W test.daemon: a warning with 17\n"));
+}
+
+TEST_F(Daemon, LogLevel_IsThatOfVariableElseProperty) {
+  test::WriteFile(root_ / "vendor/build.prop", "log.tag=E\n");
+  {
+    ChildProcess quiet = Start({"idle"});
+    ASSERT_TRUE(quiet.WaitForOutput("ready", kDeadline));
+    EXPECT_THAT(quiet.Output(), Not(HasSubstr("a warning")));
+    EXPECT_THAT(quiet.Output(), HasSubstr("two"));
+  }
+  ChildProcess loud = Start({"idle"}, {{"BTHAL_LOG", "debug"}});
+  ASSERT_TRUE(loud.WaitForOutput("ready", kDeadline));
+  EXPECT_THAT(loud.Output(), HasSubstr(" D test.daemon: not to be seen"));
+}
+
+TEST_F(Daemon, Log_IsBoundedToTwoFiles) {
+  std::string output;
+  const test::ChildResult result =
+      test::Run({test::TestProgram("platform_test_daemon"), "log", "4000"}, &output,
+                {{"BTHAL_ROOT", root_.path()}});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_LE(std::filesystem::file_size(log_), size_t{1} << 20);
+  EXPECT_LE(std::filesystem::file_size(log_ + ".1"), size_t{1} << 20);
+  EXPECT_THAT(ReadFile(log_), HasSubstr("line 3999"));
+  const std::string older = ReadFile(log_ + ".1");
+  EXPECT_EQ(older.substr(older.size() - 4), "xxx\n") << "a line was cut at the change of files";
+}
+
+TEST_F(Daemon, SecondOnOneRoot_SaysSoAndEndsWith1) {
+  ChildProcess first = Start({"idle"});
+  ASSERT_TRUE(first.WaitForOutput("ready", kDeadline));
+  ChildProcess second = Start({"idle"});
+  const auto result = second.Wait(kDeadline);
+  ASSERT_TRUE(result);
+  EXPECT_EQ(result->exit_code, 1);
+  EXPECT_EQ(second.Output(),
+            "platform_test_daemon: another service runs on the root folder " + root_.path() + "\n");
+  first.Signal(SIGKILL);
+  first.Wait(kDeadline);
+  ChildProcess third = Start({"idle"});
+  EXPECT_TRUE(third.WaitForOutput("ready", kDeadline)) << "a killed daemon left its lock behind";
+}
+
+TEST_F(Daemon, NoRootFolder_SaysSoAndEndsWith1) {
+  const std::string missing = root_ / "missing";
+  std::string output;
+  const test::ChildResult result =
+      test::Run({test::TestProgram("platform_test_daemon")}, &output, {{"BTHAL_ROOT", missing}});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(output, "platform_test_daemon: there is no root folder " + missing + "\n");
+}
+
+TEST_F(Daemon, FatalLine_LeavesTombstoneThatNamesFunction) {
+  ChildProcess daemon = Start({"fatal"});
+  const auto result = daemon.Wait(kDeadline);
+  ASSERT_TRUE(result);
+  EXPECT_EQ(result->signal, SIGABRT);
+  const std::string tombstone = ReadFile(root_ / "data/tombstones/tombstone_00");
+  EXPECT_THAT(tombstone, HasSubstr("pid: " + std::to_string(daemon.pid())));
+  EXPECT_THAT(tombstone, HasSubstr("signal 6 (SIGABRT)"));
+  EXPECT_THAT(tombstone, HasSubstr("Abort message: 'the reason of the end'"));
+  EXPECT_THAT(tombstone, HasSubstr("FatalErrorNamed"));
+  EXPECT_THAT(ReadFile(log_), HasSubstr(" F test.daemon: the reason of the end\n"));
+}
+
+#ifndef BTHAL_SANITIZED  // which take these signals themselves
+TEST_F(Daemon, Crash_LeavesTombstoneBesideOlderOnes) {
+  test::WriteFile(root_ / "data/tombstones/tombstone_00", "older");
+  ChildProcess daemon = Start({"segv"});
+  const auto result = daemon.Wait(kDeadline);
+  ASSERT_TRUE(result);
+  EXPECT_EQ(result->signal, SIGSEGV);
+  const std::string tombstone = ReadFile(root_ / "data/tombstones/tombstone_01");
+  EXPECT_THAT(tombstone, HasSubstr("signal 11 (SIGSEGV)"));
+  EXPECT_THAT(tombstone, ContainsRegex("#00 pc .*ReadThroughNull"));
+  EXPECT_THAT(tombstone, HasSubstr("daemon_program.cpp"));
+  EXPECT_EQ(ReadFile(root_ / "data/tombstones/tombstone_00"), "older");
+}
+#endif
+
+}  // namespace

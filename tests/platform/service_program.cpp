@@ -1,0 +1,168 @@
+// A process that serves test.platform@1.0::ITest. usage: platform_test_service [POOL-SIZE]
+#include <android-base/thread_annotations.h>
+#include <fcntl.h>
+#include <hidl/HidlTransportSupport.h>
+#include <test/platform/1.0/ITest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <numeric>
+#include <thread>
+
+using namespace android::hardware;  // NOLINT: as services do
+using android::sp;
+using android::wp;
+using ::android::hidl::base::V1_0::IBase;
+using test::platform::V1_0::Choice;
+using test::platform::V1_0::Color;
+using test::platform::V1_0::ICallback;
+using test::platform::V1_0::ITest;
+using test::platform::V1_0::Outer;
+
+namespace {
+
+struct DeathCounter : public hidl_death_recipient {
+  void serviceDied(uint64_t cookie, const wp<IBase>& /*who*/) override {
+    if (cookie == 42) ++deaths;
+  }
+  std::atomic<uint32_t> deaths{0};
+};
+
+class Service : public ITest {
+ public:
+  Return<void> echo(const hidl_vec<uint8_t>& data, echo_cb reply) override {
+    reply(data);
+    return Void();
+  }
+
+  Return<void> echoOuter(const Outer& outer, echoOuter_cb reply) override {
+    const Outer copy = outer;  // duplicates the descriptors
+    reply(copy);
+    return Void();
+  }
+
+  Return<void> echoChoice(const Choice& choice, echoChoice_cb reply) override {
+    reply(choice);
+    return Void();
+  }
+
+  Return<void> numbers(const hidl_vec<int16_t>& a, const hidl_vec<double>& b,
+                       const hidl_vec<Color>& c, const hidl_vec<bool>& d,
+                       numbers_cb reply) override {
+    int64_t colors = 0;
+    for (const Color color : c) colors += static_cast<int64_t>(color);
+    reply({std::accumulate(a.begin(), a.end(), int64_t{0}),
+           static_cast<int64_t>(std::accumulate(b.begin(), b.end(), 0.0)), colors,
+           std::count(d.begin(), d.end(), true)});
+    return Void();
+  }
+
+  Return<bool> attach(const sp<ICallback>& callback, bool link) override {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    callback_ = callback;
+    return link && callback->linkToDeath(death_counter_, 42);
+  }
+
+  Return<sp<ICallback>> attached() override { return Callback(); }
+
+  Return<bool> isAttached(const sp<IBase>& callback) override {
+    return interfacesEqual(callback, Callback());
+  }
+
+  Return<void> callBack(uint32_t count, const hidl_vec<uint8_t>& data, callBack_cb reply) override {
+    const auto start = std::chrono::steady_clock::now();
+    uint32_t done = 0;
+    while (done < count && Callback()->event(data).isOk()) ++done;
+    const auto time = std::chrono::steady_clock::now() - start;
+    reply(done, static_cast<uint32_t>(
+                    std::chrono::duration_cast<std::chrono::milliseconds>(time).count()));
+    return Void();
+  }
+
+  Return<uint32_t> notifyBack(uint32_t count) override {
+    uint32_t taken = 0;
+    while (taken < count && Callback()->notify(taken + 1).isOk()) ++taken;
+    return taken;
+  }
+
+  Return<void> callBackLater(const hidl_vec<uint8_t>& data) override {
+    const hidl_vec<uint8_t> copy = data;
+    std::thread([this, copy] {
+      if (!Callback()->event(copy).isOk()) printf("the later call failed\n");
+    }).detach();
+    return Void();
+  }
+
+  Return<uint32_t> deaths() override { return death_counter_->deaths.load(); }
+
+  Return<void> push(uint32_t number) override {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (number != ++pushed_) ++disordered_;
+    return Void();
+  }
+
+  Return<void> pushed(pushed_cb reply) override {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    reply(pushed_, disordered_);
+    return Void();
+  }
+
+  Return<void> writeTo(const hidl_handle& to, const hidl_string& text, writeTo_cb reply) override {
+    if (to == nullptr || to->numFds < 1) {
+      reply(nullptr);
+      return Void();
+    }
+    dprintf(to->data[0], "%s", text.c_str());
+    native_handle_t* copy = native_handle_create(1, 1);
+    copy->data[0] = fcntl(to->data[0], F_DUPFD_CLOEXEC, 0);
+    copy->data[1] = 77;
+    hidl_handle owner;
+    owner.setTo(copy, true);
+    reply(owner);
+    return Void();
+  }
+
+  Return<void> block() override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    released_ = false;
+    while (!released_) changed_.wait(lock);
+    return Void();
+  }
+
+  Return<void> release() override {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    released_ = true;
+    changed_.notify_all();
+    return Void();
+  }
+
+ private:
+  sp<ICallback> Callback() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return callback_;
+  }
+
+  const sp<DeathCounter> death_counter_ = new DeathCounter;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  sp<ICallback> callback_ GUARDED_BY(mutex_);
+  uint32_t pushed_ GUARDED_BY(mutex_) = 0;
+  uint32_t disordered_ GUARDED_BY(mutex_) = 0;
+  bool released_ GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  configureRpcThreadpool(argc > 1 ? static_cast<size_t>(atoi(argv[1])) : 1, true);
+  const sp<Service> service = new Service;
+  if (service->registerAsService("default") != android::OK) return 1;
+  printf("serving\n");
+  fflush(stdout);
+  joinRpcThreadpool();
+}

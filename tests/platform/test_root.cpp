@@ -1,0 +1,28 @@
+#include "platform/test_root.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "support/temp_dir.h"
+
+namespace test {
+namespace {
+
+TempDir* folder;
+
+// The log's constructor already reads properties below the root folder.
+__attribute__((constructor(101))) void MakeRootFolder() {
+  folder = new TempDir;
+  setenv("BTHAL_ROOT", folder->path().c_str(), 1);
+  atexit([] { delete folder; });
+}
+
+}  // namespace
+
+const std::string& RootFolder() { return folder->path(); }
+
+std::string TestProgram(const std::string& name) {
+  return std::filesystem::read_symlink("/proc/self/exe").parent_path() / name;
+}
+
+}  // namespace test
