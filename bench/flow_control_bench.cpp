@@ -38,7 +38,7 @@ void BM_Event(benchmark::State& state) {
                                    kMatching >> 8,        0};
   for (auto _ : state) flow->OnHciEventReady(event, deliver);
   for (const auto& watcher : watchers) flow->UnregisterEventWatcher(watcher.get());
-  if (delivered != state.iterations()) state.SkipWithError("events lost");
+  if (delivered != static_cast<size_t>(state.iterations())) state.SkipWithError("events lost");
 }
 BENCHMARK(BM_Event)->Arg(0)->Arg(8)->Arg(64);
 

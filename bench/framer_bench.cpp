@@ -70,7 +70,7 @@ void RunChunks(benchmark::State& state, const Consume& consume) {
       consume(stream.bytes.data() + at, std::min(chunk, stream.bytes.size() - at));
     }
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * stream.bytes.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(stream.bytes.size()));
   state.counters["ns_per_packet"] = benchmark::Counter(
       static_cast<double>(stream.packets) * static_cast<double>(state.iterations()) * 1e-9,
       benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
@@ -84,7 +84,7 @@ void BM_Framer(benchmark::State& state) {
   };
   H4Protocol h4(-1, count, count, count, count);
   RunChunks(state, [&](const uint8_t* data, size_t size) { h4.OnBytes(data, size); });
-  if (packets != MixedStream().packets * state.iterations()) state.SkipWithError("packets lost");
+  if (packets != MixedStream().packets * static_cast<size_t>(state.iterations())) state.SkipWithError("packets lost");
 }
 
 void BM_Memcpy(benchmark::State& state) {
