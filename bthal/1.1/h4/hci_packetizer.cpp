@@ -11,6 +11,15 @@ HciPacketizer::HciPacketizer(std::function<void()> packet_ready)
 size_t HciPacketizer::OnDataReady(HciPacketType type, const uint8_t* data, size_t length) {
   if (state_ == HCI_PREAMBLE) {
     const PreambleFormat& format = kPreambles[type];
+    if (bytes_read_ == 0 && length > format.size) {
+      const size_t size = format.size + PayloadLength(format, data);
+      if (size > format.size && size <= length) {
+        memcpy(buffer_.get(), data, size);
+        packet_.setToExternal(buffer_.get(), size);
+        packet_ready_();
+        return size;
+      }
+    }
     const size_t taken = std::min(format.size - bytes_read_, length);
     memcpy(buffer_.get() + bytes_read_, data, taken);
     bytes_read_ += taken;

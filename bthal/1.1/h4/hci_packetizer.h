@@ -14,8 +14,9 @@ class HciPacketizer {
   // packet_ready is called, from OnDataReady, when GetPacket() is complete.
   explicit HciPacketizer(std::function<void()> packet_ready);
 
-  // Takes bytes of the packet of this type; returns how many it took. A packet without payload
-  // completes on the next call.
+  // Takes bytes of the packet of this type; returns how many it took: a whole packet with payload
+  // at once, else preamble and payload in a call each. A packet without payload completes on the
+  // next call.
   size_t OnDataReady(HciPacketType type, const uint8_t* data, size_t length);
 
   // Header and payload, without the type byte. Valid while packet_ready runs.
