@@ -230,9 +230,10 @@ void MeasureDaemon(const std::string& program, const Folder& folder, int seconds
   Sink sink;
   const sp<IBluetoothHci> hal = IBluetoothHci::getService("default");
   const sp<Callbacks> callbacks = new Callbacks(&sink);
-  if (hal == nullptr || !hal->initialize_1_1(callbacks).isOk() || !callbacks->ready()) {
-    throw std::runtime_error("the daemon does not come up");
-  }
+  if (hal == nullptr) throw std::runtime_error("the daemon does not register");
+  const Return<void> initialized = hal->initialize_1_1(callbacks);
+  if (!initialized.isOk()) throw std::runtime_error("initialize: " + initialized.description());
+  if (!callbacks->ready()) throw std::runtime_error("the controller does not come up");
   const hidl_vec<uint8_t> command(std::begin(kCommand), std::end(kCommand));
   Measure("bthal", seconds, &controller, daemon, &sink,
           [&] { (void)hal->sendHciCommand(command).isOk(); });

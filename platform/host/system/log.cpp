@@ -4,7 +4,6 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
-#include <android-base/properties.h>
 #include <android-base/strings.h>
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
@@ -112,7 +111,7 @@ void Abort(const char* message) {
   abort();
 }
 
-// A level by its name, or by its letter as the platform's properties have it; -1 when it is none.
+// A level by its name or its first letter; -1 when it is none.
 int Priority(std::string name) {
   std::transform(name.begin(), name.end(), name.begin(),
                  [](unsigned char c) { return static_cast<char>(tolower(c)); });
@@ -124,15 +123,14 @@ int Priority(std::string name) {
 }
 
 // All lines of ALOGx() and LOG() come here, whatever library they are in. The level is that of the
-// environment variable BTHAL_LOG, else of the property log.tag, else info. Lines below it are
-// neither formatted nor written.
+// environment variable BTHAL_LOG, else info. Lines below it are neither formatted nor written.
+// No property is asked: this runs before a program can name its root folder.
 __attribute__((constructor(200))) void Install() {
   __android_log_set_logger(Write);
   __android_log_set_aborter(Abort);
   __android_log_set_minimum_priority(ANDROID_LOG_INFO);
   const char* variable = getenv("BTHAL_LOG");
-  const std::string level =
-      variable != nullptr ? variable : android::base::GetProperty("log.tag", "info");
+  const std::string level = variable != nullptr ? variable : "info";
   const int priority = Priority(level);
   if (priority < 0) {
     LOG(WARNING) << "not a log level: \"" << level
