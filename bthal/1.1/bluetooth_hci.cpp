@@ -131,17 +131,20 @@ void BluetoothHci::link_to_death(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
   if (!linked.isOk() || !static_cast<bool>(linked)) {
     std::thread([recipient = death_recipient_, cb] { recipient->serviceDied(0, cb); }).detach();
   }
+  std::function<void(sp<BluetoothDeathRecipient>&)> unlink =
+      [cb](sp<BluetoothDeathRecipient>& recipient) {
+        if (recipient->has_died()) {
+          ALOGI("Skipping unlink call, service died.");
+          DebugCentral::Get().UpdateRecord(
+              AnchorType::kUnlinkSkipped,
+              StringPrintf("%s: Skipping unlink call, service died", "operator()"));
+        } else {
+          (void)cb->unlinkToDeath(recipient).isOk();
+        }
+      };
+  // The old one goes after the lock: with it may go the last reference to a stack.
   std::lock_guard<std::mutex> guard(link_lock_);
-  unlink_cb_ = [cb](sp<BluetoothDeathRecipient>& recipient) {
-    if (recipient->has_died()) {
-      ALOGI("Skipping unlink call, service died.");
-      DebugCentral::Get().UpdateRecord(
-          AnchorType::kUnlinkSkipped,
-          StringPrintf("%s: Skipping unlink call, service died", "operator()"));
-    } else {
-      (void)cb->unlinkToDeath(recipient).isOk();
-    }
-  };
+  unlink_cb_.swap(unlink);
 }
 
 void BluetoothHci::unlink_from_death() {
