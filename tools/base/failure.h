@@ -1,0 +1,35 @@
+// How a command ends: what the user is told and the exit code.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace bthalctl {
+
+// Documented in README.md and --help; scripts rely on them.
+enum class ExitCode : int {
+  kDone = 0,
+  kFailed = 1,     // refused or failed
+  kUsage = 2,      // wrong usage
+  kNoService = 3,  // no service, or it died
+  kBusy = 4,       // somebody else holds Bluetooth
+};
+
+// Ends the command; what() is the one line that the user reads.
+class Failure : public std::runtime_error {
+ public:
+  Failure(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
+  explicit Failure(const std::string& text) : Failure(ExitCode::kFailed, text) {}
+  ExitCode code() const { return code_; }
+
+ private:
+  ExitCode code_;
+};
+
+// SIGINT or SIGTERM arrived. Where that is the way to end a command, the command catches it.
+struct Interrupted {};
+
+// "cannot do it: reason of errno"
+std::string WithErrno(const std::string& text);
+
+}  // namespace bthalctl

@@ -1,0 +1,27 @@
+// Waiting for descriptors, for a time, and for the user's wish to stop.
+#pragma once
+
+#include <poll.h>
+
+#include <chrono>
+#include <vector>
+
+namespace bthalctl {
+
+using Clock = std::chrono::steady_clock;
+using TimePoint = Clock::time_point;
+constexpr TimePoint kNever = TimePoint::max();
+
+// From now on SIGINT and SIGTERM make the waits below throw Interrupted; before, they end the
+// process. SIGPIPE is ignored.
+void CatchStopSignals();
+// Readable once one of them arrived; for loops with a poll() of their own. -1 before
+// CatchStopSignals().
+int StopDescriptor();
+
+// poll() with a deadline; the descriptor of stop signals is watched besides. Returns whether any of
+// the descriptors is ready. Throws Interrupted.
+bool Wait(std::vector<pollfd>& descriptors, TimePoint deadline);
+bool WaitReadable(int fd, TimePoint deadline);
+
+}  // namespace bthalctl

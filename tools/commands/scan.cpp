@@ -1,0 +1,90 @@
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "tools/base/terminal.h"
+#include "tools/commands/commands.h"
+#include "tools/link/le_peer.h"
+
+namespace bthalctl {
+namespace {
+
+struct ScanOptions {
+  double seconds = 5;
+  bool passive = false;
+  bool json = false;
+};
+
+struct Device {
+  Advertisement last;
+  unsigned reports = 0;
+};
+
+void Print(const std::vector<Device>& devices) {
+  for (const Device& device : devices) {
+    const Advertisement& a = device.last;
+    std::printf("%s  %-6s  %4d dBm  %4u reports  %-15s %s\n",
+                Paint(Colour::kBold, AddressText(a.address)).c_str(),
+                a.random ? "random" : "public", a.rssi, device.reports,
+                a.connectable ? "connectable" : "", a.name.c_str());
+  }
+  std::printf("%zu devices heard\n", devices.size());
+}
+
+void PrintJson(const std::vector<Device>& devices) {
+  nlohmann::json list = nlohmann::json::array();
+  for (const Device& device : devices) {
+    const Advertisement& a = device.last;
+    list.push_back({{"address", AddressText(a.address)},
+                    {"random", a.random},
+                    {"connectable", a.connectable},
+                    {"rssi", a.rssi},
+                    {"reports", device.reports},
+                    {"name", a.name}});
+  }
+  std::puts(list.dump(2).c_str());
+}
+
+void ScanAndList(const Options& options, const ScanOptions& scan) {
+  const auto link = OpenLink(options);
+  Exchange exchange(*link);
+  ResetController(exchange);
+  std::map<Bytes, Device> heard;
+  const auto time = std::chrono::milliseconds(static_cast<int64_t>(scan.seconds * 1000));
+  Scan(exchange, !scan.passive, Clock::now() + time, [&](const Advertisement& report) {
+    Device& device = heard[report.address];
+    ++device.reports;
+    Advertisement merged = report;
+    if (report.name.empty()) merged.name = device.last.name;
+    if (report.scan_response) merged.connectable = device.last.connectable;
+    device.last = merged;
+    return false;
+  });
+  std::vector<Device> devices;
+  for (const auto& [address, device] : heard) devices.push_back(device);
+  std::stable_sort(devices.begin(), devices.end(),
+                   [](const Device& a, const Device& b) { return a.last.rssi > b.last.rssi; });
+  if (scan.json) {
+    PrintJson(devices);
+  } else {
+    Print(devices);
+  }
+}
+
+}  // namespace
+
+void AddScan(CLI::App& app, const Options& options) {
+  auto scan = std::make_shared<ScanOptions>();
+  CLI::App* command =
+      app.add_subcommand("scan", "list LE advertisers (resets the controller first)");
+  command->add_option("-t,--time", scan->seconds, "seconds to listen")
+      ->capture_default_str()
+      ->check(CLI::Range(0.1, 86400.0));
+  command->add_flag("--passive", scan->passive, "only listen, ask no one for more data");
+  command->add_flag("--json", scan->json, "for a script");
+  command->footer("Example:\n  bthalctl scan -t 3 --json");
+  command->callback([&options, scan] { ScanAndList(options, *scan); });
+}
+
+}  // namespace bthalctl

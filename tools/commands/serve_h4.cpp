@@ -1,0 +1,50 @@
+#include <cstdio>
+
+#include "tools/base/failure.h"
+#include "tools/commands/commands.h"
+#include "tools/h4/h4_server.h"
+
+namespace bthalctl {
+namespace {
+
+struct ServeOptions {
+  std::string pty;
+  std::string unix_path;
+  std::string tcp;
+};
+
+void Serve(const Options& options, const ServeOptions& serve) {
+  const std::unique_ptr<Endpoint> endpoint = !serve.pty.empty() ? MakePtyEndpoint(serve.pty)
+                                             : !serve.unix_path.empty()
+                                                 ? MakeUnixEndpoint(serve.unix_path)
+                                                 : MakeTcpEndpoint(serve.tcp);
+  const auto link = OpenLink(options);
+  std::printf("ready %s\n", endpoint->Name().c_str());
+  std::fflush(stdout);
+  H4Server server(*link, *endpoint,
+                  [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); });
+  try {
+    server.Run();
+  } catch (const Interrupted&) {
+    // The way to end it.
+  }
+}
+
+}  // namespace
+
+void AddServeH4(CLI::App& app, const Options& options) {
+  auto serve = std::make_shared<ServeOptions>();
+  CLI::App* command =
+      app.add_subcommand("serve-h4", "offer the service as an H4 port to any host stack");
+  CLI::Option_group* where = command->add_option_group("endpoint");
+  where->add_option("--pty", serve->pty, "a pseudo-terminal, reached through this link");
+  where->add_option("--unix", serve->unix_path, "a Unix socket at this path");
+  where->add_option("--tcp", serve->tcp, "HOST:PORT; port 0 picks a free one");
+  where->require_option(1);
+  command->footer(
+      "One host at a time. Prints \"ready ENDPOINT\" when a host may connect.\n"
+      "Example:\n  bthalctl serve-h4 --pty /tmp/bt0");
+  command->callback([&options, serve] { Serve(options, *serve); });
+}
+
+}  // namespace bthalctl

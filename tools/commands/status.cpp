@@ -1,0 +1,70 @@
+#include <bthal/root.h>
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "tools/base/terminal.h"
+#include "tools/commands/commands.h"
+#include "tools/link/attachment.h"
+#include "tools/link/holder.h"
+#include "tools/link/holder_protocol.h"
+
+namespace bthalctl {
+namespace {
+
+using nlohmann::json;
+
+// Throws Failure(kNoService) when there is no service.
+json Status(const Options& options) {
+  const std::string& root = ::bthal::root::Folder();
+  json status = {{"root", root.empty() ? "/" : root}};
+  const auto service = FindService(options.wait());
+  service
+      ->getDebugInfo([&](const ::android::hidl::base::V1_0::DebugInfo& info) {
+        status["service"] = {{"pid", info.pid}};
+      })
+      .isOk();
+  CatchStopSignals();
+  const auto holder = AskHolder(holder::kStatus, std::chrono::seconds(5));
+  status["up"] = holder.has_value();
+  if (holder) status["holder"] = json::parse(*holder);
+  return status;
+}
+
+void Print(const json& status) {
+  std::printf("root       %s\n", status["root"].get<std::string>().c_str());
+  std::printf("service    running, process %d\n", status["service"].value("pid", 0));
+  if (!status["up"]) {
+    std::puts("bluetooth  not held by bthalctl");
+    return;
+  }
+  const json& holder = status["holder"];
+  std::printf("bluetooth  %s for %lld s, held by process %d, %d clients\n",
+              Paint(Colour::kGreen, "up").c_str(), holder["seconds"].get<long long>(),
+              holder["pid"].get<int>(), holder["clients"].get<int>() - 1);
+  for (const auto& [type, counts] : holder["packets"].items()) {
+    const auto to = counts["to_controller"].get<unsigned long long>();
+    const auto from = counts["from_controller"].get<unsigned long long>();
+    if (to + from > 0) {
+      std::printf("%-10s %llu to the controller, %llu from it\n", type.c_str(), to, from);
+    }
+  }
+}
+
+}  // namespace
+
+void AddStatus(CLI::App& app, const Options& options) {
+  auto as_json = std::make_shared<bool>(false);
+  CLI::App* command = app.add_subcommand("status", "the service, the holder and its counters");
+  command->add_flag("--json", *as_json, "for a script");
+  command->callback([&options, as_json] {
+    const json status = Status(options);
+    if (*as_json) {
+      std::puts(status.dump(2).c_str());
+    } else {
+      Print(status);
+    }
+  });
+}
+
+}  // namespace bthalctl

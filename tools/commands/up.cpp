@@ -1,0 +1,192 @@
+#include <bthal/root.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <sstream>
+#include <thread>
+
+#include "tools/base/failure.h"
+#include "tools/base/log_follower.h"
+#include "tools/base/terminal.h"
+#include "tools/commands/commands.h"
+#include "tools/link/attachment.h"
+#include "tools/link/holder.h"
+#include "tools/link/holder_protocol.h"
+
+namespace bthalctl {
+namespace {
+
+using ::android::base::unique_fd;
+
+struct UpOptions {
+  bool detach = false;
+  bool whole_log = false;
+  bool quiet = false;
+};
+
+// The report that the holder makes through a pipe when bring-up has ended: exit code, then a text.
+void Report(int fd, ExitCode code, const std::string& text) {
+  const std::string message = static_cast<char>(code) + text;
+  [[maybe_unused]] const ssize_t ignored = write(fd, message.data(), message.size());
+}
+
+// Attaches, reports, serves clients to the end. Returns when asked to quit.
+void Hold(const Options& options, unique_fd report) {
+  try {
+    // First the socket: of two holders that start together, one stops here.
+    const auto service = FindService(options.wait());
+    auto holder = std::make_unique<Holder>(::bthal::root::Resolve(holder::kSocket));
+    {
+      Attachment attachment(service);
+      CatchStopSignals();
+      Report(report.get(), ExitCode::kDone, "");
+      report.reset();
+      holder->Run(attachment);
+    }
+    holder->Finish();
+  } catch (const Failure& failure) {
+    if (!report.ok()) throw;
+    Report(report.get(), failure.code(), failure.what());
+  }
+}
+
+// "DATE TIME PID TID PRIORITY TAG: TEXT" without what a reader of a bring-up does not need; empty
+// for lines that tell of every single event.
+std::string Shortened(const std::string& line) {
+  std::istringstream words(line);
+  std::string date, time, pid, tid, priority, tag;
+  words >> date >> time >> pid >> tid >> priority >> tag;
+  std::string text;
+  if (!std::getline(words >> std::ws, text)) return line;
+  if (priority == "I" && tag == "bthal.flowcontrol:") return "";
+  const std::string shown = tag + " " + text;
+  if (priority == "I" || priority == "D") return shown;
+  return Paint(priority == "W" ? Colour::kYellow : Colour::kRed, priority + " " + shown);
+}
+
+// Shows the service's log while bring-up runs; returns when the report is there.
+void FollowBringUp(LogFollower& log, int report, bool quiet) {
+  const TimePoint start = Clock::now();
+  const auto show = [&](const std::string& line) {
+    const std::string shown = Shortened(line);
+    if (quiet || shown.empty()) return;
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    char time[32];
+    std::snprintf(time, sizeof time, "%8.3f s  ", seconds);
+    std::printf("%s%s\n", Paint(Colour::kGrey, time).c_str(), shown.c_str());
+    std::fflush(stdout);
+  };
+  for (bool done = false; !done;) {
+    std::vector<pollfd> waits = {{report, POLLIN, 0}, {log.fd(), POLLIN, 0}};
+    Wait(waits, kNever);
+    done = waits[0].revents != 0;
+    log.Drain(show);
+  }
+}
+
+// Throws what the report says when it is no success.
+void TakeReport(int fd) {
+  std::string report;
+  char buffer[1024];
+  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
+    report.append(buffer, static_cast<size_t>(n));
+    if (report.front() == 0) return;
+  }
+  if (report.empty()) throw Failure("the holder of the attachment died");
+  throw Failure(static_cast<ExitCode>(report.front()), report.substr(1));
+}
+
+void BecomeDaemon() {
+  setsid();
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null, fd);
+}
+
+void Up(const Options& options, const UpOptions& up) {
+  if (HolderLink::Connect() != nullptr) {
+    std::puts("Bluetooth is up already");
+    return;
+  }
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) throw Failure(WithErrno("pipe"));
+  const unique_fd report(ends[0]);
+  unique_fd reporter(ends[1]);
+  LogFollower log(::bthal::root::Resolve("/run/bthal/log"), up.whole_log);
+  const TimePoint start = Clock::now();
+  const auto up_line = [&] {
+    char text[96];
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    std::snprintf(text, sizeof text, "Bluetooth is up after %.3f s", seconds);
+    std::puts(Paint(Colour::kGreen, text).c_str());
+    std::fflush(stdout);
+  };
+
+  if (up.detach) {
+    // Before any thread of the runtime exists.
+    const pid_t child = fork();
+    if (child < 0) throw Failure(WithErrno("fork"));
+    if (child == 0) {
+      BecomeDaemon();
+      try {
+        Hold(options, std::move(reporter));
+      } catch (const Failure& failure) {
+        _exit(static_cast<int>(failure.code()));
+      }
+      _exit(0);
+    }
+    reporter.reset();
+    FollowBringUp(log, report.get(), up.quiet);
+    TakeReport(report.get());
+    up_line();
+    return;
+  }
+
+  std::exception_ptr failure;
+  std::thread holder([&] {
+    try {
+      Hold(options, std::move(reporter));
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  });
+  try {
+    FollowBringUp(log, report.get(), up.quiet);
+    TakeReport(report.get());
+    up_line();
+    std::puts("Ctrl-C, or bthalctl down in another terminal, takes it down");
+    std::fflush(stdout);
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  holder.join();
+  if (failure != nullptr) std::rethrow_exception(failure);
+  std::puts("Bluetooth is down");
+}
+
+}  // namespace
+
+void AddUp(CLI::App& app, const Options& options) {
+  auto up = std::make_shared<UpOptions>();
+  CLI::App* command = app.add_subcommand("up", "bring Bluetooth up and hold it");
+  command->add_flag("--detach", up->detach, "hold it in the background; \"down\" ends it");
+  command->add_flag("--whole-log", up->whole_log, "show what stands in the log already, too");
+  command->add_flag("-q,--quiet", up->quiet, "do not show the steps of the bring-up");
+  command->footer("Examples:\n  bthalctl up            until Ctrl-C\n  bthalctl up --detach");
+  command->callback([&options, up] { Up(options, *up); });
+}
+
+void AddDown(CLI::App& app) {
+  CLI::App* command = app.add_subcommand("down", "take Bluetooth down that \"up\" holds");
+  command->callback([] {
+    CatchStopSignals();
+    if (!AskHolder(holder::kQuit, std::chrono::seconds(30))) {
+      throw Failure("nothing to take down: no \"bthalctl up\" holds Bluetooth here");
+    }
+    std::puts("Bluetooth is down");
+  });
+}
+
+}  // namespace bthalctl

@@ -1,0 +1,30 @@
+// Where serve-h4 meets its host: a pseudo-terminal behind a link, a Unix socket or a TCP port.
+#pragma once
+
+#include <android-base/unique_fd.h>
+
+#include <memory>
+#include <string>
+
+namespace bthalctl {
+
+// Used on one thread. One host at a time: Wait for one, serve it over the descriptor that Accept
+// gave, drop the descriptor, wait for the next.
+class Endpoint {
+ public:
+  virtual ~Endpoint() = default;
+  // Readable when Accept may find a host.
+  virtual int fd() const = 0;
+  // The next host's non-blocking stream; invalid when there is none yet.
+  virtual ::android::base::unique_fd Accept() = 0;
+  // What a host connects to, for people and scripts.
+  virtual std::string Name() const = 0;
+};
+
+// Each throws Failure.
+std::unique_ptr<Endpoint> MakePtyEndpoint(const std::string& link);
+std::unique_ptr<Endpoint> MakeUnixEndpoint(const std::string& path);
+// address: HOST:PORT, [HOST]:PORT or PORT (of 127.0.0.1); port 0 picks a free one.
+std::unique_ptr<Endpoint> MakeTcpEndpoint(const std::string& address);
+
+}  // namespace bthalctl

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <android-base/unique_fd.h>
+
+#include <functional>
+#include <string>
+
+#include "tools/h4/endpoint.h"
+#include "tools/h4/h4_framer.h"
+#include "tools/link/hci_link.h"
+
+namespace bthalctl {
+
+// Offers a link as an H4 stream to one host at a time. What arrives while there is no host is
+// dropped. A host that sends what is not H4, or that does not read, is disconnected. One thread.
+class H4Server {
+ public:
+  // say gets one line for people whenever a host comes or goes.
+  H4Server(HciLink& link, Endpoint& endpoint, std::function<void(const std::string&)> say)
+      : link_(link), endpoint_(endpoint), say_(std::move(say)) {}
+
+  // Serves until Interrupted or Failure is thrown.
+  void Run();
+  // One wait, by deadline at most, and what it brought.
+  void Step(TimePoint deadline);
+  bool has_host() const { return host_.ok(); }
+
+ private:
+  void ReadHost();
+  void WriteHost();
+  void Disconnect(const std::string& why);
+
+  HciLink& link_;
+  Endpoint& endpoint_;
+  const std::function<void(const std::string&)> say_;
+  ::android::base::unique_fd host_;
+  H4Framer framer_;
+  Bytes unsent_;        // to the host
+  size_t written_ = 0;  // of unsent_
+};
+
+}  // namespace bthalctl

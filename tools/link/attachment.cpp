@@ -1,0 +1,180 @@
+#include "tools/link/attachment.h"
+
+#include <android-base/thread_annotations.h>
+#include <android-base/unique_fd.h>
+#include <android/hardware/bluetooth/1.1/IBluetoothHciCallbacks.h>
+#include <bthal/root.h>
+#include <hidl/HidlTransportSupport.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "tools/base/failure.h"
+
+namespace bthalctl {
+
+using ::android::sp;
+using ::android::hardware::hidl_vec;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+using ::android::hardware::bluetooth::V1_0::Status;
+
+// What the service calls, on threads of the HIDL pool; the queue is read on the user's thread.
+class StackCallbacks : public ::android::hardware::bluetooth::V1_1::IBluetoothHciCallbacks,
+                       public ::android::hardware::hidl_death_recipient {
+ public:
+  StackCallbacks() : readable_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (readable_ < 0) throw Failure(WithErrno("eventfd"));
+  }
+
+  Return<void> initializationComplete(Status status) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    statuses_.push_back(status);
+    return Void();
+  }
+  Return<void> hciEventReceived(const hidl_vec<uint8_t>& p) override {
+    return Push(PacketType::kEvent, p);
+  }
+  Return<void> aclDataReceived(const hidl_vec<uint8_t>& p) override {
+    return Push(PacketType::kAcl, p);
+  }
+  Return<void> scoDataReceived(const hidl_vec<uint8_t>& p) override {
+    return Push(PacketType::kSco, p);
+  }
+  Return<void> isoDataReceived(const hidl_vec<uint8_t>& p) override {
+    return Push(PacketType::kIso, p);
+  }
+  void serviceDied(uint64_t, const ::android::wp<::android::hidl::base::V1_0::IBase>&) override {
+    End("the service died");
+  }
+
+  void End(const std::string& reason) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (end_.empty()) end_ = reason;
+    Wake();
+  }
+  std::string end() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return end_;
+  }
+  std::vector<Status> statuses() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return statuses_;
+  }
+  std::optional<Packet> Take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (packets_.empty()) {
+      if (!end_.empty()) throw Failure(ExitCode::kNoService, end_);
+      uint64_t ignored = 0;
+      [[maybe_unused]] const ssize_t drained = read(readable_, &ignored, sizeof ignored);
+      return std::nullopt;
+    }
+    Packet packet = std::move(packets_.front());
+    packets_.pop_front();
+    queued_bytes_ -= packet.bytes.size();
+    return packet;
+  }
+  int fd() const { return readable_; }
+
+ private:
+  // A user that stops taking packets must not fill the memory.
+  static constexpr size_t kMaxQueuedBytes = 64 << 20;
+
+  Return<void> Push(PacketType type, const hidl_vec<uint8_t>& packet) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!end_.empty()) return Void();
+    if (queued_bytes_ + packet.size() > kMaxQueuedBytes) {
+      end_ = "more packets arrived than were taken";
+    } else {
+      packets_.push_back({type, Bytes(packet.begin(), packet.end())});
+      queued_bytes_ += packet.size();
+    }
+    Wake();
+    return Void();
+  }
+  void Wake() {
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t ignored = write(readable_, &one, sizeof one);
+  }
+
+  const ::android::base::unique_fd readable_;
+  std::mutex mutex_;
+  std::vector<Status> statuses_ GUARDED_BY(mutex_);
+  std::deque<Packet> packets_ GUARDED_BY(mutex_);
+  size_t queued_bytes_ GUARDED_BY(mutex_) = 0;
+  std::string end_ GUARDED_BY(mutex_);  // why there will be no more packets; empty while there may
+};
+
+sp<Hci> FindService(std::chrono::milliseconds wait) {
+  ::android::hardware::configureRpcThreadpool(1, false);
+  const TimePoint deadline = Clock::now() + wait;
+  sp<Hci> service = Hci::tryGetService();
+  while (service == nullptr && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    service = Hci::tryGetService();
+  }
+  if (service == nullptr) {
+    const std::string& root = ::bthal::root::Folder();
+    throw Failure(ExitCode::kNoService,
+                  "no Bluetooth service in " + (root.empty() ? "/" : root) + ": is it running?");
+  }
+  return service;
+}
+
+Attachment::Attachment(const sp<Hci>& service) : service_(service), callbacks_(new StackCallbacks) {
+  service_->linkToDeath(callbacks_, 0).isOk();
+  const bool answered = service_->initialize_1_1(callbacks_).isOk();
+  if (!answered || !callbacks_->end().empty()) {
+    throw Failure(ExitCode::kNoService, "the service died while it brought Bluetooth up; see " +
+                                            ::bthal::root::Resolve("/run/bthal/log"));
+  }
+  // A stack that is refused hears INITIALIZATION_ERROR and nothing more. After a bring-up that
+  // failed, the service reports its end as well.
+  const std::vector<Status> statuses = callbacks_->statuses();
+  if (statuses.size() == 1 && statuses.front() == Status::SUCCESS) return;
+  service_->unlinkToDeath(callbacks_).isOk();
+  if (statuses.size() == 1 && statuses.front() == Status::INITIALIZATION_ERROR) {
+    throw Failure(ExitCode::kBusy, "another Bluetooth stack is attached to the service");
+  }
+  if (!statuses.empty()) service_->close().isOk();
+  throw Failure("Bluetooth could not be brought up; see " +
+                ::bthal::root::Resolve("/run/bthal/log"));
+}
+
+Attachment::~Attachment() {
+  if (callbacks_->end().empty()) service_->close().isOk();
+  service_->unlinkToDeath(callbacks_).isOk();
+}
+
+void Attachment::Send(const Packet& packet) {
+  hidl_vec<uint8_t> bytes;
+  bytes.setToExternal(const_cast<uint8_t*>(packet.bytes.data()), packet.bytes.size());
+  bool sent = false;
+  switch (packet.type) {
+    case PacketType::kCommand:
+      sent = service_->sendHciCommand(bytes).isOk();
+      break;
+    case PacketType::kAcl:
+      sent = service_->sendAclData(bytes).isOk();
+      break;
+    case PacketType::kSco:
+      sent = service_->sendScoData(bytes).isOk();
+      break;
+    case PacketType::kIso:
+      sent = service_->sendIsoData(bytes).isOk();
+      break;
+    case PacketType::kEvent:
+      throw Failure("an event cannot be sent");
+  }
+  if (!sent) callbacks_->End("the service died");
+  const std::string end = callbacks_->end();
+  if (!end.empty()) throw Failure(ExitCode::kNoService, end);
+}
+
+std::optional<Packet> Attachment::Take() { return callbacks_->Take(); }
+int Attachment::fd() const { return callbacks_->fd(); }
+
+}  // namespace bthalctl

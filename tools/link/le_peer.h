@@ -1,0 +1,42 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "tools/hci/decoder.h"
+#include "tools/link/exchange.h"
+
+namespace bthalctl {
+
+// Prepares a controller whose state is unknown: HCI Reset, and every event let through.
+void ResetController(Exchange& exchange);
+
+// Listens for advertisers until deadline, or until heard returns true.
+void Scan(Exchange& exchange, bool active, TimePoint deadline,
+          const std::function<bool(const Advertisement&)>& heard);
+
+// A connection to an LE peer, as its central. One thread.
+class LePeer {
+ public:
+  // target: an address, or the name that the peer advertises. Throws Failure when it is not heard
+  // or does not answer.
+  LePeer(Exchange& exchange, const std::string& target);
+  // Disconnects, if the connection still stands.
+  ~LePeer();
+  LePeer(const LePeer&) = delete;
+  LePeer& operator=(const LePeer&) = delete;
+
+  uint16_t handle() const { return handle_; }
+  const Advertisement& advertisement() const { return advertisement_; }
+  // Reads the GAP device name over ATT. Throws Failure.
+  std::string ReadDeviceName();
+
+ private:
+  Bytes AttRequest(const Bytes& request);
+
+  Exchange& exchange_;
+  Advertisement advertisement_;
+  uint16_t handle_ = 0;
+};
+
+}  // namespace bthalctl

@@ -1,0 +1,82 @@
+// bthalctl: the command-line client of the Bluetooth service.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "tools/base/failure.h"
+#include "tools/commands/commands.h"
+
+namespace {
+
+using bthalctl::ExitCode;
+
+constexpr char kFooter[] =
+    "Examples:\n"
+    "  bthalctl --root /tmp/handset up --detach\n"
+    "  bthalctl --root /tmp/handset scan -t 3\n"
+    "  bthalctl --root /tmp/handset cmd read_bd_addr\n"
+    "  bthalctl --root /tmp/handset down\n"
+    "Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 3 no service or it died,\n"
+    "4 somebody else holds Bluetooth.";
+
+// The root folder is read before main() starts, so the program starts once more in the right one.
+void StartIn(const std::string& root, char** argv) {
+  const char* current = std::getenv("BTHAL_ROOT");
+  if (current != nullptr && current == root) return;
+  setenv("BTHAL_ROOT", root.c_str(), 1);
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+  execv(self.c_str(), argv);
+  throw bthalctl::Failure(bthalctl::WithErrno("cannot start in " + root));
+}
+
+int End(ExitCode code, const std::string& text) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "bthalctl: %s\n", text.c_str());
+  return static_cast<int>(code);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Client of the Bluetooth service.");
+  bthalctl::Options options;
+  app.require_subcommand(1);
+  app.footer(kFooter);
+  app.add_option_function<std::string>(
+         "--root", [argv](const std::string& root) { StartIn(root, argv); },
+         "root folder of the handset (default: BTHAL_ROOT, else /)")
+      ->trigger_on_parse();
+  app.add_option("--wait", options.wait_seconds, "seconds to wait for the service to appear")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 3600.0));
+  bthalctl::AddUp(app, options);
+  bthalctl::AddDown(app);
+  bthalctl::AddStatus(app, options);
+  bthalctl::AddInfo(app, options);
+  bthalctl::AddCmd(app, options);
+  bthalctl::AddScan(app, options);
+  bthalctl::AddMonitor(app, options);
+  bthalctl::AddDebug(app, options);
+  bthalctl::AddLoopback(app, options);
+  bthalctl::AddPeer(app, options);
+  bthalctl::AddServeH4(app, options);
+  bthalctl::AddPrepareRoot(app);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& help) {
+    return app.exit(help);
+  } catch (const CLI::ParseError& error) {
+    return End(ExitCode::kUsage, std::string(error.what()) + "; --help tells more");
+  } catch (const bthalctl::Failure& failure) {
+    return End(failure.code(), failure.what());
+  } catch (const bthalctl::Interrupted&) {
+    return End(ExitCode::kFailed, "interrupted");
+  } catch (const std::exception& error) {
+    return End(ExitCode::kFailed, error.what());
+  }
+  return 0;
+}
