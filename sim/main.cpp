@@ -96,6 +96,11 @@ int main(int argc, char** argv) {
   std::string chip = "B5";
   app.add_option("--root", handset.root.path, "root folder, made when it is not there");
   app.add_option("--chip", chip, ChipHelp());
+  app.add_option("--radio", handset.radio,
+                 "unix:PATH or tcp:HOST:PORT: a controller emulator that speaks H4 does what is "
+                 "standard, instead of the built-in radio");
+  std::string scenario;
+  app.add_option("--scenario", scenario, "file of faults and other events, one step a line");
   app.add_option("--seed", handset.root.seed, "what is random repeats with the same seed");
   app.add_option("--chunk", handset.chunk, "bytes that the serial line delivers in one write")
       ->check(CLI::PositiveNumber);
@@ -132,7 +137,11 @@ int main(int argc, char** argv) {
                                        : "--root DIR is missing; see --help");
       return kUsage;
     }
+    if (!scenario.empty()) handset.scenario = zvk::ReadScenario(scenario);
     return RunHandset(handset);
+  } catch (const std::invalid_argument& error) {
+    zvk::Log("%s", error.what());
+    return kUsage;
   } catch (const std::exception& error) {
     zvk::Log("%s", error.what());
     return kFailed;

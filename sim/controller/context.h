@@ -14,6 +14,8 @@ namespace zvk {
 struct BoardPort {
   // A packet for the host.
   HciOut::Sink send;
+  // A standard command or data for another emulator; empty: the built-in radio does it.
+  HciOut::Sink radio;
   // The serial speed from the moment on when everything sent so far is out.
   std::function<void(uint32_t bits_per_second)> set_speed;
   // Starts the loaded firmware once everything sent so far is out. The controller is destroyed.

@@ -62,6 +62,8 @@ void Controller::Reset() {
 void Controller::OnPacket(PacketType type, ByteView packet) {
   if (type == PacketType::kCommand) {
     OnCommand(packet, {});
+  } else if (board_.radio) {
+    board_.radio(type, packet);
   } else if (loopback_->local()) {
     loopback_->OnData(type, packet);
   } else if (type == PacketType::kAcl) {
@@ -72,8 +74,11 @@ void Controller::OnPacket(PacketType type, ByteView packet) {
 }
 
 bool Controller::Known(uint16_t opcode) const {
-  const bool rom_only = chip_.preset->needs_patch && !chip_.patched;
-  return table_.Find(opcode) != nullptr && !(rom_only && Group(opcode) == kLeGroup);
+  return table_.Find(opcode) != nullptr && !NeedsPatch(opcode);
+}
+
+bool Controller::NeedsPatch(uint16_t opcode) const {
+  return Group(opcode) == kLeGroup && chip_.preset->needs_patch && !chip_.patched;
 }
 
 void Controller::Run(uint16_t opcode, ByteView params) {
@@ -83,6 +88,9 @@ void Controller::Run(uint16_t opcode, ByteView params) {
   } else if (bring_up_->downloading() && opcode != kWriteRamOpcode && opcode != kLaunchRamOpcode) {
     Log("command 0x%04X in the middle of a firmware download", opcode);
     out_.Complete(opcode, Packet{status::kDisallowed});
+  } else if (board_.radio && Group(opcode) != kVendorGroup && !NeedsPatch(opcode)) {
+    board_.radio(PacketType::kCommand,
+                 Packet().U16(opcode).U8(static_cast<unsigned>(params.size())).Raw(params));
   } else if (!Known(opcode)) {
     if (Group(opcode) == kVendorGroup) {
       out_.Complete(opcode, Packet{status::kUnknownCommand});

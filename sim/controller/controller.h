@@ -36,6 +36,7 @@ class Controller {
  private:
   void Run(uint16_t opcode, ByteView params);
   bool Known(uint16_t opcode) const;
+  bool NeedsPatch(uint16_t opcode) const;
   void Reset();
   template <typename Group, typename... Arguments>
   Group* Add(Arguments&&... arguments);

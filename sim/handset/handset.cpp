@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "sim/base/log.h"
+#include "sim/controller/event_codes.h"
 
 namespace zvk {
 namespace {
@@ -41,6 +42,7 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
             btwrite_.Drain();
           },
           [this](ByteView bytes) { OnHostBytes(bytes); }),
+      line_(loop, uart_),
       rfkill_(loop, root_ / "sys/class/rfkill/rfkill0/state", [this](bool on) { OnPower(on); }),
       lpm_(loop, root_ / "proc/bluetooth/sleep/lpm",
            [this](bool on) {
@@ -51,7 +53,13 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
       btwrite_(loop, root_ / "proc/bluetooth/sleep/btwrite", [this](bool on) { OnWake(on); }),
       wake_locks_(loop, root_ / "sys/power/wake_lock", root_ / "sys/power/wake_unlock"),
       coex_(loop, root_ / "dev/wbrc"),
-      time_sync_(root_ / "proc/bluetooth/timesync") {
+      time_sync_(root_ / "proc/bluetooth/timesync"),
+      scenario_(loop, options.scenario, [this](const Action& action) { Act(action); }) {
+  if (!options.radio.empty()) {
+    radio_ = std::make_unique<RadioBridge>(
+        loop_, options.radio,
+        [this](PacketType type, ByteView packet) { SendToHost(type, packet); });
+  }
   loop_.SetIdle([this] { OnIdle(); });
   WriteStatus();
 }
@@ -69,6 +77,8 @@ void Handset::OnPower(bool on) {
     uart_.Drain();
     if (controller_) trace_.Note("power off");
     StopController();
+    if (radio_) radio_->Disconnect();
+    line_.Clear();
     uart_.Clear();
     return;
   }
@@ -81,7 +91,9 @@ void Handset::OnPower(bool on) {
   chip.local_name = "ZVK ROM " + preset_.name;
   chip.address = kRomAddress;
   uart_.Drain();  // written while it was off
+  if (radio_) radio_->Connect();
   StartController(chip);
+  scenario_.OnPowerOn();
 }
 
 void Handset::OnWake(bool asserted) {
@@ -95,6 +107,9 @@ void Handset::StartController(const ChipState& chip) {
   uart_.SetSpeed(kBootSpeed);
   BoardPort board;
   board.send = [this](PacketType type, ByteView packet) { SendToHost(type, packet); };
+  if (radio_) {
+    board.radio = [this](PacketType type, ByteView packet) { radio_->Send(type, packet); };
+  }
   board.set_speed = [this](uint32_t speed) {
     uart_.AfterSent([this, speed] {
       uart_.SetSpeed(speed);
@@ -104,6 +119,7 @@ void Handset::StartController(const ChipState& chip) {
   board.launch = [this](const std::string& name) {
     uart_.AfterSent([this, name] { LaunchFirmware(name); });
   };
+  ++starts_;
   controller_ = std::make_unique<Controller>(loop_, random_, board, chip);
   status_.listening = true;
 }
@@ -150,9 +166,69 @@ void Handset::OnHostPacket(PacketType type, ByteView packet) {
     controller_->OnPacket(type, packet);
     return;
   }
-  ++status_.commands[packet.U16(0)];
-  controller_->OnCommand(packet, {});
-  status_.sleep_mode = controller_->chip().sleep_mode;
+  const uint16_t opcode = packet.U16(0);
+  ++status_.commands[opcode];
+  const CommandFault fault = scenario_.OnCommand(opcode);
+  if (fault.no_answer) return;
+  if (fault.late == ScenarioTime::zero()) {
+    RunCommand(packet, fault.change);
+    return;
+  }
+  loop_.After(fault.late, [this, started = starts_, late = packet.Copy(), change = fault.change] {
+    if (controller_ && started == starts_) RunCommand(late, change);
+  });
+}
+
+void Handset::RunCommand(ByteView packet, const AnswerChange& change) {
+  const uint16_t opcode = packet.U16(0);
+  controller_->OnCommand(packet, change);
+  scenario_.OnAnswered(opcode);
+}
+
+void Handset::Act(const Action& action) {
+  const auto byte = static_cast<uint8_t>(action.number);
+  switch (action.kind) {
+    case Action::Kind::kHangUp:
+      trace_.Note("hang-up");
+      uart_.HangUp();
+      break;
+    case Action::Kind::kSilence:
+      line_.BeSilent(action.time);
+      break;
+    case Action::Kind::kStray:
+      uart_.Send({&byte, 1});
+      break;
+    case Action::Kind::kTruncatedEvent:
+      // Announces more than there is; what follows is swallowed by it.
+      uart_.Send(Packet{static_cast<uint8_t>(PacketType::kEvent), event::kVendor, 0x20, 0x00});
+      break;
+    case Action::Kind::kHardwareError:
+      SendToHost(PacketType::kEvent, Packet{event::kHardwareError, 1, byte});
+      break;
+    case Action::Kind::kInject:
+      uart_.Send(action.bytes);
+      break;
+    case Action::Kind::kGrant:
+      if (controller_) controller_->out().GrantCredits(byte);
+      break;
+    case Action::Kind::kCoex:
+      coex_.Notify(byte);
+      break;
+    case Action::Kind::kNoise: {
+      Bytes noise(action.number);
+      for (uint8_t& noise_byte : noise) noise_byte = static_cast<uint8_t>(random_());
+      uart_.Send(noise);
+      break;
+    }
+    case Action::Kind::kSplit:
+      line_.SplitAfter(action.number, action.time);
+      break;
+    case Action::Kind::kMerge:
+      line_.Merge(action.number, action.time);
+      break;
+    default:  // what changes an answer has been done with the command
+      break;
+  }
 }
 
 void Handset::OnLostSync(uint8_t bad) {
@@ -165,11 +241,9 @@ void Handset::SendToHost(PacketType type, ByteView packet) {
     if (status_.packets_dropped++ == 0) Log("the host does not read; packets are dropped");
     return;
   }
+  if (!line_.Send(type, packet)) return;
   ++status_.packets_to_host;
   trace_.ToHost(type, packet);
-  const auto type_byte = static_cast<uint8_t>(type);
-  uart_.Send({&type_byte, 1});
-  uart_.Send(packet);
 }
 
 void Handset::OnIdle() {

@@ -8,6 +8,7 @@
 #include "sim/controller/controller.h"
 #include "sim/controller/framer.h"
 #include "sim/handset/coex_device.h"
+#include "sim/handset/line_faults.h"
 #include "sim/handset/root_folder.h"
 #include "sim/handset/status_file.h"
 #include "sim/handset/switch_file.h"
@@ -15,6 +16,8 @@
 #include "sim/handset/trace.h"
 #include "sim/handset/uart.h"
 #include "sim/handset/wake_locks.h"
+#include "sim/radio/radio_bridge.h"
+#include "sim/scenario/scenario_runner.h"
 
 namespace zvk {
 
@@ -24,6 +27,8 @@ struct HandsetOptions {
   size_t chunk = SIZE_MAX;
   bool pace = false;
   std::string trace_file;
+  std::vector<Step> scenario;
+  std::string radio;  // unix:PATH or tcp:HOST:PORT; empty: the built-in one
 };
 
 // The simulated handset: its root folder, the serial line and the kernel files in it, and the
@@ -42,6 +47,8 @@ class Handset {
   void OnHostBytes(ByteView bytes);
   void OnHostPacket(PacketType type, ByteView packet);
   void OnLostSync(uint8_t bad);
+  void RunCommand(ByteView packet, const AnswerChange& change);
+  void Act(const Action& action);
   void SendToHost(PacketType type, ByteView packet);
   void StartController(const ChipState& chip);
   void StopController();
@@ -61,15 +68,19 @@ class Handset {
   std::string written_status_;
   EventLoop::TimerId status_timer_ = EventLoop::kNoTimer;
   EventLoop::TimerId warm_up_timer_ = EventLoop::kNoTimer;
+  uint64_t starts_ = 0;                     // of controllers: tells one from the next
   std::unique_ptr<Controller> controller_;  // null while the power is off
+  std::unique_ptr<RadioBridge> radio_;      // null with the built-in radio
   Framer framer_;
   Uart uart_;
+  LineFaults line_;
   SwitchFile rfkill_;
   SwitchFile lpm_;
   SwitchFile btwrite_;
   WakeLocks wake_locks_;
   CoexDevice coex_;
   TimeSync time_sync_;
+  ScenarioRunner scenario_;
 };
 
 }  // namespace zvk

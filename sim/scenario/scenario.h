@@ -1,0 +1,74 @@
+// What a scenario file says. The grammar is described in docs/simulator.md.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "sim/base/bytes.h"
+
+namespace zvk {
+
+using ScenarioTime = std::chrono::milliseconds;
+
+// When a step runs.
+struct Trigger {
+  enum class Kind {
+    kCommand,   // a command arrives
+    kAnswered,  // time after a command was answered
+    kStart,     // time after the simulator's start
+    kPower,     // time after the controller was switched on
+  };
+  Kind kind = Kind::kStart;
+  uint16_t opcode = 0;
+  // The count (of the command, or of power-ons) that is meant; 0 for every one.
+  uint32_t nth = 0;
+  bool and_later = false;  // the nth and all after it
+  ScenarioTime time{0};
+
+  bool Counts(uint32_t count) const {
+    return nth == 0 || count == nth || (and_later && count > nth);
+  }
+};
+
+struct Action {
+  enum class Kind {
+    // To the answer of the command that triggers it.
+    kNoAnswer,
+    kLate,
+    kStatus,
+    kWrongOpcode,
+    kCredits,
+    kTruncated,
+    // At any time.
+    kHangUp,
+    kSilence,
+    kStray,
+    kTruncatedEvent,
+    kHardwareError,
+    kInject,
+    kGrant,
+    kCoex,
+    kNoise,
+    kSplit,
+    kMerge,
+  };
+  Kind kind;
+  uint32_t number = 0;
+  ScenarioTime time{0};
+  Bytes bytes;
+
+  bool ChangesAnswer() const { return kind <= Kind::kTruncated; }
+};
+
+struct Step {
+  Trigger trigger;
+  Action action;
+};
+
+// name is what errors call the text. Throws std::runtime_error("name:line: reason").
+std::vector<Step> ParseScenario(const std::string& text, const std::string& name);
+std::vector<Step> ReadScenario(const std::string& file);
+
+}  // namespace zvk

@@ -1,0 +1,71 @@
+#include "sim/scenario/scenario_runner.h"
+
+namespace zvk {
+
+ScenarioRunner::ScenarioRunner(EventLoop& loop, std::vector<Step> steps, Act act)
+    : loop_(loop), steps_(std::move(steps)), act_(std::move(act)) {
+  RunMatching(Trigger::Kind::kStart, 0, 0);
+}
+
+ScenarioRunner::~ScenarioRunner() {
+  for (auto& [id, timer] : timers_) loop_.Cancel(&timer);
+}
+
+void ScenarioRunner::RunAfter(const Step& step) {
+  const uint64_t id = ++last_timer_;
+  timers_[id] = loop_.After(step.trigger.time, [this, id, &step] {
+    timers_.erase(id);
+    act_(step.action);
+  });
+}
+
+void ScenarioRunner::RunMatching(Trigger::Kind kind, uint16_t opcode, uint32_t count) {
+  for (const Step& step : steps_) {
+    const Trigger& trigger = step.trigger;
+    if (trigger.kind == kind && trigger.opcode == opcode && trigger.Counts(count)) RunAfter(step);
+  }
+}
+
+void ScenarioRunner::OnPowerOn() { RunMatching(Trigger::Kind::kPower, 0, ++power_ons_); }
+
+void ScenarioRunner::OnAnswered(uint16_t opcode) {
+  RunMatching(Trigger::Kind::kAnswered, opcode, ++answered_[opcode]);
+}
+
+CommandFault ScenarioRunner::OnCommand(uint16_t opcode) {
+  CommandFault fault;
+  const uint32_t count = ++commands_[opcode];
+  for (const Step& step : steps_) {
+    const Trigger& trigger = step.trigger;
+    if (trigger.kind != Trigger::Kind::kCommand || trigger.opcode != opcode ||
+        !trigger.Counts(count)) {
+      continue;
+    }
+    const Action& action = step.action;
+    switch (action.kind) {
+      case Action::Kind::kNoAnswer:
+        fault.no_answer = true;
+        break;
+      case Action::Kind::kLate:
+        fault.late = action.time;
+        break;
+      case Action::Kind::kStatus:
+        fault.change.status = static_cast<uint8_t>(action.number);
+        break;
+      case Action::Kind::kWrongOpcode:
+        fault.change.opcode = static_cast<uint16_t>(action.number);
+        break;
+      case Action::Kind::kCredits:
+        fault.change.credits = static_cast<uint8_t>(action.number);
+        break;
+      case Action::Kind::kTruncated:
+        fault.change.truncated = true;
+        break;
+      default:
+        act_(action);
+    }
+  }
+  return fault;
+}
+
+}  // namespace zvk

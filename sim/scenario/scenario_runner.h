@@ -1,0 +1,47 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "sim/base/event_loop.h"
+#include "sim/controller/hci_out.h"
+#include "sim/scenario/scenario.h"
+
+namespace zvk {
+
+// What a scenario makes of one command.
+struct CommandFault {
+  bool no_answer = false;  // the command has no effect either
+  ScenarioTime late{0};    // it runs that much later
+  AnswerChange change;
+};
+
+// Plays a scenario: is told what happens at the handset, and acts when a step's time has come.
+class ScenarioRunner {
+ public:
+  using Act = std::function<void(const Action& action)>;
+  ScenarioRunner(EventLoop& loop, std::vector<Step> steps, Act act);
+  ~ScenarioRunner();
+
+  void OnPowerOn();
+  CommandFault OnCommand(uint16_t opcode);
+  void OnAnswered(uint16_t opcode);
+
+ private:
+  void RunAfter(const Step& step);
+  void RunMatching(Trigger::Kind kind, uint16_t opcode, uint32_t count);
+
+  EventLoop& loop_;
+  const std::vector<Step> steps_;
+  const Act act_;
+  std::map<uint16_t, uint32_t> commands_;  // seen so far, by opcode
+  std::map<uint16_t, uint32_t> answered_;
+  uint32_t power_ons_ = 0;
+  std::map<uint64_t, EventLoop::TimerId> timers_;
+  uint64_t last_timer_ = 0;
+};
+
+}  // namespace zvk
