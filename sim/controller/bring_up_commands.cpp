@@ -61,6 +61,11 @@ void BringUpCommands::Register(CommandTable* table) {
   }
 }
 
+bool BringUpCommands::Takes(uint16_t opcode) const {
+  return !download_ || opcode == kDownloadMinidriverOpcode || opcode == kWriteRamOpcode ||
+         opcode == kLaunchRamOpcode;
+}
+
 Packet BringUpCommands::VerboseConfig() const {
   // Chip id, then target, build base and build number.
   return Packet{status::kSuccess}

@@ -14,8 +14,8 @@ class BringUpCommands : public CommandGroup {
   using CommandGroup::CommandGroup;
   void Register(CommandTable* table) override;
 
-  // While true only firmware records are taken.
-  bool downloading() const { return download_ != nullptr; }
+  // In the middle of a download nothing but the download's own commands is taken.
+  bool Takes(uint16_t opcode) const;
 
  private:
   Packet DownloadMinidriver();

@@ -8,7 +8,6 @@
 #include "sim/controller/info_commands.h"
 #include "sim/controller/le_commands.h"
 #include "sim/controller/scan_commands.h"
-#include "sim/firmware/image.h"
 
 namespace zvk {
 namespace {
@@ -85,7 +84,7 @@ void Controller::Run(uint16_t opcode, ByteView params) {
   const CommandTable::Entry* entry = table_.Find(opcode);
   if (loopback_->Takes(opcode)) {
     loopback_->OnCommand(Packet().U16(opcode).U8(static_cast<unsigned>(params.size())).Raw(params));
-  } else if (bring_up_->downloading() && opcode != kWriteRamOpcode && opcode != kLaunchRamOpcode) {
+  } else if (!bring_up_->Takes(opcode)) {
     Log("command 0x%04X in the middle of a firmware download", opcode);
     out_.Complete(opcode, Packet{status::kDisallowed});
   } else if (board_.radio && Group(opcode) != kVendorGroup && !NeedsPatch(opcode)) {

@@ -119,7 +119,7 @@ void Handset::StartController(const ChipState& chip) {
   board.launch = [this](const std::string& name) {
     uart_.AfterSent([this, name] { LaunchFirmware(name); });
   };
-  ++starts_;
+  ++status_.starts;
   controller_ = std::make_unique<Controller>(loop_, random_, board, chip);
   status_.listening = true;
 }
@@ -174,9 +174,10 @@ void Handset::OnHostPacket(PacketType type, ByteView packet) {
     RunCommand(packet, fault.change);
     return;
   }
-  loop_.After(fault.late, [this, started = starts_, late = packet.Copy(), change = fault.change] {
-    if (controller_ && started == starts_) RunCommand(late, change);
-  });
+  loop_.After(fault.late,
+              [this, started = status_.starts, late = packet.Copy(), change = fault.change] {
+                if (controller_ && started == status_.starts) RunCommand(late, change);
+              });
 }
 
 void Handset::RunCommand(ByteView packet, const AnswerChange& change) {

@@ -68,7 +68,6 @@ class Handset {
   std::string written_status_;
   EventLoop::TimerId status_timer_ = EventLoop::kNoTimer;
   EventLoop::TimerId warm_up_timer_ = EventLoop::kNoTimer;
-  uint64_t starts_ = 0;                     // of controllers: tells one from the next
   std::unique_ptr<Controller> controller_;  // null while the power is off
   std::unique_ptr<RadioBridge> radio_;      // null with the built-in radio
   Framer framer_;

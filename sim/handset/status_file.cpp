@@ -46,6 +46,7 @@ std::string StatusJson(const Status& status,
   Object json;
   json.Add("powered", status.powered);
   json.Add("power_cycles", status.power_cycles);
+  json.Add("starts", status.starts);
   json.Add("patched", status.patched);
   json.Add("listening", status.listening);
   json.Add("speed_baud", uint64_t{status.speed_baud});

@@ -12,6 +12,7 @@ namespace zvk {
 struct Status {
   bool powered = false;
   uint64_t power_cycles = 0;  // times that it was switched on
+  uint64_t starts = 0;        // of a firmware: by power-on and by Launch RAM
   bool patched = false;
   bool listening = false;  // false while off and while a new firmware warms up
   uint32_t speed_baud = 0;

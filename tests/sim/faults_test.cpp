@@ -1,0 +1,143 @@
+// What a scenario file does to the serial line and the answers on it.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include "tests/sim/host.h"
+
+namespace test {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+const Bytes kReset = B("01 03 0c 00");
+const Bytes kResetDone = B("04 0e 04 01 03 0c 00");
+const Bytes kReadMode = B("01 01 18 00");
+const Bytes kReadModeDone = B("04 0e 05 01 01 18 00 00");
+
+TEST(SimulatorFaults, AnswerToOneCommand_IsChangedAndTheNextIsNot) {
+  struct Row {
+    const char* action;
+    Bytes answer;  // to the first HCI Reset
+  };
+  const Row rows[] = {
+      {"no-answer", {}},
+      {"status 0x0c", B("04 0e 04 01 03 0c 0c")},
+      {"wrong-opcode", B("04 0e 04 01 7f 0c 00")},
+      {"wrong-opcode 0xfc18", B("04 0e 04 01 18 fc 00")},
+      {"zero-credits", B("04 0e 04 00 03 0c 00")},
+      {"credits 5", B("04 0e 04 05 03 0c 00")},
+      {"truncated", B("04 0e 04 01 03 0c")},
+      {"stray 0x37", B("37") + kResetDone},
+      {"truncated-event", B("04 ff 20 00") + kResetDone},
+      {"hardware-error 0x42", B("04 10 01 42") + kResetDone},
+      {"inject 04 ff 01 aa", B("04 ff 01 aa") + kResetDone},
+      {"grant 1", B("04 0e 03 01 00 00") + kResetDone},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.action);
+    Host host({"--chip", "ready"}, std::string("# a fault\non 0x0C03 nth 1 ") + row.action + "\n");
+    host.PowerUp();
+    host.Send(kReset);
+    Bytes answer;
+    while (answer.size() < row.answer.size()) answer = answer + host.Raw();
+    EXPECT_EQ(answer, row.answer);
+    host.Send(kReadMode);
+    EXPECT_EQ(host.Raw(), kReadModeDone);
+    EXPECT_EQ(host.Command(0x0C03), kResetDone);
+  }
+}
+
+TEST(SimulatorFaults, LateAnswer_ComesAfterItsTime) {
+  Host host({"--chip", "ready"}, "on 0x0C03 late 150ms\n");
+  host.PowerUp();
+  const auto start = steady_clock::now();
+  EXPECT_EQ(host.Command(0x0C03), kResetDone);
+  EXPECT_GE(steady_clock::now() - start, milliseconds(150));
+}
+
+TEST(SimulatorFaults, HangUp_EndsTheLineAndTheNextOpenWorks) {
+  Host host({"--chip", "ready"}, "after 0x0C03 nth 1 hangup\n");
+  host.PowerUp();
+  host.Send(kReset);
+  EXPECT_TRUE(WaitFor([&] {
+    host.Raw(milliseconds(10));
+    return host.HungUp();
+  }));
+  host.PowerUp();
+  EXPECT_EQ(host.Command(0x0C03), kResetDone);
+}
+
+TEST(SimulatorFaults, Silence_LastsItsTimeOrUntilPowerOff) {
+  Host host({"--chip", "ready"}, "on 0x0C03 nth 1 silence 100ms\non 0x0C03 nth 2 silence\n");
+  host.PowerUp();
+  host.Send(kReset);
+  EXPECT_TRUE(WaitFor([&] {
+    host.Send(kReadMode);
+    return host.Raw(milliseconds(20)) == kReadModeDone;
+  })) << "the silence ends";
+  host.Send(kReset + kReadMode);
+  EXPECT_TRUE(host.Raw(milliseconds(150)).empty());
+  host.PowerUp();
+  EXPECT_EQ(host.Command(0x0C03), kResetDone);
+}
+
+TEST(SimulatorFaults, SplitAndMerge_ChangeTheWritesOnly) {
+  Host split({"--chip", "ready"}, "power split 3 30ms\n");
+  split.PowerUp();
+  split.Send(kReset);
+  EXPECT_EQ(split.Raw(), B("04 0e 04"));
+  EXPECT_EQ(split.Raw(), B("01 03 0c 00"));
+
+  Host merge({"--chip", "ready"}, "power merge 2 60s\n");
+  merge.PowerUp();
+  merge.Send(kReset);
+  EXPECT_TRUE(merge.StatusHolds("\"packets_to_host\": 1"));
+  EXPECT_TRUE(merge.Raw(milliseconds(20)).empty());
+  merge.Send(kReadMode);
+  EXPECT_EQ(merge.Raw(), kResetDone + kReadModeDone);
+}
+
+TEST(SimulatorFaults, Triggers_CountAndWait) {
+  Host host({"--chip", "ready"},
+            "at 1ms inject 04 ff 01 00  # nobody listens yet\n"
+            "power nth 2 50ms stray 0x51\n"
+            "on 0x1801 from 3 stray 0x52\n"
+            "after 0x1801 nth 2 stray 0x53\n");
+  host.PowerUp();
+  host.Settle(milliseconds(20));
+  for (const Bytes& expected :
+       {kReadModeDone, kReadModeDone + B("53"), B("52") + kReadModeDone, B("52") + kReadModeDone}) {
+    host.Send(kReadMode);
+    Bytes answer;
+    while (answer.size() < expected.size()) answer = answer + host.Raw();
+    EXPECT_EQ(answer, expected);
+  }
+  host.PowerUp();
+  EXPECT_EQ(host.Raw(), B("51"));
+}
+
+TEST(SimulatorCoex, Notice_IsFourBytesAndTheAcknowledgementIsCounted) {
+  Host host({"--chip", "ready"}, "after 0x0C03 coex 0x43\n");
+  const int fd = open((host.root() + "/dev/wbrc").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  host.PowerUp();
+  EXPECT_EQ(host.Command(0x0C03), kResetDone);
+  Bytes notice(64);
+  const ssize_t count = read(fd, notice.data(), notice.size());
+  ASSERT_EQ(count, 4);
+  notice.resize(4);
+  EXPECT_EQ(notice[0], 1);
+  EXPECT_EQ(notice[2], 1);
+  EXPECT_EQ(notice[3], 0x43);
+  const Bytes acknowledgement = B("02 02 04 81");
+  EXPECT_EQ(write(fd, acknowledgement.data(), 4), 4);
+  EXPECT_TRUE(host.StatusHolds("\"coex_acknowledged\": 1"));
+  close(fd);
+}
+
+}  // namespace
+}  // namespace test
