@@ -84,7 +84,8 @@ void BM_Framer(benchmark::State& state) {
   };
   H4Protocol h4(-1, count, count, count, count);
   RunChunks(state, [&](const uint8_t* data, size_t size) { h4.OnBytes(data, size); });
-  if (packets != MixedStream().packets * static_cast<size_t>(state.iterations())) state.SkipWithError("packets lost");
+  if (packets != MixedStream().packets * static_cast<size_t>(state.iterations()))
+    state.SkipWithError("packets lost");
 }
 
 void BM_Memcpy(benchmark::State& state) {

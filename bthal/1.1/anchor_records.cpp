@@ -46,10 +46,15 @@ void AnchorRecords::Add(AnchorType type, AnchorFormatter formatter, const Anchor
   ++added_;
 }
 
-AnchorRecords::Line AnchorRecords::ToLine(const Record& record) {
-  return {
-      record.formatter == nullptr ? record.text : record.formatter(record.values) + record.suffix,
-      FormatTimestamp(record.time)};
+std::vector<AnchorRecords::Line> AnchorRecords::ToLines(const std::vector<Record>& records) {
+  std::vector<Line> lines;
+  lines.reserve(records.size());
+  for (const Record& record : records) {
+    lines.push_back({record.formatter == nullptr ? record.text
+                                                 : record.formatter(record.values) + record.suffix,
+                     FormatTimestamp(record.time)});
+  }
+  return lines;
 }
 
 std::vector<AnchorRecords::Line> AnchorRecords::History() const {
@@ -57,11 +62,10 @@ std::vector<AnchorRecords::Line> AnchorRecords::History() const {
   {
     std::lock_guard<std::mutex> guard(lock_);
     const size_t first = added_ > kHistoryLimit ? added_ - kHistoryLimit : 0;
+    records.reserve(added_ - first);
     for (size_t i = first; i < added_; ++i) records.push_back(history_[i % kHistoryLimit]);
   }
-  std::vector<Line> lines;
-  for (const Record& record : records) lines.push_back(ToLine(record));
-  return lines;
+  return ToLines(records);
 }
 
 std::vector<AnchorRecords::Line> AnchorRecords::LastAppearances() const {
@@ -72,9 +76,7 @@ std::vector<AnchorRecords::Line> AnchorRecords::LastAppearances() const {
       if (!IsEmpty(record.time)) records.push_back(record);
     }
   }
-  std::vector<Line> lines;
-  for (const Record& record : records) lines.push_back(ToLine(record));
-  return lines;
+  return ToLines(records);
 }
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug

@@ -45,7 +45,7 @@ class AnchorRecords {
     std::string text;
   };
 
-  static Line ToLine(const Record& record);
+  static std::vector<Line> ToLines(const std::vector<Record>& records);
 
   mutable std::mutex lock_;
   std::array<Record, kHistoryLimit> history_ GUARDED_BY(lock_);  // a ring

@@ -290,7 +290,7 @@ bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms)
     ALOGE("%s: pthread_create error: %s", "CreateThread", strerror(error));
     return true;
   }
-  argument.release();
+  static_cast<void>(argument.release());  // the thread's now
   poller_ = std::move(poller);
   ALOGI("%s return upon created fd: %d", __func__, fd);
   Record(AnchorType::kCoexOpened, StringPrintf("%s return upon created fd: %d", __func__, fd));

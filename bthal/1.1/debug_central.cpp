@@ -23,8 +23,6 @@
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 namespace {
 
-using ::android::base::StringPrintf;
-
 constexpr uint16_t kOpcodeDebugDump = 0xFD5B;
 constexpr uint16_t kOpcodeSetExtendedScanEnable = 0x2042;
 
@@ -177,7 +175,7 @@ void DebugCentral::Dump(int fd) {
   collect_sscd_logs(fd, kCoreDumpPrefix, kCoreDumpDirectory);
 }
 
-void DebugCentral::ReportBqrError(BqrErrorCode code, std::string extra) {
+void DebugCentral::ReportBqrError(BqrErrorCode code, const std::string& extra) {
   ClaimReport();
   const hidl_vec<uint8_t> event = {0xFF, 0x04, 0x58, 0x05, 0x00, static_cast<uint8_t>(code)};
   UpdateRecord(AnchorType::kBqrError, extra.substr(0, kMaxRecordText));

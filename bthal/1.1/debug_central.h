@@ -59,7 +59,7 @@ class DebugCentral {
 
   // Tells the stack, writes the crash files, and ends the process through the function named after
   // code. Does not return, on any thread.
-  void ReportBqrError(BqrErrorCode code, std::string extra);
+  void ReportBqrError(BqrErrorCode code, const std::string& extra);
 
   // Writes core dump and crash information, once per enable cycle.
   void start_crash_dump(const std::string& reason) EXCLUDES(lock_);

@@ -75,14 +75,16 @@ void collect_sscd_logs(int fd, const std::string& prefix, const std::string& dir
     ALOGD("%s: Dumping %s", __func__, path.c_str());
     const bool binary = EndsWith(name, ".bin") && (StartsWith(name, kControllerDumpPrefix) ||
                                                    StartsWith(name, kChreDumpPrefix));
-    text += kStars + "\n\nBEGIN of LogFile: " + name + "\n\n" + kStars + "\n";
+    text.append(kStars).append("\n\nBEGIN of LogFile: ").append(name).append("\n\n");
+    text.append(kStars).append("\n");
     std::string content;
     if (!ReadWholeFile(path, &content)) {
       text += "File open failed: " + prefix + "\n";
     } else {
       text += binary ? ToHexLines(content) : content + "\n";
     }
-    text += kStars + "\n\nEND of LogFile: " + name + "\n\n" + kStars + "\n\n";
+    text.append(kStars).append("\n\nEND of LogFile: ").append(name).append("\n\n");
+    text.append(kStars).append("\n\n");
   }
   base::WriteStringToFd(text, fd);
 }

@@ -99,6 +99,7 @@ size_t HciFlowControl::SendNoAck(uint8_t type, const uint8_t* data, size_t lengt
 }
 
 // event_cb by value: the stack's callback may end in the deletion of everything that led here.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): as said
 void HciFlowControl::OnHciEventReady(const hidl_vec<uint8_t>& event, PacketReceiver event_cb) {
   const std::shared_ptr<HciFlowControl> self = shared_from_this();
   if (!LengthIsRight(HCI_PACKET_TYPE_EVENT, event.data(), event.size())) {

@@ -44,6 +44,7 @@ std::map<BqrErrorCode, std::string> MakeMessages() {
     asm volatile("# " #name);                                \
     LOG(FATAL) << message;                                   \
   }
+// NOLINTNEXTLINE(performance-unnecessary-value-param): all of the table's type
 BTHAL_BQR_ERRORS(BTHAL_DEFINE)
 #undef BTHAL_DEFINE
 

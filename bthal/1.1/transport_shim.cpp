@@ -173,7 +173,7 @@ bool GetTlDebugDump(int fd, const std::string& first, const std::string& second)
   return true;
 }
 
-void CatchException(BqrErrorCode /*code*/, std::string /*reason*/) {
+void CatchException(BqrErrorCode /*code*/, const std::string& /*reason*/) {
   BtZvkProtocol::GetInstacne()->Shutdown();
   ClosePort();
   BtHwControl::Get().PowerControl(false);

@@ -58,6 +58,6 @@ bool GetTlDebugDump(int fd, const std::string& first, const std::string& second)
 
 // A fatal error of the stream: shuts the controller down and closes the port. On the UART the
 // error is not reported and the flow control stays until the next Deinitialize().
-void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, std::string reason);
+void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason);
 
 }  // namespace android::hardware::bluetooth::hci::shim
