@@ -215,6 +215,9 @@ void Handset::Act(const Action& action) {
     case Action::Kind::kCoex:
       coex_.Notify(byte);
       break;
+    case Action::Kind::kTimeSync:
+      time_sync_.Record(action.number);
+      break;
     case Action::Kind::kNoise: {
       Bytes noise(action.number);
       for (uint8_t& noise_byte : noise) noise_byte = static_cast<uint8_t>(random_());

@@ -9,7 +9,7 @@
 namespace zvk {
 namespace {
 
-enum class Argument { kNone, kByte, kCount, kOpcode, kTime, kHex };
+enum class Argument { kNone, kByte, kCount, kOpcode, kMicroseconds, kTime, kHex };
 
 struct ActionSyntax {
   const char* name;
@@ -40,6 +40,7 @@ constexpr ActionSyntax kActions[] = {
     {"inject", Kind::kInject, Argument::kHex, false, false, 0, kForEver},
     {"grant", Kind::kGrant, Argument::kByte, false, false, 0, kForEver},
     {"coex", Kind::kCoex, Argument::kByte, false, false, 0, kForEver},
+    {"timesync", Kind::kTimeSync, Argument::kMicroseconds, false, false, 0, kForEver},
     {"noise", Kind::kNoise, Argument::kCount, false, false, 0, kForEver},
     {"split", Kind::kSplit, Argument::kCount, false, true, 0, ScenarioTime(5)},
     {"merge", Kind::kMerge, Argument::kCount, false, true, 0, ScenarioTime(100)},
@@ -140,6 +141,9 @@ Action ParseAction(Line& line) {
     if (syntax.argument == Argument::kCount) action.number = line.TakeNumber("a count", 1000000);
     if (syntax.argument == Argument::kOpcode && given) {
       action.number = line.TakeNumber("an opcode", 0xFFFF);
+    }
+    if (syntax.argument == Argument::kMicroseconds) {
+      action.number = line.TakeNumber("a number of microseconds", UINT32_MAX);
     }
     if (syntax.argument == Argument::kTime) action.time = line.TakeTime();
     if (syntax.argument == Argument::kHex) {

@@ -50,6 +50,7 @@ struct Action {
     kInject,
     kGrant,
     kCoex,
+    kTimeSync,
     kNoise,
     kSplit,
     kMerge,

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <random>
 
 #include "tests/sim/host.h"
 
@@ -134,6 +135,31 @@ TEST(SimulatorController, Reset_KeepsAddressSpeedAndSleepMode_PowerOffDoesNot) {
   EXPECT_TRUE(host.StatusHolds("\"sleep_mode\": false"));
   EXPECT_NE(host.Command(0x1009), B("04 0e 0a 01 09 10 00 55 44 33 22 11 00"));
   EXPECT_EQ(host.Command(0x2003)[1], 0x0F) << "the patch is gone";
+}
+
+TEST(SimulatorController, AnyCommandWithAnyParameters_IsSurvived) {
+  std::mt19937 random(11);
+  const unsigned groups[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x08, 0x3F};
+  const int rounds = Count("rounds of random commands", 20);
+  Host host({"--chip", "ready"});
+  for (int round = 0; round < rounds; ++round) {
+    host.PowerUp();
+    for (int i = 0; i < 1000; ++i) {
+      const unsigned opcode = (groups[random() % 8] << 10) | (random() % 0x80);
+      const size_t size = random() % 2 == 0 ? random() % 8 : random() % 256;
+      Bytes packet = {0x01, static_cast<uint8_t>(opcode), static_cast<uint8_t>(opcode >> 8),
+                      static_cast<uint8_t>(size)};
+      for (size_t at = 0; at < size; ++at) packet.push_back(static_cast<uint8_t>(random() % 5));
+      if (i % 7 == 0) {  // data, mostly for the first connection, with a frame's beginning
+        packet = B("02 40 00 05 00 06 00 04 00 12");
+        packet[2] = static_cast<uint8_t>(random() % 4 << 4);
+      }
+      host.Send(packet);
+    }
+    host.Settle(milliseconds(20));
+  }
+  host.PowerUp();
+  EXPECT_EQ(host.Command(0x0C03), B("04 0e 04 01 03 0c 00")) << host.zvksim().Output();
 }
 
 TEST(SimulatorSleep, WithoutWake_BytesAreLost) {

@@ -120,6 +120,22 @@ TEST(SimulatorFaults, Triggers_CountAndWait) {
   EXPECT_EQ(host.Raw(), B("51"));
 }
 
+TEST(SimulatorTimeSync, Records_AreReadOneAtATimeAndThenNothing) {
+  Host host({"--chip", "ready"}, "power timesync 1234567\npower timesync 89\n");
+  const int fd = open((host.root() + "/proc/bluetooth/timesync").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  char record[32];
+  EXPECT_EQ(read(fd, record, 20), 0) << "does not wait";
+  host.PowerUp();
+  EXPECT_EQ(host.Command(0x0C03), kResetDone);
+  for (const char* expected : {"1234567             ", "89                  "}) {
+    ASSERT_EQ(read(fd, record, 20), 20);
+    EXPECT_EQ(std::string(record, 20), expected);
+  }
+  EXPECT_EQ(read(fd, record, 20), 0);
+  close(fd);
+}
+
 TEST(SimulatorCoex, Notice_IsFourBytesAndTheAcknowledgementIsCounted) {
   Host host({"--chip", "ready"}, "after 0x0C03 coex 0x43\n");
   const int fd = open((host.root() + "/dev/wbrc").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
