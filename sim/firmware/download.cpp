@@ -34,7 +34,7 @@ uint8_t Download::ReadHeader(ByteView header) {
   bytes_left_ = header.U32(16);
   expected_crc_ = header.U32(20);
   name_ = header.Sub(24, kImageNameBytes).Text();
-  name_ = name_.c_str();  // up to the first zero byte
+  name_ = name_.substr(0, name_.find('\0'));
   have_header_ = true;
   return status::kSuccess;
 }

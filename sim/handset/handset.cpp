@@ -10,7 +10,7 @@ namespace {
 
 constexpr auto kWarmUp = std::chrono::milliseconds(200);
 constexpr auto kStatusPeriod = std::chrono::milliseconds(20);
-constexpr size_t kLineBacklog = 1024 * 1024;  // bytes that wait for the host; more are dropped
+constexpr size_t kLineBacklog = 1048576;  // bytes that wait for the host; more are dropped
 
 // The address of a controller that nobody has given one.
 constexpr Address kRomAddress = {0x00, 0x00, 0xF0, 0x4B, 0x56, 0x5A};

@@ -11,7 +11,7 @@ namespace {
 
 constexpr size_t kReadBytes = 65536;
 constexpr int kReadsPerTurn = 32;  // then everybody else has a turn
-constexpr size_t kTxHigh = 256 * 1024;
+constexpr size_t kTxHigh = 262144;
 constexpr double kBitsPerByte = 10;  // start bit, 8 data bits, stop bit
 constexpr auto kTick = std::chrono::milliseconds(1);
 constexpr double kBurstSeconds = 0.002;
