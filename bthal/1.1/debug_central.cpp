@@ -13,6 +13,7 @@
 #include <mutex>
 #include <thread>
 
+#include "bluetooth_bqr.h"
 #include "btzvk_protocol.h"
 #include "debug_event_watcher.h"
 #include "debug_files.h"
@@ -24,6 +25,7 @@ namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 namespace {
 
 constexpr uint16_t kOpcodeDebugDump = 0xFD5B;
+constexpr uint16_t kOpcodeVendorCapabilities = 0xFD53;
 constexpr uint16_t kOpcodeSetExtendedScanEnable = 0x2042;
 
 // Records cut their text to what a buffer of 128 bytes holds.
@@ -87,6 +89,8 @@ void DebugCentral::StartMonitor(hci::HciFlowControl* flow) {
       [this](const hidl_vec<uint8_t>& event) { return handle_hardware_error(event); });
   add("debug_VendorEvent", hci::kEventVendorSpecific, 0,
       [this](const hidl_vec<uint8_t>& event) { return handle_vendor_specific_event(event); });
+  add("vendorCapabilityEvent", hci::kEventCommandComplete, kOpcodeVendorCapabilities,
+      [this](const hidl_vec<uint8_t>& event) { return handle_capability(event); });
   add("LeSetExtentedScanEnableEvent", hci::kEventCommandComplete, kOpcodeSetExtendedScanEnable,
       [this](const hidl_vec<uint8_t>& event) { return handle_scan_enable(event); });
 
@@ -101,6 +105,7 @@ void DebugCentral::StopMonitor() {
     RecursiveLock guard(lock_);
     stopped.swap(watchers_);
     crash_timestamp_.clear();
+    firmware_dump_.clear();
   }
   while (!stopped.empty()) stopped.pop_back();
 }
@@ -113,8 +118,9 @@ bool DebugCentral::handle_hardware_error(const hidl_vec<uint8_t>& event) {
   return false;
 }
 
-bool DebugCentral::handle_vendor_specific_event(const hidl_vec<uint8_t>& event) {
-  if (event.size() < 2) ALOGW("%s: Invalid length of VS event!", __func__);
+bool DebugCentral::handle_capability(const hidl_vec<uint8_t>& event) {
+  RecursiveLock guard(lock_);
+  bqr::updateControllerCapability(event);
   return false;
 }
 

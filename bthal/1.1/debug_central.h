@@ -68,17 +68,29 @@ class DebugCentral {
   DebugCentral() = default;
 
   bool handle_hardware_error(const hidl_vec<uint8_t>& event);
+  // Returns whether the event must be kept from the stack.
   bool handle_vendor_specific_event(const hidl_vec<uint8_t>& event);
+  void handle_bqr_event(const hidl_vec<uint8_t>& event);
+  void handle_root_inflammation(const hidl_vec<uint8_t>& event);
+  void handle_bqr_fw_debug_data_dump(const hidl_vec<uint8_t>& event);
+  void handle_bqr_chre_debug_data_dump(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
+  void handle_debug_info_event(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
+  bool handle_capability(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
+  std::string crash_timestamp() EXCLUDES(lock_);
   bool handle_scan_enable(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
   void write_core_dump(int fd, const std::string& reason, const std::string& timestamp);
   std::string uart_debug_port() EXCLUDES(lock_);
 
   AnchorRecords records_;
+  uint32_t suppress_forward_ = 0;  // the event being handled stays here; reader thread only
   RecursiveMutex lock_;
   EventSink event_sink_ GUARDED_BY(lock_);
   std::string uart_debug_port_ GUARDED_BY(lock_);
   std::string crash_timestamp_ GUARDED_BY(lock_);  // empty: armed
   std::vector<std::unique_ptr<hci::HciEventWatcher>> watchers_ GUARDED_BY(lock_);
+  // Fragments of the dumps that the controller and the co-processor stream, in order of arrival.
+  std::deque<hidl_vec<uint8_t>> firmware_dump_ GUARDED_BY(lock_);
+  std::deque<hidl_vec<uint8_t>> chre_dump_ GUARDED_BY(lock_);
   std::atomic<uint32_t> crash_count_{0};
 };
 
