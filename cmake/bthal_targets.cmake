@@ -33,11 +33,18 @@ function(bthal_executable name)
   target_link_libraries(${name} PRIVATE bthal_options)
 endfunction()
 
-# bthal_test(NAME SOURCES…): a GoogleTest program, one ctest entry a case.
+# bthal_test(NAME SOURCES… [LABELS LABEL]): a GoogleTest program, one ctest entry a case. What takes
+# more than five seconds of real time is labelled slow.
 include(GoogleTest)
 function(bthal_test name)
-  add_executable(${name} ${ARGN})
+  cmake_parse_arguments(PARSE_ARGV 1 test "" "LABELS" "")
+  add_executable(${name} ${test_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE bthal_options test_support GTest::gmock GTest::gtest_main)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+  set(properties TIMEOUT 300)
+  if(test_LABELS)
+    list(APPEND properties LABELS ${test_LABELS})
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
+                       PROPERTIES ${properties})
 endfunction()

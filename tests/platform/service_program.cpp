@@ -5,6 +5,7 @@
 #include <test/platform/1.0/ITest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -13,6 +14,7 @@
 #include <mutex>
 #include <numeric>
 #include <thread>
+#include <vector>
 
 using namespace android::hardware;  // NOLINT: as services do
 using android::sp;
@@ -26,14 +28,7 @@ using test::platform::V1_0::Outer;
 
 namespace {
 
-struct DeathCounter : public hidl_death_recipient {
-  void serviceDied(uint64_t cookie, const wp<IBase>& /*who*/) override {
-    if (cookie == 42) ++deaths;
-  }
-  std::atomic<uint32_t> deaths{0};
-};
-
-class Service : public ITest {
+class Service : public ITest, public hidl_death_recipient {
  public:
   Return<void> echo(const hidl_vec<uint8_t>& data, echo_cb reply) override {
     reply(data);
@@ -65,7 +60,9 @@ class Service : public ITest {
   Return<bool> attach(const sp<ICallback>& callback, bool link) override {
     const std::lock_guard<std::mutex> lock(mutex_);
     callback_ = callback;
-    return link && callback->linkToDeath(death_counter_, 42);
+    if (!link) return false;
+    linked_.push_back(callback);
+    return callback->linkToDeath(this, 42);
   }
 
   Return<sp<ICallback>> attached() override { return Callback(); }
@@ -98,7 +95,16 @@ class Service : public ITest {
     return Void();
   }
 
-  Return<uint32_t> deaths() override { return death_counter_->deaths.load(); }
+  void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
+    const sp<IBase> dead = who.promote();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = std::find(linked_.begin(), linked_.end(), dead);
+    if (cookie != 42 || found == linked_.end()) return;
+    linked_.erase(found);
+    ++deaths_;
+  }
+
+  Return<uint32_t> deaths() override { return deaths_.load(); }
 
   Return<void> push(uint32_t number) override {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -147,10 +153,11 @@ class Service : public ITest {
     return callback_;
   }
 
-  const sp<DeathCounter> death_counter_ = new DeathCounter;
+  std::atomic<uint32_t> deaths_{0};
   std::mutex mutex_;
   std::condition_variable changed_;
   sp<ICallback> callback_ GUARDED_BY(mutex_);
+  std::vector<sp<ICallback>> linked_ GUARDED_BY(mutex_);  // who drops an object is told nothing
   uint32_t pushed_ GUARDED_BY(mutex_) = 0;
   uint32_t disordered_ GUARDED_BY(mutex_) = 0;
   bool released_ GUARDED_BY(mutex_) = false;

@@ -13,13 +13,13 @@
 #include "rpc/incoming_call.h"
 #include "rpc/name_service.h"
 #include "rpc/obituaries.h"
+#include "rpc/proxy.h"
 
 namespace bthal::rpc {
 namespace {
 
 using android::sp;
 using android::status_t;
-using android::wp;
 using android::hardware::IBinder;
 using android::hardware::Parcel;
 using std::chrono::steady_clock;
@@ -39,15 +39,16 @@ int PollTime(std::optional<steady_clock::time_point> deadline) {
   return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
 }
 
+// Whether errno of a send says that the peer has closed its end.
+bool IsGone(int error) { return error == EPIPE || error == ECONNRESET || error == ENOTCONN; }
+
 }  // namespace
 
 std::shared_ptr<Connection> Connection::Start(android::base::unique_fd socket, Side peer_side,
                                               std::function<void()> on_end) {
   const std::shared_ptr<Connection> connection(
       new Connection(std::move(socket), peer_side, std::move(on_end)));
-  IoLoop& loop = IoLoop::Get();
-  const std::lock_guard<std::mutex> lock(connection->watch_mutex_);  // OnReady() needs the key
-  connection->io_key_ = loop.Add(connection->socket_.get(), EPOLLIN, connection);
+  IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN, connection);
   return connection;
 }
 
@@ -56,7 +57,8 @@ Connection::Connection(android::base::unique_fd socket, Side peer_side,
     : socket_(std::move(socket)),
       peer_side_(peer_side),
       peer_(PeerOf(socket_.get())),
-      on_end_(std::move(on_end)) {
+      on_end_(std::move(on_end)),
+      io_key_(IoLoop::Get().NewKey()) {
   // Room for a message of full size whatever the machine's default.
   const int size = 2 * kMaxMessageBytes;
   setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
@@ -111,11 +113,19 @@ void Connection::Wait(PendingReply* pending, uint64_t serial,
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       if (pending->done) break;
-      if (!reading) reading = StartReading();
+      if (!reading) {
+        reading = StartReading();
+      } else if (overfull_) {
+        StopReading();
+        reading = false;
+      }
     }
     if (std::unique_ptr<IncomingCall> nested = thread.TakeNested(); nested != nullptr) {
-      if (reading) StopReading();
-      reading = false;
+      if (reading) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        StopReading();
+        reading = false;
+      }
       nested->Run();
       nested = nullptr;
       restart_clock();  // the time was ours
@@ -137,20 +147,21 @@ void Connection::Wait(PendingReply* pending, uint64_t serial,
     pending->status = android::TIMED_OUT;
     break;
   }
-  if (reading) StopReading();
+  if (!reading) return;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  StopReading();
 }
 
 bool Connection::StartReading() {
-  if (reader_ != Reader::kNobody) return false;
+  if (reader_ != Reader::kNobody || overfull_) return false;
   reader_ = Reader::kCaller;
-  Watch(&Connection::read_elsewhere_, true);
+  Watch(kReadElsewhere, true);
   return true;
 }
 
 void Connection::StopReading() {
-  const std::lock_guard<std::mutex> lock(mutex_);
   reader_ = Reader::kNobody;
-  Watch(&Connection::read_elsewhere_, false);
+  Watch(kReadElsewhere, false);
 }
 
 // ---- sending
@@ -169,53 +180,58 @@ status_t Connection::Send(MessageHeader header, const Parcel& parcel) {
   header.bytes = static_cast<uint32_t>(parcel.byteCount());
   const std::vector<ObjectReference> names = ToReferences(parcel.binders());
 
-  const char* failure = nullptr;
-  {
-    const std::lock_guard<std::mutex> lock(out_mutex_);
-    if (out_.empty()) {
-      const int error = SendMessage(socket_.get(), header, names, parcel);
-      if (error == 0) return android::OK;
-      if (error == EBADF) return android::BAD_VALUE;  // a descriptor of the caller's
-      if (error != EAGAIN) failure = "it cannot be written to";
-    }
-    if (failure == nullptr) {
-      out_.push_back(std::make_unique<QueuedMessage>(header, names, parcel));
-      out_bytes_ += out_.back()->size();
-      if (out_.size() == 1) Watch(&Connection::unsent_, true);
-      if (out_.size() <= kMaxQueuedMessages && out_bytes_ <= kMaxQueuedBytes) return android::OK;
-      failure = "it does not read what is sent to it";
-    }
+  const int error = SendOrQueue(header, names, parcel);
+  if (error == 0) return android::OK;
+  if (IsGone(error) || error == EAGAIN) {
+    End(IsGone(error) ? nullptr : "it does not read what is sent to it");
+    return android::DEAD_OBJECT;
   }
-  End(failure);
-  return android::DEAD_OBJECT;
+  // The message's own fault, as a descriptor that is not open.
+  for (const ObjectReference& name : names) {
+    sp<IBinder> dropped;
+    if (name.owner == ObjectReference::Owner::kSender) DropReferences(name.id, 1, &dropped);
+  }
+  LOG(WARNING) << "a message cannot be sent: " << strerror(error);
+  return android::FAILED_TRANSACTION;
+}
+
+int Connection::SendOrQueue(const MessageHeader& header,
+                            const std::vector<ObjectReference>& references, const Parcel& parcel) {
+  const std::lock_guard<std::mutex> lock(out_mutex_);
+  if (out_.empty()) {
+    const int error = SendMessage(socket_.get(), header, references, parcel);
+    if (error != EAGAIN) return error;
+  }
+  if (out_.size() == kMaxQueuedMessages || out_bytes_ > kMaxQueuedBytes) return EAGAIN;
+  out_.push_back(std::make_unique<QueuedMessage>(header, references, parcel));
+  out_bytes_ += out_.back()->size();
+  if (out_.size() == 1) Watch(kUnsent, true);
+  return 0;
 }
 
 void Connection::Flush() {
-  const char* failure = nullptr;
+  int error = 0;
   {
     const std::lock_guard<std::mutex> lock(out_mutex_);
     while (!out_.empty()) {
-      const int error = out_.front()->Send(socket_.get());
-      if (error == EAGAIN) break;
-      if (error != 0) {
-        failure = "it cannot be written to";
-        break;
-      }
+      error = out_.front()->Send(socket_.get());
+      if (error != 0) break;
       out_bytes_ -= out_.front()->size();
       out_.pop_front();
     }
-    Watch(&Connection::unsent_, !out_.empty());
+    Watch(kUnsent, !out_.empty());
   }
-  if (failure != nullptr) End(failure);
+  if (error != 0 && error != EAGAIN) End(IsGone(error) ? nullptr : "it cannot be written to");
 }
 
-void Connection::Watch(bool Connection::*flag, bool value) {
+void Connection::Watch(WatchFlag flag, bool value) {
   const std::lock_guard<std::mutex> lock(watch_mutex_);
-  this->*flag = value;
+  watch_flags_ = value ? watch_flags_ | flag : watch_flags_ & ~flag;
   // Reported once only while another thread reads: an end of the connection cannot be masked, and
   // would keep the I/O thread busy.
-  uint32_t events = read_elsewhere_ || overfull_ ? uint32_t{EPOLLONESHOT} : uint32_t{EPOLLIN};
-  if (unsent_) events |= EPOLLOUT;
+  const bool reads = (watch_flags_ & (kReadElsewhere | kOverfull)) == 0;
+  uint32_t events = reads ? uint32_t{EPOLLIN} : uint32_t{EPOLLONESHOT};
+  if ((watch_flags_ & kUnsent) != 0) events |= EPOLLOUT;
   IoLoop::Get().Change(io_key_, socket_.get(), events);
 }
 
@@ -225,7 +241,9 @@ void Connection::OnReady(uint32_t events) {
   if ((events & EPOLLOUT) != 0) Flush();
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if ((events & ~uint32_t{EPOLLOUT}) == 0 || ended() || reader_ != Reader::kNobody) return;
+    if ((events & ~uint32_t{EPOLLOUT}) == 0 || ended() || reader_ != Reader::kNobody || overfull_) {
+      return;
+    }
     reader_ = Reader::kIoThread;
   }
   ReadMessage();
@@ -314,46 +332,47 @@ const char* Connection::HandleReply(const MessageHeader& header, Parcel parcel) 
 
 const char* Connection::HandleRelease(const MessageHeader& header) {
   sp<IBinder> dropped;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = exports_.find(header.object);
-    if (found == exports_.end() || found->second.references < header.code) {
-      return ended() ? nullptr : "a release of what it does not hold";
-    }
-    found->second.references -= header.code;
-    if (found->second.references != 0) return nullptr;
-    dropped = std::move(found->second.object);
-    export_ids_.erase(dropped.get());
-    exports_.erase(found);
+  if (!DropReferences(header.object, header.code, &dropped)) {
+    return ended() ? nullptr : "a release of what it does not hold";
   }
-  DropOnPool(std::move(dropped));
+  if (dropped != nullptr) DropOnPool(std::move(dropped));
   return nullptr;
+}
+
+bool Connection::DropReferences(uint32_t object, uint32_t count, sp<IBinder>* dropped) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto found = exports_.find(object);
+  if (found == exports_.end() || found->second.references < count) return false;
+  found->second.references -= count;
+  if (found->second.references != 0) return true;
+  *dropped = std::move(found->second.object);
+  export_ids_.erase(dropped->get());
+  exports_.erase(found);
+  return true;
 }
 
 void Connection::CallArrived(size_t bytes) {
   const std::lock_guard<std::mutex> lock(mutex_);
   ++waiting_calls_;
   waiting_bytes_ += bytes;
-  if (waiting_calls_ == kMaxWaitingCalls || waiting_bytes_ > kMaxWaitingBytes) {
-    Watch(&Connection::overfull_, true);
-  }
+  if (overfull_ || (waiting_calls_ < kMaxWaitingCalls && waiting_bytes_ < kMaxWaitingBytes)) return;
+  overfull_ = true;
+  Watch(kOverfull, true);
 }
 
 void Connection::CallDone(size_t bytes) {
   const std::lock_guard<std::mutex> lock(mutex_);
   --waiting_calls_;
   waiting_bytes_ -= bytes;
-  if (waiting_calls_ == kMaxWaitingCalls / 2 || waiting_calls_ == 0) {
-    Watch(&Connection::overfull_, false);
+  if (!overfull_ || waiting_calls_ > kMaxWaitingCalls / 2 ||
+      waiting_bytes_ > kMaxWaitingBytes / 2) {
+    return;
   }
+  overfull_ = false;
+  Watch(kOverfull, false);
 }
 
 // ---- objects
-
-sp<IBinder> Connection::NameService() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  return ProxyOf(0);
-}
 
 sp<Proxy> Connection::ProxyOf(uint32_t object) {
   Import& import = imports_[object];
@@ -411,7 +430,6 @@ void Connection::Release(const Proxy* proxy, uint32_t object, uint32_t received)
     const auto found = imports_.find(object);
     if (found != imports_.end() && found->second.address == proxy) imports_.erase(found);
   }
-  if (object == 0) return;
   MessageHeader header;
   header.type = MessageType::kRelease;
   header.object = object;
@@ -449,47 +467,6 @@ void Connection::End(const char* reason) {
   on_end_();
   PostObituaries(std::move(orphans));
   for (auto& [id, exported] : dropped) DropOnPool(std::move(exported.object));
-}
-
-// ---- proxies
-
-status_t Proxy::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags,
-                         TransactCallback callback) {
-  const status_t status = connection_->Call(object_, code, data, reply, flags);
-  if (status == android::OK && callback != nullptr && reply != nullptr) callback(*reply);
-  return status;
-}
-
-status_t Proxy::linkToDeath(const sp<DeathRecipient>& recipient, void* /*cookie*/,
-                            uint32_t /*flags*/) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (connection_->ended()) return android::DEAD_OBJECT;
-  recipients_.push_back(recipient);
-  return android::OK;
-}
-
-status_t Proxy::unlinkToDeath(const wp<DeathRecipient>& recipient, void* /*cookie*/,
-                              uint32_t /*flags*/, wp<DeathRecipient>* out_recipient) {
-  sp<DeathRecipient> removed;  // dropped after the lock is free
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (connection_->ended()) return android::DEAD_OBJECT;
-  for (auto i = recipients_.begin(); i != recipients_.end(); ++i) {
-    if (wp<DeathRecipient>(*i) != recipient) continue;
-    if (out_recipient != nullptr) *out_recipient = *i;
-    removed = std::move(*i);
-    recipients_.erase(i);
-    return android::OK;
-  }
-  return android::NAME_NOT_FOUND;
-}
-
-void Proxy::SendObituary() {
-  std::vector<sp<DeathRecipient>> recipients;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    recipients.swap(recipients_);
-  }
-  for (const sp<DeathRecipient>& recipient : recipients) recipient->binderDied(this);
 }
 
 }  // namespace bthal::rpc

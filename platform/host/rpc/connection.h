@@ -32,8 +32,8 @@ constexpr std::chrono::seconds kClientAnswerTime{10};
 constexpr size_t kMaxQueuedMessages = 256;
 constexpr size_t kMaxQueuedBytes = 8 << 20;
 // Calls of a peer that wait to be served, and their bytes, above which nothing more is read from
-// it.
-constexpr size_t kMaxWaitingCalls = 256;
+// it: replies of its wait, too, so this is well above what a slow handler lets come together.
+constexpr size_t kMaxWaitingCalls = 1024;
 constexpr size_t kMaxWaitingBytes = 4 << 20;
 
 // Safe on any thread; no call blocks but Call(), and none holds a lock while user code runs.
@@ -67,9 +67,6 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   // Ends the connection; reason is null for an orderly end, else one log line. Once.
   void End(const char* reason);
 
-  // The proxy of the peer's object 0, through which names are looked up.
-  android::sp<android::hardware::IBinder> NameService();
-
   // For IncomingCall: one more, one less waiting or running.
   void CallArrived(size_t bytes);
   void CallDone(size_t bytes);
@@ -98,14 +95,18 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   Connection(android::base::unique_fd socket, Side peer_side, std::function<void()> on_end);
 
   void Wait(PendingReply* pending, uint64_t serial, std::optional<std::chrono::milliseconds> limit);
+  // Makes the calling thread the reader unless there is one, or calls of the peer's enough.
   bool StartReading() REQUIRES(mutex_);
-  void StopReading();
+  void StopReading() REQUIRES(mutex_);
   // Takes one message from the socket. For the thread that is the reader.
   void ReadMessage();
   const char* Handle(ReceivedMessage message);
   const char* HandleCall(const MessageHeader& header, android::hardware::Parcel parcel);
   const char* HandleReply(const MessageHeader& header, android::hardware::Parcel parcel);
   const char* HandleRelease(const MessageHeader& header);
+  // 0; EAGAIN when too much is queued; or errno of the send.
+  int SendOrQueue(const MessageHeader& header, const std::vector<ObjectReference>& references,
+                  const android::hardware::Parcel& parcel);
   void Flush();
 
   // False when a reference names no object.
@@ -115,14 +116,20 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
       const std::vector<android::sp<android::hardware::IBinder>>& objects);
   android::sp<Proxy> ProxyOf(uint32_t object) REQUIRES(mutex_);
 
-  // What the I/O thread watches for. Each flag is changed under the lock of what it follows.
-  void Watch(bool Connection::*flag, bool value) NO_THREAD_SAFETY_ANALYSIS;
+  // Takes count references away; the object, when none is left. False when there are not as many.
+  bool DropReferences(uint32_t object, uint32_t count,
+                      android::sp<android::hardware::IBinder>* dropped);
+
+  // Why the I/O thread reads or writes, or does not. Each flag is changed under the lock of what it
+  // follows.
+  enum WatchFlag : uint32_t { kReadElsewhere = 1, kOverfull = 2, kUnsent = 4 };
+  void Watch(WatchFlag flag, bool value);
 
   const android::base::unique_fd socket_;
   const Side peer_side_;
   const Identity peer_;
   const std::function<void()> on_end_;
-  uint64_t io_key_ = 0;  // set before anything else runs
+  const uint64_t io_key_;
   std::atomic<bool> ended_{false};
   std::unique_ptr<uint8_t[]> buffer_;  // the reader's
 
@@ -137,45 +144,14 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   std::unordered_map<uint32_t, Import> imports_ GUARDED_BY(mutex_);
   size_t waiting_calls_ GUARDED_BY(mutex_) = 0;
   size_t waiting_bytes_ GUARDED_BY(mutex_) = 0;
+  bool overfull_ GUARDED_BY(mutex_) = false;  // too many calls wait: nothing more is read
 
   std::mutex out_mutex_;
   std::deque<std::unique_ptr<QueuedMessage>> out_ GUARDED_BY(out_mutex_);
   size_t out_bytes_ GUARDED_BY(out_mutex_) = 0;
 
-  std::mutex watch_mutex_;                                // the innermost
-  bool read_elsewhere_ GUARDED_BY(watch_mutex_) = false;  // a caller reads
-  bool overfull_ GUARDED_BY(watch_mutex_) = false;        // too many calls wait
-  bool unsent_ GUARDED_BY(watch_mutex_) = false;          // messages are queued
-};
-
-// An object of the peer's.
-class Proxy : public android::hardware::BpHwBinder {
- public:
-  Proxy(std::shared_ptr<Connection> connection, uint32_t object)
-      : connection_(std::move(connection)), object_(object) {}
-  ~Proxy() override { connection_->Release(this, object_, received_); }
-
-  android::status_t transact(uint32_t code, const android::hardware::Parcel& data,
-                             android::hardware::Parcel* reply, uint32_t flags,
-                             TransactCallback callback) override;
-  android::status_t linkToDeath(const android::sp<DeathRecipient>& recipient, void* cookie,
-                                uint32_t flags) override;
-  android::status_t unlinkToDeath(const android::wp<DeathRecipient>& recipient, void* cookie,
-                                  uint32_t flags,
-                                  android::wp<DeathRecipient>* out_recipient) override;
-  bool isBinderAlive() const override { return !connection_->ended(); }
-
-  // Tells those who linked; once, after the connection has ended.
-  void SendObituary();
-
- private:
-  friend class Connection;
-  const std::shared_ptr<Connection> connection_;
-  const uint32_t object_;
-  std::atomic<uint32_t> received_{0};
-
-  std::mutex mutex_;
-  std::vector<android::sp<DeathRecipient>> recipients_ GUARDED_BY(mutex_);
+  std::mutex watch_mutex_;  // the innermost
+  uint32_t watch_flags_ GUARDED_BY(watch_mutex_) = 0;
 };
 
 }  // namespace bthal::rpc

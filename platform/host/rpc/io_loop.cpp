@@ -23,18 +23,16 @@ IoLoop::IoLoop() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
   thread.detach();
 }
 
-uint64_t IoLoop::Add(int descriptor, uint32_t events, std::shared_ptr<IoHandler> handler) {
-  epoll_event event{};
-  event.events = events;
-  uint64_t key;
+void IoLoop::Add(uint64_t key, int descriptor, uint32_t events,
+                 std::shared_ptr<IoHandler> handler) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    key = ++next_key_;
     handlers_.emplace(key, std::move(handler));
   }
+  epoll_event event{};
+  event.events = events;
   event.data.u64 = key;
   if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) PLOG(FATAL) << "epoll_ctl";
-  return key;
 }
 
 void IoLoop::Change(uint64_t key, int descriptor, uint32_t events) {

@@ -4,6 +4,7 @@
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -27,9 +28,10 @@ class IoLoop {
   IoLoop(const IoLoop&) = delete;
   IoLoop& operator=(const IoLoop&) = delete;
 
-  // Watches descriptor for events; returns the key for the calls below. The loop holds handler
-  // until Remove().
-  uint64_t Add(int descriptor, uint32_t events, std::shared_ptr<IoHandler> handler);
+  // Names a descriptor in the calls below.
+  uint64_t NewKey() { return ++last_key_; }
+  // Watches descriptor for events. The loop holds handler until Remove().
+  void Add(uint64_t key, int descriptor, uint32_t events, std::shared_ptr<IoHandler> handler);
   void Change(uint64_t key, int descriptor, uint32_t events);
   // handler may still be running when this returns.
   void Remove(uint64_t key, int descriptor);
@@ -41,7 +43,7 @@ class IoLoop {
   const android::base::unique_fd epoll_;
   std::mutex mutex_;
   std::unordered_map<uint64_t, std::shared_ptr<IoHandler>> handlers_ GUARDED_BY(mutex_);
-  uint64_t next_key_ GUARDED_BY(mutex_) = 0;
+  std::atomic<uint64_t> last_key_{0};
 };
 
 }  // namespace bthal::rpc

@@ -92,7 +92,9 @@ bool StartListening(const SocketFolder& folder, std::string* socket_name) {
     return false;
   }
   const int descriptor = socket.get();
-  IoLoop::Get().Add(descriptor, EPOLLIN, std::make_shared<Listener>(std::move(socket), group));
+  IoLoop& loop = IoLoop::Get();
+  loop.Add(loop.NewKey(), descriptor, EPOLLIN,
+           std::make_shared<Listener>(std::move(socket), group));
   return true;
 }
 

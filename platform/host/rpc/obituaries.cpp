@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "rpc/connection.h"
+#include "rpc/proxy.h"
 #include "rpc/thread_pool.h"
 
 namespace bthal::rpc {

@@ -97,7 +97,7 @@ std::string FrameText(backward::TraceResolver& resolver, int number, void* addre
       StringPrintf("    #%02d pc %016lx  %s", number, reinterpret_cast<unsigned long>(address),
                    frame.object_filename.c_str());
   const std::string& function =
-      frame.source.function.empty() ? frame.object_function : frame.source.function;
+      frame.object_function.empty() ? frame.source.function : frame.object_function;
   if (!function.empty()) text += " (" + function + ")";
   if (!frame.source.filename.empty()) {
     text += " " + frame.source.filename + ":" + std::to_string(frame.source.line);

@@ -1,0 +1,51 @@
+#include "rpc/proxy.h"
+
+#include <utility>
+
+namespace bthal::rpc {
+
+using android::sp;
+using android::status_t;
+using android::wp;
+using android::hardware::Parcel;
+
+status_t Proxy::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags,
+                         TransactCallback callback) {
+  const status_t status = connection_->Call(object_, code, data, reply, flags);
+  if (status == android::OK && callback != nullptr && reply != nullptr) callback(*reply);
+  return status;
+}
+
+status_t Proxy::linkToDeath(const sp<DeathRecipient>& recipient, void* /*cookie*/,
+                            uint32_t /*flags*/) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (connection_->ended()) return android::DEAD_OBJECT;
+  recipients_.push_back(recipient);
+  return android::OK;
+}
+
+status_t Proxy::unlinkToDeath(const wp<DeathRecipient>& recipient, void* /*cookie*/,
+                              uint32_t /*flags*/, wp<DeathRecipient>* out_recipient) {
+  sp<DeathRecipient> removed;  // dropped after the lock is free
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (connection_->ended()) return android::DEAD_OBJECT;
+  for (auto i = recipients_.begin(); i != recipients_.end(); ++i) {
+    if (wp<DeathRecipient>(*i) != recipient) continue;
+    if (out_recipient != nullptr) *out_recipient = *i;
+    removed = std::move(*i);
+    recipients_.erase(i);
+    return android::OK;
+  }
+  return android::NAME_NOT_FOUND;
+}
+
+void Proxy::SendObituary() {
+  std::vector<sp<DeathRecipient>> recipients;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    recipients.swap(recipients_);
+  }
+  for (const sp<DeathRecipient>& recipient : recipients) recipient->binderDied(this);
+}
+
+}  // namespace bthal::rpc

@@ -1,0 +1,452 @@
+// Peers that die, hang, flood or lie; who may connect; finding a service.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/raw_peer.h"
+#include "platform/service_fixture.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace android::hardware;  // NOLINT: as clients do
+using android::sp;
+using android::wp;
+using ::android::hidl::base::V1_0::IBase;
+using test::BodyWriter;
+using test::Bytes;
+using test::Callback;
+using test::ChildProcess;
+using test::ITest;
+using test::kDeadline;
+using test::RawPeer;
+using test::WaitFor;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr char kLink[] = "test.platform@1.0::ITest:default";
+constexpr char kName[] = "test.platform@1.0::ITest/default";
+
+size_t CountLines(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
+struct Death : public hidl_death_recipient {
+  void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
+    on_death(cookie, who);
+    ++deaths;
+  }
+  std::function<void(uint64_t, const wp<IBase>&)> on_death = [](uint64_t, const wp<IBase>&) {};
+  std::atomic<int> deaths{0};
+};
+
+class Peers : public test::ServiceTest {
+ protected:
+  // The service still serves, on this test's old connection.
+  void ExpectServing() {
+    EXPECT_TRUE(
+        service_->echo(Bytes(3), [](const Bytes& back) { EXPECT_EQ(back.size(), 3u); }).isOk());
+  }
+};
+
+// ---- death
+
+TEST_F(Peers, DeathOfService_IsTold_CallsFail_LinkingSaysSo) {
+  Serve();
+  const sp<Death> death = new Death;
+  const sp<Death> unlinked = new Death;
+  std::thread::id thread;
+  death->on_death = [&](uint64_t cookie, const wp<IBase>& who) {
+    EXPECT_EQ(cookie, 5u);
+    EXPECT_EQ(who, wp<IBase>(service_));
+    thread = std::this_thread::get_id();
+  };
+  EXPECT_TRUE(service_->linkToDeath(death, 5));
+  EXPECT_TRUE(service_->linkToDeath(unlinked, 6));
+  EXPECT_TRUE(service_->unlinkToDeath(unlinked));
+  EXPECT_FALSE(service_->unlinkToDeath(unlinked)) << "it was not linked any more";
+
+  std::atomic<bool> failed{false};
+  std::thread blocked([&] { failed = service_->block().isDeadObject(); });
+  process_->Signal(SIGKILL);
+  blocked.join();
+  EXPECT_TRUE(failed);
+  ASSERT_TRUE(WaitFor([&] { return death->deaths == 1; }, kDeadline));
+  EXPECT_NE(thread, std::this_thread::get_id());
+  EXPECT_EQ(unlinked->deaths, 0);
+  EXPECT_TRUE(service_->ping().isDeadObject());
+  EXPECT_FALSE(service_->linkToDeath(death, 5)) << "of an object that is known to be dead";
+  EXPECT_EQ(ITest::tryGetService("default"), nullptr);
+
+  process_ = StartService();
+  ASSERT_TRUE(process_->WaitForOutput("serving", kDeadline));
+  EXPECT_NE(ITest::tryGetService("default"), nullptr) << "a new service is not found";
+}
+
+TEST_F(Peers, DeathOfClients_IsTold_EvenInTheMiddleOfACall) {
+  Serve();
+  const int before = test::CountDescriptors(process_->pid());
+  uint32_t deaths = 0;
+  for (int round = 0; round < 5; ++round) {
+    for (const char* mode : {"attach", "hammer"}) {
+      std::unique_ptr<ChildProcess> client = StartClient(mode);
+      client->Signal(SIGKILL);
+      ASSERT_TRUE(WaitForDeaths(++deaths)) << mode;
+    }
+  }
+  // Killed while the service waits for its answer.
+  std::unique_ptr<ChildProcess> client = StartClient("silent");
+  std::thread killer([&] { client->Signal(SIGKILL); });
+  uint32_t done = 0;
+  CallBack(5, Bytes(1), &done);
+  killer.join();
+  EXPECT_EQ(done, 0u);
+  EXPECT_TRUE(WaitForDeaths(++deaths));
+  EXPECT_THAT(process_->Output(), Not(HasSubstr(" E ")));
+  EXPECT_TRUE(
+      WaitFor([&] { return test::CountDescriptors(process_->pid()) <= before + 2; }, kDeadline));
+}
+
+TEST_F(Peers, DeathNotice_DoesNotWaitForABusyPool) {
+  Serve();
+  std::unique_ptr<ChildProcess> client = StartClient("attach");
+  const sp<Callback> callback = new Callback;
+  EXPECT_TRUE(service_->attach(callback, false).isOk());
+  // The service's one thread waits for this event, which waits for the death of the client.
+  callback->on_event = [&](const Bytes&) {
+    client->Signal(SIGKILL);
+    EXPECT_TRUE(WaitForDeaths(1));
+  };
+  uint32_t done = 0;
+  CallBack(1, Bytes(1), &done);
+  EXPECT_EQ(done, 1u);
+}
+
+// ---- clients that do not do their part
+
+TEST_F(Peers, ClientThatStopsReading_IsLetGoWhenItsQueueIsFull) {
+  Serve();
+  std::unique_ptr<ChildProcess> client = StartClient("attach");
+  client->Signal(SIGSTOP);
+  const auto start = std::chrono::steady_clock::now();
+  const uint32_t taken = service_->notifyBack(100000);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(9)) << "a send waited";
+  EXPECT_GE(taken, 256u);
+  EXPECT_LT(taken, 2000u);
+  EXPECT_TRUE(WaitForDeaths(1));
+  EXPECT_EQ(CountLines(process_->Output(), " E bthal.rpc"), 1u) << process_->Output();
+  ExpectServing();
+}
+
+TEST_F(Peers, SlowClient_GetsAllNoticesInOrder) {
+  Serve();
+  const sp<Callback> callback = new Callback;
+  std::atomic<bool> go{false};
+  callback->on_notify = [&](uint32_t number) {
+    EXPECT_TRUE(WaitFor([&] { return go.load(); }, kDeadline));
+    EXPECT_EQ(number, callback->notices + 1);
+  };
+  EXPECT_TRUE(service_->attach(callback, false).isOk());
+  EXPECT_EQ(service_->notifyBack(400), 400u);  // more than it takes in before it is slow
+  go = true;
+  EXPECT_TRUE(WaitFor([&] { return callback->notices == 400; }, kDeadline));
+}
+
+TEST_F(Peers, FloodOfCalls_IsNotTakenInWithoutBound) {
+  Serve();
+  RawPeer flood(kLink);
+  const uint32_t object = flood.Find(kName);
+  BodyWriter body;
+  body.Text("test.platform@1.0::ITest");
+  std::vector<uint8_t> call = RawPeer::Message(1, object, 15, body.bytes());  // block()
+  ASSERT_TRUE(flood.Send(call));
+  // The pool's one thread is busy: the rest waits, in the sender in the end.
+  std::atomic<int> sent{0};
+  std::thread sender([&] {
+    while (sent < 100000 && flood.Send(call)) ++sent;
+  });
+  int last = -1;
+  EXPECT_TRUE(
+      WaitFor([&] { return std::exchange(last, sent.load()) == sent && sent > 100; }, kDeadline));
+  EXPECT_LT(sent, 5000);
+  EXPECT_NE(ITest::tryGetService("default"), nullptr) << "others have to wait, too";
+  process_->Signal(SIGKILL);
+  sender.join();
+}
+
+// ---- messages that break the rules
+
+TEST_F(Peers, BrokenMessages_CostTheirConnectionAndOneLine) {
+  Serve();
+  const std::vector<uint8_t> good = RawPeer::Message(1, 0, 1, BodyWriter().Text(kName).bytes());
+  std::vector<uint8_t> wrong_version = good;
+  wrong_version[0] ^= 1;
+  std::vector<uint8_t> longer_than_said = good;
+  longer_than_said.resize(good.size() + 4);
+  std::vector<uint8_t> many_references = good;
+  many_references[40] = 0xff;
+  std::vector<uint8_t> missing_descriptor = good;
+  missing_descriptor[44] = 1;
+  std::vector<uint8_t> unknown_reference = RawPeer::Message(1, 0, 1, std::vector<uint8_t>(8));
+  unknown_reference[40] = 1;  // the eight bytes are a reference, not the body
+  unknown_reference[48] = 0;
+  unknown_reference[56] = 2;  // to an object of the service's
+  unknown_reference[60] = 77;
+  const struct {
+    const char* what;
+    std::vector<uint8_t> message;
+  } rows[] = {
+      {"one byte", {1}},
+      {"half a header", std::vector<uint8_t>(good.begin(), good.begin() + 28)},
+      {"another version", wrong_version},
+      {"more bytes than it says", longer_than_said},
+      {"too many references", many_references},
+      {"a descriptor that is not there", missing_descriptor},
+      {"an unknown type", RawPeer::Message(9, 0, 1, {})},
+      {"a call to an unknown object", RawPeer::Message(1, 77, 1, {})},
+      {"a reference to an unknown object", unknown_reference},
+      {"a reply to no call", RawPeer::Message(2, 0, 0, {})},
+      {"a release of nothing", RawPeer::Message(3, 1, 1, {})},
+      {"a look-up without a name", RawPeer::Message(1, 0, 1, {})},
+      {"too large", RawPeer::Message(1, 0, 1, std::vector<uint8_t>(200 * 1024))},
+  };
+  size_t lines = 0;
+  for (const auto& row : rows) {
+    RawPeer peer(kLink);
+    ASSERT_TRUE(peer.Send(row.message)) << row.what;
+    EXPECT_TRUE(peer.WaitForEnd()) << row.what;
+    ++lines;
+    EXPECT_TRUE(WaitFor(
+        [&] { return CountLines(process_->Output(), " E bthal.rpc: connection to") == lines; },
+        kDeadline))
+        << row.what << "\n"
+        << process_->Output();
+  }
+  ExpectServing();
+}
+
+TEST_F(Peers, DescriptorsNobodyAskedFor_AreClosed) {
+  Serve();
+  RawPeer warm_up(kLink);
+  EXPECT_NE(warm_up.Find(kName), 0u);
+  const int before = test::CountDescriptors(process_->pid());
+  for (int i = 0; i < 20; ++i) {
+    RawPeer peer(kLink);
+    std::vector<uint8_t> message = RawPeer::Message(1, 0, 1, BodyWriter().Text(kName).bytes());
+    const bool counted = i % 2 == 0;
+    if (counted) message[44] = 1;
+    EXPECT_TRUE(peer.Send(message, STDERR_FILENO));
+    EXPECT_TRUE(counted || peer.WaitForEnd());
+  }
+  EXPECT_TRUE(
+      WaitFor([&] { return test::CountDescriptors(process_->pid()) == before; }, kDeadline));
+}
+
+// A well-formed call of each kind that reads much, then bytes of it changed.
+TEST_F(Peers, MutatedCalls_HurtNobodyElse) {
+  Serve("2");
+  const uint32_t seed = std::random_device{}();
+  printf("seed %u\n", seed);
+  std::mt19937 random(seed);
+  const auto pick = [&](size_t below) { return static_cast<size_t>(random() % below); };
+
+  BodyWriter numbers;  // the enumerations and bools of numbers(), which any byte may be
+  numbers.Text("test.platform@1.0::ITest");
+  for (const auto& [count, size] :
+       std::vector<std::pair<uint32_t, uint32_t>>{{2, 2}, {1, 8}, {3, 1}, {2, 1}}) {
+    const uint32_t vec = numbers.Buffer(BodyWriter::Vector(count));
+    numbers.Buffer(std::vector<uint8_t>(count * size, 1), vec, 0);
+  }
+  BodyWriter echo;
+  echo.Text("test.platform@1.0::ITest");
+  echo.Buffer(std::vector<uint8_t>(5), echo.Buffer(BodyWriter::Vector(5)), 0);
+  BodyWriter text;  // writeTo(null, "abc")
+  text.Text("test.platform@1.0::ITest").Number(0).Number(0).Number(0).Number(0xffffffff);
+  text.Buffer({'a', 'b', 'c', 0}, text.Buffer(BodyWriter::Vector(3)), 0);
+  BodyWriter choice;  // a blob
+  choice.Text("test.platform@1.0::ITest");
+  std::vector<uint8_t> variant(24);
+  variant[0] = 2;
+  variant[16] = 3;
+  choice.Buffer({1, 2, 3}, choice.Buffer(variant), 8);
+  const struct {
+    uint32_t code;
+    const std::vector<uint8_t>& body;
+  } kinds[] = {{1, echo.bytes()}, {3, choice.bytes()}, {4, numbers.bytes()}, {14, text.bytes()}};
+
+  auto peer = std::make_unique<RawPeer>(kLink);
+  uint32_t object = peer->Find(kName);
+  for (const auto& kind : kinds) {
+    ASSERT_TRUE(peer->Send(RawPeer::Message(1, object, kind.code, kind.body)));
+    const std::vector<uint8_t> reply = peer->Receive();
+    ASSERT_GE(reply.size(), 56u);
+    EXPECT_EQ(reply[20], 0) << "the call of code " << kind.code << " is not well-formed";
+  }
+
+  const int rounds = test::Count("mutated calls", 20000);
+  int ended = 0;
+  for (int i = 0; i < rounds; ++i) {
+    const auto& kind = kinds[pick(4)];
+    std::vector<uint8_t> body = kind.body;
+    for (size_t changes = 1 + pick(4); changes > 0; --changes) {
+      const size_t at = 28 + pick(body.size() - 28);  // behind the interface's name, mostly
+      switch (pick(4)) {
+        case 0:
+          body[at] = static_cast<uint8_t>(random());
+          break;
+        case 1: {
+          const uint32_t values[] = {
+              0, 1, 16, 0xffffffff, 0x7fffffff, 0x80000000, static_cast<uint32_t>(random())};
+          memcpy(body.data() + at / 4 * 4, &values[pick(7)], 4);
+          break;
+        }
+        case 2:
+          if (pick(4) == 0) body.resize(std::max<size_t>(at, 60));
+          break;
+        case 3:
+          body.resize(body.size() + pick(16), static_cast<uint8_t>(random()));
+          break;
+      }
+    }
+    if (!peer->Send(RawPeer::Message(1, object, kind.code, body)) || peer->Receive().empty()) {
+      ++ended;
+      peer = std::make_unique<RawPeer>(kLink);
+      object = peer->Find(kName);
+      ASSERT_NE(object, 0u) << "after " << i << " calls\n" << process_->Output();
+    }
+  }
+  EXPECT_GT(ended, rounds / 100) << "hardly any of it was seen to be malformed";
+  EXPECT_LT(ended, rounds) << "nothing of it got through";
+  ExpectServing();
+}
+
+// ---- access
+
+TEST_F(Peers, ThirtyThirdPeer_IsRefusedUntilOneLeaves) {
+  Serve();  // this process is the first
+  std::vector<std::unique_ptr<RawPeer>> peers;
+  for (int i = 0; i < 31; ++i) {
+    peers.push_back(std::make_unique<RawPeer>(kLink));
+    ASSERT_NE(peers.back()->Find(kName), 0u) << i;
+  }
+  RawPeer refused(kLink);
+  EXPECT_TRUE(refused.WaitForEnd());
+  EXPECT_THAT(process_->Output(), HasSubstr("there are 32 peers already"));
+  ExpectServing();
+  peers.pop_back();
+  EXPECT_TRUE(WaitFor([] { return RawPeer(kLink).Find(kName) != 0; }, kDeadline));
+}
+
+TEST_F(Peers, FolderAndSocket_AreForUserAndGroupOnly) {
+  Serve();
+  const std::string folder = test::RootFolder() + "/run/bthal";
+  struct stat status;
+  ASSERT_EQ(stat(folder.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0750u);
+  ASSERT_EQ(stat((folder + "/" + kLink).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0660u);
+}
+
+TEST_F(Peers, OtherUser_IsRefusedUnlessInTheGroup) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  Serve();
+  // Where the mode would let them in, the credentials still count.
+  const std::string folder = test::RootFolder() + "/run/bthal/";
+  ASSERT_EQ(chmod(test::RootFolder().c_str(), 0755), 0);
+  ASSERT_EQ(chmod(folder.c_str(), 0755), 0);
+  ASSERT_EQ(chmod((folder + kLink).c_str(), 0666), 0);
+  const auto find_as = [&](uid_t user, gid_t group) {
+    const pid_t child = fork();
+    if (child == 0) {
+      if (setresgid(group, group, group) != 0 || setgroups(0, nullptr) != 0 ||
+          setresuid(user, user, user) != 0) {
+        _exit(3);
+      }
+      RawPeer peer(kLink);
+      _exit(!peer.connected() ? 2 : peer.Find(kName) != 0 ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WEXITSTATUS(status);
+  };
+  EXPECT_EQ(find_as(1234, 1234), 1);
+  EXPECT_THAT(process_->Output(), HasSubstr("of user 1234 may not connect"));
+  EXPECT_EQ(find_as(1234, getegid()), 0);
+  ExpectServing();
+}
+
+// ---- finding
+
+TEST_F(Peers, LookUp_WaitsForTheServiceToCome) {
+  EXPECT_EQ(ITest::tryGetService("default"), nullptr);
+  sp<ITest> found;
+  std::thread waiter([&] { found = ITest::getService("default"); });
+  process_ = StartService();
+  waiter.join();
+  ASSERT_NE(found, nullptr);
+  EXPECT_TRUE(found->ping().isOk());
+}
+
+TEST_F(Peers, LookUp_EndsAtItsDeadline) {
+  setenv("BTHAL_LOOKUP_TIMEOUT_MS", "300", 1);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(ITest::getService("another"), nullptr);
+  const auto time = std::chrono::steady_clock::now() - start;
+  unsetenv("BTHAL_LOOKUP_TIMEOUT_MS");
+  EXPECT_GE(time, std::chrono::milliseconds(300));
+  EXPECT_LT(time, std::chrono::seconds(4));
+}
+
+TEST_F(Peers, StoppedService_DoesNotHoldALookUp) {
+  Serve();
+  process_->Signal(SIGSTOP);
+  setenv("BTHAL_LOOKUP_TIMEOUT_MS", "300", 1);
+  EXPECT_EQ(ITest::tryGetService("default"), nullptr);
+  unsetenv("BTHAL_LOOKUP_TIMEOUT_MS");
+  process_->Signal(SIGCONT);
+  EXPECT_NE(ITest::tryGetService("default"), nullptr) << "the late answer hurt the connection";
+  ExpectServing();
+}
+
+TEST_F(Peers, SocketLeftBehind_IsRemovedAndItsNameTakenOver) {
+  Serve();
+  const std::string folder = test::RootFolder() + "/run/bthal/";
+  const std::string old_socket = std::filesystem::read_symlink(folder + kLink);
+  process_->Signal(SIGKILL);
+  process_->Wait(kDeadline);
+  EXPECT_EQ(ITest::tryGetService("default"), nullptr);
+  ASSERT_TRUE(std::filesystem::exists(folder + old_socket));
+  Serve();
+  EXPECT_FALSE(std::filesystem::exists(folder + old_socket));
+  EXPECT_NE(std::filesystem::read_symlink(folder + kLink), old_socket);
+}
+
+TEST_F(Peers, LongPath_IsServedAndFound) {
+  const test::TempDir folder;
+  const std::string root = folder / (std::string(120, 'a') + "/" + std::string(120, 'b'));
+  std::filesystem::create_directories(root);
+  const std::map<std::string, std::string> environment = {{"BTHAL_ROOT", root}};
+  ChildProcess service({test::TestProgram("platform_test_service")}, environment);
+  ASSERT_TRUE(service.WaitForOutput("serving", kDeadline)) << service.Output();
+  ChildProcess client({test::TestProgram("platform_test_client"), "attach"}, environment);
+  EXPECT_TRUE(client.WaitForOutput("attached 1", kDeadline)) << client.Output();
+}
+
+}  // namespace

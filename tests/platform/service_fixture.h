@@ -1,0 +1,85 @@
+// A service of ITest in a process of its own, for tests that are its clients.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <hidl/HidlTransportSupport.h>
+#include <test/platform/1.0/ITest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/test_root.h"
+#include "support/child_process.h"
+#include "support/wait.h"
+
+namespace test {
+
+using Bytes = android::hardware::hidl_vec<uint8_t>;
+using platform::V1_0::ICallback;
+using platform::V1_0::ITest;
+
+// What the service calls. on_event and on_notify run in the call.
+class Callback : public ICallback {
+ public:
+  android::hardware::Return<void> event(const Bytes& data) override {
+    on_event(data);
+    ++events;
+    return android::hardware::Void();
+  }
+  android::hardware::Return<void> notify(uint32_t number) override {
+    on_notify(number);
+    ++notices;
+    return android::hardware::Void();
+  }
+
+  std::function<void(const Bytes&)> on_event = [](const Bytes&) {};
+  std::function<void(uint32_t)> on_notify = [](uint32_t) {};
+  std::atomic<uint32_t> events{0};
+  std::atomic<uint32_t> notices{0};
+};
+
+class ServiceTest : public testing::Test {
+ protected:
+  // Starts the service and looks it up.
+  void Serve(const std::string& pool_size = "1") {
+    process_ = StartService(pool_size);
+    ASSERT_TRUE(process_->WaitForOutput("serving", kDeadline)) << process_->Output();
+    service_ = ITest::tryGetService("default");
+    ASSERT_NE(service_, nullptr);
+  }
+  static std::unique_ptr<ChildProcess> StartService(const std::string& pool_size = "1") {
+    return std::make_unique<ChildProcess>(
+        std::vector<std::string>{TestProgram("platform_test_service"), pool_size});
+  }
+  // A client in a process of its own, attached.
+  static std::unique_ptr<ChildProcess> StartClient(const std::string& mode) {
+    auto client = std::make_unique<ChildProcess>(
+        std::vector<std::string>{TestProgram("platform_test_client"), mode});
+    EXPECT_TRUE(client->WaitForOutput("attached 1", kDeadline)) << client->Output();
+    return client;
+  }
+  // callBack() of the service: how many calls got through, and the time that they took.
+  void CallBack(uint32_t count, const Bytes& data, uint32_t* done, uint32_t* time_ms = nullptr) {
+    *done = UINT32_MAX;
+    EXPECT_TRUE(service_
+                    ->callBack(count, data,
+                               [&](uint32_t through, uint32_t milliseconds) {
+                                 *done = through;
+                                 if (time_ms != nullptr) *time_ms = milliseconds;
+                               })
+                    .isOk());
+  }
+  bool WaitForDeaths(uint32_t count) {
+    return WaitFor([&] { return service_->deaths().withDefault(0) == count; }, kDeadline);
+  }
+
+  std::unique_ptr<ChildProcess> process_;
+  android::sp<ITest> service_;
+};
+
+}  // namespace test
