@@ -144,7 +144,7 @@ TEST_F(Peers, DeathNotice_DoesNotWaitForABusyPool) {
 TEST_F(Peers, ClientThatStopsReading_IsLetGoWhenItsQueueIsFull) {
   Serve();
   std::unique_ptr<ChildProcess> client = StartClient("attach");
-  client->Signal(SIGSTOP);
+  Stop(*client);
   const auto start = std::chrono::steady_clock::now();
   const uint32_t taken = service_->notifyBack(100000);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(9)) << "a send waited";
@@ -416,7 +416,7 @@ TEST_F(Peers, LookUp_EndsAtItsDeadline) {
 
 TEST_F(Peers, StoppedService_DoesNotHoldALookUp) {
   Serve();
-  process_->Signal(SIGSTOP);
+  Stop(*process_);
   setenv("BTHAL_LOOKUP_TIMEOUT_MS", "300", 1);
   EXPECT_EQ(ITest::tryGetService("default"), nullptr);
   unsetenv("BTHAL_LOOKUP_TIMEOUT_MS");

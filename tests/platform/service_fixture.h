@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <hidl/HidlTransportSupport.h>
+#include <signal.h>
 #include <test/platform/1.0/ITest.h>
 
 #include <atomic>
@@ -15,6 +16,7 @@
 
 #include "platform/test_root.h"
 #include "support/child_process.h"
+#include "support/temp_dir.h"
 #include "support/wait.h"
 
 namespace test {
@@ -45,6 +47,13 @@ class Callback : public ICallback {
 
 class ServiceTest : public testing::Test {
  protected:
+  // A sanitizer's report in another process would go unseen.
+  void TearDown() override {
+    if (process_ == nullptr) return;
+    EXPECT_EQ(process_->Output().find("Sanitizer"), std::string::npos) << process_->Output();
+    EXPECT_EQ(process_->Output().find("runtime error"), std::string::npos) << process_->Output();
+  }
+
   // Starts the service and looks it up.
   void Serve(const std::string& pool_size = "1") {
     process_ = StartService(pool_size);
@@ -62,6 +71,13 @@ class ServiceTest : public testing::Test {
         std::vector<std::string>{TestProgram("platform_test_client"), mode});
     EXPECT_TRUE(client->WaitForOutput("attached 1", kDeadline)) << client->Output();
     return client;
+  }
+  // Returns when no thread of it runs any more.
+  static void Stop(ChildProcess& process) {
+    process.Signal(SIGSTOP);
+    const std::string path = "/proc/" + std::to_string(process.pid()) + "/stat";
+    EXPECT_TRUE(
+        WaitFor([&] { return ReadFile(path).find(") T ") != std::string::npos; }, kDeadline));
   }
   // callBack() of the service: how many calls got through, and the time that they took.
   void CallBack(uint32_t count, const Bytes& data, uint32_t* done, uint32_t* time_ms = nullptr) {

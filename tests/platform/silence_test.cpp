@@ -37,7 +37,7 @@ TEST_F(Silence, SilentClient_IsLetGoAfterTenSeconds) {
 TEST_F(Silence, StoppedClient_IsLetGoAfterTenSeconds) {
   Serve();
   std::unique_ptr<ChildProcess> client = StartClient("attach");
-  client->Signal(SIGSTOP);
+  Stop(*client);
   uint32_t done = 0;
   uint32_t time_ms = 0;
   CallBack(1, Bytes(1), &done, &time_ms);

@@ -60,7 +60,7 @@ struct Chains {
     if (found == chains.threads.end()) return false;
     CallThread& thread = *found->second;
     thread.nested_.push_back(std::move(call));
-    if (&thread != CallThread::Current().get()) thread.Wake();
+    thread.Wake();
     return true;
   }
   static std::unique_ptr<IncomingCall> Take(CallThread& thread) {
@@ -102,6 +102,7 @@ bool CallThread::DeliverNested(std::unique_ptr<IncomingCall>& call) {
 std::unique_ptr<IncomingCall> CallThread::TakeNested() { return Chains::Take(*this); }
 
 void CallThread::Wake() const {
+  if (id_ == std::this_thread::get_id()) return;
   const uint64_t one = 1;
   TEMP_FAILURE_RETRY(write(wake_.get(), &one, sizeof one));
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <thread>
 
 namespace bthal::rpc {
 
@@ -73,6 +74,7 @@ class CallThread {
 
  private:
   friend struct Chains;
+  const std::thread::id id_ = std::this_thread::get_id();
   const android::base::unique_fd wake_;
   // Guarded by the table of chains.
   int blocked_ = 0;  // calls that this thread is blocked in, one inside the other

@@ -326,7 +326,7 @@ const char* Connection::HandleReply(const MessageHeader& header, Parcel parcel) 
     if (pending->reply != nullptr) *pending->reply = std::move(parcel);
     thread = pending->thread;
   }
-  if (thread != CallThread::Current()) thread->Wake();
+  thread->Wake();
   return nullptr;
 }
 
