@@ -48,17 +48,22 @@ TEST_F(Daemon, Log_HoldsLinesInOneForm) {
   EXPECT_THAT(daemon.Output(), HasSubstr(" W test.daemon: a warning with 17\n"));
 }
 
-TEST_F(Daemon, LogLevel_IsThatOfVariableElseProperty) {
-  test::WriteFile(root_ / "vendor/build.prop", "log.tag=E\n");
+TEST_F(Daemon, LogLevel_IsThatOfTheVariable) {
   {
-    ChildProcess quiet = Start({"idle"});
+    ChildProcess quiet = Start({"idle"}, {{"BTHAL_LOG", "E"}});
     ASSERT_TRUE(quiet.WaitForOutput("ready", kDeadline));
     EXPECT_THAT(quiet.Output(), Not(HasSubstr("a warning")));
     EXPECT_THAT(quiet.Output(), HasSubstr("two"));
   }
-  ChildProcess loud = Start({"idle"}, {{"BTHAL_LOG", "debug"}});
-  ASSERT_TRUE(loud.WaitForOutput("ready", kDeadline));
-  EXPECT_THAT(loud.Output(), HasSubstr(" D test.daemon: not to be seen"));
+  {
+    ChildProcess loud = Start({"idle"}, {{"BTHAL_LOG", "debug"}});
+    ASSERT_TRUE(loud.WaitForOutput("ready", kDeadline));
+    EXPECT_THAT(loud.Output(), HasSubstr(" D test.daemon: not to be seen"));
+  }
+  ChildProcess wrong = Start({"idle"}, {{"BTHAL_LOG", "loud"}});
+  ASSERT_TRUE(wrong.WaitForOutput("ready", kDeadline));
+  EXPECT_THAT(wrong.Output(), HasSubstr("not a log level: \"loud\""));
+  EXPECT_THAT(wrong.Output(), HasSubstr(" I test.daemon: mode idle"));
 }
 
 TEST_F(Daemon, Log_IsBoundedToTwoFiles) {
