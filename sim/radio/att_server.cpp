@@ -1,6 +1,7 @@
 #include "sim/radio/att_server.h"
 
 #include <algorithm>
+#include <map>
 
 namespace zvk {
 namespace {
@@ -8,6 +9,7 @@ namespace {
 constexpr size_t kDefaultMtu = 23;
 constexpr size_t kServerMtu = 247;  // fills one ACL packet of 251 bytes
 constexpr size_t kLongestValue = 512;
+constexpr size_t kMostPrepared = 64;  // writes
 constexpr auto kTickPeriod = std::chrono::seconds(1);
 
 // Opcodes; an answer's is the request's plus one.
@@ -20,6 +22,8 @@ constexpr uint8_t kRead = 0x0A;
 constexpr uint8_t kReadBlob = 0x0C;
 constexpr uint8_t kReadByGroupType = 0x10;
 constexpr uint8_t kWrite = 0x12;
+constexpr uint8_t kPrepareWrite = 0x16;
+constexpr uint8_t kExecuteWrite = 0x18;
 constexpr uint8_t kNotification = 0x1B;
 constexpr uint8_t kConfirmation = 0x1E;
 constexpr uint8_t kCommandFlag = 0x40;
@@ -32,6 +36,7 @@ constexpr uint8_t kWriteNotPermitted = 0x03;
 constexpr uint8_t kInvalidPdu = 0x04;
 constexpr uint8_t kRequestNotSupported = 0x06;
 constexpr uint8_t kInvalidOffset = 0x07;
+constexpr uint8_t kPrepareQueueFull = 0x09;
 constexpr uint8_t kAttributeNotFound = 0x0A;
 constexpr uint8_t kInvalidLength = 0x0D;
 constexpr uint8_t kUnsupportedGroupType = 0x10;
@@ -69,6 +74,10 @@ void AttServer::OnPdu(ByteView pdu) {
       return Write(pdu);
     case kWriteCommand:
       return WriteCommand(pdu);
+    case kPrepareWrite:
+      return PrepareWrite(pdu);
+    case kExecuteWrite:
+      return ExecuteWrite(pdu);
     case kConfirmation:
       return;
     default:
@@ -202,15 +211,18 @@ void AttServer::ReadBlob(ByteView pdu) {
   send_(Packet{kReadBlob + 1}.Raw(ByteView(attribute->value).Sub(offset, mtu_ - 1)));
 }
 
-uint8_t AttServer::Store(uint16_t handle, ByteView value) {
-  Attribute* attribute = Find(handle);
+uint8_t AttServer::Refusal(uint16_t handle, size_t size) {
+  const Attribute* attribute = Find(handle);
   if (attribute == nullptr) return kInvalidHandle;
   if (!attribute->writable) return kWriteNotPermitted;
-  const bool right_size =
-      handle == kValueConfigHandle ? value.size() == 2 : value.size() <= kLongestValue;
-  if (!right_size) return kInvalidLength;
-  attribute->value = value.Copy();
-  return 0;
+  const bool right_size = handle == kValueConfigHandle ? size == 2 : size <= kLongestValue;
+  return right_size ? uint8_t{0} : kInvalidLength;
+}
+
+uint8_t AttServer::Store(uint16_t handle, ByteView value) {
+  const uint8_t refusal = Refusal(handle, value.size());
+  if (refusal == 0) Find(handle)->value = value.Copy();
+  return refusal;
 }
 
 void AttServer::AfterStore(uint16_t handle) {
@@ -233,6 +245,40 @@ void AttServer::Write(ByteView pdu) {
 void AttServer::WriteCommand(ByteView pdu) {
   const uint16_t handle = pdu.U16(1);
   if (pdu.size() >= 3 && Store(handle, pdu.From(3)) == 0) AfterStore(handle);
+}
+
+void AttServer::PrepareWrite(ByteView pdu) {
+  if (pdu.size() < 5) return Error(pdu[0], 0, kInvalidPdu);
+  const uint16_t handle = pdu.U16(1);
+  const Attribute* attribute = Find(handle);
+  if (attribute == nullptr) return Error(pdu[0], handle, kInvalidHandle);
+  if (!attribute->writable) return Error(pdu[0], handle, kWriteNotPermitted);
+  if (prepared_.size() == kMostPrepared) return Error(pdu[0], handle, kPrepareQueueFull);
+  prepared_.push_back({handle, pdu.U16(3), pdu.From(5).Copy()});
+  send_(Packet{kPrepareWrite + 1}.Raw(pdu.From(1)));
+}
+
+// Each part is put at its offset and ends the value; nothing is stored when one is refused.
+void AttServer::ExecuteWrite(ByteView pdu) {
+  constexpr uint8_t kCancel = 0;
+  if (pdu.size() != 2) return Error(pdu[0], 0, kInvalidPdu);
+  const std::vector<PreparedWrite> parts = std::move(prepared_);
+  prepared_.clear();
+  if (pdu[1] == kCancel) return send_(Packet{kExecuteWrite + 1});
+  std::map<uint16_t, Bytes> values;
+  for (const PreparedWrite& part : parts) {
+    Bytes& value = values.try_emplace(part.handle, Find(part.handle)->value).first->second;
+    if (part.offset > value.size()) return Error(pdu[0], part.handle, kInvalidOffset);
+    value.resize(part.offset);
+    value.insert(value.end(), part.part.begin(), part.part.end());
+  }
+  for (const auto& [handle, value] : values) {
+    const uint8_t refusal = Refusal(handle, value.size());
+    if (refusal != 0) return Error(pdu[0], handle, refusal);
+  }
+  for (const auto& [handle, value] : values) Store(handle, value);
+  send_(Packet{kExecuteWrite + 1});
+  for (const auto& [handle, value] : values) AfterStore(handle);
 }
 
 void AttServer::Notify() {

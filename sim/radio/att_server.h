@@ -29,10 +29,20 @@ class AttServer {
   void ReadBlob(ByteView pdu);
   void Write(ByteView pdu);
   void WriteCommand(ByteView pdu);
+  void PrepareWrite(ByteView pdu);
+  void ExecuteWrite(ByteView pdu);
+
+  struct PreparedWrite {
+    uint16_t handle;
+    uint16_t offset;
+    Bytes part;
+  };
 
   // A request's first and last handle; answers with an error and returns false when they are none.
   bool Range(ByteView pdu, uint16_t* start, uint16_t* end);
   Attribute* Find(uint16_t handle);
+  // What a write of value would be refused with: an ATT error code, or 0.
+  uint8_t Refusal(uint16_t handle, size_t size);
   // 0 or an ATT error code.
   uint8_t Store(uint16_t handle, ByteView value);
   void AfterStore(uint16_t handle);
@@ -43,6 +53,7 @@ class AttServer {
   EventLoop& loop_;
   const Send send_;
   std::vector<Attribute> attributes_;
+  std::vector<PreparedWrite> prepared_;  // until the client executes or cancels them
   size_t mtu_;
   EventLoop::TimerId tick_ = EventLoop::kNoTimer;
 };
