@@ -7,6 +7,8 @@
 #include <hidl/TaskRunner.h>
 #include <unistd.h>
 
+#include "rpc/locked_wait.h"
+
 namespace android::hardware {
 
 namespace details {
@@ -83,8 +85,8 @@ void TaskRunner::run() {
   for (;;) {
     std::function<void()> task;
     {
-      std::unique_lock<std::mutex> lock(mutex_);
-      while (tasks_.empty() && !stopping_) changed_.wait(lock);
+      const std::lock_guard<std::mutex> lock(mutex_);
+      while (tasks_.empty() && !stopping_) bthal::rpc::LockedWait(changed_, mutex_);
       if (tasks_.empty()) return;
       task = std::move(tasks_.front());
       tasks_.pop_front();

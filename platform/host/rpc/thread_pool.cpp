@@ -6,6 +6,8 @@
 #include <thread>
 #include <utility>
 
+#include "rpc/locked_wait.h"
+
 namespace bthal::rpc {
 
 void ThreadPool::Configure(size_t max, bool caller_will_join) {
@@ -53,9 +55,9 @@ void ThreadPool::Work() {
   for (;;) {
     std::unique_ptr<Task> task;
     {
-      std::unique_lock<std::mutex> lock(mutex_);
+      const std::lock_guard<std::mutex> lock(mutex_);
       ++idle_;
-      while (tasks_.empty()) posted_.wait(lock);
+      while (tasks_.empty()) LockedWait(posted_, mutex_);
       --idle_;
       task = std::move(tasks_.front());
       tasks_.pop_front();
