@@ -52,7 +52,10 @@ int main(int argc, char** argv) {
       ->trigger_on_parse();
   app.add_option("--wait", options.wait_seconds, "seconds to wait for the service to appear")
       ->capture_default_str()
+      ->take_last()
       ->check(CLI::Range(0.0, 3600.0));
+  app.add_flag("--no-holder", options.no_holder,
+               "attach to the service itself, even if \"up\" holds Bluetooth");
   bthalctl::AddUp(app, options);
   bthalctl::AddDown(app);
   bthalctl::AddStatus(app, options);
@@ -70,7 +73,11 @@ int main(int argc, char** argv) {
   } catch (const CLI::Success& help) {
     return app.exit(help);
   } catch (const CLI::ParseError& error) {
-    return End(ExitCode::kUsage, std::string(error.what()) + "; --help tells more");
+    const std::vector<std::string> unknown = app.remaining(true);
+    const std::string what = unknown.empty() || app.get_subcommands().size() == 1
+                                 ? error.what()
+                                 : "there is no command \"" + unknown.front() + "\"";
+    return End(ExitCode::kUsage, what + "; --help tells more");
   } catch (const bthalctl::Failure& failure) {
     return End(failure.code(), failure.what());
   } catch (const bthalctl::Interrupted&) {

@@ -14,6 +14,7 @@ namespace bthalctl {
 // What the options before the command say.
 struct Options {
   double wait_seconds = 2;  // for the service to appear
+  bool no_holder = false;   // attach even where a holder could be asked
 
   std::chrono::milliseconds wait() const {
     return std::chrono::milliseconds(static_cast<int64_t>(wait_seconds * 1000));

@@ -1,3 +1,4 @@
+#include <android-base/parseint.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -66,6 +67,10 @@ std::unique_ptr<Endpoint> MakeTcpEndpoint(const std::string& address) {
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
   addrinfo* found = nullptr;
+  unsigned number = 0;
+  if (!::android::base::ParseUint(port, &number, 65535u)) {
+    throw Failure(ExitCode::kUsage, address + " is no HOST:PORT: a port is a number up to 65535");
+  }
   const int error = getaddrinfo(host.c_str(), port.c_str(), &hints, &found);
   if (error != 0) {
     throw Failure(ExitCode::kUsage, address + " is no HOST:PORT: " + gai_strerror(error));
@@ -81,10 +86,10 @@ std::unique_ptr<Endpoint> MakeTcpEndpoint(const std::string& address) {
       getsockname(listener.get(), reinterpret_cast<sockaddr*>(&bound), &size) != 0) {
     throw Failure(WithErrno("cannot listen at " + address));
   }
-  const uint16_t number =
+  const uint16_t actual =
       ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
                                         : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
-  return std::make_unique<TcpEndpoint>(std::move(listener), host + ":" + std::to_string(number));
+  return std::make_unique<TcpEndpoint>(std::move(listener), host + ":" + std::to_string(actual));
 }
 
 }  // namespace bthalctl

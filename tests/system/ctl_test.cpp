@@ -1,0 +1,137 @@
+// bthalctl as scripts use it: exit codes and outputs.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "support/wait.h"
+#include "system/handset.h"
+
+namespace test {
+namespace {
+
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+// Mode: accelerated.
+class Ctl : public ::testing::Test {
+ protected:
+  Ctl() { handset_.StartService(); }
+  Handset handset_{Mode::kAccelerated};
+};
+
+TEST_F(Ctl, ExitCodes_SayWhatHappened) {
+  const struct {
+    std::vector<std::string> arguments;
+    int exit_code;
+    const char* output;
+  } rows[] = {
+      {{"--help"}, 0, "Exit codes"},
+      {{"cmd", "--help"}, 0, "bthalctl cmd reset"},
+      {{}, 2, "subcommand"},
+      {{"frobnicate"}, 2, "frobnicate"},
+      {{"cmd", "no such command"}, 2, "neither an opcode"},
+      {{"cmd", "0x10000"}, 2, "neither an opcode"},
+      {{"cmd", "reset", "0G"}, 2, "no hex at character 1"},
+      {{"cmd", "reset", "123"}, 2, "no hex at character 3"},
+      {{"serve-h4"}, 2, "--pty,--unix,--tcp"},
+      {{"serve-h4", "--tcp", "127.0.0.1:99999"}, 2, "no HOST:PORT"},
+      {{"loopback", "--types", "xyz"}, 2, "xyz"},
+      {{"down"}, 1, "nothing to take down"},
+      {{"cmd", "0x0C01", "FF"}, 1, "Invalid HCI Command Parameters (0x12)"},
+      {{"cmd", "reset"}, 0, "Reset (0x0C03): Success"},
+      {{"cmd", "0x1009", "--json"}, 0, "\"status\":0"},
+      {{"debug", "-o", "/nonexistent/x"}, 1, "No such file"},
+      {{"read-name", "nobody of that name"}, 1, "was heard"},
+  };
+  for (const auto& row : rows) {
+    const CtlResult result = handset_.Ctl(row.arguments);
+    EXPECT_EQ(result.exit_code, row.exit_code) << result.output;
+    EXPECT_THAT(result.output, HasSubstr(row.output));
+    EXPECT_THAT(result.output, Not(HasSubstr("\x1b["))) << "colours are for terminals";
+    EXPECT_EQ(CountOf("bthalctl: ", result.output), row.exit_code == 0 ? 0 : 1) << result.output;
+  }
+}
+
+TEST(CtlAlone, NoService_ExitCodeThreeForEveryCommandThatNeedsIt) {
+  const TempDir root;
+  for (const std::vector<std::string>& command :
+       std::vector<std::vector<std::string>>{{"up"},
+                                             {"up", "--detach"},
+                                             {"status"},
+                                             {"info"},
+                                             {"cmd", "reset"},
+                                             {"scan"},
+                                             {"monitor"},
+                                             {"debug"},
+                                             {"loopback"},
+                                             {"echo", "x"},
+                                             {"read-name", "x"},
+                                             {"serve-h4", "--unix", root / "h4"}}) {
+    std::vector<std::string> line = {ProgramDir() + "/bthalctl", "--root", root.path(), "--wait",
+                                     "0"};
+    line.insert(line.end(), command.begin(), command.end());
+    std::string output;
+    EXPECT_EQ(test::Run(line, &output).exit_code, 3) << command.front() << ": " << output;
+    EXPECT_THAT(output, HasSubstr("no Bluetooth service in " + root.path()));
+  }
+}
+
+TEST_F(Ctl, Monitor_ShowsBothDirectionsOfOtherClients) {
+  ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
+  ChildProcess monitor(handset_.CtlCommand({"monitor", "-n", "2"}));
+  ASSERT_TRUE(monitor.WaitForOutput("following the holder", kDeadline));
+  ASSERT_EQ(handset_.Ctl({"cmd", "read_bd_addr"}).exit_code, 0);
+  ASSERT_TRUE(monitor.Wait(kDeadline)) << monitor.Output();
+  EXPECT_THAT(monitor.Output(), HasSubstr("< CMD Read BD_ADDR (0x1009)"));
+  EXPECT_THAT(monitor.Output(),
+              HasSubstr("> EVT Command Complete: Read BD_ADDR (0x1009): Success"));
+}
+
+TEST_F(Ctl, ClientsOfTheHolder_GetTheirOwnAnswersOnly) {
+  ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
+  std::vector<std::unique_ptr<ChildProcess>> clients;
+  for (int i = 0; i < 8; ++i) {
+    clients.push_back(std::make_unique<ChildProcess>(
+        handset_.CtlCommand({"cmd", i % 2 == 0 ? "read_bd_addr" : "read_local_name"})));
+  }
+  for (size_t i = 0; i < clients.size(); ++i) {
+    const auto end = clients[i]->Wait(kDeadline);
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->exit_code, 0) << clients[i]->Output();
+    EXPECT_THAT(clients[i]->Output(),
+                HasSubstr(i % 2 == 0 ? "00 01 00 00 4B 56 5A" : "00 5A 56 4B"));
+  }
+  const CtlResult status = handset_.Ctl({"status", "--json"});
+  EXPECT_THAT(status.output, ContainsRegex("\"to_controller\": [1-9]")) << status.output;
+}
+
+TEST_F(Ctl, UpInTheForeground_EndsWithTheSignalAndLeavesTheServiceFree) {
+  ChildProcess up(handset_.CtlCommand({"up"}));
+  ASSERT_TRUE(up.WaitForOutput("Bluetooth is up after", kDeadline)) << up.Output();
+  EXPECT_THAT(up.Output(), HasSubstr("initialize_impl")) << "the steps are shown";
+  up.Signal(SIGINT);
+  const auto end = up.Wait(kDeadline);
+  ASSERT_TRUE(end);
+  EXPECT_EQ(end->exit_code, 0) << up.Output();
+  EXPECT_EQ(handset_.Ctl({"cmd", "reset"}).exit_code, 0) << handset_.Log();
+}
+
+TEST(PrepareRoot, MakesWhatTheServiceNeedsForARealPort) {
+  const TempDir folder;
+  std::string output;
+  const ChildResult result = test::Run(
+      {ProgramDir() + "/bthalctl", "prepare-root", folder / "board", "--uart", "/dev/null"},
+      &output);
+  EXPECT_EQ(result.exit_code, 0) << output;
+  EXPECT_THAT(output, HasSubstr("ready " + folder.path() + "/board"));
+  // The service finds the port, and ends because nothing answers there.
+  ChildProcess service({ServiceProgram()}, {{"BTHAL_ROOT", folder / "board"}});
+  EXPECT_TRUE(service.WaitForOutput("userial_tty_open: open /dev/ttySAC16", kDeadline))
+      << service.Output();
+  EXPECT_TRUE(service.WaitForOutput("open_coex_dev: return ret (1)", kDeadline));
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,97 @@
+// The stack dies, or stops.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+
+#include "support/wait.h"
+#include "system/handset.h"
+
+namespace test {
+namespace {
+
+// What each descriptor of a process is.
+std::vector<std::string> Descriptors(pid_t pid) {
+  std::vector<std::string> all;
+  std::error_code ignored;
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ignored)) {
+    all.push_back(std::filesystem::read_symlink(entry.path(), ignored).string());
+  }
+  std::sort(all.begin(), all.end());
+  return all;
+}
+
+class StackDeathSlow : public ::testing::TestWithParam<Mode> {
+ protected:
+  Handset handset_{GetParam()};
+};
+
+INSTANTIATE_TEST_SUITE_P(InEachMode, StackDeathSlow,
+                         ::testing::Values(Mode::kAccelerated, Mode::kPlain),
+                         [](const auto& mode) { return ModeName(mode.param); });
+
+TEST_P(StackDeathSlow, KilledAtAnyMoment_NextStackAttachesAndNothingGrows) {
+  handset_.StartService();
+  const pid_t service = handset_.service().pid();
+  // Right after a death the place may still be taken for a moment.
+  const auto next_stack_attaches = [&] {
+    return WaitFor([&] { return handset_.Ctl({"--no-holder", "cmd", "reset"}).exit_code == 0; });
+  };
+  const auto kill_a_stack = [&](unsigned after_ms) {
+    ChildProcess stack(handset_.CtlCommand({"--no-holder", "scan", "-t", "60"}));
+    stack.Wait(std::chrono::milliseconds(after_ms));
+    stack.Signal(SIGKILL);
+    ASSERT_TRUE(stack.Wait(kDeadline));
+    ASSERT_FALSE(handset_.service().Wait(std::chrono::milliseconds(0))) << handset_.Log();
+  };
+  // Once, for what is made at first use.
+  kill_a_stack(900);
+  ASSERT_TRUE(next_stack_attaches()) << handset_.Log();
+  const int threads = CountThreads(service);
+  const std::vector<std::string> descriptors = Descriptors(service);
+
+  const unsigned seed = std::random_device()();
+  printf("seed %u\n", seed);
+  std::mt19937 random(seed);
+  const int kills = Count("kills of the stack", 200);
+  // Anywhere from its start, through bring-up (0.7 s), into the scan.
+  for (int i = 0; i < kills && !HasFatalFailure(); ++i)
+    kill_a_stack(static_cast<unsigned>(random() % 900));
+  ASSERT_TRUE(next_stack_attaches()) << handset_.Log();
+  EXPECT_TRUE(WaitFor([&] { return CountThreads(service) <= threads; }))
+      << CountThreads(service) << " threads, before " << threads;
+  EXPECT_TRUE(WaitFor([&] { return Descriptors(service).size() <= descriptors.size(); }))
+      << ::testing::PrintToString(Descriptors(service)) << "\nbefore\n"
+      << ::testing::PrintToString(descriptors);
+}
+
+TEST_P(StackDeathSlow, StoppedStack_LosesItsConnectionAndTheNextIsServed) {
+  handset_.StartService();
+  ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
+  const std::string status = handset_.Ctl({"status", "--json"}).output;
+  const size_t at = status.find("\"pid\": ", status.find("\"holder\""));
+  ASSERT_NE(at, std::string::npos) << status;
+  const pid_t stack = std::stoi(status.substr(at + 7));
+  ChildProcess scan(handset_.CtlCommand({"scan", "-t", "600"}));
+  ChildProcess monitor(handset_.CtlCommand({"monitor"}));
+  ASSERT_TRUE(monitor.WaitForOutput("LE Advertising Report", kDeadline)) << monitor.Output();
+
+  kill(stack, SIGSTOP);  // events keep coming, and it answers none
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(WaitFor(
+      [&] {
+        return handset_.Ctl({"--no-holder", "cmd", "reset"}).exit_code == 0;
+      },
+      std::chrono::seconds(40)))
+      << handset_.Log();
+  EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8))
+      << "an answer may take 10 s";
+  kill(stack, SIGKILL);
+}
+
+}  // namespace
+}  // namespace test
