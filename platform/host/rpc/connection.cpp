@@ -46,7 +46,7 @@ bool IsGone(int error) { return error == EPIPE || error == ECONNRESET || error =
 
 std::shared_ptr<Connection> Connection::Start(android::base::unique_fd socket, Side peer_side,
                                               std::function<void()> on_end) {
-  const std::shared_ptr<Connection> connection(
+  std::shared_ptr<Connection> connection(
       new Connection(std::move(socket), peer_side, std::move(on_end)));
   IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN, connection);
   return connection;

@@ -46,7 +46,7 @@ struct Crash {
   int signal = 0;
   int code = 0;
   void* fault_address = nullptr;
-  void* instruction = nullptr;
+  uintptr_t instruction = 0;
   pid_t thread = 0;
   char thread_name[16] = {};
   void* frames[kMaxFrames] = {};
@@ -56,15 +56,15 @@ struct Crash {
 };
 Crash crash;
 
-void* InstructionOf(const void* context) {
+uintptr_t InstructionOf(const void* context) {
   const auto* machine = &static_cast<const ucontext_t*>(context)->uc_mcontext;
 #if defined(__x86_64__)
-  return reinterpret_cast<void*>(machine->gregs[REG_RIP]);
+  return static_cast<uintptr_t>(machine->gregs[REG_RIP]);
 #elif defined(__aarch64__)
-  return reinterpret_cast<void*>(machine->pc);
+  return machine->pc;
 #else
   (void)machine;
-  return nullptr;
+  return 0;
 #endif
 }
 
@@ -78,7 +78,7 @@ std::string FreePath() {
   time_t oldest_time = 0;
   for (int i = 0; i < kFiles; ++i) {
     struct stat status;
-    const std::string path = Path(i);
+    std::string path = Path(i);
     if (stat(path.c_str(), &status) != 0) return path;
     if (i == 0 || status.st_mtime < oldest_time) {
       oldest = path;
@@ -126,7 +126,10 @@ std::string Text() {
 
   // The handler's own frames come first.
   int first = 0;
-  while (first < crash.frame_count && crash.frames[first] != crash.instruction) ++first;
+  while (first < crash.frame_count &&
+         reinterpret_cast<uintptr_t>(crash.frames[first]) != crash.instruction) {
+    ++first;
+  }
   const bool found = first < crash.frame_count;
   if (!found) first = 0;
   backward::TraceResolver resolver;

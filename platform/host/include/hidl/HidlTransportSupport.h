@@ -87,11 +87,11 @@ sp<Interface> fromBinder(const sp<IBinder>& binder) {
   if (binder->localBinder() == nullptr) return new BpType(binder);
   auto* stub = dynamic_cast<::android::hidl::base::V1_0::BnHwBase*>(binder->localBinder());
   if (stub == nullptr) return nullptr;
-  const sp<IBase> base = stub->getImpl();
-  if (!details::canCastInterface(base.get(), Interface::descriptor).withDefault(false)) {
+  IBase* base = stub->getImpl().get();  // which binder keeps
+  if (!details::canCastInterface(base, Interface::descriptor).withDefault(false)) {
     return nullptr;
   }
-  return static_cast<Interface*>(base.get());
+  return sp<Interface>(static_cast<Interface*>(base));
 }
 
 template <typename Interface>
