@@ -1,0 +1,93 @@
+#include "bthal/child_case.h"
+
+#include <execinfo.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "support/temp_dir.h"
+
+namespace test {
+namespace {
+
+constexpr char kChildFlag[] = "--child";
+constexpr char kChildVariable[] = "BTHAL_TEST_CHILD";
+
+std::string* root_folder;
+
+// The platform's own constructors come later.
+__attribute__((constructor(101))) void SetRootFolder() {
+  if (getenv(kChildVariable) != nullptr) {
+    root_folder = new std::string(getenv("BTHAL_ROOT"));
+    return;
+  }
+  static TempDir* folder;
+  folder = new TempDir;
+  root_folder = new std::string(folder->path());
+  setenv("BTHAL_ROOT", root_folder->c_str(), 1);
+  WriteConfiguration(*root_folder);
+  atexit([] { delete folder; });
+}
+
+std::map<std::string, ChildCase::Body>& Cases() {
+  static auto* cases = new std::map<std::string, ChildCase::Body>;
+  return *cases;
+}
+
+void PrintBacktrace(int signal) {
+  void* frames[64];
+  backtrace_symbols_fd(frames, backtrace(frames, 64), STDERR_FILENO);
+  ::signal(signal, SIG_DFL);
+  raise(signal);
+}
+
+int RunCase(const std::string& name, const Arguments& arguments) {
+  const rlimit no_core{};
+  setrlimit(RLIMIT_CORE, &no_core);
+  signal(SIGABRT, PrintBacktrace);
+  return Cases().at(name)(arguments);
+}
+
+}  // namespace
+
+ChildCase::ChildCase(const char* name, Body body) { Cases()[name] = body; }
+
+const std::string& RootFolder() { return *root_folder; }
+
+void WriteConfiguration(const std::string& root, const std::string& more_lines) {
+  WriteFile(root + "/vendor/etc/bluetooth/bt_vendor.conf",
+            std::string("UartPort=") + kUartPort + "\n" + more_lines);
+}
+
+std::unique_ptr<ChildProcess> StartChild(const std::string& name, const std::string& root,
+                                         const Arguments& arguments) {
+  std::vector<std::string> command = {"/proc/self/exe", kChildFlag, name};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return std::make_unique<ChildProcess>(
+      command, std::map<std::string, std::string>{
+                   {kChildVariable, "1"}, {"BTHAL_ROOT", root}, {"BTHAL_LOG", "debug"}});
+}
+
+ChildRun RunChild(const std::string& name, const std::string& root, const Arguments& arguments) {
+  const auto child = StartChild(name, root, arguments);
+  ChildRun run;
+  run.result = child->Wait(kDeadline).value_or(ChildResult{});
+  run.output = child->Output();
+  return run;
+}
+
+}  // namespace test
+
+int main(int argc, char** argv) {
+  signal(SIGPIPE, SIG_IGN);
+  if (argc >= 3 && strcmp(argv[1], test::kChildFlag) == 0) {
+    return test::RunCase(argv[2], test::Arguments(argv + 3, argv + argc));
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}

@@ -1,0 +1,405 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "bthal/uart_rig.h"
+#include "h4/h4_protocol.h"
+#include "support/temp_dir.h"
+#include "support/vectors.h"
+#include "support/wait.h"
+
+namespace {
+
+using android::hardware::hidl_vec;
+using android::hardware::bluetooth::hci::H4Protocol;
+using test::Bytes;
+using test::UartRig;
+using testing::HasSubstr;
+using Packets = std::vector<UartRig::Packet>;
+
+// A framer that keeps what it delivers.
+class Framer {
+ public:
+  explicit Framer(int fd = -1) : h4(fd, Keep(4), Keep(2), Keep(3), Keep(5)) {}
+
+  void Feed(const Bytes& bytes) { h4.OnBytes(bytes.data(), bytes.size()); }
+  Packets Take() { return std::exchange(packets_, {}); }
+
+ private:
+  android::hardware::bluetooth::hci::PacketReceiver Keep(uint8_t type) {
+    return [this, type](const hidl_vec<uint8_t>& packet) {
+      packets_.push_back({type, test::ToBytes(packet)});
+    };
+  }
+  Packets packets_;
+
+ public:
+  H4Protocol h4;
+};
+
+Bytes Framed(const UartRig::Packet& packet) {
+  Bytes stream = {packet.type};
+  stream.insert(stream.end(), packet.bytes.begin(), packet.bytes.end());
+  return stream;
+}
+
+Bytes Framed(const Packets& packets) {
+  Bytes stream;
+  for (const UartRig::Packet& packet : packets) {
+    const Bytes one = Framed(packet);
+    stream.insert(stream.end(), one.begin(), one.end());
+  }
+  return stream;
+}
+
+Packets PacketsOf(const std::string& field) {
+  Packets packets;
+  for (const std::string& part : test::SplitTrimmed(field, ';')) {
+    const size_t colon = part.find(':');
+    packets.push_back(
+        {test::ParseHex(part.substr(0, colon))[0], test::ParseHex(part.substr(colon + 1))});
+  }
+  return packets;
+}
+
+std::vector<std::pair<std::string, UartRig::Packet>> WholePackets() {
+  std::vector<std::pair<std::string, UartRig::Packet>> packets;
+  for (const test::Vector& v : test::LoadVectors("h4_packets.txt")) {
+    packets.push_back({v.name, {test::ParseHex(v.fields[0])[0], test::ParseHex(v.fields[1])}});
+  }
+  return packets;
+}
+
+const UartRig::Packet kProbe = {0x03, {0x01, 0x00, 0x01, 0xCC}};
+
+TEST(H4Framing, OneByteShort_WaitsForIt) {
+  for (const auto& [name, packet] : WholePackets()) {
+    SCOPED_TRACE(name);
+    Framer framer;
+    Bytes stream = Framed(packet);
+    const uint8_t last = stream.back();
+    stream.pop_back();
+    framer.Feed(stream);
+    EXPECT_TRUE(framer.Take().empty());
+    framer.Feed({last});
+    // A packet without payload is delivered with what follows it.
+    const bool empty = packet.bytes.size() <= 4 && packet.bytes.back() == 0;
+    if (empty) {
+      EXPECT_TRUE(framer.Take().empty());
+      framer.Feed(Framed(kProbe));
+      EXPECT_EQ(framer.Take(), (Packets{packet, kProbe}));
+    } else {
+      EXPECT_EQ(framer.Take(), Packets{packet});
+    }
+  }
+}
+
+TEST(H4Framing, SplitAtEveryByte_YieldsSamePackets) {
+  Packets packets;
+  for (const auto& [name, packet] : WholePackets()) {
+    if (packet.bytes.size() < 300) packets.push_back(packet);
+  }
+  packets.push_back(kProbe);
+  const Bytes stream = Framed(packets);
+  for (size_t cut = 0; cut <= stream.size(); ++cut) {
+    Framer framer;
+    framer.Feed(Bytes(stream.begin(), stream.begin() + static_cast<long>(cut)));
+    framer.Feed(Bytes(stream.begin() + static_cast<long>(cut), stream.end()));
+    ASSERT_EQ(framer.Take(), packets) << "cut at " << cut;
+  }
+  for (size_t chunk = 1; chunk < 10; ++chunk) {
+    Framer framer;
+    for (size_t at = 0; at < stream.size(); at += chunk) {
+      framer.h4.OnBytes(stream.data() + at, std::min(chunk, stream.size() - at));
+    }
+    ASSERT_EQ(framer.Take(), packets) << "chunks of " << chunk;
+  }
+}
+
+TEST(H4Framing, TwoInOneChunk_BothComeOut) {
+  for (const auto& [name, packet] : WholePackets()) {
+    Framer framer;
+    framer.Feed(Framed(Packets{packet, packet, kProbe}));
+    EXPECT_EQ(framer.Take(), (Packets{packet, packet, kProbe})) << name;
+  }
+}
+
+TEST(H4Framing, Streams_YieldTheirPackets) {
+  for (const test::Vector& v : test::LoadVectors("h4_streams.txt")) {
+    Framer framer;
+    framer.Feed(test::ParseHex(v.fields[0]));
+    EXPECT_EQ(framer.Take(), PacketsOf(v.fields[1])) << v.name;
+  }
+}
+
+TEST(H4Framing, GarbageType_IsReportedOnceAndTheNextReadRecovers) {
+  for (const test::Vector& v : test::LoadVectors("h4_garbage.txt")) {
+    SCOPED_TRACE(v.name);
+    Framer framer;
+    testing::internal::CaptureStderr();
+    framer.Feed(test::ParseHex(v.fields[0]));
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(framer.Take(), PacketsOf(v.fields[1]));
+    const std::string line =
+        "OnDataReady: Unimplemented Packet Type: " + v.fields[2] + " detected!";
+    EXPECT_THAT(log, HasSubstr(line));
+    EXPECT_EQ(log.find("Unimplemented Packet Type", log.find(line) + line.size()),
+              std::string::npos);
+    framer.Feed(Framed(kProbe));
+    EXPECT_EQ(framer.Take(), Packets{kProbe});
+  }
+}
+
+// A type byte that is wrong only after a packet was cut by the end of a read.
+TEST(H4Framing, GarbageBehindSplitPacket_DeliversThePacketFirst) {
+  Framer framer;
+  const Bytes stream = Framed(kProbe);
+  framer.Feed(Bytes(stream.begin(), stream.end() - 1));
+  framer.Feed({stream.back(), 0x00, 0x04, 0x13});
+  EXPECT_EQ(framer.Take(), Packets{kProbe});
+  framer.Feed(Framed(kProbe));
+  EXPECT_EQ(framer.Take(), Packets{kProbe});
+}
+
+TEST(H4Framing, RandomPacketsInRandomChunks_ComeOutUnchanged) {
+  constexpr unsigned kSeed = 20261121;
+  printf("seed: %u\n", kSeed);
+  std::mt19937 random(kSeed);
+  const auto upto = [&](unsigned n) { return static_cast<unsigned>(random() % (n + 1)); };
+  Framer framer;
+  Bytes stream;
+  Packets sent;
+  const int count = test::Count("random packets", 20000);
+  for (int i = 0; i < count; ++i) {
+    UartRig::Packet packet{static_cast<uint8_t>(2 + upto(3)), {}};
+    const bool wide = packet.type == 2 || packet.type == 5;
+    const unsigned length = wide ? upto(upto(3) == 0 ? 4000 : 60) : upto(255);
+    if (packet.type != 4) packet.bytes = {static_cast<uint8_t>(random()), 0x0E};
+    if (packet.type == 4) packet.bytes = {static_cast<uint8_t>(random())};
+    packet.bytes.push_back(static_cast<uint8_t>(length));
+    // The reserved bits of an ISO length are set at random: they must not matter.
+    const unsigned reserved = packet.type == 5 ? upto(3) << 6 : 0;
+    if (wide) packet.bytes.push_back(static_cast<uint8_t>(length >> 8 | reserved));
+    for (unsigned k = 0; k < length; ++k) packet.bytes.push_back(static_cast<uint8_t>(random()));
+    const Bytes framed = Framed(packet);
+    stream.insert(stream.end(), framed.begin(), framed.end());
+    sent.push_back(std::move(packet));
+  }
+  stream.push_back(0x04);  // ends a last packet without payload
+  for (size_t at = 0; at < stream.size();) {
+    const size_t chunk = std::min<size_t>(1 + upto(upto(1) == 0 ? 9 : 5000), stream.size() - at);
+    framer.h4.OnBytes(stream.data() + at, chunk);
+    at += chunk;
+  }
+  const Packets received = framer.Take();
+  ASSERT_EQ(received.size(), sent.size());
+  for (size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(received[i], sent[i]) << "packet " << i;
+}
+
+// --- reading and writing a descriptor ---
+
+class H4Descriptor : public testing::Test {
+ protected:
+  ~H4Descriptor() override {
+    CloseRead();
+    close(write_fd_);
+  }
+
+  // A pipe that takes 4096 bytes at once.
+  void SetUp() override {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+    read_fd_ = fds[0];
+    write_fd_ = fds[1];
+    ASSERT_EQ(fcntl(write_fd_, F_SETPIPE_SZ, 4096), 4096);
+    ASSERT_EQ(fcntl(write_fd_, F_SETFL, O_NONBLOCK), 0);
+  }
+  void CloseRead() {
+    if (read_fd_ >= 0) close(read_fd_);
+    read_fd_ = -1;
+  }
+  Bytes Read(size_t size) {
+    Bytes bytes(size);
+    size_t done = 0;
+    while (done < size) {
+      const ssize_t n = read(read_fd_, bytes.data() + done, size - done);
+      if (n <= 0) break;
+      done += static_cast<size_t>(n);
+    }
+    bytes.resize(done);
+    return bytes;
+  }
+
+  int read_fd_ = -1;
+  int write_fd_ = -1;
+};
+
+// The state of a thread of this process, as the kernel tells it.
+bool IsAsleep(pid_t thread) {
+  const std::string stat = test::ReadFile("/proc/self/task/" + std::to_string(thread) + "/stat");
+  const size_t name_end = stat.rfind(')');
+  return name_end != std::string::npos && stat.substr(name_end + 2, 1) == "S";
+}
+
+// A Send() on a thread of its own.
+struct Sending {
+  Sending(H4Protocol& h4, const Bytes& data)
+      : thread([this, &h4, data] {
+          tid = gettid();
+          result = h4.Send(2, data.data(), data.size());
+          done = true;
+        }) {}
+  ~Sending() { thread.join(); }
+  // In poll, not in a loop.
+  bool WaitUntilAsleep() {
+    return test::WaitFor([this] { return tid != 0 && !done && IsAsleep(tid); });
+  }
+  std::atomic<pid_t> tid{0};
+  std::atomic<bool> done{false};
+  std::atomic<size_t> result{0};
+  std::thread thread;
+};
+
+TEST_F(H4Descriptor, Send_WritesTypeByteAndPacket) {
+  Framer framer(write_fd_);
+  for (const size_t size : {0, 1, 3, 258, 4000}) {
+    const Bytes data(size, 0x0A);
+    EXPECT_EQ(framer.h4.Send(1, data.data(), data.size()), size + 1);
+    Bytes expected = {0x01};
+    expected.insert(expected.end(), data.begin(), data.end());
+    EXPECT_EQ(Read(size + 1), expected);
+  }
+}
+
+TEST_F(H4Descriptor, SendOfMoreThanThereIsRoom_WaitsForRoom) {
+  Framer framer(write_fd_);
+  Bytes data(5000);
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
+  testing::internal::CaptureStderr();
+  {
+    Sending sending(framer.h4, data);
+    EXPECT_TRUE(sending.WaitUntilAsleep());
+    Bytes expected = {0x02};
+    expected.insert(expected.end(), data.begin(), data.end());
+    EXPECT_EQ(Read(5001), expected);
+    EXPECT_TRUE(test::WaitFor([&] { return sending.done.load(); }));
+    EXPECT_EQ(sending.result, 5001u);
+  }
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              HasSubstr("Send: 4096/5001 bytes written - retrying remaining 905 bytes"));
+}
+
+TEST_F(H4Descriptor, SendThatWaitsForRoom_EndsOnClose) {
+  Framer framer(write_fd_);
+  testing::internal::CaptureStderr();
+  {
+    Sending sending(framer.h4, Bytes(5000, 0x11));
+    EXPECT_TRUE(sending.WaitUntilAsleep());
+    framer.h4.Close();
+    EXPECT_TRUE(test::WaitFor([&] { return sending.done.load(); }));
+    EXPECT_EQ(sending.result, 4096u);
+  }
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("Send error writing to UART ("));
+  // Late callers do not write to a number that may be another file's by now.
+  const uint8_t byte = 0;
+  Read(4096);
+  EXPECT_EQ(framer.h4.Send(1, &byte, 1), 0u);
+  int left = -1;
+  ASSERT_EQ(ioctl(read_fd_, FIONREAD, &left), 0);
+  EXPECT_EQ(left, 0);
+}
+
+TEST_F(H4Descriptor, SendToBrokenPort_ReturnsWhatWasWritten) {
+  Framer framer(write_fd_);
+  testing::internal::CaptureStderr();
+  {
+    Sending sending(framer.h4, Bytes(5000, 0x11));
+    EXPECT_TRUE(sending.WaitUntilAsleep());
+    CloseRead();
+    EXPECT_TRUE(test::WaitFor([&] { return sending.done.load(); }));
+    EXPECT_EQ(sending.result, 4096u);
+  }
+  const uint8_t byte = 0;
+  EXPECT_EQ(framer.h4.Send(1, &byte, 1), 0u);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              HasSubstr("Send error writing to UART (Broken pipe)"));
+}
+
+TEST_F(H4Descriptor, SendersOfManyThreads_DoNotMixTheirPackets) {
+  Framer sender(write_fd_);
+  constexpr int kThreads = 4;
+  const int count = test::Count("packets a sending thread", 2000);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      Bytes packet(4 + 700, static_cast<uint8_t>(t));
+      packet[2] = 700 & 0xFF;
+      packet[3] = 700 >> 8;
+      for (int i = 0; i < count; ++i) {
+        EXPECT_EQ(sender.h4.Send(2, packet.data(), packet.size()), packet.size() + 1);
+      }
+    });
+  }
+  int seen[kThreads] = {};
+  for (int i = 0; i < kThreads * count; ++i) {
+    const Bytes packet = Read(1 + 4 + 700);
+    ASSERT_EQ(packet.size(), 705u);
+    ASSERT_EQ(packet[0], 2);
+    ASSERT_LT(packet[1], kThreads);
+    ASSERT_EQ(Bytes(packet.begin() + 5, packet.end()), Bytes(700, packet[1]));
+    ++seen[packet[1]];
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_THAT(seen, testing::Each(count));
+}
+
+TEST_F(H4Descriptor, ReadWithoutData_IsNothing) {
+  Framer framer;
+  ASSERT_EQ(fcntl(read_fd_, F_SETFL, O_NONBLOCK), 0);
+  framer.h4.OnDataReady(read_fd_);
+  const Bytes stream = Framed(kProbe);
+  ASSERT_EQ(write(write_fd_, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
+  framer.h4.OnDataReady(read_fd_);
+  EXPECT_EQ(framer.Take(), Packets{kProbe});
+}
+
+// The reader pauses for 5 s on a port that hung up, but not once it is being closed.
+TEST_F(H4Descriptor, PauseAfterHangUpOrReadError_EndsOnClose) {
+  const std::pair<int, const char*> cases[] = {
+      {read_fd_, "OnDataReady: Unexpected EOF reading the packet type!"},
+      {write_fd_, "OnDataReady: read failed (Bad file descriptor), not ready to read!"}};
+  const int held = dup(write_fd_);
+  for (const auto& [fd, line] : cases) {
+    Framer framer;
+    if (fd == read_fd_) {
+      ASSERT_EQ(dup3(STDERR_FILENO, write_fd_, O_CLOEXEC), write_fd_);
+      close(held);
+    }
+    testing::internal::CaptureStderr();
+    std::atomic<pid_t> tid{0};
+    std::atomic<bool> done{false};
+    const auto start = std::chrono::steady_clock::now();
+    std::thread reader([&, number = fd] {
+      tid = gettid();
+      framer.h4.OnDataReady(number);
+      done = true;
+    });
+    EXPECT_TRUE(test::WaitFor([&] { return tid != 0 && IsAsleep(tid); }));
+    EXPECT_FALSE(done);
+    framer.h4.Close();
+    reader.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(line));
+    EXPECT_TRUE(framer.Take().empty());
+  }
+}
+
+}  // namespace

@@ -1,0 +1,113 @@
+#include "support/vectors.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "support/temp_dir.h"
+
+namespace test {
+namespace {
+
+std::string Trim(const std::string& text) {
+  const size_t first = text.find_first_not_of(' ');
+  if (first == std::string::npos) return "";
+  return text.substr(first, text.find_last_not_of(' ') - first + 1);
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+  std::vector<std::string> parts(1);
+  for (char c : text) {
+    if (c == separator) {
+      parts.emplace_back();
+    } else {
+      parts.back() += c;
+    }
+  }
+  for (std::string& part : parts) part = Trim(part);
+  return parts;
+}
+
+std::string DataPath(const std::string& file) { return std::string(BTHAL_TEST_DATA "/") + file; }
+
+}  // namespace
+
+std::vector<Vector> LoadVectors(const std::string& file) {
+  std::ifstream in(DataPath(file));
+  if (!in) throw std::runtime_error("no vectors " + file);
+  std::vector<Vector> vectors;
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::vector<std::string> fields = Split(line, '|');
+    vectors.push_back({fields[0], {fields.begin() + 1, fields.end()}});
+  }
+  if (vectors.empty()) throw std::runtime_error("no vectors in " + file);
+  return vectors;
+}
+
+std::string LoadExpected(const std::string& file) {
+  const std::string text = ReadFile(DataPath("expected/" + file));
+  if (text.empty()) throw std::runtime_error("no expected text " + file);
+  return text;
+}
+
+Bytes ParseHex(const std::string& text) {
+  Bytes bytes;
+  std::istringstream in(text);
+  for (std::string word; in >> word;) {
+    char* end = nullptr;
+    const unsigned long value = strtoul(word.c_str(), &end, 16);
+    const unsigned long count = *end == '*' ? strtoul(end + 1, &end, 10) : 1;
+    if (*end != '\0' || value > 0xFF) throw std::runtime_error("not a byte: " + word);
+    bytes.insert(bytes.end(), count, static_cast<uint8_t>(value));
+  }
+  return bytes;
+}
+
+std::string ToHex(const Bytes& bytes) {
+  std::string text;
+  for (uint8_t byte : bytes) {
+    char hex[4];
+    snprintf(hex, sizeof hex, "%02X ", byte);
+    text += hex;
+  }
+  return Trim(text);
+}
+
+std::optional<std::string> ParseText(const std::string& field) {
+  if (field == "-") return std::nullopt;
+  std::string text;
+  for (size_t i = 0; i < field.size(); ++i) {
+    const bool last = i + 1 == field.size();
+    if (field[i] == '\\' && !last) {
+      const char escape = field[++i];
+      const std::string names = "nrt0\\", values("\n\r\t\0\\", 5);
+      if (escape == 'x') {
+        text += static_cast<char>(strtol(field.substr(i + 1, 2).c_str(), nullptr, 16));
+        i += 2;
+      } else {
+        text += values.at(names.find(escape));
+      }
+    } else if (field[i] == '{') {
+      const size_t end = field.find('}', i);
+      text.append(strtoul(field.c_str() + i + 3, nullptr, 10), field[i + 1]);
+      i = end;
+    } else {
+      text += field[i];
+    }
+  }
+  return text;
+}
+
+std::vector<std::string> SplitTrimmed(const std::string& text, char separator) {
+  return Trim(text).empty() ? std::vector<std::string>{} : Split(text, separator);
+}
+
+std::string Replaced(std::string text, const std::string& from, const std::string& to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+    text.replace(at, from.size(), to);
+  return text;
+}
+
+}  // namespace test
