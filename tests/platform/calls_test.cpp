@@ -247,7 +247,7 @@ TEST_F(Calls, CallsAndCallbacksFromBothSides_DoNotBlockEachOther) {
   const sp<Callback> callback = new Callback;
   callback->on_event = [&](const Bytes&) { EXPECT_TRUE(service_->ping().isOk()); };
   EXPECT_TRUE(service_->attach(callback, false).isOk());
-  const auto rounds = static_cast<uint32_t>(test::Count("rounds of calls both ways", 5000));
+  const auto rounds = static_cast<uint32_t>(test::Count("rounds of calls both ways", 3000));
   std::thread later([&] {
     for (uint32_t i = 0; i < rounds; ++i) EXPECT_TRUE(service_->callBackLater(Bytes(4)).isOk());
   });

@@ -389,6 +389,7 @@ TEST_F(Peers, OtherUser_IsRefusedUnlessInTheGroup) {
   EXPECT_EQ(find_as(1234, 1234), 1);
   EXPECT_THAT(process_->Output(), HasSubstr("of user 1234 may not connect"));
   EXPECT_EQ(find_as(1234, getegid()), 0);
+  ASSERT_EQ(chmod(folder.c_str(), 0750), 0);
   ExpectServing();
 }
 

@@ -85,11 +85,13 @@ status_t Connection::Call(uint32_t object, uint32_t code, const Parcel& data, Pa
     if (ended()) return android::DEAD_OBJECT;
     header.serial = ++last_serial_;
     pending_.emplace(header.serial, &pending);
+    if (overfull_) Watch(kOverfull, false);  // the reply may come behind more calls
   }
   const status_t sent = Send(header, data);
   if (sent != android::OK) {
     const std::lock_guard<std::mutex> lock(mutex_);
     pending_.erase(header.serial);
+    if (overfull_ && pending_.empty()) Watch(kOverfull, true);
     return sent;
   }
   Wait(&pending, header.serial, limit);
@@ -113,12 +115,7 @@ void Connection::Wait(PendingReply* pending, uint64_t serial,
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       if (pending->done) break;
-      if (!reading) {
-        reading = StartReading();
-      } else if (overfull_) {
-        StopReading();
-        reading = false;
-      }
+      if (!reading) reading = StartReading();
     }
     if (std::unique_ptr<IncomingCall> nested = thread.TakeNested(); nested != nullptr) {
       if (reading) {
@@ -153,7 +150,7 @@ void Connection::Wait(PendingReply* pending, uint64_t serial,
 }
 
 bool Connection::StartReading() {
-  if (reader_ != Reader::kNobody || overfull_) return false;
+  if (reader_ != Reader::kNobody) return false;
   reader_ = Reader::kCaller;
   Watch(kReadElsewhere, true);
   return true;
@@ -241,7 +238,8 @@ void Connection::OnReady(uint32_t events) {
   if ((events & EPOLLOUT) != 0) Flush();
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if ((events & ~uint32_t{EPOLLOUT}) == 0 || ended() || reader_ != Reader::kNobody || overfull_) {
+    if ((events & ~uint32_t{EPOLLOUT}) == 0 || ended() || reader_ != Reader::kNobody ||
+        (overfull_ && pending_.empty())) {
       return;
     }
     reader_ = Reader::kIoThread;
@@ -305,6 +303,9 @@ const char* Connection::HandleCall(const MessageHeader& header, Parcel parcel) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = exports_.find(header.object);
     if (found != exports_.end()) target = found->second.object;
+    if (waiting_calls_ >= kMaxCalls || waiting_bytes_ >= kMaxCallBytes) {
+      return "too many calls of its wait";
+    }
   }
   if (target == nullptr) return ended() ? nullptr : "a call to an unknown object";
   IncomingCall::Dispatch(std::make_unique<IncomingCall>(shared_from_this(), std::move(target),
@@ -320,6 +321,7 @@ const char* Connection::HandleReply(const MessageHeader& header, Parcel parcel) 
     if (found == pending_.end()) return ended() ? nullptr : "a reply to no call";
     PendingReply* pending = found->second;
     pending_.erase(found);
+    if (overfull_ && pending_.empty()) Watch(kOverfull, true);
     if (pending == nullptr) return nullptr;
     pending->done = true;
     pending->status = header.status;
@@ -357,7 +359,7 @@ void Connection::CallArrived(size_t bytes) {
   waiting_bytes_ += bytes;
   if (overfull_ || (waiting_calls_ < kMaxWaitingCalls && waiting_bytes_ < kMaxWaitingBytes)) return;
   overfull_ = true;
-  Watch(kOverfull, true);
+  if (pending_.empty()) Watch(kOverfull, true);
 }
 
 void Connection::CallDone(size_t bytes) {

@@ -32,9 +32,11 @@ constexpr std::chrono::seconds kClientAnswerTime{10};
 constexpr size_t kMaxQueuedMessages = 256;
 constexpr size_t kMaxQueuedBytes = 8 << 20;
 // Calls of a peer that wait to be served, and their bytes, above which nothing more is read from
-// it: replies of its wait, too, so this is well above what a slow handler lets come together.
+// it, unless somebody waits for a reply of its; and above which it is given up.
 constexpr size_t kMaxWaitingCalls = 1024;
 constexpr size_t kMaxWaitingBytes = 4 << 20;
+constexpr size_t kMaxCalls = 4 * kMaxWaitingCalls;
+constexpr size_t kMaxCallBytes = 4 * kMaxWaitingBytes;
 
 // Safe on any thread; no call blocks but Call(), and none holds a lock while user code runs.
 // Messages are read by one thread at a time: the first caller that waits for a reply (which then
@@ -95,7 +97,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   Connection(android::base::unique_fd socket, Side peer_side, std::function<void()> on_end);
 
   void Wait(PendingReply* pending, uint64_t serial, std::optional<std::chrono::milliseconds> limit);
-  // Makes the calling thread the reader unless there is one, or calls of the peer's enough.
+  // Makes the calling thread the reader unless there is one.
   bool StartReading() REQUIRES(mutex_);
   void StopReading() REQUIRES(mutex_);
   // Takes one message from the socket. For the thread that is the reader.
