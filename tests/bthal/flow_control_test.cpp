@@ -27,11 +27,6 @@ using testing::Not;
 
 namespace shim = android::hardware::bluetooth::hci::shim;
 
-Bytes Concat(Bytes bytes, const Bytes& more) {
-  bytes.insert(bytes.end(), more.begin(), more.end());
-  return bytes;
-}
-
 size_t Send(HciFlowControl& flow, uint8_t type, const std::string& hex) {
   const Bytes packet = test::ParseHex(hex);
   return flow.Send(type, packet.data(), packet.size());
@@ -55,12 +50,12 @@ void Play(const std::vector<std::string>& steps) {
       const size_t sent = word == "noack" ? flow.SendNoAck(type, packet.data(), packet.size())
                                           : flow.Send(type, packet.data(), packet.size());
       const Bytes written = rig.pty().TakeWritten();
-      wire = Concat(wire, written);
+      wire = test::Concat(wire, written);
       const size_t queued = halted ? 0 : packet.size();
       EXPECT_EQ(sent, written.empty() ? queued : packet.size() + 1);
     } else if (word == "event") {
       rig.DeliverEvent(packet);
-      wire = Concat(wire, rig.pty().TakeWritten());
+      wire = test::Concat(wire, rig.pty().TakeWritten());
     } else if (word == "wire") {
       EXPECT_EQ(test::ToHex(wire), test::ToHex(packet));
       wire.clear();

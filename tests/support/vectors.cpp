@@ -75,6 +75,11 @@ std::string ToHex(const Bytes& bytes) {
   return Trim(text);
 }
 
+Bytes Concat(Bytes bytes, const Bytes& more) {
+  bytes.insert(bytes.end(), more.begin(), more.end());
+  return bytes;
+}
+
 std::optional<std::string> ParseText(const std::string& field) {
   if (field == "-") return std::nullopt;
   std::string text;

@@ -22,6 +22,7 @@ std::string LoadExpected(const std::string& file);
 // "0E 04 5A*3" is 0E 04 5A 5A 5A.
 Bytes ParseHex(const std::string& text);
 std::string ToHex(const Bytes& bytes);
+Bytes Concat(Bytes bytes, const Bytes& more);
 // A text with its escapes resolved; nothing for "-".
 std::optional<std::string> ParseText(const std::string& field);
 // Parts without the blanks around them; none for a text of blanks.
