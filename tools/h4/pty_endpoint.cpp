@@ -5,6 +5,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "tools/base/failure.h"
 #include "tools/h4/endpoint.h"
 
@@ -32,7 +34,15 @@ class PtyEndpoint : public Endpoint {
 
   unique_fd Accept() override {
     alignas(inotify_event) char events[4096];
-    if (read(opened_.get(), events, sizeof events) <= 0) return unique_fd();
+    const ssize_t size = read(opened_.get(), events, sizeof events);
+    bool opened = false;
+    for (ssize_t at = 0; at < size;) {
+      inotify_event event;
+      std::memcpy(&event, events + at, sizeof event);
+      opened = opened || (event.wd == watch_ && (event.mask & IN_OPEN) != 0);
+      at += static_cast<ssize_t>(sizeof event + event.len);
+    }
+    if (!opened) return unique_fd();
     inotify_rm_watch(opened_.get(), watch_);
     unique_fd host = std::move(master_);
     Prepare();

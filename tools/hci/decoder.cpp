@@ -149,7 +149,10 @@ std::string DescribeAcl(Reader& in) {
   if (!first || in.left() < 4) return out + Tail(in);
   in.Skip(2);
   const uint16_t channel = in.U16();
-  if (channel == 4 && in.left() > 0) return out + ": ATT " + AttName(in.U8()) + Tail(in);
+  if (channel == 4 && in.left() > 0) {
+    out += ": ATT " + AttName(in.U8());
+    return out + Tail(in);
+  }
   const char* name = channel == 1   ? "L2CAP signalling"
                      : channel == 5 ? "L2CAP LE signalling"
                      : channel == 6 ? "security manager"
@@ -185,8 +188,8 @@ std::string Describe(const Packet& packet) {
     case PacketType::kIso: {
       const uint16_t head = in.U16();
       in.Skip(header - 2);
-      return type + "handle " + Hex(head & 0x0FFF, 3) + ", " + std::to_string(in.left()) +
-             " bytes" + Tail(in);
+      const std::string size_text = std::to_string(in.left());
+      return type + "handle " + Hex(head & 0x0FFF, 3) + ", " + size_text + " bytes" + Tail(in);
     }
   }
   return type;
