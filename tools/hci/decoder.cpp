@@ -52,7 +52,8 @@ void CommandStatus(Reader& in, std::string& out) {
 
 void ConnectionComplete(Reader& in, std::string& out) {
   out += ": " + StatusText(in.U8());
-  out += ", handle " + Hex(in.U16() & 0x0FFF, 3) + ", " + AddressText(in.Take(6));
+  out += ", handle " + Hex(in.U16() & 0x0FFF, 3);
+  out += ", " + AddressText(in.Take(6));
   const uint8_t link = in.U8();
   out += link == 1 ? ", ACL" : link == 0 ? ", SCO" : ", eSCO";
   in.Skip(1);
