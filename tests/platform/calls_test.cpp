@@ -284,6 +284,7 @@ TEST_F(Calls, Oneway_ArrivesInOrderAndDoesNotWait) {
 TEST_F(Calls, LookUp_IsAnsweredWhileThePoolIsBusy) {
   Serve();
   std::thread blocked([&] { EXPECT_FALSE(service_->block().isOk()); });
+  EXPECT_TRUE(process_->WaitForOutput("blocked", kDeadline));
   // Behind block(), on the service's only thread.
   std::thread waiting([&] { EXPECT_FALSE(service_->ping().isOk()); });
   for (int i = 0; i < 100; ++i) EXPECT_NE(ITest::tryGetService("default"), nullptr);

@@ -136,6 +136,8 @@ class Service : public ITest, public hidl_death_recipient {
   Return<void> block() override {
     std::unique_lock<std::mutex> lock(mutex_);
     released_ = false;
+    puts("blocked");
+    fflush(stdout);
     while (!released_) changed_.wait(lock);
     return Void();
   }
