@@ -81,6 +81,7 @@ void TakeHandles(Exchange& exchange, std::map<PacketType, Lane>& lanes) {
 void Loopback(const Options& options, const TransferFlags& flags,
               const std::vector<std::string>& types) {
   std::vector<PacketType> wanted;
+  wanted.reserve(types.size());
   for (const std::string& type : types) {
     wanted.push_back(type == "acl"   ? PacketType::kAcl
                      : type == "sco" ? PacketType::kSco
@@ -94,6 +95,7 @@ void Loopback(const Options& options, const TransferFlags& flags,
   const LocalLoopback loopback(exchange);
   TakeHandles(exchange, all);
   std::vector<Lane> lanes;
+  lanes.reserve(wanted.size());
   for (const PacketType type : wanted) lanes.push_back(all[type]);
   RunTransfer(exchange, lanes, flags, "loopback");
 }
