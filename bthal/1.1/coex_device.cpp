@@ -261,6 +261,10 @@ bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms)
     poller_->SetNotice(callback, delay_ms);
     return true;
   }
+  if (poller_ != nullptr) {  // its thread has ended by itself
+    pthread_join(poller_->thread, nullptr);
+    poller_.reset();
+  }
   auto poller = std::make_shared<Poller>();
   poller->coex_fd.reset(
       static_cast<int>(TEMP_FAILURE_RETRY(bthal::root::Open(kDevice, O_RDWR | O_NOCTTY))));
