@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -70,6 +71,12 @@ Bytes Pty::TakeWritten() {
 }
 
 void Pty::WriteToHost(const Bytes& bytes) { WriteAll(master_, bytes); }
+
+int Pty::Unread() const {
+  int count = -1;
+  ioctl(slave_, FIONREAD, &count);
+  return count;
+}
 
 UartRig::UartRig() {
   const std::string link = RootFolder() + kUartPort;

@@ -22,6 +22,8 @@ class Pty {
   // Exactly what the host has written since the last call.
   Bytes TakeWritten();
   void WriteToHost(const Bytes& bytes);
+  // Bytes that the host has not read yet.
+  int Unread() const;
   // The far end is gone: the host reads an end of file and cannot write.
   void HangUp();
 

@@ -1,0 +1,199 @@
+#include "low_power.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "bthal/child_case.h"
+#include "bthal/uart_rig.h"
+#include "support/temp_dir.h"
+#include "timer.h"
+#include "transport_shim.h"
+#include "wake_lock.h"
+
+namespace {
+
+using namespace android::hardware::bluetooth;
+namespace shim = android::hardware::bluetooth::hci::shim;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// A kernel file as a FIFO: what was written to it, as text.
+class KernelFile {
+ public:
+  explicit KernelFile(const std::string& path) : path_(test::RootFolder() + path) {
+    std::filesystem::create_directories(std::filesystem::path(path_).parent_path());
+    std::filesystem::remove(path_);
+    EXPECT_EQ(mkfifo(path_.c_str(), 0600), 0);
+    fd_ = open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  }
+  ~KernelFile() {
+    close(fd_);
+    std::filesystem::remove(path_);
+  }
+  const std::string& Text() {
+    char chunk[256];
+    for (ssize_t n; (n = read(fd_, chunk, sizeof chunk)) > 0;) {
+      text_.append(chunk, static_cast<size_t>(n));
+    }
+    return text_;
+  }
+  bool WaitForText(const std::string& text) {
+    return test::WaitFor([&] { return Text() == text; });
+  }
+
+ private:
+  const std::string path_;
+  int fd_ = -1;
+  std::string text_;
+};
+
+class LowPowerMode : public testing::Test {
+ protected:
+  ~LowPowerMode() override { low_power_.Teardown(); }
+
+  KernelFile line_{"/proc/bluetooth/sleep/btwrite"};
+  KernelFile driver_{"/proc/bluetooth/sleep/lpm"};
+  KernelFile lock_{"/sys/power/wake_lock"};
+  KernelFile unlock_{"/sys/power/wake_unlock"};
+  LowPower low_power_;
+};
+
+TEST_F(LowPowerMode, Off_WakeUpTouchesNothing) {
+  EXPECT_TRUE(low_power_.WakeUp());
+  EXPECT_TRUE(shim::LpmWakeUp());
+  EXPECT_TRUE(shim::LpmSuspend());
+  EXPECT_EQ(line_.Text() + driver_.Text() + lock_.Text(), "");
+}
+
+TEST_F(LowPowerMode, LoneTransmission_SuspendsAfterTwoPeriods) {
+  low_power_.Setup([] { return true; });
+  EXPECT_EQ(driver_.Text(), "1");
+  EXPECT_EQ(line_.Text(), "1");
+  const auto start = steady_clock::now();
+  EXPECT_TRUE(low_power_.WakeUp());
+  EXPECT_TRUE(low_power_.WakeUp());  // awake already: nothing is written
+  EXPECT_EQ(line_.Text(), "11");
+  EXPECT_THAT(lock_.Text(), testing::HasSubstr("bthal_wakelock"));
+  EXPECT_EQ(unlock_.Text(), "");
+  EXPECT_TRUE(line_.WaitForText("110"));
+  EXPECT_GE(steady_clock::now() - start, milliseconds(1600));
+  EXPECT_TRUE(test::WaitFor([&] { return unlock_.Text().find("bthal_wakelock") == 0; }));
+  // And once more: the timer was only disarmed.
+  EXPECT_TRUE(low_power_.WakeUp());
+  EXPECT_EQ(line_.Text(), "1101");
+  EXPECT_TRUE(line_.WaitForText("11010"));
+}
+
+TEST_F(LowPowerMode, SleepModeRefused_IsOffAgain) {
+  low_power_.Setup([] { return false; });
+  EXPECT_FALSE(shim::IsLpmRunning());
+  EXPECT_EQ(driver_.Text(), "10");
+  EXPECT_TRUE(low_power_.WakeUp());
+  EXPECT_EQ(line_.Text(), "1");
+  EXPECT_EQ(lock_.Text(), "");
+}
+
+TEST_F(LowPowerMode, TeardownWhileAwake_ReleasesTheWakeLock) {
+  low_power_.Setup([] { return true; });
+  EXPECT_TRUE(low_power_.WakeUp());
+  low_power_.Teardown();
+  EXPECT_THAT(unlock_.Text(), testing::HasSubstr("bthal_wakelock"));
+  EXPECT_EQ(driver_.Text(), "10");
+  EXPECT_TRUE(low_power_.WakeUp());
+  EXPECT_EQ(line_.Text(), "11");
+}
+
+// One lock for all users: the platform is asked at the first and the last.
+TEST_F(LowPowerMode, WakeLock_CountsItsUses) {
+  WakeLock& lock = WakeLock::Get();
+  lock.Acquire();
+  const std::string once = lock_.Text();
+  lock.Acquire();
+  lock.Release();
+  EXPECT_EQ(unlock_.Text(), "");
+  lock.Release();
+  EXPECT_THAT(unlock_.Text(), testing::HasSubstr("bthal_wakelock"));
+  EXPECT_EQ(lock_.Text(), once);
+}
+
+TEST_F(LowPowerMode, WakeUpsAndTeardownsOfManyThreads_EndReleased) {
+  const int rounds = test::Count("low-power cycles", 60);
+  for (int i = 0; i < rounds; ++i) {
+    low_power_.Setup([] { return true; });
+    std::thread sender([&] {
+      for (int k = 0; k < 50; ++k) low_power_.WakeUp();
+    });
+    std::thread closer([&] { low_power_.Teardown(); });
+    sender.join();
+    closer.join();
+    low_power_.Teardown();
+  }
+  const auto lines = [](const std::string& text) {
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find("bthal_wakelock", at)) != std::string::npos; ++at) ++count;
+    return count;
+  };
+  EXPECT_EQ(lines(lock_.Text()), lines(unlock_.Text()));
+  EXPECT_FALSE(shim::IsLpmRunning());
+}
+
+TEST(TimerThread, FiresOnceOrPeriodicallyAndNotOnceDisarmed) {
+  std::atomic<int> fired{0};
+  const auto timer = Timer::Create("test", [&] { ++fired; });
+  ASSERT_NE(timer, nullptr);
+  const auto start = steady_clock::now();
+  timer->Arm(milliseconds(40), milliseconds(0));
+  EXPECT_TRUE(test::WaitFor([&] { return fired == 1; }));
+  EXPECT_GE(steady_clock::now() - start, milliseconds(40));
+  timer->Arm(milliseconds(1), milliseconds(5));
+  EXPECT_TRUE(test::WaitFor([&] { return fired >= 5; }));
+  timer->Disarm();
+  std::atomic<bool> other{false};
+  const int at_disarm = fired;
+  const auto later = Timer::Create("later", [&] { other = true; });
+  later->Arm(milliseconds(60), milliseconds(0));
+  EXPECT_TRUE(test::WaitFor([&] { return other.load(); }));
+  EXPECT_LE(fired, at_disarm + 1) << "one callback may have been under way";
+}
+
+TEST(TimerThread, DestructionWaitsForARunningCallback) {
+  std::atomic<bool> inside{false}, go_on{false}, finished{false};
+  auto timer = Timer::Create("test", [&] {
+    inside = true;
+    test::WaitFor([&] { return go_on.load(); });
+    finished = true;
+  });
+  timer->Arm(milliseconds(0), milliseconds(0));
+  ASSERT_TRUE(test::WaitFor([&] { return inside.load(); }));
+  std::thread destroyer([&] {
+    timer.reset();
+    EXPECT_TRUE(finished);
+  });
+  go_on = true;
+  destroyer.join();
+}
+
+TEST(TimerThread, DestroyedInItsOwnCallback_EndsItsThread) {
+  const int threads = test::CountThreads(getpid());
+  const int rounds = test::Count("timers destroyed in their callback", 300);
+  for (int i = 0; i < rounds; ++i) {
+    std::unique_ptr<Timer> timer;
+    std::atomic<bool> gone{false};
+    timer = Timer::Create("test", [&] {
+      timer.reset();
+      gone = true;
+    });
+    timer->Arm(milliseconds(0), milliseconds(1));
+    ASSERT_TRUE(test::WaitFor([&] { return gone.load(); }));
+    ASSERT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads; }));
+  }
+}
+
+}  // namespace

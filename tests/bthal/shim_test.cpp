@@ -1,0 +1,171 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "bthal/child_case.h"
+#include "bthal/uart_rig.h"
+#include "h4/hw_control.h"
+#include "support/temp_dir.h"
+#include "transport_shim.h"
+
+namespace {
+
+using namespace android::hardware::bluetooth;
+namespace shim = android::hardware::bluetooth::hci::shim;
+using android::hardware::hidl_vec;
+using hwcontrol::BtHwControl;
+using test::Bytes;
+using test::UartRig;
+using testing::HasSubstr;
+
+void ExpectClosed() {
+  EXPECT_EQ(shim::GetUserialType(), 3u);
+  EXPECT_FALSE(shim::IsInitialized());
+  EXPECT_FALSE(shim::IsUserialReady());
+  EXPECT_TRUE(shim::SupportBaudRateChange());
+  EXPECT_FALSE(shim::IsUserialAutoInit());
+  EXPECT_EQ(shim::RequiredBaudRate(), 4000000u);
+  const uint8_t byte = 0;
+  EXPECT_EQ(shim::Send(1, &byte, 1, true), 0u);
+}
+
+TEST(Shim, OpenAndCloseManyTimes_LeavesNothing) {
+  ExpectClosed();
+  std::filesystem::create_directories(test::RootFolder() + "/sys/class/rfkill/rfkill0");
+  const int threads = test::CountThreads(getpid());
+  const int descriptors = test::CountDescriptors(getpid());
+  const int rounds = test::Count("openings of the transport", 50);
+  for (int i = 0; i < rounds; ++i) {
+    UartRig rig;
+    ASSERT_TRUE(rig.Open());
+    EXPECT_TRUE(shim::IsInitialized());
+    EXPECT_TRUE(shim::IsUserialReady());
+    EXPECT_EQ(shim::GetUserialType(), 1u);
+    rig.DeliverEvent({0x13, 0x01, 0x00});
+    EXPECT_EQ(rig.TakeReceived(), (std::vector<UartRig::Packet>{{4, {0x13, 0x01, 0x00}}}));
+    shim::Deinitialize();
+    ExpectClosed();
+  }
+  EXPECT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads; }));
+  EXPECT_EQ(test::CountDescriptors(getpid()), descriptors);
+}
+
+TEST(Shim, EveryTypeOfPacket_ReachesItsReceiver) {
+  UartRig rig;
+  ASSERT_TRUE(rig.Open());
+  std::vector<UartRig::Packet> expected;
+  for (const test::Vector& v : test::LoadVectors("h4_packets.txt")) {
+    expected.push_back({test::ParseHex(v.fields[0])[0], test::ParseHex(v.fields[1])});
+    rig.pty().WriteToHost(test::Concat({expected.back().type}, expected.back().bytes));
+  }
+  rig.DeliverEvent({0x13, 0x01, 0x00});
+  expected.push_back({4, {0x13, 0x01, 0x00}});
+  const std::vector<UartRig::Packet> received = rig.TakeReceived();
+  ASSERT_EQ(received.size(), expected.size());
+  for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(received[i], expected[i]) << i;
+}
+
+TEST(Shim, DeinitializeOnTwoThreadsAtOnce_RunsOnceAndBothSeeItDone) {
+  const int rounds = test::Count("concurrent closings", 50);
+  for (int i = 0; i < rounds; ++i) {
+    UartRig rig;
+    ASSERT_TRUE(rig.Open());
+    std::thread other([] {
+      shim::Deinitialize();
+      EXPECT_FALSE(shim::IsUserialReady());
+    });
+    shim::Deinitialize();
+    EXPECT_FALSE(shim::IsUserialReady());
+    other.join();
+    ExpectClosed();
+  }
+}
+
+// A stack that calls back from its own callback: the reader thread closes what it runs on, while
+// another thread closes, too.
+TEST(Shim, DeinitializeFromInsideACallback_NeitherHangsNorReadsFreedMemory) {
+  const int rounds = test::Count("closings from inside a callback", 50);
+  for (int i = 0; i < rounds; ++i) {
+    UartRig rig;  // for its port
+    std::atomic<bool> closed{false};
+    const auto close = [&](const hidl_vec<uint8_t>&) {
+      shim::Deinitialize();
+      closed = true;
+    };
+    const auto nothing = [](const hidl_vec<uint8_t>&) {};
+    ASSERT_NE(shim::InitializeHciHandle(close, nothing, nothing, nothing), nullptr);
+    // The second event must not be delivered any more, or be harmless.
+    rig.pty().WriteToHost(test::ParseHex("04 13 01 00 04 13 01 00"));
+    if (i % 2 == 0) {
+      ASSERT_TRUE(test::WaitFor([&] { return closed.load(); }));
+    }
+    shim::Deinitialize();
+    ASSERT_TRUE(test::WaitFor([] { return !shim::IsUserialReady(); }));
+  }
+}
+
+TEST(Shim, StreamError_ClosesThePortAndTheNextOpenRecovers) {
+  UartRig rig;
+  ASSERT_TRUE(rig.Open());
+  rig.pty().WriteToHost(test::ParseHex("01 03 0C 00"));
+  ASSERT_TRUE(test::WaitFor([] { return !shim::IsUserialReady(); }));
+  EXPECT_FALSE(shim::IsInitialized());
+  EXPECT_EQ(shim::GetUserialType(), 1u) << "only the close forgets it";
+  const Bytes reset = test::ParseHex("03 0C 00");
+  EXPECT_EQ(rig.flow()->Send(1, reset.data(), reset.size()), 0u);
+  shim::Deinitialize();
+  ASSERT_TRUE(rig.Open());
+  rig.DeliverEvent({0x13, 0x01, 0x00});
+  EXPECT_EQ(rig.TakeReceived().size(), 1u);
+}
+
+// The controller is switched off and on again at each opening, off at the close.
+TEST(Shim, PowerSwitch_IsTheFirstOfTypeBluetooth) {
+  const std::string rfkill = test::RootFolder() + "/sys/class/rfkill/rfkill";
+  test::WriteFile(rfkill + "0/type", "wlan\n");
+  test::WriteFile(rfkill + "0/state", "x");
+  test::WriteFile(rfkill + "1/type", "bluetooth\n");
+  test::WriteFile(rfkill + "1/state", "x");
+  testing::internal::CaptureStderr();
+  {
+    UartRig rig;
+    ASSERT_TRUE(rig.Open());
+    EXPECT_EQ(test::ReadFile(rfkill + "1/state"), "1");
+  }
+  EXPECT_EQ(test::ReadFile(rfkill + "1/state"), "0");
+  EXPECT_EQ(test::ReadFile(rfkill + "0/state"), "x");
+  const std::string log = testing::internal::GetCapturedStderr();
+  const size_t off = log.find(
+      "PowerControl: Disabling, state_path: "
+      "/sys/class/rfkill/rfkill1/state");
+  EXPECT_NE(off, std::string::npos);
+  EXPECT_NE(log.find("PowerControl: Enabling, state_path:", off), std::string::npos);
+  std::filesystem::remove_all(test::RootFolder() + "/sys/class/rfkill");
+}
+
+TEST(Shim, LineSpeed_StartsAt115200AndTakesTheThreeRatesOnly) {
+  UartRig rig;
+  ASSERT_TRUE(rig.Open());
+  const auto speed = [] {
+    termios settings{};
+    tcgetattr(BtHwControl::Get().UartFd(), &settings);
+    EXPECT_TRUE((settings.c_cflag & CRTSCTS) != 0);
+    EXPECT_EQ(settings.c_lflag & (ICANON | ECHO | ISIG), 0u);
+    return cfgetospeed(&settings);
+  };
+  EXPECT_EQ(speed(), static_cast<speed_t>(B115200));
+  const std::pair<uint32_t, speed_t> cases[] = {{3000000, B3000000}, {4000000, B4000000},
+                                                {921600, B4000000},  {6000000, B4000000},
+                                                {0, B4000000},       {115200, B115200}};
+  for (const auto& [rate, expected] : cases) {
+    shim::BaudrateChange(static_cast<UartBaudRate>(rate));
+    EXPECT_EQ(speed(), expected) << rate;
+  }
+}
+
+}  // namespace
