@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <regex>
 #include <thread>
 
 #include "bthal/child_case.h"
@@ -205,10 +204,8 @@ TEST(CrashDump, IsWrittenOnceACycle) {
   ASSERT_EQ(cores.size(), 2u);
   const char* reasons[] = {"FirstReason", "SecondReason"};
   for (size_t i = 0; i < 2; ++i) {
-    const std::regex name("crashinfo_bt_(\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d)\\.txt");
-    std::smatch match;
-    ASSERT_TRUE(std::regex_match(infos[i], match, name)) << infos[i];
-    const std::string stamp = match[1];
+    ASSERT_TRUE(test::HasShape(infos[i], "crashinfo_bt_####-##-##_##-##-##.txt")) << infos[i];
+    const std::string stamp = infos[i].substr(13, 19);
     EXPECT_EQ(cores[i], "coredump_bt_" + stamp + ".bin");
     std::string expected = test::LoadExpected("crashinfo.txt");
     expected = test::Replaced(expected, "@REASON@", reasons[i]);
