@@ -156,6 +156,8 @@ class DeviceAddressWait : public testing::Test {
     EXPECT_FALSE(done_);
   }
   ~DeviceAddressWait() override {
+    abandoned_ = true;
+    hci::ReconsiderProvisioning();
     if (thread_.joinable()) thread_.join();
   }
   bool WaitDone() {

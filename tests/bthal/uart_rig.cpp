@@ -56,18 +56,21 @@ void Pty::HangUp() {
 
 Bytes Pty::TakeWritten() {
   WriteAll(slave_, kMark);
-  Bytes bytes;
-  while (bytes.size() < kMark.size() ||
-         !std::equal(kMark.begin(), kMark.end(), bytes.end() - static_cast<long>(kMark.size()))) {
+  for (;;) {
+    // The host may have written on behind the mark by now.
+    const auto mark = std::search(unread_.begin(), unread_.end(), kMark.begin(), kMark.end());
+    if (mark != unread_.end()) {
+      const Bytes bytes(unread_.begin(), mark);
+      unread_.erase(unread_.begin(), mark + static_cast<long>(kMark.size()));
+      return bytes;
+    }
     uint8_t chunk[4096];
     pollfd readable{master_, POLLIN, 0};
     if (poll(&readable, 1, 10000) != 1) throw std::runtime_error("nothing more from the host");
     const ssize_t n = read(master_, chunk, sizeof chunk);
     if (n <= 0) throw std::runtime_error("read of a pty");
-    bytes.insert(bytes.end(), chunk, chunk + n);
+    unread_.insert(unread_.end(), chunk, chunk + n);
   }
-  bytes.resize(bytes.size() - kMark.size());
-  return bytes;
 }
 
 void Pty::WriteToHost(const Bytes& bytes) { WriteAll(master_, bytes); }

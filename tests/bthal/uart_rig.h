@@ -31,6 +31,7 @@ class Pty {
   int master_ = -1;
   int slave_ = -1;  // kept open, so that the host may come and go
   std::string path_;
+  Bytes unread_;  // written by the host, not taken yet
 };
 
 // Links the UART of this process's configuration to a pty, opens the shim on it, records what the
