@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -13,7 +14,8 @@
 namespace bthalctl {
 namespace {
 
-int stop_fd = -1;
+// Set on the thread that holds the attachment, read on any and by the handler.
+std::atomic<int> stop_fd{-1};
 
 void OnStopSignal(int) {
   const int saved = errno;

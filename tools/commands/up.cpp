@@ -145,11 +145,12 @@ void Up(const Options& options, const UpOptions& up) {
   }
 
   std::exception_ptr failure;
+  std::exception_ptr holder_failure;
   std::thread holder([&] {
     try {
       Hold(options, std::move(reporter));
     } catch (...) {
-      failure = std::current_exception();
+      holder_failure = std::current_exception();
     }
   });
   try {
@@ -162,6 +163,7 @@ void Up(const Options& options, const UpOptions& up) {
     failure = std::current_exception();
   }
   holder.join();
+  if (holder_failure != nullptr) std::rethrow_exception(holder_failure);
   if (failure != nullptr) std::rethrow_exception(failure);
   std::puts("Bluetooth is down");
 }
