@@ -43,14 +43,16 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
           },
           [this](ByteView bytes) { OnHostBytes(bytes); }),
       line_(loop, uart_),
-      rfkill_(loop, root_ / "sys/class/rfkill/rfkill0/state", [this](bool on) { OnPower(on); }),
+      rfkill_(loop, root_ / "sys/class/rfkill/rfkill0/state",
+              [this](bool on, bool more) { OnPower(on, more); }),
       lpm_(loop, root_ / "proc/bluetooth/sleep/lpm",
-           [this](bool on) {
+           [this](bool on, bool /*more*/) {
              if (on) uart_.Drain();  // what was written before still finds it awake
              lpm_enabled_ = on;
              trace_.Note(on ? "low-power driver on" : "low-power driver off");
            }),
-      btwrite_(loop, root_ / "proc/bluetooth/sleep/btwrite", [this](bool on) { OnWake(on); }),
+      btwrite_(loop, root_ / "proc/bluetooth/sleep/btwrite",
+               [this](bool on, bool /*more*/) { OnWake(on); }),
       wake_locks_(loop, root_ / "sys/power/wake_lock", root_ / "sys/power/wake_unlock"),
       coex_(loop, root_ / "dev/wbrc"),
       time_sync_(root_ / "proc/bluetooth/timesync"),
@@ -72,9 +74,11 @@ Handset::~Handset() {
 
 bool Handset::Awake() const { return !status_.sleep_mode || !lpm_enabled_ || wake_asserted_; }
 
-void Handset::OnPower(bool on) {
+void Handset::OnPower(bool on, bool more) {
   if (!on) {
-    uart_.Drain();
+    // Of a power cycle that is seen as a whole, what the host wrote after it is kept; what it wrote
+    // before it has thrown away when it opened the port anew.
+    if (!more) uart_.Drain();
     if (controller_) trace_.Note("power off");
     StopController();
     if (radio_) radio_->Disconnect();
@@ -90,7 +94,6 @@ void Handset::OnPower(bool on) {
   chip.patched = !preset_.needs_patch;
   chip.local_name = "ZVK ROM " + preset_.name;
   chip.address = kRomAddress;
-  uart_.Drain();  // written while it was off
   if (radio_) radio_->Connect();
   StartController(chip);
   scenario_.OnPowerOn();

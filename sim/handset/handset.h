@@ -42,7 +42,7 @@ class Handset {
   const std::string& root() const { return root_.path(); }
 
  private:
-  void OnPower(bool on);
+  void OnPower(bool on, bool more);
   void OnWake(bool asserted);
   void OnHostBytes(ByteView bytes);
   void OnHostPacket(PacketType type, ByteView packet);

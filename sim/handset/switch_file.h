@@ -11,16 +11,18 @@ namespace zvk {
 // A kernel file into which "1" and "0" are written.
 class SwitchFile {
  public:
-  SwitchFile(EventLoop& loop, const std::string& link, std::function<void(bool on)> on_write);
+  SwitchFile(EventLoop& loop, const std::string& link,
+             std::function<void(bool on, bool more)> on_write);
   ~SwitchFile() { loop_.Unwatch(pty_.fd()); }
 
-  // Acts on everything that has been written so far.
+  // Acts on everything that has been written so far. on_write is told whether more was written in
+  // the same moment.
   void Drain();
 
  private:
   EventLoop& loop_;
   const std::string link_;
-  const std::function<void(bool on)> on_write_;
+  const std::function<void(bool on, bool more)> on_write_;
   Pty pty_;
 };
 
