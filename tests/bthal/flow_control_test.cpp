@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <mutex>
 #include <thread>
 
 #include "bthal/child_case.h"
@@ -82,23 +83,40 @@ INSTANTIATE_TEST_SUITE_P(Vectors, FlowControlSequence,
                          testing::ValuesIn(test::LoadVectors("flow_control.txt")),
                          [](const auto& row) { return row.param.name; });
 
+// What several watchers note, on the reader thread and on the test's.
+class Notes {
+ public:
+  void Add(const std::string& note) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    notes_.push_back(note);
+  }
+  std::vector<std::string> Take() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return std::exchange(notes_, {});
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<std::string> notes_;
+};
+
 // A watcher that notes its calls in a list shared by several. Unregisters itself at its end.
 class NotingWatcher final : public HciEventWatcher {
  public:
   NotingWatcher(HciFlowControl& flow, const char* name, uint8_t code, uint16_t opcode, bool keeps,
-                std::vector<std::string>* calls)
+                Notes* calls)
       : HciEventWatcher(name, code, opcode), flow_(flow), keeps_(keeps), calls_(calls) {}
   ~NotingWatcher() override { flow_.UnregisterEventWatcher(this); }
   bool OnEventReceive(const hidl_vec<uint8_t>&) override {
-    calls_->push_back(name());
+    calls_->Add(name());
     return keeps_;
   }
-  void OnHalt() override { calls_->push_back(name() + " halted"); }
+  void OnHalt() override { calls_->Add(name() + " halted"); }
 
  private:
   HciFlowControl& flow_;
   const bool keeps_;
-  std::vector<std::string>* const calls_;
+  Notes* const calls_;
 };
 
 class FlowControlWatchers : public testing::Test {
@@ -108,14 +126,14 @@ class FlowControlWatchers : public testing::Test {
   // Which watchers an event was offered to, in order; "stack" when the stack got it.
   std::vector<std::string> Offer(const std::string& event) {
     rig_.DeliverEvent(test::ParseHex(event));
-    std::vector<std::string> calls = std::exchange(calls_, {});
+    std::vector<std::string> calls = calls_.Take();
     for (size_t i = rig_.TakeReceived().size(); i > 0; --i) calls.push_back("stack");
     return calls;
   }
 
   using Calls = std::vector<std::string>;
   UartRig rig_;
-  Calls calls_;
+  Notes calls_;
 };
 
 TEST_F(FlowControlWatchers, EventCodeAndOpcodeSelectThem) {
@@ -168,9 +186,9 @@ TEST_F(FlowControlWatchers, Halt_TellsThemOnceAndLateComersAtOnce) {
   flow().RegisterEventWatcher(&first);
   flow().Halt();
   flow().Halt();
-  EXPECT_EQ(std::exchange(calls_, {}), Calls{"first halted"});
+  EXPECT_EQ(calls_.Take(), Calls{"first halted"});
   flow().RegisterEventWatcher(&late);
-  EXPECT_EQ(std::exchange(calls_, {}), Calls{"late halted"});
+  EXPECT_EQ(calls_.Take(), Calls{"late halted"});
   EXPECT_EQ(Offer("FF 01 58"), Calls{"stack"});
   flow().UnregisterEventWatcher(&first);
 }
