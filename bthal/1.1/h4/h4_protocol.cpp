@@ -52,6 +52,7 @@ H4Protocol::H4Protocol(int fd, PacketReceiver event_cb, PacketReceiver acl_cb,
       read_buffer_(new uint8_t[kReadSize]) {}
 
 void H4Protocol::Close() {
+  closed_.store(true, std::memory_order_relaxed);
   const uint64_t one = 1;
   TEMP_FAILURE_RETRY(write(closing_event_.get(), &one, sizeof one));
   std::lock_guard<std::mutex> guard(fd_lock_);
@@ -138,7 +139,7 @@ void H4Protocol::OnDataReady(int fd) {
 }
 
 void H4Protocol::OnBytes(const uint8_t* data, size_t length) {
-  while (length > 0) {
+  while (length > 0 && !closed_.load(std::memory_order_relaxed)) {
     if (hci_packet_type_ == HCI_PACKET_TYPE_UNKNOWN) {
       if (*data < HCI_PACKET_TYPE_ACL_DATA || *data > HCI_PACKET_TYPE_ISO_DATA) {
         OnUnimplementedType(data, length);

@@ -3,6 +3,7 @@
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -46,7 +47,9 @@ class H4Protocol {
   bool WaitForRoom() REQUIRES(fd_lock_);
 
   std::mutex fd_lock_;
-  int uart_fd_ GUARDED_BY(fd_lock_);     // -1 once closed
+  int uart_fd_ GUARDED_BY(fd_lock_);  // -1 once closed
+  // Set with it: whoever closes from inside a receiver leaves nobody to deliver to.
+  std::atomic<bool> closed_{false};
   const base::unique_fd closing_event_;  // readable for good once closing
   const PacketReceiver event_cb_;
   const PacketReceiver acl_cb_;
