@@ -45,11 +45,7 @@ struct Source {
   std::atomic<int> taken{0};
 };
 
-int ThreadCount() {
-  // With a first thread comes one of ThreadSanitizer's own.
-  std::thread([] {}).join();
-  return test::CountThreads(getpid());
-}
+int ThreadCount() { return test::CountThreads(getpid()); }
 
 // Stops the watcher whatever the test does.
 struct Stopper {
