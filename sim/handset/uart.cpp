@@ -28,11 +28,11 @@ size_t Uart::Budget::Available(uint32_t bits_per_second) {
 }
 
 Uart::Uart(EventLoop& loop, std::mt19937& random, const Options& options,
-           std::function<void()> before_read, OnBytes on_bytes)
+           std::function<void()> before_turn, OnBytes on_bytes)
     : loop_(loop),
       random_(random),
       options_(options),
-      before_read_(std::move(before_read)),
+      before_turn_(std::move(before_turn)),
       on_bytes_(std::move(on_bytes)),
       rx_(kReadBytes),
       speed_(kBootSpeed) {
@@ -93,7 +93,7 @@ bool Uart::ReadOnce(size_t limit) {
 }
 
 void Uart::Read() {
-  before_read_();
+  before_turn_();
   for (int turn = 0; turn < kReadsPerTurn && queued() < kTxHigh; ++turn) {
     size_t limit = SIZE_MAX;
     if (options_.pace) {
@@ -148,6 +148,7 @@ bool Uart::RunMarks() {
 
 void Uart::Flush() {
   if (tx_blocked_ || tx_timer_ != EventLoop::kNoTimer) return;
+  if (queued() > 0) before_turn_();
   bool noise = false;
   bool speed_known = false;
   while (RunMarks() && queued() > 0) {

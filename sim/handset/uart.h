@@ -24,9 +24,10 @@ class Uart {
   // bytes live for the call.
   using OnBytes = std::function<void(ByteView bytes)>;
 
-  // before_read runs before each look at the line: what the host did earlier elsewhere comes first.
+  // before_turn runs before the line is read or written: what the host did earlier elsewhere, as
+  // switching the power off, comes first.
   Uart(EventLoop& loop, std::mt19937& random, const Options& options,
-       std::function<void()> before_read, OnBytes on_bytes);
+       std::function<void()> before_turn, OnBytes on_bytes);
   ~Uart();
 
   void Send(ByteView bytes);
@@ -79,7 +80,7 @@ class Uart {
   EventLoop& loop_;
   std::mt19937& random_;
   const Options options_;
-  const std::function<void()> before_read_;
+  const std::function<void()> before_turn_;
   const OnBytes on_bytes_;
   std::unique_ptr<Pty> pty_;
   Bytes rx_;
