@@ -62,7 +62,7 @@ std::string Shortened(const std::string& line) {
   std::string text;
   if (!std::getline(words >> std::ws, text)) return line;
   if (priority == "I" && tag == "bthal.flowcontrol:") return "";
-  const std::string shown = tag + " " + text;
+  std::string shown = tag + " " + text;
   if (priority == "I" || priority == "D") return shown;
   return Paint(priority == "W" ? Colour::kYellow : Colour::kRed, priority + " " + shown);
 }

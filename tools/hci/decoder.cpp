@@ -164,7 +164,7 @@ std::string DescribeAcl(Reader& in) {
 }  // namespace
 
 std::string Describe(const Packet& packet) {
-  const std::string type = std::string(TypeName(packet.type)) + " ";
+  std::string type = std::string(TypeName(packet.type)) + " ";
   const size_t header = HeaderSize(static_cast<uint8_t>(packet.type)).value_or(0);
   if (packet.bytes.size() < header) {
     return type + "shorter than its header [" + HexText(packet.bytes) + "]";
