@@ -53,7 +53,10 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
            }),
       btwrite_(loop, root_ / "proc/bluetooth/sleep/btwrite",
                [this](bool on, bool /*more*/) { OnWake(on); }),
-      wake_locks_(loop, root_ / "sys/power/wake_lock", root_ / "sys/power/wake_unlock"),
+      wake_locks_(loop, root_ / "sys/power/wake_lock", root_ / "sys/power/wake_unlock",
+                  [this](const std::string& name, bool held) {
+                    trace_.Note("wake lock " + name + (held ? " held" : " released"));
+                  }),
       coex_(loop, root_ / "dev/wbrc"),
       time_sync_(root_ / "proc/bluetooth/timesync"),
       scenario_(loop, options.scenario, [this](const Action& action) { Act(action); }) {

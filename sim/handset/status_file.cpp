@@ -65,7 +65,7 @@ std::string StatusJson(const Status& status,
   Object locks;
   for (const auto& [name, account] : wake_locks) {
     Object lock;
-    lock.Add("held", account.held());
+    lock.Add("held", account.held);
     lock.Add("acquired", account.acquired);
     lock.Add("released", account.released);
     locks.Raw(name, lock.Text());

@@ -18,8 +18,9 @@ std::string Unrepeated(const std::string& text) {
 
 }  // namespace
 
-WakeLocks::WakeLocks(EventLoop& loop, const std::string& lock_link, const std::string& unlock_link)
-    : loop_(loop), lock_(lock_link), unlock_(unlock_link) {
+WakeLocks::WakeLocks(EventLoop& loop, const std::string& lock_link, const std::string& unlock_link,
+                     OnChange on_change)
+    : loop_(loop), on_change_(std::move(on_change)), lock_(lock_link), unlock_(unlock_link) {
   loop_.Watch(lock_.fd(), EPOLLIN, [this](uint32_t) { Drain(); });
   loop_.Watch(unlock_.fd(), EPOLLIN, [this](uint32_t) { Drain(); });
 }
@@ -29,28 +30,43 @@ WakeLocks::~WakeLocks() {
   loop_.Unwatch(unlock_.fd());
 }
 
+// Both files at once: of a host that takes turns acquiring and releasing, the order is known even
+// when several turns are seen together.
 void WakeLocks::Drain() {
-  Count(lock_, &Account::acquired);
-  Count(unlock_, &Account::released);
+  std::map<std::string, std::pair<uint64_t, uint64_t>> changes;
+  for (const auto& [name, count] : Names(lock_)) changes[name].first = count;
+  for (const auto& [name, count] : Names(unlock_)) changes[name].second = count;
+  for (const auto& [name, change] : changes) {
+    Account& account = accounts_[name];
+    account.acquired += change.first;
+    account.released += change.second;
+    const bool more_acquired = change.first > change.second;
+    const bool held = change.first == change.second ? account.held : more_acquired;
+    if (held == account.held) continue;
+    account.held = held;
+    on_change_(name, held);
+  }
 }
 
-void WakeLocks::Count(Pty& pty, uint64_t Account::*counter) {
+std::map<std::string, uint64_t> WakeLocks::Names(Pty& pty) {
   uint8_t written[4096];
   std::string text;
   while (const size_t count = pty.Read(written, sizeof(written))) {
     text += ByteView(written, count).Text();
   }
+  std::map<std::string, uint64_t> names;
   for (size_t at = 0; at < text.size();) {
     const size_t start = text.find_first_not_of(" \n", at);
-    if (start == std::string::npos) return;
+    if (start == std::string::npos) break;
     size_t end = text.find('\n', start);
     if (end == std::string::npos) end = text.size();
     const std::string line = text.substr(start, end - start);
-    const std::string names = line.substr(0, line.find(' '));  // a time-out may follow
-    const std::string name = Unrepeated(names);
-    accounts_[name].*counter += names.size() / name.size();
+    const std::string repeated = line.substr(0, line.find(' '));  // a time-out may follow
+    const std::string name = Unrepeated(repeated);
+    names[name] += repeated.size() / name.size();
     at = end;
   }
+  return names;
 }
 
 }  // namespace zvk

@@ -16,20 +16,24 @@ class WakeLocks {
   struct Account {
     uint64_t acquired = 0;
     uint64_t released = 0;
-    bool held() const { return acquired > released; }
+    bool held = false;  // a lock that is held is not held twice
   };
+  using OnChange = std::function<void(const std::string& name, bool held)>;
 
-  WakeLocks(EventLoop& loop, const std::string& lock_link, const std::string& unlock_link);
+  WakeLocks(EventLoop& loop, const std::string& lock_link, const std::string& unlock_link,
+            OnChange on_change);
   ~WakeLocks();
 
   // By name.
   const std::map<std::string, Account>& accounts() const { return accounts_; }
 
  private:
+  // How often each name was written.
+  static std::map<std::string, uint64_t> Names(Pty& pty);
   void Drain();
-  void Count(Pty& pty, uint64_t Account::*counter);
 
   EventLoop& loop_;
+  const OnChange on_change_;
   Pty lock_;
   Pty unlock_;
   std::map<std::string, Account> accounts_;

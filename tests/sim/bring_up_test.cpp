@@ -184,17 +184,24 @@ TEST(SimulatorSleep, WithoutWake_BytesAreLost) {
   EXPECT_EQ(host.Command(0x0C03)[6], 0);
 }
 
-TEST(SimulatorWakeLocks, Account_CountsByName) {
-  Host host;
+// As the kernel's: a lock that is held already is not held twice.
+TEST(SimulatorWakeLocks, Account_CountsByNameAndOneReleaseFrees) {
+  TempDir folder;
+  const std::string trace = folder / "trace";
+  Host host({"--trace", trace});
   host.Write("/sys/power/wake_lock", "bthal_wakelock");
   host.Write("/sys/power/wake_lock", "bthal_wakelock");
   EXPECT_TRUE(host.StatusHolds("\"acquired\": 2"));
   host.Write("/sys/power/wake_lock", "other 1000000\n");
   EXPECT_TRUE(host.StatusHolds("\"other\": {"));
   host.Write("/sys/power/wake_unlock", "bthal_wakelock\n");
-  EXPECT_TRUE(host.StatusHolds("\"released\": 1"));
-  host.Write("/sys/power/wake_unlock", "bthal_wakelock");
-  EXPECT_TRUE(host.StatusHolds("\"held\": false,\n\"acquired\": 2,\n\"released\": 2"));
+  EXPECT_TRUE(host.StatusHolds("\"held\": false,\n\"acquired\": 2,\n\"released\": 1"));
+  host.Write("/sys/power/wake_lock", "bthal_wakelock");
+  EXPECT_TRUE(host.StatusHolds("\"held\": true,\n\"acquired\": 3,\n\"released\": 1"));
+  const std::string notes = ReadFile(trace);
+  const size_t released = notes.find("- wake lock bthal_wakelock released\n");
+  EXPECT_LT(notes.find("- wake lock bthal_wakelock held\n"), released) << notes;
+  EXPECT_NE(notes.find("- wake lock bthal_wakelock held\n", released), std::string::npos) << notes;
 }
 
 TEST(SimulatorRoot, RestartOnOneRoot_KeepsUserFilesAndRemovesLinks) {
