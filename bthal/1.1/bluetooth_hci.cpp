@@ -202,16 +202,12 @@ Return<void> BluetoothHci::sendIsoData(const hidl_vec<uint8_t>& packet) {
 }
 
 Return<void> BluetoothHci::close() {
-  close_impl(nullptr);
+  close_impl(StackLink::Get().g_cb());
   return Void();
 }
 
-void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& only_if) {
+void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stack) {
   if (!close_gate_.Enter()) return;
-  if (only_if != nullptr && !StackLink::Get().IsAttached(only_if)) {
-    close_gate_.Leave();
-    return;
-  }
   DebugCentral::Get().UpdateRecord(AnchorType::kClose, "close");
   ALOGI("BluetoothHci::close()");
   unlink_from_death();
@@ -225,7 +221,7 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& only
   } else {
     perform_close();
   }
-  StackLink::Get().Detach();
+  StackLink::Get().DetachIf(stack);
   ALOGI("BluetoothHci::close() Done");
   close_gate_.Leave();
 }

@@ -66,9 +66,9 @@ class BluetoothHci : public IBluetoothHci {
   void close_hci();
   void thread_perform_init() EXCLUDES(mutex_);
   void thread_perform_reinit() EXCLUDES(mutex_);
-  // Detaches the stack and tears down, or resets the controller that stays up. With only_if not
-  // null, only while that stack is attached.
-  void close_impl(const sp<::android::hidl::base::V1_0::IBase>& only_if);
+  // Tears down, or resets the controller that stays up, and detaches stack, unless another one has
+  // come in its place.
+  void close_impl(const sp<::android::hidl::base::V1_0::IBase>& stack);
   // Brackets work that initialize() waits for.
   void BeginWork() EXCLUDES(mutex_);
   void EndWork() EXCLUDES(mutex_);

@@ -111,9 +111,20 @@ void notify_cb(const hidl_vec<uint8_t>& event) {
   }
 }
 
-void KillSelf(const char* why) {
-  ALOGE("%s", why);
-  kill(getpid(), SIGKILL);
+// What a failed bring-up leaves to do: tells the stack, or, without one, ends the process.
+// undelivered: the record when the stack cannot be told; null for none.
+void ReportFailedInit(const char* kill_line, const char* undelivered) {
+  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  if (cb == nullptr) {
+    ALOGE("%s", kill_line);
+    kill(getpid(), SIGKILL);
+    return;
+  }
+  if (cb->initializationComplete(Status::INITIALIZATION_ERROR).isOk()) return;
+  ALOGE("VendorInterface -> Unable to call initializationComplete(ERR)");
+  if (undelivered != nullptr) {
+    DebugCentral::Get().UpdateRecord(AnchorType::kCompletionUndelivered, undelivered);
+  }
 }
 
 }  // namespace
@@ -139,12 +150,11 @@ void BluetoothHci::StartWorker(void (BluetoothHci::*work)()) {
 // The work begins before the stack is detached, so that the next one waits for its end.
 void BluetoothHci::OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who) {
   BeginWork();
-  if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
-    if (StackLink::Get().DetachIf(who)) {
+  if (StackLink::Get().DetachIf(who)) {
+    if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
       StartWorker(&BluetoothHci::thread_perform_reinit);
       return;
     }
-  } else {
     close_impl(who);
   }
   EndWork();
@@ -153,25 +163,9 @@ void BluetoothHci::OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who
 void BluetoothHci::perform_init() {
   ALOGI("%s", __func__);
   const DebugAnchor anchor(AnchorType::kPerformInit, __func__, DebugCentral::Get());
-  const auto report_failure = [](const char* operation) {
-    const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
-    if (!cb->initializationComplete(Status::INITIALIZATION_ERROR).isOk()) {
-      ALOGE("VendorInterface -> Unable to call initializationComplete(ERR)");
-      if (operation != nullptr) {
-        DebugCentral::Get().UpdateRecord(
-            AnchorType::kCompletionUndelivered,
-            StringPrintf("%s: Unable to call initializationComplete(ERR)", operation));
-      }
-    }
-  };
-
   if (hci_handle() != nullptr) {
     ALOGE("%s: hci_handle != nullptr! -> Double attempt to initialize the HAL", __func__);
-    if (StackLink::Get().g_cb() != nullptr) {
-      report_failure(nullptr);
-    } else {
-      KillSelf("perform_init: Calling kill due to error");
-    }
+    ReportFailedInit("perform_init: Calling kill due to error", nullptr);
     return;
   }
   DebugCentral::Get().SetEventSink(notify_cb);
@@ -184,12 +178,8 @@ void BluetoothHci::perform_init() {
       hci::shim::InitializeHciHandle(OnEvent, OnAclData, OnScoData, OnIsoData);
   set_hci_handle(handle);
   if (handle == nullptr) {
-    if (StackLink::Get().g_cb() != nullptr) {
-      report_failure(nullptr);
-      StackLink::Get().Detach();
-    } else {
-      KillSelf("InitializeHciHandle failed, calling kill");
-    }
+    ReportFailedInit("InitializeHciHandle failed, calling kill", nullptr);
+    StackLink::Get().Detach();
     return;
   }
   DebugCentral::Get().StartMonitor(handle);
@@ -203,12 +193,9 @@ void BluetoothHci::perform_init() {
   DebugCentral::Get().StopMonitor();
   hci::shim::Deinitialize();
   set_hci_handle(nullptr);
-  if (StackLink::Get().g_cb() != nullptr) {
-    report_failure(__func__);
-    StackLink::Get().Detach();
-  } else {
-    KillSelf("Calling kill due to an error");
-  }
+  ReportFailedInit("Calling kill due to an error",
+                   "perform_init: Unable to call initializationComplete(ERR)");
+  StackLink::Get().Detach();
   coex_device_.DeviceClose();
 }
 

@@ -112,7 +112,7 @@ bool BtZvkProtocol::send_firmware_records(const std::string& path) {
     return false;
   }
   std::this_thread::sleep_for(kMinidriverTime);
-  LOG(INFO) << kDownload << ": Downloading Firmware Patchram";
+  LOG(INFO) << kDownload << ": Downloading Firmware Patchram data";
 
   FirmwarePatch::Record record;
   FirmwarePatch::Result result;

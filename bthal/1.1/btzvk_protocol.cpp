@@ -142,6 +142,7 @@ uint8_t BtZvkProtocol::read_btzvk_chip_id() {
   }
   const uint8_t id = hci::ByteAt(btzvk_last_completion(), kReturnParameters);
   LOG(INFO) << __func__ << ": " << static_cast<int>(id);
+  Record(AnchorType::kChipId, StringPrintf("btzvk_reset, chip_id: %u", id));
   return id;
 }
 
@@ -153,7 +154,6 @@ bool BtZvkProtocol::btzvk_reset() {
   }
   if (!send_hci_reset()) return false;
   const uint8_t id = read_btzvk_chip_id();
-  if (id != 0) Record(AnchorType::kChipId, StringPrintf("%s, chip_id: %u", __func__, id));
   std::lock_guard<std::mutex> guard(lock_);
   chip_id_ = id;
   return id != 0;

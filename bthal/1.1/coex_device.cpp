@@ -80,7 +80,7 @@ void SleepFor(int delay_ms) {
 
 // What the device and its thread share; it lives as long as either needs it.
 struct CoexDevice::Poller {
-  unique_fd coex_fd;           // closed by the thread at its end
+  unique_fd coex_fd;           // the thread's while it lives
   unique_fd break_sockets[2];  // closing the second ends the first one's poll
   std::atomic<bool> running{true};
   pthread_t thread{};  // written before the device hands the poller out
@@ -101,11 +101,16 @@ struct CoexDevice::Poller {
     return alive;
   }
 
+  // Ends the thread and closes the device.
+  void DeviceClose() EXCLUDES(lock);
   int ReadEvent();
   bool WriteEvent(const uint8_t* bytes, uint8_t length);
-  void ClosePollThread() EXCLUDES(lock);
+  void PollLoop();
+  // Returns whether coex_fd is the caller's now.
+  bool ClosePollThread() EXCLUDES(lock);
   void coex_close_timeout() EXCLUDES(lock);
-  void JoinOrLetGo() EXCLUDES(lock);
+  // Returns whether the thread has ended.
+  bool JoinOrLetGo() EXCLUDES(lock);
 };
 
 int CoexDevice::Poller::ReadEvent() {
@@ -146,7 +151,7 @@ int CoexDevice::Poller::ReadEvent() {
     ALOGI("%s msg: 0x%X", "BtSend", kAcknowledgement[3]);
     WriteEvent(kAcknowledgement, sizeof kAcknowledgement);
   }
-  ClosePollThread();
+  DeviceClose();
   DebugCentral::Get().ReportBqrError(BqrErrorCode::SocBigHammerFault,
                                      "restart bt due to receiving Big Hammer Event!");
   return 0;
@@ -164,9 +169,6 @@ void CoexDevice::PollEventThread(const std::shared_ptr<Poller>& poller) {
   struct AtEnd {
     Poller& poller;
     ~AtEnd() {
-      poller.coex_fd.reset();
-      ALOGI("%s: Thread done", "PollEventThread");
-      Record(AnchorType::kCoexThreadDone, "PollEventThread, Thread done");
       std::lock_guard<std::mutex> guard(poller.lock);
       poller.alive = false;
       poller.ended.notify_all();
@@ -174,30 +176,38 @@ void CoexDevice::PollEventThread(const std::shared_ptr<Poller>& poller) {
   } at_end{*poller};
 
   g_thread_role = ThreadRole::kCoex;
-  ALOGI("%s: Thread created fd = %d", __func__, poller->coex_fd.get());
+  poller->PollLoop();
+  poller->coex_fd.reset();
+  ALOGI("%s: Thread done", __func__);
+  Record(AnchorType::kCoexThreadDone, StringPrintf("%s, Thread done", __func__));
+}
+
+void CoexDevice::Poller::PollLoop() {
+  constexpr char kOperation[] = "PollEventThread";
+  ALOGI("%s: Thread created fd = %d", kOperation, coex_fd.get());
   pthread_setname_np(pthread_self(), kThreadName);
   struct sigaction action {};
   action.sa_handler = sigusr1_handler;
   if (sigaction(SIGUSR1, &action, nullptr) != 0) {
-    ALOGE("%s: Unable to set a SIGUSR1 signal handler", __func__);
+    ALOGE("%s: Unable to set a SIGUSR1 signal handler", kOperation);
     return;
   }
-  while (poller->running) {
-    pollfd fds[] = {{poller->coex_fd.get(), POLLIN, 0}, {poller->break_sockets[0].get(), 0, 0}};
+  while (running) {
+    pollfd fds[] = {{coex_fd.get(), POLLIN, 0}, {break_sockets[0].get(), 0, 0}};
     if (Interruptible([&] { return poll(fds, 2, -1); }) < 0) {
-      ALOGE("%s: Cannot poll for fds: %s", __func__, strerror(errno));
+      ALOGE("%s: Cannot poll for fds: %s", kOperation, strerror(errno));
       return;
     }
     if ((fds[0].revents & POLLIN) != 0) {
-      ALOGI("%s: POLLIN", __func__);
-      if (poller->ReadEvent() < 0) return;
+      ALOGI("%s: POLLIN", kOperation);
+      if (ReadEvent() < 0) return;
     } else if (fds[0].revents != 0) {
-      ALOGI("%s: (POLLHUP | POLLERR)", __func__);
+      ALOGI("%s: (POLLHUP | POLLERR)", kOperation);
       return;
     }
     if (fds[1].revents != 0) {
-      ALOGI("%s: socket event", __func__);
-      Record(AnchorType::kCoexSocketEvent, StringPrintf("%s, socket event", __func__));
+      ALOGI("%s: socket event", kOperation);
+      Record(AnchorType::kCoexSocketEvent, StringPrintf("%s, socket event", kOperation));
     }
   }
 }
@@ -209,7 +219,7 @@ void CoexDevice::Poller::coex_close_timeout() {
   if (alive) pthread_kill(thread, SIGUSR1);
 }
 
-void CoexDevice::Poller::JoinOrLetGo() {
+bool CoexDevice::Poller::JoinOrLetGo() {
   const auto deadline = std::chrono::steady_clock::now() + kLetGoTimeout;
   bool stuck = false;
   {
@@ -224,9 +234,10 @@ void CoexDevice::Poller::JoinOrLetGo() {
   } else {
     pthread_join(thread, nullptr);
   }
+  return !stuck;
 }
 
-void CoexDevice::Poller::ClosePollThread() {
+bool CoexDevice::Poller::ClosePollThread() {
   ALOGI("%s", __func__);
   running = false;
   const bool own_thread = g_thread_role == ThreadRole::kCoex;
@@ -241,13 +252,22 @@ void CoexDevice::Poller::ClosePollThread() {
   }
   ALOGI("%s: close socket fds_1", __func__);
   Record(AnchorType::kCoexSocket1Closed, StringPrintf("%s, close socket fds_1", __func__));
-  break_sockets[1].reset();
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    break_sockets[1].reset();
+  }
   // The first socket is being polled: it is closed with the poller.
   ALOGI("%s: close socket fds_0", __func__);
   Record(AnchorType::kCoexSocket0Closed, StringPrintf("%s, close socket fds_0", __func__));
-  if (own_thread) return;
   ALOGI("%s: pthread_join", __func__);
-  JoinOrLetGo();
+  return own_thread || JoinOrLetGo();
+}
+
+void CoexDevice::Poller::DeviceClose() {
+  ALOGI("%s", __func__);
+  if (!ClosePollThread() || coex_fd.get() < 0) return;
+  ALOGI("%s: close(coex_fd_:%d)", __func__, coex_fd.get());
+  coex_fd.reset();
 }
 
 CoexDevice::CoexDevice() = default;
@@ -302,13 +322,16 @@ bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms)
 }
 
 int CoexDevice::DeviceClose() {
-  ALOGI("%s", __func__);
   std::shared_ptr<Poller> poller;
   {
     std::lock_guard<std::mutex> guard(lock_);
     poller.swap(poller_);
   }
-  if (poller != nullptr) poller->ClosePollThread();
+  if (poller == nullptr) {
+    ALOGI("%s", __func__);
+  } else {
+    poller->DeviceClose();
+  }
   return 0;
 }
 

@@ -2,22 +2,25 @@
 
 #include "conf.h"
 
+#include <android-base/file.h>
 #include <android-base/properties.h>
+#include <android-base/unique_fd.h>
 #include <bthal/root.h>
 #include <fcntl.h>
 #include <log/log.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <vector>
 
 namespace android::hardware::bluetooth::conf {
 namespace {
 
 constexpr char kBaseFile[] = "/vendor/etc/bluetooth/bt_vendor.conf";
 constexpr char kOverlayFile[] = "/vendor/etc/bluetooth/bt_vendor_overlay.conf";
-constexpr size_t kLineBuffer = 256;
+constexpr size_t kMaxLine = 255;
 constexpr int32_t kUserialTty = 1;
 
 // Leading digits only; 0 for anything else.
@@ -43,6 +46,24 @@ std::string TrimBlanks(const char* value) {
   return text;
 }
 
+// The lines of a file without their ends, a longer one in pieces of kMaxLine characters.
+std::vector<std::string> SplitLines(const std::string& content) {
+  std::vector<std::string> lines;
+  for (size_t at = 0; at < content.size();) {
+    const size_t end = std::min(content.find('\n', at), content.size());
+    lines.push_back(content.substr(at, std::min(end - at, kMaxLine)));
+    at += lines.back().size() + (at + lines.back().size() == end ? 1 : 0);
+  }
+  return lines;
+}
+
+// Whether a line has no control characters but tabs and carriage returns.
+bool IsText(const std::string& line) {
+  return std::none_of(line.begin(), line.end(), [](unsigned char c) {
+    return std::iscntrl(c) != 0 && c != '\t' && c != '\r';
+  });
+}
+
 }  // namespace
 
 const Config* Config::GetInstance() {
@@ -57,17 +78,21 @@ Config::Config() {
 
 void Config::LoadConfig(const char* path) {
   ALOGI("Attempt to load conf from %s", path);
-  const int fd = bthal::root::Open(path, O_RDONLY);
-  const std::unique_ptr<FILE, int (*)(FILE*)> file(fd < 0 ? nullptr : fdopen(fd, "r"), fclose);
-  if (file == nullptr) {
+  std::string content;
+  const base::unique_fd fd(bthal::root::Open(path, O_RDONLY));
+  if (fd.get() < 0 || !base::ReadFdToString(fd, &content)) {
     ALOGI("config file >%s< not found", path);
     return;
   }
-  char line[kLineBuffer];
-  while (fgets(line, sizeof line, file.get()) != nullptr) {
+  size_t not_text = 0;
+  for (std::string& line : SplitLines(content)) {
+    if (!IsText(line)) {
+      ++not_text;
+      continue;
+    }
     if (line[0] == '#') continue;
     char* rest = nullptr;
-    const char* name = strtok_r(line, " =\n\r\t", &rest);
+    const char* name = strtok_r(line.data(), " =\n\r\t", &rest);
     if (name == nullptr) continue;
     const char* value = strtok_r(nullptr, "=\n\r\t", &rest);
     if (value == nullptr) {
@@ -75,6 +100,9 @@ void Config::LoadConfig(const char* path) {
       continue;
     }
     StoreConfigValue(name, TrimBlanks(value).c_str());
+  }
+  if (not_text > 0) {
+    ALOGW("vnd_load_conf: %s is damaged: %zu lines that are no text are ignored", path, not_text);
   }
   if (userial_type_ != kUserialTty) uart_port_.clear();
 }
