@@ -96,6 +96,9 @@ int main(int argc, char** argv) {
   std::string chip = "B5";
   app.add_option("--root", handset.root.path, "root folder, made when it is not there");
   app.add_option("--chip", chip, ChipHelp());
+  app.add_option("--vendor-version", handset.vendor_version,
+                 "version in the vendor capabilities (default 0x0100); quality reports of 0x0101 "
+                 "and later are longer");
   app.add_option("--radio", handset.radio,
                  "unix:PATH or tcp:HOST:PORT: a controller emulator that speaks H4 does what is "
                  "standard, instead of the built-in radio");

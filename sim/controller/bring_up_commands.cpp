@@ -14,29 +14,28 @@ constexpr uint16_t kSetSleepModeOpcode = 0xFC27;
 constexpr uint16_t kDownloadMinidriverOpcode = 0xFC2E;
 constexpr uint16_t kVerboseConfigOpcode = 0xFC79;
 constexpr uint16_t kVendorCapabilitiesOpcode = 0xFD53;
-constexpr uint16_t kDebugDumpOpcode = 0xFD5B;
 constexpr uint16_t kDownloadConfigOpcode = 0xFE72;
 
 constexpr uint32_t kSpeeds[] = {115200,  230400,  460800,  921600,  1000000, 1500000, 2000000,
                                 2500000, 3000000, 3500000, 4000000, 6000000, 6144000};
 
-// What the stack reads as version 1.00 of the vendor capabilities; zero is "none of it".
-Packet VendorCapabilities() {
+// Zero is "none of it".
+Packet VendorCapabilities(uint16_t version) {
   return Packet{status::kSuccess}
-      .U8(0)       // advertising instances beside the standard's
-      .U8(0)       // offloaded resolution of private addresses
-      .U16(0)      // bytes of scan results that it stores
-      .U8(0)       // identity resolving keys
-      .U8(0)       // filtering
-      .U8(0)       // filters
-      .U8(0)       // activity and energy reports
-      .U16(0x100)  // version
-      .U16(0)      // tracked advertisers
-      .U8(0)       // extended scanning
-      .U8(0)       // debug logging
-      .U8(0)       // address generation
-      .U32(0)      // A2DP offload
-      .U8(1);      // quality reports
+      .U8(0)   // advertising instances beside the standard's
+      .U8(0)   // offloaded resolution of private addresses
+      .U16(0)  // bytes of scan results that it stores
+      .U8(0)   // identity resolving keys
+      .U8(0)   // filtering
+      .U8(0)   // filters
+      .U8(0)   // activity and energy reports
+      .U16(version)
+      .U16(0)  // tracked advertisers
+      .U8(0)   // extended scanning
+      .U8(0)   // debug logging
+      .U8(0)   // address generation
+      .U32(0)  // A2DP offload
+      .U8(1);  // quality reports
 }
 
 }  // namespace
@@ -54,8 +53,8 @@ void BringUpCommands::Register(CommandTable* table) {
     context_.chip.provisioned = address;
     return Packet{status::kSuccess};
   });
-  table->Complete(kVendorCapabilitiesOpcode, 0, [](ByteView) { return VendorCapabilities(); });
-  table->Complete(kDebugDumpOpcode, 0, [](ByteView) { return Packet{status::kSuccess}; });
+  table->Complete(kVendorCapabilitiesOpcode, 0,
+                  [this](ByteView) { return VendorCapabilities(context_.chip.vendor_version); });
   if (context_.chip.preset->has_download_config) {
     table->Complete(kDownloadConfigOpcode, 2, [this](ByteView p) { return SetDownloadConfig(p); });
   }

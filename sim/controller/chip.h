@@ -27,6 +27,7 @@ const ChipPreset* FindChip(const std::string& name);
 // What is true of a controller from its start on: it lives as long as the firmware that runs.
 struct ChipState {
   const ChipPreset* preset = nullptr;
+  uint16_t vendor_version = 0x0100;  // of the vendor capabilities
   bool patched = false;
   std::string local_name;
   Address address{};  // until the host writes one

@@ -32,6 +32,7 @@ Controller::Controller(EventLoop& loop, std::mt19937& random, BoardPort board,
                  after_answer_.push_back(std::move(run)); }},
       flow_(out_),
       bring_up_(Add<BringUpCommands>()),
+      debug_(Add<DebugCommands>()),
       connections_(Add<ConnectionCommands>(le_, flow_)),
       loopback_(Add<LoopbackCommands>(flow_)) {
   Add<BasebandCommands>([this] { Reset(); });

@@ -9,6 +9,7 @@
 #include "sim/controller/connection_commands.h"
 #include "sim/controller/context.h"
 #include "sim/controller/data_flow.h"
+#include "sim/controller/debug_commands.h"
 #include "sim/controller/le_state.h"
 #include "sim/controller/loopback_commands.h"
 
@@ -32,6 +33,7 @@ class Controller {
 
   const ChipState& chip() const { return chip_; }
   HciOut& out() { return out_; }
+  DebugCommands& debug() { return *debug_; }
 
  private:
   void Run(uint16_t opcode, ByteView params);
@@ -52,6 +54,7 @@ class Controller {
   std::vector<std::unique_ptr<CommandGroup>> groups_;
   // Owned by groups_.
   BringUpCommands* bring_up_;
+  DebugCommands* debug_;
   ConnectionCommands* connections_;
   LoopbackCommands* loopback_;
 };

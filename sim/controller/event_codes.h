@@ -21,6 +21,25 @@ constexpr uint8_t kVendor = 0xFF;
 
 }  // namespace zvk::event
 
+// First parameter of a vendor event.
+namespace zvk::vendor_event {
+
+constexpr uint8_t kDebugInfo = 0x57;
+constexpr uint8_t kQualityReport = 0x58;
+constexpr uint8_t kLinkLayer = 0xD0;
+
+}  // namespace zvk::vendor_event
+
+// Second parameter of a quality report.
+namespace zvk::quality_report {
+
+constexpr uint8_t kRootInflammation = 5;
+constexpr uint8_t kSocDump = 19;
+constexpr uint8_t kChreDump = 20;
+constexpr uint8_t kVendorTrace = 32;
+
+}  // namespace zvk::quality_report
+
 namespace zvk::le_event {
 
 constexpr uint8_t kConnectionComplete = 0x01;

@@ -20,18 +20,26 @@ void HciOut::SendEvent(uint8_t code, ByteView params) {
 }
 
 void HciOut::Answer(uint8_t code, const Packet& params) {
-  if (change_ && change_->truncated) {
-    const Packet whole = Packet{code}.U8(static_cast<unsigned>(params.bytes().size())).Raw(params);
-    sink_(PacketType::kEvent, ByteView(whole).Sub(0, whole.bytes().size() - 1));
-  } else {
-    SendEvent(code, params);
-  }
+  const AnswerChange change = change_.value_or(AnswerChange{});
   change_.reset();
+  for (int i = 0; i < (change.twice ? 2 : 1); ++i) {
+    if (change.truncated) {
+      const Packet whole =
+          Packet{code}.U8(static_cast<unsigned>(params.bytes().size())).Raw(params);
+      sink_(PacketType::kEvent, ByteView(whole).Sub(0, whole.bytes().size() - 1));
+    } else {
+      SendEvent(code, params);
+    }
+  }
 }
 
 void HciOut::Complete(uint16_t opcode, ByteView return_parameters) {
-  Bytes parameters = return_parameters.Copy();
   const AnswerChange change = change_.value_or(AnswerChange{});
+  if (change.event_status) {
+    Status(opcode, *change.event_status);
+    return;
+  }
+  Bytes parameters = change.parameters.value_or(return_parameters.Copy());
   if (change.status && !parameters.empty()) parameters[0] = *change.status;
   Answer(event::kCommandComplete, Packet()
                                       .U8(change.credits.value_or(kCredits))

@@ -14,7 +14,10 @@ struct AnswerChange {
   std::optional<uint16_t> opcode;
   std::optional<uint8_t> status;
   std::optional<uint8_t> credits;
-  bool truncated = false;  // the last byte is missing, the length byte unchanged
+  std::optional<Bytes> parameters;      // return parameters of Command Complete, status first
+  std::optional<uint8_t> event_status;  // Command Status with it instead of Command Complete
+  bool truncated = false;               // the last byte is missing, the length byte unchanged
+  bool twice = false;
 };
 
 // The controller's way to the host: builds events, keeps to the event masks that the host has set.

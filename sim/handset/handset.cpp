@@ -4,6 +4,7 @@
 
 #include "sim/base/log.h"
 #include "sim/controller/event_codes.h"
+#include "sim/handset/controller_actions.h"
 
 namespace zvk {
 namespace {
@@ -27,9 +28,11 @@ std::string AddressText(const Address& address) {
 Handset::Handset(EventLoop& loop, const HandsetOptions& options)
     : loop_(loop),
       preset_(*options.chip),
+      vendor_version_(options.vendor_version),
       random_(options.root.seed),
       root_(options.root, *options.chip),
       trace_(options.trace_file),
+      warm_up_(kWarmUp),
       framer_(
           Framer::From::kHost,
           [this](PacketType type, ByteView packet) { OnHostPacket(type, packet); },
@@ -91,15 +94,24 @@ void Handset::OnPower(bool on, bool more) {
   }
   if (controller_) return;
   ++status_.power_cycles;
+  PowerOn();
+  scenario_.OnPowerOn();
+}
+
+void Handset::PowerOn() {
   trace_.Note("power on");
+  if (radio_) radio_->Connect();
+  StartController(Chip(!preset_.needs_patch, "ZVK ROM " + preset_.name));
+}
+
+ChipState Handset::Chip(bool patched, const std::string& local_name) const {
   ChipState chip;
   chip.preset = &preset_;
-  chip.patched = !preset_.needs_patch;
-  chip.local_name = "ZVK ROM " + preset_.name;
+  chip.vendor_version = vendor_version_;
+  chip.patched = patched;
+  chip.local_name = local_name;
   chip.address = kRomAddress;
-  if (radio_) radio_->Connect();
-  StartController(chip);
-  scenario_.OnPowerOn();
+  return chip;
 }
 
 void Handset::OnWake(bool asserted) {
@@ -116,18 +128,20 @@ void Handset::StartController(const ChipState& chip) {
   if (radio_) {
     board.radio = [this](PacketType type, ByteView packet) { radio_->Send(type, packet); };
   }
-  board.set_speed = [this](uint32_t speed) {
-    uart_.AfterSent([this, speed] {
-      uart_.SetSpeed(speed);
-      trace_.Note("controller at " + std::to_string(speed) + " baud");
-    });
-  };
+  board.set_speed = [this](uint32_t speed) { SetSpeed(speed); };
   board.launch = [this](const std::string& name) {
     uart_.AfterSent([this, name] { LaunchFirmware(name); });
   };
   ++status_.starts;
   controller_ = std::make_unique<Controller>(loop_, random_, board, chip);
   status_.listening = true;
+}
+
+void Handset::SetSpeed(uint32_t speed) {
+  uart_.AfterSent([this, speed] {
+    uart_.SetSpeed(speed);
+    trace_.Note("controller at " + std::to_string(speed) + " baud");
+  });
 }
 
 void Handset::StopController() {
@@ -139,15 +153,10 @@ void Handset::StopController() {
 
 void Handset::LaunchFirmware(const std::string& name) {
   trace_.Note("firmware \"" + name + "\" starts");
-  ChipState chip;
-  chip.preset = &preset_;
-  chip.patched = true;
-  chip.local_name = name;
-  chip.address = kRomAddress;
   StopController();
-  StartController(chip);
+  StartController(Chip(true, name));
   status_.listening = false;
-  warm_up_timer_ = loop_.After(kWarmUp, [this] {
+  warm_up_timer_ = loop_.After(warm_up_, [this] {
     warm_up_timer_ = EventLoop::kNoTimer;
     status_.listening = true;
     trace_.Note("firmware ready");
@@ -174,16 +183,16 @@ void Handset::OnHostPacket(PacketType type, ByteView packet) {
   }
   const uint16_t opcode = packet.U16(0);
   ++status_.commands[opcode];
+  const uint64_t starts = status_.starts;
   const CommandFault fault = scenario_.OnCommand(opcode);
-  if (fault.no_answer) return;
+  if (fault.no_answer || starts != status_.starts) return;
   if (fault.late == ScenarioTime::zero()) {
     RunCommand(packet, fault.change);
     return;
   }
-  loop_.After(fault.late,
-              [this, started = status_.starts, late = packet.Copy(), change = fault.change] {
-                if (controller_ && started == status_.starts) RunCommand(late, change);
-              });
+  loop_.After(fault.late, [this, starts, late = packet.Copy(), change = fault.change] {
+    if (controller_ && starts == status_.starts) RunCommand(late, change);
+  });
 }
 
 void Handset::RunCommand(ByteView packet, const AnswerChange& change) {
@@ -215,9 +224,6 @@ void Handset::Act(const Action& action) {
     case Action::Kind::kInject:
       uart_.Send(action.bytes);
       break;
-    case Action::Kind::kGrant:
-      if (controller_) controller_->out().GrantCredits(byte);
-      break;
     case Action::Kind::kCoex:
       coex_.Notify(byte);
       break;
@@ -236,9 +242,28 @@ void Handset::Act(const Action& action) {
     case Action::Kind::kMerge:
       line_.Merge(action.number, action.time);
       break;
-    default:  // what changes an answer has been done with the command
+    case Action::Kind::kSpeed:
+      SetSpeed(action.number);
       break;
+    case Action::Kind::kWarmUp:
+      warm_up_ = action.time;
+      break;
+    case Action::Kind::kBrownOut:
+      if (controller_) BrownOut();
+      break;
+    default:
+      if (controller_) ActOnController(action, *controller_);
   }
+}
+
+// The supply dips: the controller starts anew, and the host is not told.
+void Handset::BrownOut() {
+  trace_.Note("brown-out");
+  StopController();
+  if (radio_) radio_->Disconnect();
+  line_.Clear();
+  uart_.Clear();
+  PowerOn();
 }
 
 void Handset::OnLostSync(uint8_t bad) {

@@ -28,7 +28,8 @@ struct HandsetOptions {
   bool pace = false;
   std::string trace_file;
   std::vector<Step> scenario;
-  std::string radio;  // unix:PATH or tcp:HOST:PORT; empty: the built-in one
+  uint16_t vendor_version = 0x0100;  // of the vendor capabilities
+  std::string radio;                 // unix:PATH or tcp:HOST:PORT; empty: the built-in one
 };
 
 // The simulated handset: its root folder, the serial line and the kernel files in it, and the
@@ -50,8 +51,12 @@ class Handset {
   void RunCommand(ByteView packet, const AnswerChange& change);
   void Act(const Action& action);
   void SendToHost(PacketType type, ByteView packet);
+  ChipState Chip(bool patched, const std::string& local_name) const;
+  void PowerOn();
   void StartController(const ChipState& chip);
   void StopController();
+  void BrownOut();
+  void SetSpeed(uint32_t bits_per_second);
   void LaunchFirmware(const std::string& name);
   bool Awake() const;
   void OnIdle();
@@ -59,6 +64,7 @@ class Handset {
 
   EventLoop& loop_;
   const ChipPreset& preset_;
+  const uint16_t vendor_version_;
   std::mt19937 random_;
   RootFolder root_;
   Trace trace_;
@@ -67,6 +73,7 @@ class Handset {
   bool lpm_enabled_ = false;
   std::string written_status_;
   EventLoop::TimerId status_timer_ = EventLoop::kNoTimer;
+  EventLoop::Duration warm_up_;
   EventLoop::TimerId warm_up_timer_ = EventLoop::kNoTimer;
   std::unique_ptr<Controller> controller_;  // null while the power is off
   std::unique_ptr<RadioBridge> radio_;      // null with the built-in radio

@@ -9,42 +9,54 @@
 namespace zvk {
 namespace {
 
-enum class Argument { kNone, kByte, kCount, kOpcode, kMicroseconds, kTime, kHex };
+// What a word of an action stands for. All but times and bytes fill the action's numbers in order.
+enum class Argument { kByte, kCount, kOpcode, kSpeed, kMicroseconds, kTime, kHex };
 
 struct ActionSyntax {
   const char* name;
   Action::Kind kind;
-  Argument argument;
-  bool optional_argument;
-  bool optional_time;  // a time may follow
-  uint32_t number;     // when no argument gives one
-  ScenarioTime time;   // likewise
+  std::vector<Argument> arguments;
+  size_t required;       // of the arguments; the others may be left out from the right
+  uint32_t number = 0;   // when no argument gives one
+  ScenarioTime time{0};  // likewise
 };
 
-using Kind = Action::Kind;
-constexpr ScenarioTime kForEver{0};
-
-constexpr ActionSyntax kActions[] = {
-    {"no-answer", Kind::kNoAnswer, Argument::kNone, false, false, 0, kForEver},
-    {"late", Kind::kLate, Argument::kTime, false, false, 0, kForEver},
-    {"status", Kind::kStatus, Argument::kByte, false, false, 0, kForEver},
-    {"wrong-opcode", Kind::kWrongOpcode, Argument::kOpcode, true, false, 0x0C7F, kForEver},
-    {"zero-credits", Kind::kCredits, Argument::kNone, false, false, 0, kForEver},
-    {"credits", Kind::kCredits, Argument::kByte, false, false, 0, kForEver},
-    {"truncated", Kind::kTruncated, Argument::kNone, false, false, 0, kForEver},
-    {"hangup", Kind::kHangUp, Argument::kNone, false, false, 0, kForEver},
-    {"silence", Kind::kSilence, Argument::kNone, false, true, 0, kForEver},
-    {"stray", Kind::kStray, Argument::kByte, false, false, 0, kForEver},
-    {"truncated-event", Kind::kTruncatedEvent, Argument::kNone, false, false, 0, kForEver},
-    {"hardware-error", Kind::kHardwareError, Argument::kByte, false, false, 0, kForEver},
-    {"inject", Kind::kInject, Argument::kHex, false, false, 0, kForEver},
-    {"grant", Kind::kGrant, Argument::kByte, false, false, 0, kForEver},
-    {"coex", Kind::kCoex, Argument::kByte, false, false, 0, kForEver},
-    {"timesync", Kind::kTimeSync, Argument::kMicroseconds, false, false, 0, kForEver},
-    {"noise", Kind::kNoise, Argument::kCount, false, false, 0, kForEver},
-    {"split", Kind::kSplit, Argument::kCount, false, true, 0, ScenarioTime(5)},
-    {"merge", Kind::kMerge, Argument::kCount, false, true, 0, ScenarioTime(100)},
-};
+const std::vector<ActionSyntax>& Actions() {
+  using Kind = Action::Kind;
+  using A = Argument;
+  static const std::vector<ActionSyntax> kActions = {
+      {"no-answer", Kind::kNoAnswer, {}, 0},
+      {"late", Kind::kLate, {A::kTime}, 1},
+      {"status", Kind::kStatus, {A::kByte}, 1},
+      {"wrong-opcode", Kind::kWrongOpcode, {A::kOpcode}, 0, 0x0C7F},
+      {"zero-credits", Kind::kCredits, {}, 0},
+      {"credits", Kind::kCredits, {A::kByte}, 1},
+      {"answer", Kind::kAnswer, {A::kHex}, 0},
+      {"command-status", Kind::kCommandStatus, {A::kByte}, 0},
+      {"twice", Kind::kTwice, {}, 0},
+      {"truncated", Kind::kTruncated, {}, 0},
+      {"hangup", Kind::kHangUp, {}, 0},
+      {"silence", Kind::kSilence, {A::kTime}, 0},
+      {"stray", Kind::kStray, {A::kByte}, 1},
+      {"truncated-event", Kind::kTruncatedEvent, {}, 0},
+      {"hardware-error", Kind::kHardwareError, {A::kByte}, 1},
+      {"inject", Kind::kInject, {A::kHex}, 1},
+      {"grant", Kind::kGrant, {A::kByte}, 1},
+      {"coex", Kind::kCoex, {A::kByte}, 1},
+      {"timesync", Kind::kTimeSync, {A::kMicroseconds}, 1},
+      {"noise", Kind::kNoise, {A::kCount}, 1},
+      {"split", Kind::kSplit, {A::kCount, A::kTime}, 1, 0, ScenarioTime(5)},
+      {"merge", Kind::kMerge, {A::kCount, A::kTime}, 1, 0, ScenarioTime(100)},
+      {"speed", Kind::kSpeed, {A::kSpeed}, 1},
+      {"warm-up", Kind::kWarmUp, {A::kTime}, 1},
+      {"brown-out", Kind::kBrownOut, {}, 0},
+      {"crash", Kind::kCrash, {A::kByte, A::kByte}, 2},
+      {"debug-info", Kind::kDebugInfo, {A::kCount}, 0, 4096},
+      {"soc-dump", Kind::kSocDump, {A::kCount}, 0, 4096},
+      {"chre-dump", Kind::kChreDump, {A::kCount}, 0, 4096},
+  };
+  return kActions;
+}
 
 // Decimal or 0x….
 std::optional<uint32_t> Number(const std::string& word, uint32_t most) {
@@ -97,10 +109,13 @@ class Line {
     return *time;
   }
   bool NextIsTime() const { return !Empty() && Time(words_[next_]).has_value(); }
-  std::string Rest() {
-    std::string rest;
-    while (!Empty()) rest += words_[next_++] + " ";
-    return rest;
+  // All that is left.
+  Bytes TakeHex() {
+    std::string text = Next("a row of hexadecimal bytes");
+    while (!Empty()) text += " " + words_[next_++];
+    Bytes bytes;
+    if (!ParseHex(text, &bytes)) Bad(text, "a row of hexadecimal bytes");
+    return bytes;
   }
 
   [[noreturn]] static void Bad(const std::string& word, const char* expected) {
@@ -133,24 +148,37 @@ Trigger ParseTrigger(Line& line) {
 
 Action ParseAction(Line& line) {
   const std::string name = line.Next("an action");
-  for (const ActionSyntax& syntax : kActions) {
+  for (const ActionSyntax& syntax : Actions()) {
     if (name != syntax.name) continue;
-    Action action{syntax.kind, syntax.number, syntax.time, {}};
-    const bool given = !(syntax.optional_argument && line.Empty());
-    if (syntax.argument == Argument::kByte) action.number = line.TakeNumber("a byte", 0xFF);
-    if (syntax.argument == Argument::kCount) action.number = line.TakeNumber("a count", 1000000);
-    if (syntax.argument == Argument::kOpcode && given) {
-      action.number = line.TakeNumber("an opcode", 0xFFFF);
+    Action action{syntax.kind, syntax.number, 0, syntax.time, {}};
+    uint32_t* number = &action.number;
+    for (size_t i = 0; i < syntax.arguments.size(); ++i) {
+      if (line.Empty() && i >= syntax.required) break;
+      switch (syntax.arguments[i]) {
+        case Argument::kTime:
+          action.time = line.TakeTime();
+          continue;
+        case Argument::kHex:
+          action.bytes = line.TakeHex();
+          continue;
+        case Argument::kByte:
+          *number = line.TakeNumber("a byte", 0xFF);
+          break;
+        case Argument::kCount:
+          *number = line.TakeNumber("a count", 1000000);
+          break;
+        case Argument::kOpcode:
+          *number = line.TakeNumber("an opcode", 0xFFFF);
+          break;
+        case Argument::kSpeed:
+          *number = line.TakeNumber("a speed in bit/s", 10000000);
+          break;
+        case Argument::kMicroseconds:
+          *number = line.TakeNumber("a number of microseconds", UINT32_MAX);
+          break;
+      }
+      number = &action.second;
     }
-    if (syntax.argument == Argument::kMicroseconds) {
-      action.number = line.TakeNumber("a number of microseconds", UINT32_MAX);
-    }
-    if (syntax.argument == Argument::kTime) action.time = line.TakeTime();
-    if (syntax.argument == Argument::kHex) {
-      const std::string text = line.Rest();
-      if (!ParseHex(text, &action.bytes)) Line::Bad(text, "a row of hexadecimal bytes");
-    }
-    if (syntax.optional_time && !line.Empty()) action.time = line.TakeTime();
     return action;
   }
   Line::Bad(name, "an action");

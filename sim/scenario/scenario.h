@@ -40,8 +40,11 @@ struct Action {
     kStatus,
     kWrongOpcode,
     kCredits,
+    kAnswer,
+    kCommandStatus,
+    kTwice,
     kTruncated,
-    // At any time.
+    // By the handset, at any time.
     kHangUp,
     kSilence,
     kStray,
@@ -54,9 +57,18 @@ struct Action {
     kNoise,
     kSplit,
     kMerge,
+    kSpeed,
+    kWarmUp,
+    kBrownOut,
+    // By the controller while it has power.
+    kCrash,
+    kDebugInfo,
+    kSocDump,
+    kChreDump,
   };
   Kind kind;
   uint32_t number = 0;
+  uint32_t second = 0;
   ScenarioTime time{0};
   Bytes bytes;
 

@@ -58,6 +58,15 @@ CommandFault ScenarioRunner::OnCommand(uint16_t opcode) {
       case Action::Kind::kCredits:
         fault.change.credits = static_cast<uint8_t>(action.number);
         break;
+      case Action::Kind::kAnswer:
+        fault.change.parameters = action.bytes;
+        break;
+      case Action::Kind::kCommandStatus:
+        fault.change.event_status = static_cast<uint8_t>(action.number);
+        break;
+      case Action::Kind::kTwice:
+        fault.change.twice = true;
+        break;
       case Action::Kind::kTruncated:
         fault.change.truncated = true;
         break;

@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <functional>
+
 #include "tests/sim/host.h"
 
 namespace test {
@@ -30,12 +32,21 @@ TEST(SimulatorFaults, AnswerToOneCommand_IsChangedAndTheNextIsNot) {
       {"wrong-opcode 0xfc18", B("04 0e 04 01 18 fc 00")},
       {"zero-credits", B("04 0e 04 00 03 0c 00")},
       {"credits 5", B("04 0e 04 05 03 0c 00")},
+      {"answer 00 b5 01", B("04 0e 06 01 03 0c 00 b5 01")},
+      {"answer", B("04 0e 03 01 03 0c")},
+      {"command-status", B("04 0f 04 00 01 03 0c")},
+      {"command-status 0x12", B("04 0f 04 12 01 03 0c")},
+      {"twice", kResetDone + kResetDone},
       {"truncated", B("04 0e 04 01 03 0c")},
       {"stray 0x37", B("37") + kResetDone},
       {"truncated-event", B("04 ff 20 00") + kResetDone},
       {"hardware-error 0x42", B("04 10 01 42") + kResetDone},
       {"inject 04 ff 01 aa", B("04 ff 01 aa") + kResetDone},
       {"grant 1", B("04 0e 03 01 00 00") + kResetDone},
+      {"crash 0x01 0x10", B("04 ff 04 58 05 01 10") + kResetDone},
+      {"debug-info 0", B("04 ff 07 57 01 00 01 00 00 00") + kResetDone},
+      {"soc-dump 6", B("04 ff 0a 58 13 5a 00 00 00 00 00 04 00") + kResetDone},
+      {"chre-dump 0", B("04 ff 04 58 14 5a 00") + kResetDone},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.action);
@@ -118,6 +129,87 @@ TEST(SimulatorFaults, Triggers_CountAndWait) {
   }
   host.PowerUp();
   EXPECT_EQ(host.Raw(), B("51"));
+}
+
+TEST(SimulatorFaults, WrongSpeedAndBrownOut_LoseTheHostUntilItFollows) {
+  Host host({"--chip", "ready"}, "after 0x1801 nth 1 speed 3000000\non 0x1801 nth 2 brown-out\n");
+  host.PowerUp();
+  EXPECT_EQ(host.Command(0x1801), kReadModeDone);
+  EXPECT_TRUE(host.StatusHolds("\"speed_baud\": 3000000"));
+  host.SetSpeed(3000000);
+  EXPECT_EQ(host.Command(0xFC01, B("01 02 03 04 05 06"))[6], 0);
+  EXPECT_TRUE(host.StatusHolds("\"address\": \"06:05:04:03:02:01\""));
+  host.Send(kReadMode);
+  EXPECT_TRUE(host.Started());
+  EXPECT_TRUE(host.StatusHolds("\"speed_baud\": 115200"));
+  EXPECT_TRUE(host.StatusHolds("\"address\": \"5A:56:4B:F0:00:00\"")) << "it forgot everything";
+  EXPECT_TRUE(host.StatusHolds("\"power_cycles\": 1,"));
+  host.SetSpeed(115200);
+  EXPECT_EQ(host.Command(0x0C03), kResetDone) << "the command that met the dip is lost";
+}
+
+TEST(SimulatorFaults, WarmUp_LastsAsLongAsAsked) {
+  Host host({"--firmware-size", "500"}, "power warm-up 400ms\n");
+  host.PowerUp();
+  host.Command(0xFC2E);
+  const std::string file = ReadFile(host.root() + "/vendor/firmware/tovu/ZVK.hcd");
+  const auto start = steady_clock::now();
+  ASSERT_EQ(host.Download(Bytes(file.begin(), file.end()), false), 0);
+  EXPECT_TRUE(host.Started());
+  EXPECT_GE(steady_clock::now() - start, milliseconds(400));
+}
+
+// The events of a dump, joined: what lies behind each event's head of so many bytes.
+Bytes Joined(Host& host, const Bytes& start, size_t head, const std::function<bool(Bytes)>& last) {
+  Bytes joined;
+  for (;;) {
+    const Bytes event = host.Find(start);
+    if (event.size() < head) {
+      ADD_FAILURE() << "the dump ends without its last fragment";
+      return joined;
+    }
+    joined.insert(joined.end(), event.begin() + static_cast<ptrdiff_t>(head), event.end());
+    if (last(event)) return joined;
+  }
+}
+
+TEST(SimulatorDumps, InFragments_AreWholeAndInOrder) {
+  Bytes expected;
+  for (uint32_t word = 0; word < 3000; word += 4) {
+    const auto low = static_cast<uint8_t>(word);
+    expected = expected + Bytes{low, static_cast<uint8_t>(word >> 8), 0, 0};
+  }
+  Host host({"--chip", "ready"},
+            "after 0x1801 nth 1 debug-info 3000\nafter 0x1801 nth 2 soc-dump 3000\n"
+            "after 0x1801 nth 3 chre-dump 3000\n");
+  host.PowerUp();
+  host.Send(kReadMode);
+  unsigned number = 0;
+  EXPECT_EQ(Joined(host, B("04 ff"), 10,
+                   [&](const Bytes& event) {
+                     EXPECT_EQ(event[3], 0x57);
+                     EXPECT_EQ(event[5], number++);
+                     return event[6] != 0;
+                   }),
+            expected);
+  EXPECT_EQ(number, 13u);  // 248 bytes each
+  for (const uint8_t report : {uint8_t{0x13}, uint8_t{0x14}}) {
+    host.Send(kReadMode);
+    number = 0;
+    EXPECT_EQ(Joined(host, B("04 ff"), 7,
+                     [&](const Bytes& event) {
+                       const bool last = event[5] == 0x5A && event[6] == 0x00;
+                       EXPECT_EQ(event[4], report);
+                       EXPECT_TRUE(last || (event[5] == 0 && event[6] == number)) << number;
+                       ++number;
+                       return last;
+                     }),
+              expected);
+    EXPECT_EQ(number, 12u);  // 251 bytes each
+  }
+  EXPECT_EQ(host.Command(0xFD5B), B("04 0e 04 01 5b fd 00"));
+  const Bytes dump = Joined(host, B("04 ff"), 10, [](const Bytes& event) { return event[6] != 0; });
+  EXPECT_EQ(dump.size(), 8192u);
 }
 
 TEST(SimulatorTimeSync, Records_AreReadOneAtATimeAndThenNothing) {

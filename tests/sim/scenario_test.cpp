@@ -45,7 +45,10 @@ TEST(Scenario, Nonsense_NamesFileLineAndReason) {
       {"at 5 hangup", "f:1: \"5\" is not a time (250ms, 2s)"},
       {"at 1s explode", "f:1: \"explode\" is not an action"},
       {"at 1s stray 256", "f:1: \"256\" is not a byte"},
-      {"at 1s inject 4 ff", "f:1: \"4 ff \" is not a row of hexadecimal bytes"},
+      {"at 1s inject 4 ff", "f:1: \"4 ff\" is not a row of hexadecimal bytes"},
+      {"at 1s inject", "f:1: a row of hexadecimal bytes is missing"},
+      {"at 1s crash 1", "f:1: a byte is missing"},
+      {"at 1s split 1 2", "f:1: \"2\" is not a time (250ms, 2s)"},
       {"at 1s hangup now", "f:1: \"now\" is too much"},
       {"at 1s no-answer", "f:1: this action needs \"on OPCODE\""},
   };
