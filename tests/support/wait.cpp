@@ -1,6 +1,8 @@
 #include "support/wait.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <thread>
 
 namespace test {
@@ -16,10 +18,12 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds d
 
 int Count(const char* what, int full) {
 #ifdef BTHAL_SANITIZED
-  const int count = full / 10;
+  const int usual = full / 10;
 #else
-  const int count = full;
+  const int usual = full;
 #endif
+  const char* scale = getenv("BTHAL_TEST_SCALE");
+  const int count = scale == nullptr ? usual : usual * std::stoi(scale);
   printf("count: %d %s\n", count, what);
   return count;
 }

@@ -13,7 +13,8 @@ constexpr std::chrono::seconds kDeadline{30};
 bool WaitFor(const std::function<bool()>& condition,
              std::chrono::milliseconds deadline = kDeadline);
 
-// full in a release build, a tenth of it under a sanitizer. Printed, so that a run's summary tells
+// full in a release build, a tenth of it under a sanitizer; BTHAL_TEST_SCALE times as much for a
+// long run by hand. Printed, so that a run's summary tells
 // what was run.
 int Count(const char* what, int full);
 

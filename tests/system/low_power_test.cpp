@@ -1,0 +1,272 @@
+// When the controller sleeps, as the handset sees it, and that nothing is lost by it.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+#include <thread>
+#include <utility>
+
+#include "support/wait.h"
+#include "system/h4_link.h"
+#include "system/handset.h"
+#include "system/handset_trace.h"
+#include "tools/hci/codes.h"
+#include "tools/link/exchange.h"
+
+namespace test {
+namespace {
+
+using ::testing::HasSubstr;
+namespace opcode = bthalctl::opcode;
+using std::chrono::milliseconds;
+
+constexpr char kWakeLock[] = "bthal_wakelock";
+constexpr double kMachine = 0.15;  // seconds that the machine may take for itself
+constexpr milliseconds kTolerance{50};
+constexpr uint16_t kCue = 0x0C25;  // Read Voice Setting: nothing else sends it
+
+// A handset that keeps a trace, with Bluetooth up and the test as its stack.
+class SleepyHandset {
+ public:
+  explicit SleepyHandset(Mode mode) : handset_(mode, {"--trace", trace_folder_ / "trace"}) {
+    handset_.StartService();
+    link_.emplace(handset_);
+    exchange_.emplace(*link_);
+  }
+
+  Handset& handset() { return handset_; }
+  bthalctl::Exchange& exchange() { return *exchange_; }
+  void Close() {
+    exchange_.reset();
+    link_.reset();
+  }
+  std::vector<TraceLine> Trace() const { return ReadTrace(trace_folder_ / "trace"); }
+  std::string Status() const { return ReadFile(handset_.Path("run/zvksim/status")); }
+  bool Asleep() const { return Status().find("\"awake\": false") != std::string::npos; }
+  bool WaitUntilAsleep() const {
+    return WaitFor([this] { return Asleep(); });
+  }
+  // When the controller was put to sleep after the last cue, as seconds since that cue and since
+  // the wake line was asserted for it. Waits for it.
+  struct Sleep {
+    double after_cue = 0;
+    double after_wake = 0;
+  };
+  Sleep WaitForSleep() const {
+    double cue = 0, asserted = 0, released = 0;
+    const auto asleep = [&] {
+      for (const TraceLine& line : Trace()) {
+        if (line.direction == '>' && line.text == "command 25 0c 00") cue = line.seconds;
+        if (line.text == "wake asserted") asserted = line.seconds;
+        if (line.text == "wake released") released = line.seconds;
+      }
+      return released > cue;
+    };
+    if (!WaitFor(asleep)) throw std::runtime_error("the controller is not put to sleep");
+    return {released - cue, released - asserted};
+  }
+
+ private:
+  const TempDir trace_folder_;
+  Handset handset_;
+  std::optional<H4Link> link_;
+  std::optional<bthalctl::Exchange> exchange_;
+};
+
+// Handsets mostly wait: several of them do so side by side, each on a thread of its own.
+void OnEach(int count, const std::function<void(int index)>& run) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < count; ++i) {
+    threads.emplace_back([&run, i] {
+      try {
+        run(i);
+      } catch (const std::exception& error) {
+        ADD_FAILURE() << "handset " << i << ": " << error.what();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+unsigned NewSeed() {
+  const char* given = getenv("BTHAL_TEST_SEED");
+  const unsigned seed =
+      given != nullptr ? static_cast<unsigned>(std::stoul(given)) : std::random_device()();
+  printf("seed %u\n", seed);
+  return seed;
+}
+
+#ifndef BTHAL_SANITIZED  // what is measured is time
+
+TEST(SleepTimeSlow, LoneTransmissionAndEndOfAStream_SuspendInTheirTime) {
+  const unsigned seed = NewSeed();
+  const int rounds = Count("sleeps timed on each of 4 handsets", 4);
+  OnEach(4, [&](int index) {
+    SleepyHandset sleepy(index % 2 == 0 ? Mode::kAccelerated : Mode::kPlain);
+    std::mt19937 random(seed + static_cast<unsigned>(index));
+    ASSERT_TRUE(sleepy.WaitUntilAsleep());
+    for (int round = 0; round < rounds; ++round) {
+      sleepy.exchange().Demand(kCue);
+      const double lone = sleepy.WaitForSleep().after_wake;
+      EXPECT_GE(lone, 1.6);
+      EXPECT_LE(lone, 1.6 + kMachine);
+
+      const auto end = std::chrono::steady_clock::now() + milliseconds(random() % 2000);
+      do {
+        sleepy.exchange().Demand(kCue);
+        std::this_thread::sleep_for(milliseconds(random() % 700));  // the stream's pace
+      } while (std::chrono::steady_clock::now() < end);
+      sleepy.exchange().Demand(kCue);
+      const double after_stream = sleepy.WaitForSleep().after_cue;
+      EXPECT_GE(after_stream, 0.8 - 0.01);
+      EXPECT_LE(after_stream, 1.6 + kMachine);
+      printf("asleep after %.3f s (lone), %.3f s (stream)\n", lone, after_stream);
+    }
+  });
+}
+
+#endif
+
+// What begins and ends again and again.
+class Stretches {
+ public:
+  void Begin(double now) {
+    if (!open_) begin_ = now;
+    open_ = true;
+  }
+  void End(double now) {
+    if (open_) intervals_.push_back({begin_, now});
+    open_ = false;
+  }
+  const std::vector<Interval>& intervals() const { return intervals_; }
+
+ private:
+  bool open_ = false;
+  double begin_ = 0;
+  std::vector<Interval> intervals_;
+};
+
+// When the wake lock was held in a session, and when bring-up ran or the controller was awake.
+struct Holdings {
+  std::vector<Interval> held;
+  std::vector<Interval> needed;
+};
+
+Holdings HoldingsIn(const std::vector<TraceLine>& trace) {
+  const std::string lock = std::string("wake lock ") + kWakeLock;
+  Stretches held, bring_up, awake;
+  bool powered_anew = false;
+  for (const TraceLine& line : trace) {
+    const double now = line.seconds;
+    if (line.text == lock + " held") held.Begin(now);
+    if (line.text == lock + " released") held.End(now);
+    if (line.text == "power on") powered_anew = true;
+    if (line.direction == '>' && std::exchange(powered_anew, false)) bring_up.Begin(now);
+    // Set Sleep Mode is the last step of a bring-up.
+    if (line.direction == '<' && line.text.find("event 0e 04 01 27 fc") == 0) bring_up.End(now);
+    if (line.text == "wake asserted") awake.Begin(now);
+    if (line.text == "wake released" || line.text == "low-power driver off") awake.End(now);
+  }
+  Holdings holdings{held.intervals(), bring_up.intervals()};
+  holdings.needed.insert(holdings.needed.end(), awake.intervals().begin(), awake.intervals().end());
+  return holdings;
+}
+
+class WakeLockSlow : public ::testing::TestWithParam<Mode> {};
+
+INSTANTIATE_TEST_SUITE_P(InEachMode, WakeLockSlow,
+                         ::testing::Values(Mode::kAccelerated, Mode::kPlain),
+                         [](const auto& mode) { return ModeName(mode.param); });
+
+TEST_P(WakeLockSlow, IsHeldExactlyWhileBringUpRunsOrTheControllerIsAwake) {
+  SleepyHandset sleepy(GetParam());
+  ASSERT_TRUE(sleepy.WaitUntilAsleep());
+  const milliseconds asleep(4 * kTolerance);  // so long that two awake periods stay apart
+  std::this_thread::sleep_for(asleep);
+  for (const int pause_ms : {0, 300, 0}) {
+    sleepy.exchange().Demand(kCue);
+    std::this_thread::sleep_for(milliseconds(pause_ms));
+  }
+  sleepy.WaitForSleep();
+  std::this_thread::sleep_for(asleep);
+  sleepy.exchange().Demand(kCue);
+  sleepy.WaitForSleep();
+  std::this_thread::sleep_for(asleep);
+  sleepy.exchange().Demand(kCue);
+  sleepy.Close();  // accelerated: the controller stays up, and is put to sleep; plain: power off
+  EXPECT_TRUE(WaitFor([&] {
+    return sleepy.Status().find(std::string(kWakeLock) + "\": {\n\"held\": false") !=
+           std::string::npos;
+  })) << sleepy.Status();
+
+  const double tolerance = kTolerance.count() * 1e-3;
+  const Holdings holdings = HoldingsIn(sleepy.Trace());
+  const std::vector<Interval> held = Joined(holdings.held, tolerance);
+  const std::vector<Interval> needed = Joined(holdings.needed, tolerance);
+  ASSERT_EQ(needed.size(), 4u);
+  ASSERT_EQ(held.size(), needed.size());
+  for (size_t i = 0; i < needed.size(); ++i) {
+    EXPECT_NEAR(held[i].begin, needed[i].begin, tolerance) << i;
+    EXPECT_NEAR(held[i].end, needed[i].end, tolerance) << i;
+  }
+}
+
+// Gaps of every length, most of them near the moments at which the controller is put to sleep.
+milliseconds RandomGap(std::mt19937& random) {
+  switch (random() % 4) {
+    case 0:
+      return milliseconds(random() % 50);
+    case 1:
+      return milliseconds(780 + random() % 40);
+    case 2:
+      return milliseconds(1570 + random() % 60);
+    default:
+      return milliseconds(random() % 2500);
+  }
+}
+
+TEST(SleepSlow, RandomTraffic_LosesNoByteToSleep) {
+  const unsigned seed = NewSeed();
+  constexpr int kHandsets = 4;
+  const int seconds = Count("seconds of random traffic on each of 4 handsets", 20);
+  OnEach(kHandsets, [&](int index) {
+    SleepyHandset sleepy(index % 2 == 0 ? Mode::kAccelerated : Mode::kPlain);
+    std::mt19937 random(seed + static_cast<unsigned>(index));
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    bthalctl::Exchange& exchange = sleepy.exchange();
+    exchange.Demand(opcode::kReset);
+    exchange.Demand(opcode::kWriteLoopbackMode, {1});
+    int bursts = 0;
+    while (std::chrono::steady_clock::now() < end) {
+      for (auto left = 1 + random() % 4; left > 0; --left) {
+        // Of either kind: a command comes back as it is, and so does data.
+        const bthalctl::Bytes data(1 + random() % 200, static_cast<uint8_t>(random()));
+        if (random() % 2 == 0) {
+          exchange.Command(kCue);
+          continue;
+        }
+        const auto packet = bthalctl::DataPacket(bthalctl::PacketType::kAcl, 0x0001, 0, data);
+        exchange.link().Send(packet);
+        const auto deadline = bthalctl::Clock::now() + kDeadline;
+        std::optional<bthalctl::Packet> back;
+        do {
+          back = exchange.Next(deadline);
+        } while (back && back->type != packet.type);
+        ASSERT_TRUE(back) << sleepy.handset().Log();
+        ASSERT_EQ(back->bytes, packet.bytes);
+      }
+      ++bursts;
+      std::this_thread::sleep_for(RandomGap(random));  // the traffic's own
+    }
+    size_t sleeps = 0;
+    for (const TraceLine& line : sleepy.Trace()) sleeps += line.text == "wake released" ? 1u : 0u;
+    EXPECT_THAT(sleepy.Status(), HasSubstr("\"bytes_lost_asleep\": 0,"));
+    EXPECT_GT(sleeps, 0u);
+    printf("%d bursts, %zu sleeps\n", bursts, sleeps);
+  });
+}
+
+}  // namespace
+}  // namespace test
