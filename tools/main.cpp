@@ -64,6 +64,7 @@ int main(int argc, char** argv) {
   bthalctl::AddScan(app, options);
   bthalctl::AddMonitor(app, options);
   bthalctl::AddDebug(app, options);
+  bthalctl::AddCrashes(app);
   bthalctl::AddLoopback(app, options);
   bthalctl::AddPeer(app, options);
   bthalctl::AddServeH4(app, options);

@@ -25,6 +25,9 @@ struct Options {
 // SIGINT and SIGTERM are Interrupted.
 std::unique_ptr<HciLink> OpenLink(const Options& options);
 
+// The service's debug report.
+std::string TakeReport(const Options& options);
+
 void AddUp(CLI::App& app, const Options& options);
 void AddDown(CLI::App& app);
 void AddStatus(CLI::App& app, const Options& options);
@@ -33,6 +36,7 @@ void AddCmd(CLI::App& app, const Options& options);
 void AddScan(CLI::App& app, const Options& options);
 void AddMonitor(CLI::App& app, const Options& options);
 void AddDebug(CLI::App& app, const Options& options);
+void AddCrashes(CLI::App& app);
 void AddLoopback(CLI::App& app, const Options& options);
 void AddPeer(CLI::App& app, const Options& options);  // read-name, echo
 void AddServeH4(CLI::App& app, const Options& options);

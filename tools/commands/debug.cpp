@@ -1,13 +1,16 @@
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <cutils/native_handle.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "tools/base/failure.h"
 #include "tools/commands/commands.h"
+#include "tools/evidence/report_sections.h"
 #include "tools/link/attachment.h"
 
 namespace bthalctl {
@@ -16,23 +19,53 @@ namespace {
 using ::android::base::unique_fd;
 using ::android::hardware::hidl_handle;
 
-void WriteAll(int from, int to, const std::string& name) {
-  char buffer[65536];
-  lseek(from, 0, SEEK_SET);
-  for (ssize_t size; (size = read(from, buffer, sizeof buffer)) > 0;) {
-    for (ssize_t done = 0; done < size;) {
-      const ssize_t written = write(to, buffer + done, static_cast<size_t>(size - done));
-      if (written < 0) throw Failure(WithErrno("cannot write " + name));
-      done += written;
+struct DebugOptions {
+  std::string output;
+  std::vector<std::string> sections;  // empty: the whole report
+  bool list = false;
+};
+
+void List(const std::vector<Section>& sections) {
+  for (const SectionName& known : SectionNames()) {
+    size_t lines = 0;
+    for (const Section& section : sections) {
+      if (section.name != known.name) continue;
+      lines += static_cast<size_t>(std::count(section.text.begin(), section.text.end(), '\n'));
     }
+    std::printf("%-10s %6zu lines  %s\n", known.name, lines, known.what);
   }
 }
 
-void Debug(const Options& options, const std::string& output) {
+void Debug(const Options& options, const DebugOptions& debug) {
   const unique_fd target(
-      output.empty() ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
-                     : open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (!target.ok()) throw Failure(WithErrno("cannot write " + output));
+      debug.output.empty()
+          ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
+          : open(debug.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!target.ok()) throw Failure(WithErrno("cannot write " + debug.output));
+  const std::string report = TakeReport(options);
+  if (debug.list) return List(CutReport(report));
+
+  std::string text;
+  if (debug.sections.empty()) {
+    text = report;
+  } else {
+    for (const Section& section : CutReport(report)) {
+      const auto& chosen = debug.sections;
+      if (std::find(chosen.begin(), chosen.end(), section.name) != chosen.end()) {
+        text += section.text;
+      }
+    }
+  }
+  if (!::android::base::WriteStringToFd(text, target)) {
+    throw Failure(
+        WithErrno("cannot write " + (debug.output.empty() ? "the report" : debug.output)));
+  }
+  if (!debug.output.empty()) std::fprintf(stderr, "report written to %s\n", debug.output.c_str());
+}
+
+}  // namespace
+
+std::string TakeReport(const Options& options) {
   const auto service = FindService(options.wait());
   // The service writes into memory, so that a slow reader of ours cannot hold it up.
   const unique_fd report(memfd_create("report", MFD_CLOEXEC));
@@ -43,17 +76,34 @@ void Debug(const Options& options, const std::string& output) {
   if (!service->debug(hidl_handle(handle), {}).isOk()) {
     throw Failure(ExitCode::kNoService, "the service died while it wrote the report");
   }
-  WriteAll(report.get(), target.get(), output.empty() ? "the report" : output);
-  if (!output.empty()) std::fprintf(stderr, "report written to %s\n", output.c_str());
+  std::string text;
+  lseek(report.get(), 0, SEEK_SET);
+  if (!::android::base::ReadFdToString(report, &text)) throw Failure(WithErrno("report"));
+  return text;
 }
 
-}  // namespace
-
 void AddDebug(CLI::App& app, const Options& options) {
-  auto output = std::make_shared<std::string>();
+  auto debug = std::make_shared<DebugOptions>();
   CLI::App* command = app.add_subcommand("debug", "take the service's debug report");
-  command->add_option("-o,--output", *output, "file to write; without it, standard output");
-  command->callback([&options, output] { Debug(options, *output); });
+  std::vector<std::string> names;
+  std::string footer = "Sections:\n";
+  for (const SectionName& section : SectionNames()) {
+    names.emplace_back(section.name);
+    char line[128];
+    std::snprintf(line, sizeof line, "  %-10s %s\n", section.name, section.what);
+    footer += line;
+  }
+  command->add_option("-o,--output", debug->output, "file to write; without it, standard output");
+  CLI::Option* const sections =
+      command->add_option("-s,--section", debug->sections, "only these sections, in their order")
+          ->type_name("NAME...")
+          ->check(CLI::IsMember(names).description(""));
+  command->add_flag("-l,--list", debug->list, "list the sections and how long each is")
+      ->excludes(sections);
+  command->footer(footer +
+                  "Examples:\n  bthalctl debug --section history\n"
+                  "  bthalctl debug -s firmware kernel -o report.txt");
+  command->callback([&options, debug] { Debug(options, *debug); });
 }
 
 }  // namespace bthalctl

@@ -5,16 +5,19 @@
 
 #include <csignal>
 #include <cstdio>
-#include <sstream>
+#include <ctime>
 #include <thread>
 
 #include "tools/base/failure.h"
 #include "tools/base/log_follower.h"
 #include "tools/base/terminal.h"
 #include "tools/commands/commands.h"
+#include "tools/evidence/crash_list.h"
 #include "tools/link/attachment.h"
 #include "tools/link/holder.h"
 #include "tools/link/holder_protocol.h"
+#include "tools/log/bring_up_steps.h"
+#include "tools/log/step_printer.h"
 
 namespace bthalctl {
 namespace {
@@ -24,6 +27,7 @@ using ::android::base::unique_fd;
 struct UpOptions {
   bool detach = false;
   bool whole_log = false;
+  bool lines = false;
   bool quiet = false;
 };
 
@@ -53,31 +57,34 @@ void Hold(const Options& options, unique_fd report) {
   }
 }
 
-// "DATE TIME PID TID PRIORITY TAG: TEXT" without what a reader of a bring-up does not need; empty
-// for lines that tell of every single event.
-std::string Shortened(const std::string& line) {
-  std::istringstream words(line);
-  std::string date, time, pid, tid, priority, tag;
-  words >> date >> time >> pid >> tid >> priority >> tag;
-  std::string text;
-  if (!std::getline(words >> std::ws, text)) return line;
-  if (priority == "I" && tag == "bthal.flowcontrol:") return "";
-  std::string shown = tag + " " + text;
-  if (priority == "I" || priority == "D") return shown;
-  return Paint(priority == "W" ? Colour::kYellow : Colour::kRed, priority + " " + shown);
+// Log lines as they are, but for what a reader of a bring-up does not need.
+void ShowLine(const LogLine& line) {
+  if (line.priority == 'I' && line.tag == "bthal.flowcontrol") return;  // one for every event
+  const time_t seconds = std::chrono::system_clock::to_time_t(line.time);
+  const auto rest = line.time - std::chrono::system_clock::from_time_t(seconds);
+  tm local = {};
+  localtime_r(&seconds, &local);
+  char time[32];
+  std::snprintf(
+      time, sizeof time, "%02d:%02d:%02d.%03d  ", local.tm_hour, local.tm_min, local.tm_sec,
+      static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(rest).count()));
+  std::string text = line.tag + ": " + line.text;
+  if (line.IsTrouble()) {
+    text = Paint(line.priority == 'W' ? Colour::kYellow : Colour::kRed, line.priority + " " + text);
+  }
+  std::printf("%s%s\n", Paint(Colour::kGrey, time).c_str(), text.c_str());
+  std::fflush(stdout);
 }
 
-// Shows the service's log while bring-up runs; returns when the report is there.
-void FollowBringUp(LogFollower& log, int report, bool quiet) {
-  const TimePoint start = Clock::now();
-  const auto show = [&](const std::string& line) {
-    const std::string shown = Shortened(line);
-    if (quiet || shown.empty()) return;
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    char time[32];
-    std::snprintf(time, sizeof time, "%8.3f s  ", seconds);
-    std::printf("%s%s\n", Paint(Colour::kGrey, time).c_str(), shown.c_str());
-    std::fflush(stdout);
+// Follows the service's log while bring-up runs; returns when the report is there.
+void FollowBringUp(LogFollower& log, int report, const UpOptions& up) {
+  BringUpSteps steps;
+  StepPrinter printer;
+  const auto show = [&](const std::string& text) {
+    const std::optional<LogLine> line = ParseLogLine(text);
+    if (!line || up.quiet) return;
+    if (up.lines) return ShowLine(*line);
+    for (const Progress& progress : steps.Feed(*line)) printer.Show(progress);
   };
   for (bool done = false; !done;) {
     std::vector<pollfd> waits = {{report, POLLIN, 0}, {log.fd(), POLLIN, 0}};
@@ -87,8 +94,18 @@ void FollowBringUp(LogFollower& log, int report, bool quiet) {
   }
 }
 
+// What the service has left behind since start.
+void ShowEvidence(SystemTime start) {
+  // Their times are whole seconds.
+  for (const Crash& crash : CollectCrashes()) {
+    if (crash.time >= start - std::chrono::seconds(1)) {
+      std::fputs(Describe(crash).c_str(), stdout);
+    }
+  }
+}
+
 // Throws what the report says when it is no success.
-void TakeReport(int fd) {
+void TakeVerdict(int fd, SystemTime started) {
   std::string report;
   char buffer[1024];
   for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
@@ -96,6 +113,7 @@ void TakeReport(int fd) {
     if (report.front() == 0) return;
   }
   if (report.empty()) throw Failure("the holder of the attachment died");
+  ShowEvidence(started);
   throw Failure(static_cast<ExitCode>(report.front()), report.substr(1));
 }
 
@@ -115,6 +133,7 @@ void Up(const Options& options, const UpOptions& up) {
   const unique_fd report(ends[0]);
   unique_fd reporter(ends[1]);
   LogFollower log(::bthal::root::Resolve("/run/bthal/log"), up.whole_log);
+  const SystemTime started = std::chrono::system_clock::now();
   const TimePoint start = Clock::now();
   const auto up_line = [&] {
     char text[96];
@@ -138,8 +157,8 @@ void Up(const Options& options, const UpOptions& up) {
       _exit(0);
     }
     reporter.reset();
-    FollowBringUp(log, report.get(), up.quiet);
-    TakeReport(report.get());
+    FollowBringUp(log, report.get(), up);
+    TakeVerdict(report.get(), started);
     up_line();
     return;
   }
@@ -154,8 +173,8 @@ void Up(const Options& options, const UpOptions& up) {
     }
   });
   try {
-    FollowBringUp(log, report.get(), up.quiet);
-    TakeReport(report.get());
+    FollowBringUp(log, report.get(), up);
+    TakeVerdict(report.get(), started);
     up_line();
     std::puts("Ctrl-C, or bthalctl down in another terminal, takes it down");
     std::fflush(stdout);
@@ -175,8 +194,15 @@ void AddUp(CLI::App& app, const Options& options) {
   CLI::App* command = app.add_subcommand("up", "bring Bluetooth up and hold it");
   command->add_flag("--detach", up->detach, "hold it in the background; \"down\" ends it");
   command->add_flag("--whole-log", up->whole_log, "show what stands in the log already, too");
+  command->add_flag("--lines", up->lines, "show the service's log lines instead of steps");
   command->add_flag("-q,--quiet", up->quiet, "do not show the steps of the bring-up");
-  command->footer("Examples:\n  bthalctl up            until Ctrl-C\n  bthalctl up --detach");
+  command->footer(
+      "Shows each step of the bring-up with when it began, how long it took and what it found, "
+      "out\n"
+      "of the service's log; warnings and errors as they stand there. A service with accelerated\n"
+      "Bluetooth-on brings the controller up when it starts, so that only a reset is left to do:\n"
+      "--whole-log shows that bring-up, too. When the service dies of it, what it left is listed.\n"
+      "Examples:\n  bthalctl up            until Ctrl-C\n  bthalctl up --detach");
   command->callback([&options, up] { Up(options, *up); });
 }
 

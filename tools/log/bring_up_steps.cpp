@@ -1,0 +1,154 @@
+#include "tools/log/bring_up_steps.h"
+
+#include <string_view>
+#include <utility>
+
+namespace bthalctl {
+namespace {
+
+using Kind = Progress::Kind;
+
+enum class Meaning { kBegins, kEnds, kMark };
+
+// What a log line means. Its text begins with before; what follows, up to after, is the detail. A
+// line that ends a step ends only the one of that name. The first rule that fits holds.
+struct Rule {
+  const char* tag;
+  const char* before;
+  const char* after;  // nullptr: before is the whole text
+  Meaning meaning;
+  const char* step;
+};
+
+constexpr Rule kRules[] = {
+    {"bthal.zvkbtlinux", "initialize_impl", nullptr, Meaning::kMark, "a stack attaches"},
+    {"bthal.zvkbtlinux", "thread_perform_init", nullptr, Meaning::kMark,
+     "the service brings the controller up ahead of any stack"},
+    {"bthal.zvkbtlinux", "thread_perform_reinit", nullptr, Meaning::kMark,
+     "the stack has died: the service brings the controller up again"},
+    {"coex_device", "DeviceOpen", nullptr, Meaning::kBegins, "coexistence device"},
+    {"bthal.zvkbtlinux", "open_coex_dev: return ret (1), count:", "", Meaning::kEnds,
+     "coexistence device"},
+    {"bthal.hwcontrol", "PowerControl: Disabling, state_path: ", "", Meaning::kBegins, "power off"},
+    {"bthal.hwcontrol", "PowerControl: Enabling, state_path: ", "", Meaning::kBegins, "power on"},
+    {"bthal.hwcontrol", "userial_tty_open: open ", "", Meaning::kBegins, "serial port"},
+    {"bthal.hwcontrol", "UserialOpen: USERIAL (", ") Ready", Meaning::kEnds, "serial port"},
+    {"bthal.zvkproto", "AcceleratedReset", nullptr, Meaning::kMark,
+     "the controller is up already: a reset will do"},
+    {"bthal.zvkproto", "send_hci_reset", nullptr, Meaning::kBegins, "reset and chip id"},
+    {"bthal.zvkproto", "read_btzvk_chip_id: ", "", Meaning::kEnds, "reset and chip id"},
+    {"bthal.zvkproto", "baudrate_change: Sending Update Baud Rate (115200", ") command",
+     Meaning::kBegins, "firmware starts"},
+    {"bthal.zvkproto", "baudrate_change: Sending Update Baud Rate (", ") command", Meaning::kBegins,
+     "line speed"},
+    {"bthal.zvkproto", "baudrate_change: Done", nullptr, Meaning::kEnds, "line speed"},
+    {"bthal.zvkproto", "firmware_download: Looking for patchfile [", "]", Meaning::kBegins,
+     "firmware file"},
+    {"bthal.zvkproto", "enable_fast_download: Sending Set Download Config command", nullptr,
+     Meaning::kBegins, "fast download"},
+    {"bthal.zvkproto", "firmware_download: Fast download ", "", Meaning::kEnds, "fast download"},
+    {"bthal.zvkproto", "firmware_download: Sending Download Minidrv command", nullptr,
+     Meaning::kBegins, "download mode"},
+    {"bthal.zvkproto", "firmware_download: Downloading Firmware Patchram", "", Meaning::kBegins,
+     "firmware records"},
+    {"bthal.zvkproto", "firmware_download: Sending 0xfc4e ", "", Meaning::kBegins, "launch"},
+    {"bthal.zvkproto", "firmware_download: Sending Launch Ram command", nullptr, Meaning::kBegins,
+     "launch"},
+    {"bthal.zvkproto", "firmware_download: Done", nullptr, Meaning::kEnds, "firmware starts"},
+    {"bthal.zvkproto", "btzvk_read_local_name", nullptr, Meaning::kBegins, "local name"},
+    {"bthal.zvkproto", "btzvk_read_local_name: ", "", Meaning::kEnds, "local name"},
+    {"bthal.zvkproto", "lpm_setup", nullptr, Meaning::kBegins, "low power"},
+    {"bthal.zvkproto", "lpm_setup: LPM Enabled", nullptr, Meaning::kEnds, "low power"},
+    {"bthal.zvkbtlinux", "perform_init: BTZVK controller is ready", nullptr, Meaning::kMark,
+     "the controller is ready"},
+    {"bthal.bdaddress", "Provision: BDADDR <", ">", Meaning::kBegins, "device address"},
+    {"bthal.bdaddress", "OnEventReceive: Recv Success VSE", "", Meaning::kEnds, "device address"},
+};
+
+// What a detail means, where the log's own form does not say it.
+std::string Readable(std::string_view step, std::string_view detail) {
+  if (step == "coexistence device") {
+    return detail == "0" ? "opened" : "opened after " + std::string(detail) + " failed attempts";
+  }
+  if (step == "reset and chip id") return "chip id " + std::string(detail);
+  if (step == "line speed") return std::string(detail) + " bit/s";
+  if (step == "launch") return "";
+  if (step == "device address") {
+    // The log has it in the controller's order, last byte first.
+    std::string address;
+    for (size_t end = detail.size(); end >= 2; end -= 3) {
+      address += detail.substr(end - 2, 2);
+      if (end < 5) break;
+      address += ':';
+    }
+    return address;
+  }
+  return std::string(detail);
+}
+
+// The rule that holds for a line, and the detail in it.
+const Rule* Match(const LogLine& line, std::string* detail) {
+  const std::string_view text = line.text;
+  for (const Rule& rule : kRules) {
+    const std::string_view before = rule.before;
+    if (line.tag != rule.tag || text.substr(0, before.size()) != before) continue;
+    if (rule.after == nullptr) {
+      if (text.size() != before.size()) continue;
+      detail->clear();
+    } else {
+      const std::string_view rest = text.substr(before.size());
+      const std::string_view after = rule.after;
+      *detail = Readable(rule.step, after.empty() ? rest : rest.substr(0, rest.find(after)));
+    }
+    return &rule;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
+  std::vector<Progress> out;
+  if (!start_) start_ = line.time;
+  const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(line.time - *start_);
+
+  if (line.IsTrouble()) {
+    if (line.priority != 'W') End(Kind::kFailed, now, &out);
+    if (troubles_.insert(line.text).second) {
+      out.push_back({Kind::kTrouble, now, {}, std::string(1, line.priority) + " " + line.text, ""});
+    }
+    return out;
+  }
+  std::string detail;
+  const Rule* const rule = Match(line, &detail);
+  if (rule == nullptr) return out;
+  switch (rule->meaning) {
+    case Meaning::kBegins:
+      Begin({rule->step, detail, now}, &out);
+      break;
+    case Meaning::kEnds:
+      if (!current_ || current_->name != rule->step) break;
+      if (current_->detail.empty()) current_->detail = detail;
+      End(Kind::kEnd, now, &out);
+      break;
+    case Meaning::kMark:
+      out.push_back({Kind::kMark, now, {}, rule->step, ""});
+      break;
+  }
+  return out;
+}
+
+void BringUpSteps::Begin(Step step, std::vector<Progress>* out) {
+  End(Kind::kEnd, step.begin, out);
+  out->push_back({Kind::kBegin, step.begin, {}, step.name, step.detail});
+  current_ = std::move(step);
+}
+
+void BringUpSteps::End(Kind kind, std::chrono::milliseconds now, std::vector<Progress>* out) {
+  if (!current_) return;
+  out->push_back({kind, current_->begin, now - current_->begin, current_->name, current_->detail});
+  current_.reset();
+  troubles_.clear();
+}
+
+}  // namespace bthalctl

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/log/log_line.h"
+
+namespace bthalctl {
+
+// One thing that a bring-up has to tell.
+struct Progress {
+  enum class Kind {
+    kBegin,   // a step begins
+    kEnd,     // it ended as it should
+    kFailed,  // it ended otherwise
+    kMark,    // no step: something that happened in between
+    kTrouble  // a line of the log that warns or tells of an error
+  };
+  Kind kind = Kind::kMark;
+  std::chrono::milliseconds at{};    // since the first line
+  std::chrono::milliseconds took{};  // of a step that ended
+  std::string name;                  // of the step; the text of a mark or of a line
+  std::string detail;                // what the step found
+};
+
+// Makes the steps of a bring-up out of the service's log lines. A step that meets an error line has
+// failed; one that is running when the next begins has ended.
+class BringUpSteps {
+ public:
+  std::vector<Progress> Feed(const LogLine& line);
+
+ private:
+  struct Step {
+    std::string name;
+    std::string detail;
+    std::chrono::milliseconds begin{};
+  };
+
+  void Begin(Step step, std::vector<Progress>* out);
+  void End(Progress::Kind kind, std::chrono::milliseconds now, std::vector<Progress>* out);
+
+  std::optional<std::chrono::system_clock::time_point> start_;
+  std::optional<Step> current_;
+  std::set<std::string> troubles_;  // of this step: a line that comes again is shown once
+};
+
+}  // namespace bthalctl
