@@ -48,7 +48,8 @@ std::shared_ptr<Connection> Connection::Start(android::base::unique_fd socket, S
                                               std::function<void()> on_end) {
   std::shared_ptr<Connection> connection(
       new Connection(std::move(socket), peer_side, std::move(on_end)));
-  IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN, connection);
+  IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN | EPOLLONESHOT,
+                    connection);
   return connection;
 }
 
@@ -80,25 +81,28 @@ status_t Connection::Call(uint32_t object, uint32_t code, const Parcel& data, Pa
   const CallThread::Blocked blocked;
   PendingReply pending{CallThread::Current(), reply};
   header.chain = pending.thread->chain;
+  bool reading = false;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (ended()) return android::DEAD_OBJECT;
     header.serial = ++last_serial_;
     pending_.emplace(header.serial, &pending);
     if (overfull_) Watch(kOverfull, false);  // the reply may come behind more calls
+    reading = StartReading();                // before a reply can wake somebody else
   }
   const status_t sent = Send(header, data);
   if (sent != android::OK) {
     const std::lock_guard<std::mutex> lock(mutex_);
     pending_.erase(header.serial);
     if (overfull_ && pending_.empty()) Watch(kOverfull, true);
+    if (reading) StopReading();
     return sent;
   }
-  Wait(&pending, header.serial, limit);
+  Wait(&pending, header.serial, reading, limit);
   return pending.status;
 }
 
-void Connection::Wait(PendingReply* pending, uint64_t serial,
+void Connection::Wait(PendingReply* pending, uint64_t serial, bool reading,
                       std::optional<std::chrono::milliseconds> limit) {
   CallThread& thread = *pending->thread;
   std::optional<steady_clock::time_point> deadline;
@@ -110,7 +114,6 @@ void Connection::Wait(PendingReply* pending, uint64_t serial,
     }
   };
   restart_clock();
-  bool reading = false;
   for (;;) {
     {
       const std::lock_guard<std::mutex> lock(mutex_);
@@ -224,10 +227,12 @@ void Connection::Flush() {
 void Connection::Watch(WatchFlag flag, bool value) {
   const std::lock_guard<std::mutex> lock(watch_mutex_);
   watch_flags_ = value ? watch_flags_ | flag : watch_flags_ & ~flag;
-  // Reported once only while another thread reads: an end of the connection cannot be masked, and
-  // would keep the I/O thread busy.
-  const bool reads = (watch_flags_ & (kReadElsewhere | kOverfull)) == 0;
-  uint32_t events = reads ? uint32_t{EPOLLIN} : uint32_t{EPOLLONESHOT};
+  Rearm();
+}
+
+void Connection::Rearm() {
+  uint32_t events = EPOLLONESHOT;
+  if ((watch_flags_ & (kReadElsewhere | kOverfull)) == 0) events |= EPOLLIN;
   if ((watch_flags_ & kUnsent) != 0) events |= EPOLLOUT;
   IoLoop::Get().Change(io_key_, socket_.get(), events);
 }
@@ -242,11 +247,15 @@ void Connection::OnReady(uint32_t events) {
         (overfull_ && pending_.empty())) {
       return;
     }
-    reader_ = Reader::kIoThread;
+    reader_ = Reader::kPoller;
   }
   ReadMessage();
-  const std::lock_guard<std::mutex> lock(mutex_);
-  reader_ = Reader::kNobody;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    reader_ = Reader::kNobody;
+  }
+  const std::lock_guard<std::mutex> lock(watch_mutex_);
+  Rearm();
 }
 
 void Connection::ReadMessage() {

@@ -40,8 +40,8 @@ constexpr size_t kMaxCallBytes = 4 * kMaxWaitingBytes;
 
 // Safe on any thread; no call blocks but Call(), and none holds a lock while user code runs.
 // Messages are read by one thread at a time: the first caller that waits for a reply (which then
-// needs nobody to wake it), else the I/O thread. Whoever sends writes to the socket itself; what
-// the socket does not take is queued and written by the I/O thread.
+// needs nobody to wake it), else one that the I/O loop wakes. Whoever sends writes to the socket
+// itself; what the socket does not take is queued and written by a thread of the I/O loop.
 //
 // A peer that breaks a rule (a malformed message, an unknown object, too much left unread, a client
 // that does not answer) costs its connection and nothing else: one log line, calls into it fail
@@ -92,11 +92,13 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
     android::wp<Proxy> proxy;
     const Proxy* address = nullptr;
   };
-  enum class Reader { kNobody, kIoThread, kCaller };
+  enum class Reader { kNobody, kPoller, kCaller };
 
   Connection(android::base::unique_fd socket, Side peer_side, std::function<void()> on_end);
 
-  void Wait(PendingReply* pending, uint64_t serial, std::optional<std::chrono::milliseconds> limit);
+  // reading: whether the calling thread is the reader.
+  void Wait(PendingReply* pending, uint64_t serial, bool reading,
+            std::optional<std::chrono::milliseconds> limit);
   // Makes the calling thread the reader unless there is one.
   bool StartReading() REQUIRES(mutex_);
   void StopReading() REQUIRES(mutex_);
@@ -122,10 +124,11 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   bool DropReferences(uint32_t object, uint32_t count,
                       android::sp<android::hardware::IBinder>* dropped);
 
-  // Why the I/O thread reads or writes, or does not. Each flag is changed under the lock of what it
-  // follows.
+  // Why the I/O loop reads or writes, or does not. Each flag is changed under the lock of what it
+  // follows. Every event is reported once only, until Watch() or Rearm().
   enum WatchFlag : uint32_t { kReadElsewhere = 1, kOverfull = 2, kUnsent = 4 };
   void Watch(WatchFlag flag, bool value);
+  void Rearm() REQUIRES(watch_mutex_);
 
   const android::base::unique_fd socket_;
   const Side peer_side_;

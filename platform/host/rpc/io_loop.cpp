@@ -18,7 +18,9 @@ IoLoop& IoLoop::Get() {
 
 IoLoop::IoLoop() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
   if (epoll_.get() < 0) PLOG(FATAL) << "epoll_create1";
-  std::thread thread(&IoLoop::Run, this);
+  std::thread thread([this] {
+    for (;;) Poll();
+  });
   pthread_setname_np(thread.native_handle(), "bthal-io");
   thread.detach();
 }
@@ -52,20 +54,16 @@ void IoLoop::Remove(uint64_t key, int descriptor) {
   handlers_.erase(found);
 }
 
-void IoLoop::Run() {
-  for (;;) {
-    epoll_event events[16];
-    const int count = epoll_wait(epoll_.get(), events, 16, -1);
-    for (int i = 0; i < count; ++i) {
-      std::shared_ptr<IoHandler> handler;
-      {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        const auto found = handlers_.find(events[i].data.u64);
-        if (found != handlers_.end()) handler = found->second;
-      }
-      if (handler != nullptr) handler->OnReady(events[i].events);
-    }
+void IoLoop::Poll() {
+  epoll_event event;
+  if (epoll_wait(epoll_.get(), &event, 1, -1) != 1) return;  // a signal
+  std::shared_ptr<IoHandler> handler;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = handlers_.find(event.data.u64);
+    if (found != handlers_.end()) handler = found->second;
   }
+  if (handler != nullptr) handler->OnReady(event.events);
 }
 
 }  // namespace bthal::rpc

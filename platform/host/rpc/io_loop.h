@@ -1,4 +1,4 @@
-// The one thread that watches sockets that nobody waits for.
+// The sockets that no caller waits for, and the threads that watch them.
 #pragma once
 
 #include <android-base/thread_annotations.h>
@@ -12,7 +12,8 @@
 
 namespace bthal::rpc {
 
-// Something with a descriptor. OnReady() runs on the I/O thread and must not block.
+// Something with a descriptor. OnReady() runs on the I/O thread or on an idle thread of the pool,
+// and must not block.
 class IoHandler {
  public:
   virtual ~IoHandler() = default;
@@ -21,7 +22,9 @@ class IoHandler {
 };
 
 // An epoll set and its thread, which starts with the first descriptor, sleeps while nothing
-// happens, and lives as long as the process. Safe on any thread.
+// happens, and lives as long as the process. Idle threads wait in it, too: who has waited for the
+// shortest time is woken first, so that a thread that runs one call after the other reads them
+// itself. Safe on any thread.
 class IoLoop {
  public:
   static IoLoop& Get();
@@ -30,15 +33,18 @@ class IoLoop {
 
   // Names a descriptor in the calls below.
   uint64_t NewKey() { return ++last_key_; }
-  // Watches descriptor for events. The loop holds handler until Remove().
+  // Watches descriptor for events. The loop holds handler until Remove(). One thread is woken for
+  // an event with EPOLLET or EPOLLONESHOT; without, others may be called for the same one.
   void Add(uint64_t key, int descriptor, uint32_t events, std::shared_ptr<IoHandler> handler);
   void Change(uint64_t key, int descriptor, uint32_t events);
   // handler may still be running when this returns.
   void Remove(uint64_t key, int descriptor);
 
+  // Waits for one event and runs its handler on the calling thread.
+  void Poll();
+
  private:
   IoLoop();
-  [[noreturn]] void Run();
 
   const android::base::unique_fd epoll_;
   std::mutex mutex_;

@@ -23,7 +23,7 @@ class ObituaryTask : public Task {
 
 void PostObituaries(std::vector<android::sp<Proxy>> dead) {
   static ThreadPool* const thread = [] {
-    auto* pool = new ThreadPool("rpc-death");
+    auto* pool = new ThreadPool("rpc-death", ThreadPool::Idle::kSleep);
     pool->Start();
     return pool;
   }();

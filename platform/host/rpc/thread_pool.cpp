@@ -1,14 +1,46 @@
 #include "rpc/thread_pool.h"
 
 #include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <thread>
 #include <utility>
 
+#include "rpc/io_loop.h"
 #include "rpc/locked_wait.h"
 
 namespace bthal::rpc {
+namespace {
+
+// The pool whose idle thread the calling one is while it polls, and the task that it has read there
+// for itself.
+thread_local const ThreadPool* polling_for = nullptr;
+thread_local std::unique_ptr<Task> own_task;
+
+}  // namespace
+
+// Ends the wait of a thread in the I/O loop.
+class ThreadPool::WakeHandler : public IoHandler {
+ public:
+  explicit WakeHandler(ThreadPool* pool) : pool_(pool) {}
+  void OnReady(uint32_t /*events*/) override {
+    if (polling_for != pool_) pool_->StepAside();
+  }
+
+ private:
+  ThreadPool* const pool_;
+};
+
+ThreadPool::ThreadPool(std::string name, Idle idle)
+    : name_(std::move(name)),
+      wake_(idle == Idle::kPoll ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1) {
+  if (wake_.get() < 0) return;
+  IoLoop& loop = IoLoop::Get();
+  loop.Add(loop.NewKey(), wake_.get(), EPOLLIN | EPOLLET, std::make_shared<WakeHandler>(this));
+}
 
 void ThreadPool::Configure(size_t max, bool caller_will_join) {
   const std::lock_guard<std::mutex> lock(mutex_);
@@ -34,12 +66,18 @@ void ThreadPool::Join() {
 }
 
 void ThreadPool::Post(std::unique_ptr<Task> task) {
+  bool wake = false;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (polling_for == this && own_task == nullptr && tasks_.empty()) {
+      own_task = std::move(task);
+      return;
+    }
     tasks_.push_back(std::move(task));
     StartThreadIfNeeded();
+    wake = idle_ > 0;
   }
-  posted_.notify_one();
+  if (wake) Wake();
 }
 
 void ThreadPool::StartThreadIfNeeded() {
@@ -51,28 +89,76 @@ void ThreadPool::StartThreadIfNeeded() {
   thread.detach();
 }
 
+void ThreadPool::Wake() {
+  if (wake_.get() < 0) {
+    changed_.notify_one();
+    return;
+  }
+  const uint64_t one = 1;
+  TEMP_FAILURE_RETRY(write(wake_.get(), &one, sizeof one));
+}
+
+void ThreadPool::StepAside() {
+  Wake();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ++aside_;
+  while (!tasks_.empty() && idle_ > 0) LockedWait(changed_, mutex_);
+  --aside_;
+}
+
+std::unique_ptr<Task> ThreadPool::TakeOrBeginIdle() {
+  std::unique_ptr<Task> task;
+  bool wake = false;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (tasks_.empty()) {
+      ++idle_;
+      return nullptr;
+    }
+    task = std::move(tasks_.front());
+    tasks_.pop_front();
+    wake = !tasks_.empty() && idle_ > 0;  // several wakings may have become one
+  }
+  if (wake) Wake();
+  return task;
+}
+
+void ThreadPool::EndIdle() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  --idle_;
+  if (aside_ > 0) changed_.notify_all();
+}
+
+std::unique_ptr<Task> ThreadPool::WaitIdle() {
+  if (wake_.get() < 0) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    while (tasks_.empty()) LockedWait(changed_, mutex_);
+    return nullptr;
+  }
+  polling_for = this;
+  IoLoop::Get().Poll();
+  polling_for = nullptr;
+  return std::move(own_task);
+}
+
 void ThreadPool::Work() {
   for (;;) {
-    std::unique_ptr<Task> task;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      ++idle_;
-      while (tasks_.empty()) LockedWait(posted_, mutex_);
-      --idle_;
-      task = std::move(tasks_.front());
-      tasks_.pop_front();
+    std::unique_ptr<Task> task = TakeOrBeginIdle();
+    if (task == nullptr) {
+      task = WaitIdle();
+      EndIdle();
     }
-    task->Run();
+    if (task != nullptr) task->Run();
   }
 }
 
 ThreadPool& HidlThreadPool() {
-  static auto* const pool = new ThreadPool("hidl-rpc");
+  static auto* const pool = new ThreadPool("hidl-rpc", ThreadPool::Idle::kPoll);
   return *pool;
 }
 
 ThreadPool& NdkThreadPool() {
-  static auto* const pool = new ThreadPool("ndk-rpc");
+  static auto* const pool = new ThreadPool("ndk-rpc", ThreadPool::Idle::kSleep);
   return *pool;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <android-base/thread_annotations.h>
+#include <android-base/unique_fd.h>
 
 #include <condition_variable>
 #include <cstddef>
@@ -22,7 +23,11 @@ class Task {
 // Lives as long as the process, and so do its threads: none is ever joined. Safe on any thread.
 class ThreadPool {
  public:
-  explicit ThreadPool(std::string name) : name_(std::move(name)) {}
+  // What idle threads do: sleep, or wait in the I/O loop, where they read the calls that they run,
+  // so that no thread has to hand them over. One pool of a process polls at most.
+  enum class Idle { kSleep, kPoll };
+
+  ThreadPool(std::string name, Idle idle);
   ThreadPool(const ThreadPool&) = delete;
   ThreadPool& operator=(const ThreadPool&) = delete;
 
@@ -35,16 +40,28 @@ class ThreadPool {
   void Post(std::unique_ptr<Task> task);
 
  private:
+  class WakeHandler;
+
   void StartThreadIfNeeded() REQUIRES(mutex_);
   [[noreturn]] void Work();
+  // The oldest task, if there is one; else the thread is idle until EndIdle().
+  std::unique_ptr<Task> TakeOrBeginIdle();
+  void EndIdle();
+  // Waits for a task, and may return one that the calling thread has read itself.
+  std::unique_ptr<Task> WaitIdle();
+  void Wake();
+  // For a thread of the I/O loop that was woken in place of one of the pool's.
+  void StepAside();
 
   const std::string name_;
+  const android::base::unique_fd wake_;  // in the I/O loop, for a pool that polls; else none
   std::mutex mutex_;
-  std::condition_variable posted_;
+  std::condition_variable changed_;  // something was posted, or an idle thread has woken up
   std::deque<std::unique_ptr<Task>> tasks_ GUARDED_BY(mutex_);
   size_t max_threads_ GUARDED_BY(mutex_) = 1;
   size_t threads_ GUARDED_BY(mutex_) = 0;
   size_t idle_ GUARDED_BY(mutex_) = 0;
+  size_t aside_ GUARDED_BY(mutex_) = 0;
   bool started_ GUARDED_BY(mutex_) = false;
   bool awaits_join_ GUARDED_BY(mutex_) = false;
 };
