@@ -12,10 +12,15 @@ ScriptedController::ScriptedController(Pty& pty, Script script)
   thread_ = std::thread([this] { Run(); });
 }
 
-ScriptedController::~ScriptedController() {
-  close(stop_[1]);
-  thread_.join();
-  close(stop_[0]);
+ScriptedController::~ScriptedController() { Stop(); }
+
+Bytes ScriptedController::Stop() {
+  if (thread_.joinable()) {
+    close(stop_[1]);
+    thread_.join();
+    close(stop_[0]);
+  }
+  return stream_;
 }
 
 std::vector<Bytes> ScriptedController::Commands() {
@@ -30,7 +35,6 @@ Bytes ScriptedController::Complete(const Bytes& command, uint8_t status, const B
 }
 
 void ScriptedController::Run() {
-  Bytes stream;
   for (;;) {
     pollfd fds[] = {{pty_.master(), POLLIN, 0}, {stop_[0], POLLIN, 0}};
     if (poll(fds, 2, -1) < 0) continue;
@@ -38,11 +42,11 @@ void ScriptedController::Run() {
     uint8_t chunk[4096];
     const ssize_t n = read(pty_.master(), chunk, sizeof chunk);
     if (n <= 0) return;
-    stream.insert(stream.end(), chunk, chunk + n);
-    while (stream.size() >= 4 && stream.size() >= 4u + stream[3]) {
-      const auto end = stream.begin() + 4 + stream[3];
-      const Bytes command(stream.begin() + 1, end);
-      stream.erase(stream.begin(), end);
+    stream_.insert(stream_.end(), chunk, chunk + n);
+    while (stream_.size() >= 4 && stream_.size() >= 4u + stream_[3]) {
+      const auto end = stream_.begin() + 4 + stream_[3];
+      const Bytes command(stream_.begin() + 1, end);
+      stream_.erase(stream_.begin(), end);
       {
         const std::lock_guard<std::mutex> guard(lock_);
         commands_.push_back(command);

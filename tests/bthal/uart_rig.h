@@ -1,4 +1,4 @@
-// A pty in the place of the UART, and the service's transport open on it.
+// The service's transport, open on a pty in the place of the UART.
 #pragma once
 
 #include <mutex>
@@ -6,33 +6,10 @@
 #include <vector>
 
 #include "hci_flow_control.h"
+#include "support/pty.h"
 #include "support/vectors.h"
 
 namespace test {
-
-class Pty {
- public:
-  Pty();
-  ~Pty();
-  Pty(const Pty&) = delete;
-  Pty& operator=(const Pty&) = delete;
-
-  int master() const { return master_; }
-  const std::string& path() const { return path_; }  // of the host's end
-  // Exactly what the host has written since the last call.
-  Bytes TakeWritten();
-  void WriteToHost(const Bytes& bytes);
-  // Bytes that the host has not read yet.
-  int Unread() const;
-  // The far end is gone: the host reads an end of file and cannot write.
-  void HangUp();
-
- private:
-  int master_ = -1;
-  int slave_ = -1;  // kept open, so that the host may come and go
-  std::string path_;
-  Bytes unread_;  // written by the host, not taken yet
-};
 
 // Links the UART of this process's configuration to a pty, opens the shim on it, records what the
 // stack would get. Closes the shim at its end.

@@ -46,11 +46,13 @@ std::vector<Vector> LoadVectors(const std::string& file) {
   return vectors;
 }
 
-std::string LoadExpected(const std::string& file) {
-  const std::string text = ReadFile(DataPath("expected/" + file));
-  if (text.empty()) throw std::runtime_error("no expected text " + file);
+std::string LoadData(const std::string& file) {
+  const std::string text = ReadFile(DataPath(file));
+  if (text.empty()) throw std::runtime_error("no data in " + file);
   return text;
 }
+
+std::string LoadExpected(const std::string& file) { return LoadData("expected/" + file); }
 
 Bytes ParseHex(const std::string& text) {
   Bytes bytes;

@@ -16,6 +16,8 @@ struct Vector {
 };
 
 std::vector<Vector> LoadVectors(const std::string& file);
+// A whole file of them, for a format of its own.
+std::string LoadData(const std::string& file);
 // A text that a test compares to the letter, from tests/data/expected/.
 std::string LoadExpected(const std::string& file);
 

@@ -1,0 +1,90 @@
+#include "support/pty.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace test {
+namespace {
+
+// Written on the host's end to find out what was written before it.
+const Bytes kMark = {0xDE, 0xAD, 0xBE, 0xEF, 0xFE, 0xED};
+
+void WriteAll(int fd, const Bytes& bytes) {
+  for (size_t done = 0; done < bytes.size();) {
+    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0) throw std::runtime_error("write to a pty");
+    done += static_cast<size_t>(n);
+  }
+}
+
+}  // namespace
+
+Pty::Pty() {
+  termios raw{};
+  cfmakeraw(&raw);
+  raw.c_cflag |= CREAD;
+  char name[64];
+  if (openpty(&master_, &slave_, name, &raw, nullptr) != 0) throw std::runtime_error("openpty");
+  fcntl(master_, F_SETFD, FD_CLOEXEC);
+  fcntl(slave_, F_SETFD, FD_CLOEXEC);
+  path_ = name;
+}
+
+Pty::~Pty() { HangUp(); }
+
+void Pty::HangUp() {
+  if (master_ < 0) return;
+  close(slave_);
+  close(master_);
+  master_ = -1;
+}
+
+Bytes Pty::TakeWritten() {
+  WriteAll(slave_, kMark);
+  for (;;) {
+    // The host may have written on behind the mark by now.
+    const auto mark = std::search(unread_.begin(), unread_.end(), kMark.begin(), kMark.end());
+    if (mark != unread_.end()) {
+      const Bytes bytes(unread_.begin(), mark);
+      unread_.erase(unread_.begin(), mark + static_cast<long>(kMark.size()));
+      return bytes;
+    }
+    uint8_t chunk[4096];
+    pollfd readable{master_, POLLIN, 0};
+    if (poll(&readable, 1, 10000) != 1) throw std::runtime_error("nothing more from the host");
+    const ssize_t n = read(master_, chunk, sizeof chunk);
+    if (n <= 0) throw std::runtime_error("read of a pty");
+    unread_.insert(unread_.end(), chunk, chunk + n);
+  }
+}
+
+void Pty::WriteToHost(const Bytes& bytes) { WriteAll(master_, bytes); }
+
+int Pty::Speed() const {
+  termios settings{};
+  tcgetattr(master_, &settings);  // a pty has one set for both ends
+  switch (cfgetospeed(&settings)) {
+    case B115200:
+      return 115200;
+    case B3000000:
+      return 3000000;
+    case B4000000:
+      return 4000000;
+    default:
+      return 0;
+  }
+}
+
+int Pty::Unread() const {
+  int count = -1;
+  ioctl(slave_, FIONREAD, &count);
+  return count;
+}
+
+}  // namespace test

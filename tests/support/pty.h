@@ -1,0 +1,36 @@
+// A pty in the place of a serial port.
+#pragma once
+
+#include <string>
+
+#include "support/vectors.h"
+
+namespace test {
+
+class Pty {
+ public:
+  Pty();
+  ~Pty();
+  Pty(const Pty&) = delete;
+  Pty& operator=(const Pty&) = delete;
+
+  int master() const { return master_; }
+  const std::string& path() const { return path_; }  // of the host's end
+  // Exactly what the host has written since the last call.
+  Bytes TakeWritten();
+  void WriteToHost(const Bytes& bytes);
+  // Bytes that the host has not read yet.
+  int Unread() const;
+  // The speed that the host's side stands at, in bit/s; 0 for one that no test uses.
+  int Speed() const;
+  // The far end is gone: the host reads an end of file and cannot write.
+  void HangUp();
+
+ private:
+  int master_ = -1;
+  int slave_ = -1;  // kept open, so that the host may come and go
+  std::string path_;
+  Bytes unread_;  // written by the host, not taken yet
+};
+
+}  // namespace test

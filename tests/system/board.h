@@ -1,0 +1,58 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bthal/scripted_controller.h"
+#include "support/child_process.h"
+#include "support/pty.h"
+#include "support/temp_dir.h"
+#include "system/handset.h"
+#include "system/wire_vectors.h"
+
+namespace test {
+
+// A handset whose controller is the test's own script at the far end of a pty: a root folder with
+// plain files for what the kernel has, and the service and a stack on it as processes.
+class Board {
+ public:
+  // With the chip, the configuration and the patch file of a vector.
+  Board(Mode mode, const WireVector& vector);
+
+  // The controller's side. script sees the packets in the order of their arrival.
+  void Play(ScriptedController::Script script);
+  // Answers a command as the vector's controller does, or with another status.
+  Bytes Answer(const Bytes& command, uint8_t status = 0) const;
+  std::vector<Bytes> Commands() { return controller_->Commands(); }
+  // Stops playing; what the host has written that is no command of Commands().
+  Bytes StopPlaying();
+  Pty& pty() { return pty_; }
+
+  // prefix comes before the service's own command.
+  void StartService(const std::vector<std::string>& prefix = {});
+  void StartStack(const std::vector<std::string>& arguments = {});
+  ChildProcess& service() { return *service_; }
+  ChildProcess* stack() { return stack_.get(); }
+  std::string Log() const { return service_->Output(); }
+  std::string StackOutput() const { return stack_ == nullptr ? "" : stack_->Output(); }
+
+  const std::string& root() const { return folder_.path(); }
+  std::string Path(const std::string& path) const { return folder_ / path; }
+  // Contents of the files there, ordered by name.
+  std::vector<std::string> CrashInfos() const;
+  std::vector<std::string> CoreDumps() const;
+  std::vector<std::string> Tombstones() const;
+
+ private:
+  const uint8_t chip_;
+  TempDir folder_;
+  Pty pty_;
+  std::unique_ptr<ScriptedController> controller_;
+  std::unique_ptr<ChildProcess> service_;
+  std::unique_ptr<ChildProcess> stack_;
+};
+
+}  // namespace test

@@ -1,0 +1,32 @@
+// Rows of a table that mostly wait, run side by side; their results are judged afterwards.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace test {
+
+// The results of run(0) to run(count - 1), some tens of them at a time.
+template <typename Result>
+std::vector<Result> InParallel(size_t count, const std::function<Result(size_t)>& run) {
+#ifdef BTHAL_SANITIZED
+  constexpr size_t kAtOnce = 8;
+#else
+  constexpr size_t kAtOnce = 24;
+#endif
+  std::vector<Result> results(count);
+  std::atomic<size_t> next{0};
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < std::min(kAtOnce, count); ++i) {
+    threads.emplace_back([&] {
+      for (size_t row; (row = next++) < count;) results[row] = run(row);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  return results;
+}
+
+}  // namespace test

@@ -1,0 +1,83 @@
+#include "system/wire_vectors.h"
+
+#include <map>
+#include <sstream>
+#include <stdexcept>
+
+#include "support/temp_dir.h"
+
+namespace test {
+namespace {
+
+// Lines without comments; a line that ends with a backslash goes on in the next one.
+std::vector<std::string> LogicalLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  bool goes_on = false;
+  for (std::string line; std::getline(in, line);) {
+    line.erase(std::min(line.find('#'), line.size()));
+    if (!goes_on) lines.emplace_back();
+    goes_on = !line.empty() && line.back() == '\\';
+    if (goes_on) line.pop_back();
+    lines.back() += line;
+  }
+  return lines;
+}
+
+WireStep ParseStep(std::string word, const std::map<std::string, Bytes>& packets, int speed) {
+  WireStep step;
+  step.speed = speed;
+  if (const size_t at = word.find('?'); at != std::string::npos) {
+    step.status = ParseHex(word.substr(at + 1)).at(0);
+    word.erase(at);
+  }
+  if (word.back() == '!') {
+    step.awaited = false;
+    word.pop_back();
+  }
+  step.name = word;
+  step.packet = packets.at(word);
+  return step;
+}
+
+}  // namespace
+
+std::vector<WireVector> LoadWireVectors() {
+  std::map<std::string, Bytes> packets;
+  std::map<std::string, std::string> files;
+  std::vector<WireVector> vectors;
+  for (const std::string& line : LogicalLines(LoadData("bringup_wire.txt"))) {
+    std::istringstream in(line);
+    std::string kind, name, word;
+    if (!(in >> kind >> name)) continue;
+    if (kind == "packet") {
+      std::getline(in, word);
+      packets[name] = ParseHex(word);
+    } else if (kind == "file") {
+      std::string& content = files[name];
+      while (in >> word) content.append(packets.at(word).begin() + 1, packets.at(word).end());
+    } else if (kind == "bringup") {
+      WireVector vector;
+      vector.chip = ParseHex(name).at(0);
+      std::string fast, file, colon;
+      in >> fast >> file >> colon;
+      vector.name = name + " " + fast + " " + file;
+      vector.fast_download = fast == "on";
+      vector.patch_file = files.at(file);
+      for (int speed = 0; in >> word;) {
+        if (word[0] == '@') {
+          speed = std::stoi(word.substr(1));
+        } else {
+          vector.steps.push_back(ParseStep(word, packets, speed));
+        }
+      }
+      vectors.push_back(vector);
+    } else {
+      throw std::runtime_error("not a vector: " + line);
+    }
+  }
+  if (vectors.empty()) throw std::runtime_error("no bring-ups");
+  return vectors;
+}
+
+}  // namespace test
