@@ -56,8 +56,9 @@ bool IsInitialized();
 // Appends the transport's own debug files to fd.
 bool GetTlDebugDump(int fd, const std::string& first, const std::string& second);
 
-// A fatal error of the stream: shuts the controller down and closes the port. On the UART the
-// error is not reported and the flow control stays until the next Deinitialize().
+// A fatal error of the stream: shuts the controller down. On the co-processor path the error is
+// reported, which ends the process. On the UART it is not: the port is closed, and the flow control
+// stays until the next Deinitialize().
 void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason);
 
 }  // namespace android::hardware::bluetooth::hci::shim

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <android-base/thread_annotations.h>
+#include <qvr/qvr_client.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "../hci_packet.h"
+#include "../uart_baud_rate.h"
+
+namespace android::hardware::bluetooth::hci {
+
+// The transport of handsets whose controller hangs on a low-power co-processor: packets and
+// control requests travel as messages to the co-processor's message server, and packets come
+// back the same way. One instance, used through the transport shim. Any thread.
+class QvrHelper {
+ public:
+  static QvrHelper& Get();
+
+  // Connects, trying for about a second; a failure is reported and ends the process.
+  bool PrepareQvrTransport() EXCLUDES(lock_);
+  // Releases the connection.
+  void Deinitialize() EXCLUDES(lock_);
+
+  // Connects and disconnects the receivers, which run on the thread "BtMsgHandler".
+  void InitializeCallback(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
+                          const PacketReceiver& sco_cb, const PacketReceiver& iso_cb)
+      EXCLUDES(lock_);
+  void DeinitializeCallback() EXCLUDES(lock_);
+
+  // Sends one packet. flag: it is a flow-controlled command. Returns length, or 0 after an error,
+  // which has been reported.
+  size_t SendHciToQvr(uint8_t type, const uint8_t* data, size_t length, bool flag) EXCLUDES(lock_);
+
+  // Control requests, each answered within 800 ms or failed with one error line.
+  bool PowerControl(bool on) EXCLUDES(lock_);
+  bool LpmEnable(bool enable) EXCLUDES(lock_);
+  void BaudrateChange(UartBaudRate rate) EXCLUDES(lock_);
+  bool GetChreDebugDump() EXCLUDES(lock_);
+
+  // Marks the transport open or closed, as long as it is connected.
+  bool UserialOpen(bool open) EXCLUDES(lock_);
+  bool IsTransportOpen() const { return transport_open_; }
+  bool IsLpmEnabled() const { return lpm_enabled_; }
+
+ private:
+  struct Receivers;
+
+  QvrHelper() = default;
+
+  bool InitQvrTransport() EXCLUDES(lock_);
+  // Step by step; on failure the text to show.
+  bool ConnectTransport(std::string* failure) EXCLUDES(lock_);
+  bool Control(const char* operation, std::vector<uint8_t> payload, const char* failure_format)
+      EXCLUDES(lock_);
+  qvr::Request MakeRequest(int32_t message_type, std::vector<uint8_t> payload) const;
+  // Null until connected.
+  std::shared_ptr<qvr::TransportClient> client() EXCLUDES(lock_);
+  void qvr_message_handler(const std::shared_ptr<Receivers>& receivers, qvr::Worker* worker,
+                           const uint8_t* table, size_t size);
+  void handle_qvr_connection_event();
+
+  std::mutex lock_;  // a leaf
+  std::shared_ptr<qvr::TransportClient> client_ GUARDED_BY(lock_);
+  std::shared_ptr<qvr::Worker> worker_ GUARDED_BY(lock_);
+  std::atomic<uint32_t> server_id_{0};
+  std::atomic<bool> transport_open_{false};
+  std::atomic<bool> lpm_enabled_{false};
+};
+
+}  // namespace android::hardware::bluetooth::hci
