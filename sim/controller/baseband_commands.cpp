@@ -34,7 +34,6 @@ constexpr Setting kSettings[] = {
     {0x0C45, 0x0C44, 1, 0},           // inquiry mode
     {0x0C47, 0x0C46, 1, 0},           // page scan type
     {0x0C49, 0x0C48, 1, 0},           // AFH channel assessment
-    {0x0C3F, 0, 10, 0},               // AFH host channel classification
     {0x0C52, 0x0C51, 241, 0},         // extended inquiry response
     {0x0C56, 0x0C55, 1, 0},           // simple pairing
     {0x0C59, 0x0C58, 1, 0},           // inquiry transmit power

@@ -13,6 +13,8 @@ using Api = LeState::Api;
 constexpr uint16_t kFirstHandle = 0x0040;
 constexpr size_t kMostConnections = 8;
 constexpr auto kAirTime = std::chrono::milliseconds(5);  // until a peer has answered
+constexpr size_t kConnectBytes = 34;                     // CONNECT_IND
+constexpr auto kIntervalUnit = std::chrono::microseconds(1250);
 constexpr uint8_t kCore53 = 0x0C;
 constexpr uint16_t kNoCompany = 0xFFFF;
 constexpr uint64_t kPeerFeatures = 0x01 | 0x20;  // encryption, data length
@@ -100,11 +102,14 @@ void ConnectionCommands::Establish(const Advertiser& advertiser) {
   while (connections_.count(handle) > 0) ++handle;
   Connection& connection = connections_[handle];
   connection.advertiser = &advertiser;
+  connection.interval = wanted_->interval;
   connection.peer = MakePeer(
       advertiser.peer, context_.loop,
       {[this, handle](bool first, ByteView fragment) { SendToHost(handle, first, fragment); },
        [&connection] { return size_t{connection.tx_octets}; }});
   le_.connected.insert(advertiser.address);
+  context_.activity.Transmit(kConnectBytes);
+  ccc_.OnLinkLayer(advertiser.address, CccCommands::kConnectInd, CccCommands::kTx, 0);
   ReportConnection(status::kSuccess, handle, &advertiser);
   context_.out.LeEvent(Packet{le_event::kChannelSelection}.U16(handle).U8(1));
 }
@@ -135,6 +140,11 @@ uint8_t ConnectionCommands::Disconnect(uint16_t handle) {
     context_.out.Event(event::kDisconnectionComplete,
                        Packet{status::kSuccess}.U16(handle).U8(status::kTerminatedByHost));
   });
+}
+
+uint16_t ConnectionCommands::Connection::EventCounter() const {
+  const auto elapsed = EventLoop::Clock::now() - since;
+  return static_cast<uint16_t>(elapsed / (kIntervalUnit * std::max<int>(interval, 1)));
 }
 
 ConnectionCommands::Connection* ConnectionCommands::Find(uint16_t handle) {
@@ -170,7 +180,9 @@ void ConnectionCommands::RegisterProcedures(CommandTable* table) {
   table->Status(0x2013, 14, [this](ByteView p) {  // connection update
     const uint16_t handle = p.U16(0);
     const Packet parameters = Packet().U16(p.U16(4)).U16(p.U16(6)).U16(p.U16(8));
-    return Later(handle, [this, handle, parameters] {
+    const uint16_t interval = p.U16(4);
+    return Later(handle, [this, handle, interval, parameters] {
+      Find(handle)->interval = interval;
       context_.out.LeEvent(
           Packet{le_event::kConnectionUpdate, status::kSuccess}.U16(handle).Raw(parameters));
     });
@@ -185,6 +197,9 @@ void ConnectionCommands::RegisterProcedures(CommandTable* table) {
   table->Status(0x2032, 7, [this](ByteView p) {  // PHY: the peers know 1M only
     const uint16_t handle = p.U16(0);
     return Later(handle, [this, handle] {
+      const Connection& connection = *Find(handle);
+      ccc_.OnLinkLayer(connection.advertiser->address, CccCommands::kPhyUpdateInd, CccCommands::kTx,
+                       connection.EventCounter());
       context_.out.LeEvent(
           Packet{le_event::kPhyUpdate, status::kSuccess}.U16(handle).U8(kPhy1M).U8(kPhy1M));
     });
@@ -234,6 +249,7 @@ void ConnectionCommands::RegisterParameters(CommandTable* table) {
 void ConnectionCommands::SendToHost(uint16_t handle, bool first, ByteView fragment) {
   constexpr unsigned kFirst = 0x2000;  // packet boundary flags
   constexpr unsigned kContinuing = 0x1000;
+  context_.activity.Receive(fragment.size());
   flow_.SendAcl(Packet()
                     .U16(handle | (first ? kFirst : kContinuing))
                     .U16(static_cast<unsigned>(fragment.size()))
@@ -249,6 +265,7 @@ void ConnectionCommands::OnAcl(ByteView packet) {
     return;
   }
   if (flow_.Take(DataFlow::Buffer::kLeAcl, handle)) {
+    context_.activity.Transmit(packet.From(4).size());
     connection->peer->OnFragment(!continuing, packet.From(4));
   }
 }

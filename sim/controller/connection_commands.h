@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 
+#include "sim/controller/ccc_commands.h"
 #include "sim/controller/command_group.h"
 #include "sim/controller/data_flow.h"
 #include "sim/controller/le_state.h"
@@ -15,8 +16,8 @@ namespace zvk {
 // LE connections to the peers in the air: making and ending them, their parameters, their data.
 class ConnectionCommands : public CommandGroup {
  public:
-  ConnectionCommands(Context& context, LeState& le, DataFlow& flow)
-      : CommandGroup(context), le_(le), flow_(flow) {}
+  ConnectionCommands(Context& context, LeState& le, DataFlow& flow, CccCommands& ccc)
+      : CommandGroup(context), le_(le), flow_(flow), ccc_(ccc) {}
   ~ConnectionCommands() override { ConnectionCommands::Reset(); }
   void Register(CommandTable* table) override;
   void Reset() override;
@@ -29,6 +30,11 @@ class ConnectionCommands : public CommandGroup {
     const Advertiser* advertiser;
     std::unique_ptr<Peer> peer;
     uint16_t tx_octets = 27;  // of a fragment towards the host
+    EventLoop::Time since = EventLoop::Clock::now();
+    uint16_t interval = 0;  // in units of 1.25 ms
+
+    // Of its connection events, the number of the last.
+    uint16_t EventCounter() const;
   };
   struct Wanted {
     std::optional<std::pair<uint8_t, Address>> peer;  // none: anybody on the accept list
@@ -56,6 +62,7 @@ class ConnectionCommands : public CommandGroup {
 
   LeState& le_;
   DataFlow& flow_;
+  CccCommands& ccc_;
   std::map<uint16_t, Connection> connections_;  // by handle
   std::optional<Wanted> wanted_;                // a connection is being made
   EventLoop::TimerId making_ = EventLoop::kNoTimer;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sim/base/event_loop.h"
+#include "sim/controller/activity_counters.h"
 #include "sim/controller/chip.h"
 #include "sim/controller/hci_out.h"
 
@@ -20,6 +21,8 @@ struct BoardPort {
   std::function<void(uint32_t bits_per_second)> set_speed;
   // Starts the loaded firmware once everything sent so far is out. The controller is destroyed.
   std::function<void(const std::string& firmware_name)> launch;
+  // The time-sync line toggles; returns when the kernel has seen it.
+  std::function<EventLoop::Time()> toggle_time_sync;
 };
 
 // What every group of commands works with. Owned by the controller, outlives its groups.
@@ -29,6 +32,7 @@ struct Context {
   BoardPort& board;
   ChipState& chip;
   HciOut& out;
+  ActivityCounters& activity;
   // Runs right after the answer to the command that is being run.
   std::function<void(std::function<void()>)> then;
 };

@@ -1,6 +1,7 @@
 #include "sim/controller/controller.h"
 
 #include "sim/base/log.h"
+#include "sim/controller/activity_commands.h"
 #include "sim/controller/advertising_commands.h"
 #include "sim/controller/baseband_commands.h"
 #include "sim/controller/data_flow_commands.h"
@@ -25,16 +26,22 @@ Controller::Controller(EventLoop& loop, std::mt19937& random, BoardPort board,
     : board_(std::move(board)),
       chip_(chip),
       out_(board_.send),
-      context_{
-          loop,   random,
-          board_, chip_,
-          out_,   [this](std::function<void()> run) {
-                 after_answer_.push_back(std::move(run)); }},
+      context_{loop,
+               random,
+               board_,
+               chip_,
+               out_,
+               activity_,
+               [this](std::function<void()> run) { after_answer_.push_back(std::move(run)); }},
       flow_(out_),
       bring_up_(Add<BringUpCommands>()),
       debug_(Add<DebugCommands>()),
-      connections_(Add<ConnectionCommands>(le_, flow_)),
+      ccc_(Add<CccCommands>()),
+      ewp_(Add<EwpCommands>()),
+      radio_limits_(Add<RadioLimitCommands>()),
+      connections_(Add<ConnectionCommands>(le_, flow_, *ccc_)),
       loopback_(Add<LoopbackCommands>(flow_)) {
+  Add<ActivityCommands>();
   Add<BasebandCommands>([this] { Reset(); });
   Add<InfoCommands>();
   Add<DataFlowCommands>(flow_);

@@ -4,14 +4,17 @@
 #include <vector>
 
 #include "sim/controller/bring_up_commands.h"
+#include "sim/controller/ccc_commands.h"
 #include "sim/controller/command_group.h"
 #include "sim/controller/command_table.h"
 #include "sim/controller/connection_commands.h"
 #include "sim/controller/context.h"
 #include "sim/controller/data_flow.h"
 #include "sim/controller/debug_commands.h"
+#include "sim/controller/ewp_commands.h"
 #include "sim/controller/le_state.h"
 #include "sim/controller/loopback_commands.h"
+#include "sim/controller/radio_limit_commands.h"
 
 namespace zvk {
 
@@ -33,7 +36,11 @@ class Controller {
 
   const ChipState& chip() const { return chip_; }
   HciOut& out() { return out_; }
+  ActivityCounters& activity() { return activity_; }
   DebugCommands& debug() { return *debug_; }
+  CccCommands& ccc() { return *ccc_; }
+  EwpCommands& ewp() { return *ewp_; }
+  const RadioLimitCommands& radio_limits() const { return *radio_limits_; }
 
  private:
   void Run(uint16_t opcode, ByteView params);
@@ -46,6 +53,7 @@ class Controller {
   BoardPort board_;
   ChipState chip_;
   HciOut out_;
+  ActivityCounters activity_;
   std::vector<std::function<void()>> after_answer_;
   Context context_;
   DataFlow flow_;
@@ -55,6 +63,9 @@ class Controller {
   // Owned by groups_.
   BringUpCommands* bring_up_;
   DebugCommands* debug_;
+  CccCommands* ccc_;
+  EwpCommands* ewp_;
+  RadioLimitCommands* radio_limits_;
   ConnectionCommands* connections_;
   LoopbackCommands* loopback_;
 };

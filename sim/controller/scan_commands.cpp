@@ -9,6 +9,7 @@ using Api = LeState::Api;
 
 constexpr int kMaxDelayMs = 10;  // random part of every advertising interval
 constexpr auto kDurationUnit = std::chrono::milliseconds(10);
+constexpr auto kIntervalUnit = std::chrono::microseconds(625);
 constexpr uint8_t kScanTimeout = 0x11;
 
 // Legacy report: ADV_IND, ADV_SCAN_IND, ADV_NONCONN_IND, SCAN_RSP.
@@ -39,6 +40,7 @@ void ScanCommands::Register(CommandTable* table) {
 void ScanCommands::Reset() {
   Stop();
   active_ = false;
+  interval_ = window_ = kDefaultInterval;
   accept_list_only_ = false;
 }
 
@@ -47,6 +49,8 @@ Packet ScanCommands::SetParameters(Api api, ByteView params) {
   if (api == Api::kLegacy) {
     if (params[0] > 1) return {status::kInvalidParameters};
     active_ = params[0] == 1;
+    interval_ = params.U16(1);
+    window_ = params.U16(3);
     accept_list_only_ = (params[6] & 1) != 0;
     return {status::kSuccess};
   }
@@ -54,6 +58,8 @@ Packet ScanCommands::SetParameters(Api api, ByteView params) {
   for (unsigned bits = params[2]; bits != 0; bits >>= 1) phys += bits & 1;
   if (phys == 0 || params.size() != 3 + 5 * phys) return {status::kInvalidParameters};
   active_ = params[3] == 1;
+  interval_ = params.U16(4);
+  window_ = params.U16(6);
   accept_list_only_ = (params[1] & 1) != 0;
   return {status::kSuccess};
 }
@@ -71,6 +77,7 @@ Packet ScanCommands::Enable(Api api, ByteView params) {
 
 void ScanCommands::Start(EventLoop::Duration duration) {
   scanning_ = true;
+  context_.activity.StartScan(interval_ * kIntervalUnit, window_ * kIntervalUnit);
   for (const Advertiser& advertiser : World()) AdvertiseLater(advertiser);
   if (duration == EventLoop::Duration::zero()) return;
   end_ = context_.loop.After(duration, [this] {
@@ -80,6 +87,7 @@ void ScanCommands::Start(EventLoop::Duration duration) {
 }
 
 void ScanCommands::Stop() {
+  if (scanning_) context_.activity.StopScan();
   scanning_ = false;
   for (auto& [address, timer] : timers_) context_.loop.Cancel(&timer);
   timers_.clear();

@@ -28,6 +28,10 @@ class ScanCommands : public CommandGroup {
   void Report(const Advertiser& advertiser, bool scan_response);
 
   LeState& le_;
+  // Of the receiver, in units of 0.625 ms.
+  static constexpr uint16_t kDefaultInterval = 16;
+  uint16_t interval_ = kDefaultInterval;
+  uint16_t window_ = kDefaultInterval;
   bool active_ = false;
   bool accept_list_only_ = false;
   bool filter_duplicates_ = false;

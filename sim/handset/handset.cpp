@@ -132,6 +132,12 @@ void Handset::StartController(const ChipState& chip) {
   board.launch = [this](const std::string& name) {
     uart_.AfterSent([this, name] { LaunchFirmware(name); });
   };
+  board.toggle_time_sync = [this] {
+    const EventLoop::Time now = EventLoop::Clock::now();
+    time_sync_.Record(static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch()).count()));
+    return now;
+  };
   ++status_.starts;
   controller_ = std::make_unique<Controller>(loop_, random_, board, chip);
   status_.listening = true;
@@ -296,9 +302,19 @@ void Handset::WriteStatus() {
   status_.lpm_enabled = lpm_enabled_;
   status_.awake = Awake();
   status_.address.clear();
+  status_.extensions = {};
   if (controller_) {
     const ChipState& chip = controller_->chip();
     status_.address = AddressText(chip.provisioned.value_or(chip.address));
+    const RadioLimitCommands& limits = controller_->radio_limits();
+    status_.extensions = {Hex(limits.channel_map()),
+                          limits.cap_format(),
+                          Hex(limits.caps()),
+                          controller_->ewp().interval(),
+                          {}};
+    for (const auto& [address, events] : controller_->ccc().registered()) {
+      status_.extensions.ccc[AddressText(address)] = Hex(Bytes(events.begin(), events.end()));
+    }
   }
   status_.bytes_from_host = uart_.received();
   status_.bytes_to_host = uart_.sent();

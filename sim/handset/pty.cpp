@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -91,6 +92,11 @@ uint32_t Pty::Speed() const {
     if (speed.code == code) return speed.bits_per_second;
   }
   return 0;
+}
+
+size_t Pty::Unread() const {
+  int count = 0;
+  return ioctl(slave_.get(), FIONREAD, &count) == 0 ? static_cast<size_t>(count) : 0;
 }
 
 void Pty::DropUnread() { tcflush(slave_.get(), TCIFLUSH); }

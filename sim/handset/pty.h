@@ -28,7 +28,9 @@ class Pty {
   void SetReadsImmediate();
   // The line speed that the other side has set, bit/s; 0 when it is none that is known here.
   uint32_t Speed() const;
-  // Drops what the other side has not read yet.
+  // Bytes that the other side has not read yet.
+  size_t Unread() const;
+  // Drops them.
   void DropUnread();
 
  private:

@@ -54,6 +54,13 @@ std::string StatusJson(const Status& status,
   json.Add("lpm_enabled", status.lpm_enabled);
   json.Add("awake", status.awake);
   json.Add("address", status.address);
+  json.Add("channel_map", status.extensions.channel_map);
+  json.Add("sar_format", status.extensions.sar_format);
+  json.Add("sar_caps", status.extensions.sar_caps);
+  json.Add("ewp_interval", status.extensions.ewp_interval);
+  Object ccc;
+  for (const auto& [address, events] : status.extensions.ccc) ccc.Add(address, events);
+  json.Raw("ccc", ccc.Text());
   json.Add("bytes_from_host", status.bytes_from_host);
   json.Add("bytes_to_host", status.bytes_to_host);
   json.Add("bytes_lost_asleep", status.bytes_lost_asleep);

@@ -8,6 +8,15 @@
 
 namespace zvk {
 
+// What the host has set by vendor commands.
+struct ExtensionStatus {
+  std::string channel_map;  // ten bytes in hexadecimal
+  uint64_t sar_format = 0;  // 0: no caps
+  std::string sar_caps;     // twelve bytes in hexadecimal, or none
+  uint64_t ewp_interval = 0;
+  std::map<std::string, std::string> ccc;  // numbers of events by address
+};
+
 // What the simulator tells of itself in ROOT/run/zvksim/status, as JSON.
 struct Status {
   bool powered = false;
@@ -20,6 +29,7 @@ struct Status {
   bool lpm_enabled = false;
   bool awake = true;
   std::string address;
+  ExtensionStatus extensions;
   uint64_t bytes_from_host = 0;
   uint64_t bytes_to_host = 0;
   uint64_t bytes_lost_asleep = 0;

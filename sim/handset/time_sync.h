@@ -7,7 +7,8 @@
 
 namespace zvk {
 
-// /proc/bluetooth/timesync: one recorded time a read, nothing when none is left.
+// /proc/bluetooth/timesync: one recorded time a read, nothing when none is left. Times that come
+// while 128 are unread are lost.
 class TimeSync {
  public:
   explicit TimeSync(const std::string& link) : pty_(link) { pty_.SetReadsImmediate(); }

@@ -65,6 +65,13 @@ struct Action {
     kDebugInfo,
     kSocDump,
     kChreDump,
+    kQuality,
+    kLatencyTrace,
+    kLinkLayer,
+    kToggle,
+    kEwp,
+    kEwpIso,
+    kActivity,
   };
   Kind kind;
   uint32_t number = 0;
