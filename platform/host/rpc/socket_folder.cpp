@@ -138,9 +138,11 @@ bool SocketFolder::WaitUntil(steady_clock::time_point deadline, const std::funct
     const unique_fd changes(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (changes.get() < 0) PLOG(ERROR) << "inotify_init1";
     // Watch first, ask then: nothing is missed.
-    inotify_add_watch(changes.get(), NearestFolder().c_str(),
+    const std::string watched = NearestFolder();
+    inotify_add_watch(changes.get(), watched.c_str(),
                       IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_ATTRIB);
     if (done()) return true;
+    if (NearestFolder() != watched) continue;  // it was made before the watch was
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now()).count();
     pollfd changed{changes.get(), POLLIN, 0};
