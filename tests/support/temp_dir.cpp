@@ -1,5 +1,7 @@
 #include "support/temp_dir.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -8,7 +10,17 @@
 
 namespace test {
 
-TempDir::TempDir() : path_((std::filesystem::temp_directory_path() / "bthal-XXXXXX").string()) {
+namespace {
+
+std::filesystem::path Parent(TempDir::Where where) {
+  const char* memory = "/dev/shm";
+  const bool in_memory = where == TempDir::Where::kInMemory && access(memory, W_OK) == 0;
+  return in_memory ? memory : std::filesystem::temp_directory_path();
+}
+
+}  // namespace
+
+TempDir::TempDir(Where where) : path_((Parent(where) / "bthal-XXXXXX").string()) {
   if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp " + path_);
 }
 

@@ -7,7 +7,10 @@ namespace test {
 // A folder of its own for a test, gone with it.
 class TempDir {
  public:
-  TempDir();
+  // In memory: for what is timed, and must not wait for a disk that others keep busy.
+  enum class Where { kOnDisk, kInMemory };
+
+  explicit TempDir(Where where = Where::kOnDisk);
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;

@@ -27,7 +27,15 @@ std::vector<std::string> ContentsOf(const std::string& folder) {
 
 }  // namespace
 
-Board::Board(Mode mode, const WireVector& vector) : chip_(vector.chip) {
+Bytes Completion(const WireVector& vector, const Bytes& command, uint8_t status) {
+  const int opcode = command[0] | command[1] << 8;
+  Bytes parameters;
+  if (opcode == kReadChipId) parameters = {vector.chip};
+  if (opcode == kReadLocalName) parameters = {'Z', 'V', 'K', 0};
+  return ScriptedController::Complete(command, status, parameters);
+}
+
+Board::Board(Mode mode, const WireVector& vector) {
   for (const char* folder : {"dev", "data/vendor/ssrdump/coredump", "sys/power"}) {
     std::filesystem::create_directories(Path(folder));
   }
@@ -50,19 +58,6 @@ Board::Board(Mode mode, const WireVector& vector) : chip_(vector.chip) {
 
 void Board::Play(ScriptedController::Script script) {
   controller_ = std::make_unique<ScriptedController>(pty_, std::move(script));
-}
-
-Bytes Board::Answer(const Bytes& command, uint8_t status) const {
-  const int opcode = command[0] | command[1] << 8;
-  Bytes parameters;
-  if (opcode == kReadChipId) parameters = {chip_};
-  if (opcode == kReadLocalName) parameters = {'Z', 'V', 'K', 0};
-  return ScriptedController::Complete(command, status, parameters);
-}
-
-Bytes Board::StopPlaying() {
-  const Bytes unfinished = controller_->Stop();
-  return Concat(unfinished, pty_.TakeWritten());
 }
 
 void Board::StartService(const std::vector<std::string>& prefix) {

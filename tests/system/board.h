@@ -15,6 +15,9 @@
 
 namespace test {
 
+// The completion of a command as the vector's controller sends it, or with another status.
+Bytes Completion(const WireVector& vector, const Bytes& command, uint8_t status = 0);
+
 // A handset whose controller is the test's own script at the far end of a pty: a root folder with
 // plain files for what the kernel has, and the service and a stack on it as processes.
 class Board {
@@ -24,11 +27,9 @@ class Board {
 
   // The controller's side. script sees the packets in the order of their arrival.
   void Play(ScriptedController::Script script);
-  // Answers a command as the vector's controller does, or with another status.
-  Bytes Answer(const Bytes& command, uint8_t status = 0) const;
   std::vector<Bytes> Commands() { return controller_->Commands(); }
-  // Stops playing; what the host has written that is no command of Commands().
-  Bytes StopPlaying();
+  // Returns what of an unfinished packet has arrived by then.
+  Bytes StopPlaying() { return controller_->Stop(); }
   Pty& pty() { return pty_; }
 
   // prefix comes before the service's own command.
@@ -47,8 +48,7 @@ class Board {
   std::vector<std::string> Tombstones() const;
 
  private:
-  const uint8_t chip_;
-  TempDir folder_;
+  TempDir folder_{TempDir::Where::kInMemory};
   Pty pty_;
   std::unique_ptr<ScriptedController> controller_;
   std::unique_ptr<ChildProcess> service_;

@@ -41,13 +41,14 @@ WireRun BringUp(const WireVector& vector) {
     // Long enough for a host that does not wait to give itself away.
     pollfd more{board.pty().master(), POLLIN, 0};
     if (poll(&more, 1, 20) != 0) run.unasked += "after " + ToHex(command) + "\n";
-    return board.Answer(command, step.status);
+    return Completion(vector, command, step.status);
   });
   board.StartService();
   board.StartStack();
   board.stack()->WaitForOutput("initialize ", kDeadline);
   board.service().WaitForOutput("Enable Bluetooth HAL Extensions", kDeadline);
-  const Bytes rest = board.StopPlaying();
+  const Bytes unfinished = board.StopPlaying();
+  const Bytes rest = Concat(unfinished, board.pty().TakeWritten());
   if (!rest.empty()) run.lines += "and " + ToHex(rest) + "\n";
   run.stack = board.StackOutput();
   run.log = board.Log();
