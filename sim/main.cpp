@@ -108,6 +108,8 @@ int main(int argc, char** argv) {
   app.add_option("--chunk", handset.chunk, "bytes that the serial line delivers in one write")
       ->check(CLI::PositiveNumber);
   app.add_flag("--pace", handset.pace, "move bytes at line speed");
+  app.add_flag("--co-processor", handset.root.co_processor,
+               "the serial line belongs to a low-power co-processor, which the host talks to");
   app.add_option("--firmware-size", handset.root.firmware_bytes,
                  "bytes of the firmware images made in a new root folder")
       ->check(CLI::Range(1, 64 * 1024 * 1024));

@@ -22,6 +22,7 @@ void HciOut::SendEvent(uint8_t code, ByteView params) {
 void HciOut::Answer(uint8_t code, const Packet& params) {
   const AnswerChange change = change_.value_or(AnswerChange{});
   change_.reset();
+  if (change.lost) return;
   for (int i = 0; i < (change.twice ? 2 : 1); ++i) {
     if (change.truncated) {
       const Packet whole =

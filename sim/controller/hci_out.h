@@ -18,6 +18,7 @@ struct AnswerChange {
   std::optional<uint8_t> event_status;  // Command Status with it instead of Command Complete
   bool truncated = false;               // the last byte is missing, the length byte unchanged
   bool twice = false;
+  bool lost = false;  // it is not sent
 };
 
 // The controller's way to the host: builds events, keeps to the event masks that the host has set.

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "sim/base/log.h"
+#include "sim/co_processor/co_actions.h"
 #include "sim/controller/event_codes.h"
 #include "sim/handset/controller_actions.h"
 
@@ -11,6 +12,9 @@ namespace {
 
 constexpr auto kWarmUp = std::chrono::milliseconds(200);
 constexpr auto kStatusPeriod = std::chrono::milliseconds(20);
+// The controller's line while the co-processor has its other end.
+constexpr char kCoProcessorLine[] = "run/zvksim/line";
+constexpr size_t kCoProcessorDumpBytes = 4096;
 constexpr size_t kLineBacklog = 1048576;  // bytes that wait for the host; more are dropped
 
 // The address of a controller that nobody has given one.
@@ -38,12 +42,7 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
           [this](PacketType type, ByteView packet) { OnHostPacket(type, packet); },
           [this](uint8_t bad) { OnLostSync(bad); }),
       uart_(
-          loop, random_, {root_ / "dev/ttySAC16", options.chunk, options.pace},
-          [this] {
-            rfkill_.Drain();
-            lpm_.Drain();
-            btwrite_.Drain();
-          },
+          loop, random_, LineOptions(options), [this] { DrainFiles(); },
           [this](ByteView bytes) { OnHostBytes(bytes); }),
       line_(loop, uart_),
       rfkill_(loop, root_ / "sys/class/rfkill/rfkill0/state",
@@ -63,6 +62,10 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
       coex_(loop, root_ / "dev/wbrc"),
       time_sync_(root_ / "proc/bluetooth/timesync"),
       scenario_(loop, options.scenario, [this](const Action& action) { Act(action); }) {
+  if (options.root.co_processor) {
+    co_processor_ = std::make_unique<CoProcessor>(loop_, root_ / "run/qvr/transport",
+                                                  root_ / kCoProcessorLine, CoProcessorBoard());
+  }
   if (!options.radio.empty()) {
     radio_ = std::make_unique<RadioBridge>(
         loop_, options.radio,
@@ -76,6 +79,32 @@ Handset::~Handset() {
   loop_.SetIdle(nullptr);
   loop_.Cancel(&status_timer_);
   loop_.Cancel(&warm_up_timer_);
+}
+
+Uart::Options Handset::LineOptions(const HandsetOptions& options) {
+  Uart::Options line{root_ / "dev/ttySAC16", options.chunk, options.pace, nullptr};
+  if (options.root.co_processor) {
+    line.link = root_ / kCoProcessorLine;
+    line.host_speed = [this] { return co_processor_ ? co_processor_->line_speed() : 0; };
+  }
+  return line;
+}
+
+CoProcessor::Board Handset::CoProcessorBoard() {
+  CoProcessor::Board board;
+  board.before_request = [this] { DrainFiles(); };
+  board.on_request = [this](CoRequest request) { return scenario_.OnRequest(request); };
+  board.dump = [this] {
+    if (controller_) controller_->debug().ChreDump(kCoProcessorDumpBytes);
+  };
+  board.note = [this](const std::string& text) { trace_.Note(text); };
+  return board;
+}
+
+void Handset::DrainFiles() {
+  rfkill_.Drain();
+  lpm_.Drain();
+  btwrite_.Drain();
 }
 
 bool Handset::Awake() const { return !status_.sleep_mode || !lpm_enabled_ || wake_asserted_; }
@@ -259,6 +288,7 @@ void Handset::Act(const Action& action) {
       break;
     default:
       if (controller_) ActOnController(action, *controller_);
+      if (co_processor_) ActOnCoProcessor(action, random_, *co_processor_);
   }
 }
 
@@ -316,6 +346,7 @@ void Handset::WriteStatus() {
       status_.extensions.ccc[AddressText(address)] = Hex(Bytes(events.begin(), events.end()));
     }
   }
+  if (co_processor_) status_.co_processor = co_processor_->state();
   status_.bytes_from_host = uart_.received();
   status_.bytes_to_host = uart_.sent();
   status_.coex_acknowledged = coex_.acknowledged();

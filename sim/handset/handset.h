@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sim/base/event_loop.h"
+#include "sim/co_processor/co_processor.h"
 #include "sim/controller/controller.h"
 #include "sim/controller/framer.h"
 #include "sim/handset/coex_device.h"
@@ -53,6 +54,9 @@ class Handset {
   void SendToHost(PacketType type, ByteView packet);
   ChipState Chip(bool patched, const std::string& local_name) const;
   void PowerOn();
+  Uart::Options LineOptions(const HandsetOptions& options);
+  CoProcessor::Board CoProcessorBoard();
+  void DrainFiles();
   void StartController(const ChipState& chip);
   void StopController();
   void BrownOut();
@@ -87,6 +91,7 @@ class Handset {
   CoexDevice coex_;
   TimeSync time_sync_;
   ScenarioRunner scenario_;
+  std::unique_ptr<CoProcessor> co_processor_;  // null when the host has the line
 };
 
 }  // namespace zvk

@@ -28,12 +28,17 @@ constexpr const char* kFolders[] = {
     "data/vendor/ssrdump/coredump",
     "data/tombstones",
     "data/property",
+    "run/qvr",
     "run/zvksim",
 };
 
 constexpr char kConfig[] =
     "# Settings of the Bluetooth service on this handset.\n"
     "UartPort = /dev/ttySAC16\n";
+
+constexpr char kCoProcessorConfig[] =
+    "# Settings of the Bluetooth service on this handset: 2 is the co-processor.\n"
+    "UserialType = 2\n";
 
 constexpr char kProperties[] =
     "# Properties of this handset's build.\n"
@@ -57,7 +62,8 @@ RootFolder::RootFolder(const Options& options, const ChipPreset& chip) {
                 (options.seed >> 8) & 0xFF, options.seed & 0xFF);
   WriteNew("proc/device-tree/chosen/config/bt_addr", address);
   WriteNew("sys/class/rfkill/rfkill0/type", "bluetooth\n");
-  WriteNew("vendor/etc/bluetooth/bt_vendor.conf", kConfig);
+  WriteNew("vendor/etc/bluetooth/bt_vendor.conf",
+           options.co_processor ? kCoProcessorConfig : kConfig);
   WriteNew("vendor/build.prop", kProperties);
   WriteNew("dev/logbuffer_tty16", "ttySAC16: simulated serial line\n");
   WriteNew("dev/logbuffer_btlpm", "btlpm: simulated low-power driver\n");

@@ -16,6 +16,7 @@ class RootFolder {
     std::string path;
     uint32_t seed = 1;
     size_t firmware_bytes = 120000;
+    bool co_processor = false;  // the service's configuration says so
   };
 
   // Throws std::runtime_error with a one-line reason.

@@ -61,6 +61,19 @@ std::string StatusJson(const Status& status,
   Object ccc;
   for (const auto& [address, events] : status.extensions.ccc) ccc.Add(address, events);
   json.Raw("ccc", ccc.Text());
+  if (status.co_processor) {
+    const CoProcessor::State& state = *status.co_processor;
+    Object co_processor;
+    co_processor.Add("connected", state.connected);
+    co_processor.Add("connections", state.connections);
+    co_processor.Add("on", state.powered);
+    co_processor.Add("low_power", state.low_power);
+    co_processor.Add("line_baud", uint64_t{state.speed_baud});
+    Object requests;
+    for (const auto& [request, count] : state.requests) requests.Add(request, count);
+    co_processor.Raw("requests", requests.Text());
+    json.Raw("co_processor", co_processor.Text());
+  }
   json.Add("bytes_from_host", status.bytes_from_host);
   json.Add("bytes_to_host", status.bytes_to_host);
   json.Add("bytes_lost_asleep", status.bytes_lost_asleep);

@@ -2,8 +2,10 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
+#include "sim/co_processor/co_processor.h"
 #include "sim/handset/wake_locks.h"
 
 namespace zvk {
@@ -30,6 +32,7 @@ struct Status {
   bool awake = true;
   std::string address;
   ExtensionStatus extensions;
+  std::optional<CoProcessor::State> co_processor;
   uint64_t bytes_from_host = 0;
   uint64_t bytes_to_host = 0;
   uint64_t bytes_lost_asleep = 0;

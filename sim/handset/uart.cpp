@@ -87,7 +87,7 @@ bool Uart::ReadOnce(size_t limit) {
   const size_t count = pty_->Read(rx_.data(), std::min(limit, rx_.size()));
   if (count == 0) return false;
   received_ += count;
-  if (pty_->Speed() != speed_) Garble(rx_.data(), count);
+  if (!InStep()) Garble(rx_.data(), count);
   on_bytes_({rx_.data(), count});
   return true;
 }
@@ -128,6 +128,12 @@ void Uart::Pause(EventLoop::Duration pause) {
   marks_.push_back({sent_ + queued(), pause, nullptr});
 }
 
+// 6144000 is what the co-processor's clock makes of 6000000: near enough.
+bool Uart::InStep() const {
+  const uint32_t host = options_.host_speed ? options_.host_speed() : pty_->Speed();
+  return host == speed_ || (host == 6144000 && speed_ == 6000000);
+}
+
 void Uart::Garble(uint8_t* data, size_t size) {
   for (size_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(random_());
 }
@@ -152,7 +158,7 @@ void Uart::Flush() {
   bool noise = false;
   bool speed_known = false;
   while (RunMarks() && queued() > 0) {
-    if (!speed_known) noise = pty_->Speed() != speed_;
+    if (!speed_known) noise = !InStep();
     speed_known = marks_.empty();  // a mark may change the speed
     size_t count = std::min(queued(), options_.chunk);
     if (!marks_.empty()) count = std::min(count, static_cast<size_t>(marks_[0].position - sent_));

@@ -20,6 +20,8 @@ class Uart {
     std::string link;
     size_t chunk = SIZE_MAX;  // bytes in one write at most
     bool pace = false;        // bytes move at line speed
+    // Of the host's end, bit/s; empty: what it has set at the pseudo-terminal.
+    std::function<uint32_t()> host_speed;
   };
   // bytes live for the call.
   using OnBytes = std::function<void(ByteView bytes)>;
@@ -75,6 +77,7 @@ class Uart {
   void Read();
   bool RunMarks();
   void UpdateEvents();
+  bool InStep() const;
   void Garble(uint8_t* data, size_t size);
 
   EventLoop& loop_;

@@ -1,6 +1,7 @@
 #include "sim/scenario/scenario.h"
 
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 
@@ -9,26 +10,44 @@
 namespace zvk {
 namespace {
 
+constexpr const char* kRequestNames[] = {"find",  "packet", "power",  "low-power",
+                                         "speed", "dump",   "unknown"};
+
+std::map<std::string, uint32_t> Requests() {
+  std::map<std::string, uint32_t> requests;
+  for (uint32_t i = 0; i < static_cast<uint32_t>(CoRequest::kUnknown); ++i) {
+    requests[kRequestNames[i]] = i;
+  }
+  return requests;
+}
+
 Trigger ParseTrigger(Line& line) {
   Trigger trigger;
   const std::string word = line.Next("a trigger");
   if (word == "on" || word == "after") {
     trigger.kind = word == "on" ? Trigger::Kind::kCommand : Trigger::Kind::kAnswered;
     trigger.opcode = static_cast<uint16_t>(line.TakeNumber("an opcode", 0xFFFF));
+  } else if (word == "request") {
+    trigger.kind = Trigger::Kind::kRequest;
+    trigger.opcode = static_cast<uint16_t>(
+        line.TakeWord("a request (find, packet, power, low-power, speed, dump)", Requests()));
   } else if (word == "power") {
     trigger.kind = Trigger::Kind::kPower;
   } else if (word != "at") {
-    Line::Bad(word, "a trigger (on, after, at, power)");
+    Line::Bad(word, "a trigger (on, after, at, power, request)");
   }
   if (trigger.kind != Trigger::Kind::kStart) {
     trigger.and_later = line.Take("from");
     if (trigger.and_later || line.Take("nth")) trigger.nth = line.TakeNumber("a count", 1000000);
   }
-  if (word == "at" || (word != "on" && line.NextIsTime())) trigger.time = line.TakeTime();
+  if (word == "at" || (word != "on" && word != "request" && line.NextIsTime()))
+    trigger.time = line.TakeTime();
   return trigger;
 }
 
 }  // namespace
+
+std::string CoRequestName(CoRequest request) { return kRequestNames[static_cast<size_t>(request)]; }
 
 std::vector<Step> ParseScenario(const std::string& text, const std::string& name) {
   std::vector<Step> steps;
@@ -42,7 +61,9 @@ std::vector<Step> ParseScenario(const std::string& text, const std::string& name
       const Trigger trigger = ParseTrigger(line);
       const Action action = ParseAction(line);
       if (!line.Empty()) throw std::runtime_error("\"" + line.Next("") + "\" is too much");
-      if (action.ChangesAnswer() && trigger.kind != Trigger::Kind::kCommand) {
+      const bool fits = trigger.kind == Trigger::Kind::kCommand ||
+                        (trigger.kind == Trigger::Kind::kRequest && action.ChangesAnyAnswer());
+      if (action.ChangesAnswer() && !fits) {
         throw std::runtime_error("this action needs \"on OPCODE\"");
       }
       steps.push_back({trigger, action});

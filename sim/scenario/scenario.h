@@ -12,6 +12,11 @@ namespace zvk {
 
 using ScenarioTime = std::chrono::milliseconds;
 
+// What a host may ask the co-processor for. The control requests are in the order of their numbers.
+enum class CoRequest { kFind, kPacket, kPower, kLowPower, kSpeed, kDump, kUnknown };
+// As a scenario and the status file call it.
+std::string CoRequestName(CoRequest request);
+
 // When a step runs.
 struct Trigger {
   enum class Kind {
@@ -19,9 +24,10 @@ struct Trigger {
     kAnswered,  // time after a command was answered
     kStart,     // time after the simulator's start
     kPower,     // time after the controller was switched on
+    kRequest,   // a request arrives at the co-processor
   };
   Kind kind = Kind::kStart;
-  uint16_t opcode = 0;
+  uint16_t opcode = 0;  // or the number of the request
   // The count (of the command, or of power-ons) that is meant; 0 for every one.
   uint32_t nth = 0;
   bool and_later = false;  // the nth and all after it
@@ -34,10 +40,12 @@ struct Trigger {
 
 struct Action {
   enum class Kind {
-    // To the answer of the command that triggers it.
+    // To the answer of the command or the request that triggers it.
     kNoAnswer,
     kLate,
+    kLost,
     kStatus,
+    // To the answer of the command that triggers it.
     kWrongOpcode,
     kCredits,
     kAnswer,
@@ -60,6 +68,13 @@ struct Action {
     kSpeed,
     kWarmUp,
     kBrownOut,
+    // By the co-processor.
+    kCoAbsent,
+    kCoDisconnect,
+    kCoGarbage,
+    kCoTable,
+    kCoEvent,
+    kCoTruncated,
     // By the controller while it has power.
     kCrash,
     kDebugInfo,
@@ -80,6 +95,7 @@ struct Action {
   Bytes bytes;
 
   bool ChangesAnswer() const { return kind <= Kind::kTruncated; }
+  bool ChangesAnyAnswer() const { return kind <= Kind::kStatus; }
 };
 
 struct Step {

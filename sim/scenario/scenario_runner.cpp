@@ -33,14 +33,18 @@ void ScenarioRunner::OnAnswered(uint16_t opcode) {
 }
 
 CommandFault ScenarioRunner::OnCommand(uint16_t opcode) {
+  return FaultOf(Trigger::Kind::kCommand, opcode, ++commands_[opcode]);
+}
+
+CommandFault ScenarioRunner::OnRequest(CoRequest request) {
+  return FaultOf(Trigger::Kind::kRequest, static_cast<uint16_t>(request), ++requests_[request]);
+}
+
+CommandFault ScenarioRunner::FaultOf(Trigger::Kind kind, uint16_t opcode, uint32_t count) {
   CommandFault fault;
-  const uint32_t count = ++commands_[opcode];
   for (const Step& step : steps_) {
     const Trigger& trigger = step.trigger;
-    if (trigger.kind != Trigger::Kind::kCommand || trigger.opcode != opcode ||
-        !trigger.Counts(count)) {
-      continue;
-    }
+    if (trigger.kind != kind || trigger.opcode != opcode || !trigger.Counts(count)) continue;
     const Action& action = step.action;
     switch (action.kind) {
       case Action::Kind::kNoAnswer:
@@ -48,6 +52,9 @@ CommandFault ScenarioRunner::OnCommand(uint16_t opcode) {
         break;
       case Action::Kind::kLate:
         fault.late = action.time;
+        break;
+      case Action::Kind::kLost:
+        fault.change.lost = true;
         break;
       case Action::Kind::kStatus:
         fault.change.status = static_cast<uint8_t>(action.number);

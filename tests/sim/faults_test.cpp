@@ -27,6 +27,7 @@ TEST(SimulatorFaults, AnswerToOneCommand_IsChangedAndTheNextIsNot) {
   };
   const Row rows[] = {
       {"no-answer", {}},
+      {"lost", {}},
       {"status 0x0c", B("04 0e 04 01 03 0c 0c")},
       {"wrong-opcode", B("04 0e 04 01 7f 0c 00")},
       {"wrong-opcode 0xfc18", B("04 0e 04 01 18 fc 00")},

@@ -35,7 +35,7 @@ TEST(Scenario, EachForm_IsRead) {
 
 TEST(Scenario, Nonsense_NamesFileLineAndReason) {
   const std::pair<const char*, const char*> rows[] = {
-      {"whenever hangup", "f:1: \"whenever\" is not a trigger (on, after, at, power)"},
+      {"whenever hangup", "f:1: \"whenever\" is not a trigger (on, after, at, power, request)"},
       {"\non\n", "f:2: an opcode is missing"},
       {"on 0x10000 hangup", "f:1: \"0x10000\" is not an opcode"},
       {"on reset hangup", "f:1: \"reset\" is not an opcode"},
@@ -49,6 +49,10 @@ TEST(Scenario, Nonsense_NamesFileLineAndReason) {
       {"at 1s inject", "f:1: a row of hexadecimal bytes is missing"},
       {"at 1s crash 1", "f:1: a byte is missing"},
       {"at 1s split 1 2", "f:1: \"2\" is not a time (250ms, 2s)"},
+      {"request reset lost",
+       "f:1: \"reset\" is not a request (find, packet, power, low-power, speed, dump)"},
+      {"request power twice", "f:1: this action needs \"on OPCODE\""},
+      {"at 1s link-layer 11:22:33:44:55 phy", "f:1: \"11:22:33:44:55\" is not an address"},
       {"at 1s hangup now", "f:1: \"now\" is too much"},
       {"at 1s no-answer", "f:1: this action needs \"on OPCODE\""},
   };
