@@ -4,6 +4,7 @@
 
 #include <hidl/HidlSupport.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -81,9 +82,11 @@ inline uint8_t CommandCompleteStatus(const hidl_vec<uint8_t>& event) {
 
 // A command packet: opcode (little-endian), parameter length, parameters.
 inline std::vector<uint8_t> BuildCommand(uint16_t opcode, uint8_t length, const uint8_t* params) {
-  std::vector<uint8_t> command = {static_cast<uint8_t>(opcode), static_cast<uint8_t>(opcode >> 8),
-                                  length};
-  if (length > 0) command.insert(command.end(), params, params + length);
+  std::vector<uint8_t> command(size_t{3} + length);
+  command[0] = static_cast<uint8_t>(opcode);
+  command[1] = static_cast<uint8_t>(opcode >> 8);
+  command[2] = length;
+  std::copy_n(params, length, command.begin() + 3);
   return command;
 }
 
