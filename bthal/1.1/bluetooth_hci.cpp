@@ -9,6 +9,7 @@
 
 #include <thread>
 
+#include "bluetooth_Activity.h"
 #include "bluetooth_address.h"
 #include "btzvk_protocol.h"
 #include "conf.h"
@@ -53,7 +54,9 @@ void BluetoothDeathRecipient::serviceDied(uint64_t /*cookie*/,
 
 BluetoothHci::BluetoothHci() {
   death_recipient_ = new BluetoothDeathRecipient(this);
+  activity_watcher_ = ::ndk::SharedRefBase::make<activitywatcher::ControllerActivityWatcher>(this);
   ALOGI("%s", "BluetoothHci");
+  activity_watcher_->initialize();
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
     BeginWork();
     StartWorker(&BluetoothHci::thread_perform_init);
@@ -176,6 +179,7 @@ Return<void> BluetoothHci::sendHciCommand(const hidl_vec<uint8_t>& packet) {
   const DebugAnchor anchor(AnchorType::kSendHciCommand, CommandText,
                            {hci::ByteAt(packet, 1), hci::ByteAt(packet, 0), ShownSize(packet)},
                            DebugCentral::Get());
+  activity::BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_COMMAND, packet);
   SendPacket(hci::HCI_PACKET_TYPE_COMMAND, packet);
   return Void();
 }

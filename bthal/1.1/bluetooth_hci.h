@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "coex_device.h"
+#include "controller_activity_watcher.h"
 #include "hci_flow_control.h"
 #include "teardown_gate.h"
 
@@ -102,6 +103,8 @@ class BluetoothHci : public IBluetoothHci {
   std::mutex link_lock_;  // a leaf
   std::function<void(sp<BluetoothDeathRecipient>&)> unlink_cb_ GUARDED_BY(link_lock_);
 
+  // Holds this object in turn: both live for as long as the process.
+  std::shared_ptr<activitywatcher::ControllerActivityWatcher> activity_watcher_;
   std::mutex extensions_lock_;
   // Counts ends of attachments: a start that comes after its attachment's end sees another value.
   uint64_t attachment_ GUARDED_BY(extensions_lock_) = 0;

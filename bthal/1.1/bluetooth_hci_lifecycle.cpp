@@ -11,16 +11,20 @@
 #include <chrono>
 #include <thread>
 
+#include "bluetooth_Activity.h"
+#include "bluetooth_ewp.h"
 #include "bluetooth_hci.h"
 #include "btzvk_protocol.h"
 #include "conf.h"
 #include "debug_central.h"
+#include "extensions.h"
 #include "stack_link.h"
 #include "transport_shim.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 namespace {
 
+using activity::BtActivitiesLogger;
 using ::android::base::StringPrintf;
 using ::android::hardware::bluetooth::V1_0::Status;
 using debug::AnchorFormatter;
@@ -29,6 +33,11 @@ using debug::AnchorValues;
 using debug::BqrErrorCode;
 using debug::DebugAnchor;
 using debug::DebugCentral;
+using ::hardware::nuvexa::bluetooth::ewp::V1_0::implementation::BluetoothEwp;
+
+// Kinds of packets, as PrintEwpLogging() takes them.
+constexpr int kEwpAcl = 1;
+constexpr int kEwpIso = 2;
 
 constexpr int kCoexAttempts = 10;
 constexpr std::chrono::milliseconds kCoexRetryPause{100};
@@ -60,6 +69,7 @@ void OnEvent(const hidl_vec<uint8_t>& event) {
   }
   const DebugAnchor anchor(AnchorType::kHciEventReceived, EventText, SizeOf(event),
                            DebugCentral::Get());
+  BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_EVENT, event);
   if (!cb->hciEventReceived(event).isOk()) ALOGW("Unable to callback hciEvent to Stack");
 }
 
@@ -71,6 +81,8 @@ void OnAclData(const hidl_vec<uint8_t>& data) {
   }
   const DebugAnchor anchor(AnchorType::kAclDataReceived, AclText, SizeOf(data),
                            DebugCentral::Get());
+  BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_ACL_DATA, data);
+  BluetoothEwp::PrintEwpLogging(kEwpAcl, data);
   if (!cb->aclDataReceived(data).isOk()) ALOGW("Unable to callback aclData to Stack");
 }
 
@@ -92,6 +104,7 @@ void OnIsoData(const hidl_vec<uint8_t>& data) {
   }
   const DebugAnchor anchor(AnchorType::kIsoDataReceived, IsoText, SizeOf(data),
                            DebugCentral::Get());
+  BluetoothEwp::PrintEwpLogging(kEwpIso, data);
   // Null for a stack that attached through 1.0, which knows no ISO data.
   const StackLink::Callbacks1_1 cb = StackLink::Get().g_cb_1_1();
   if (cb == nullptr || !cb->isoDataReceived(data).isOk()) {
@@ -267,12 +280,29 @@ void BluetoothHci::startTavioHalExtensions(uint64_t attachment) {
   std::lock_guard<std::mutex> guard(extensions_lock_);
   if (attachment != attachment_) return;
   ALOGI("%s: Enable Bluetooth HAL Extensions", __func__);
+  const std::shared_ptr<hci::HciFlowControl> handle = hci_handle();
+  if (handle == nullptr) {
+    ALOGW("%s: Bluetooth is not up, nothing to enable", __func__);
+    return;
+  }
+  EnableExtensions(handle.get());
+  handle->RegisterEventWatcher(activity_watcher_.get());
+  if (!activity_watcher_->startWatcher()) {
+    ALOGW("ActivityWatcher registering failure");
+    DebugCentral::Get().UpdateRecord(
+        AnchorType::kActivityWatcherFailed,
+        StringPrintf("%s: ActivityWatcher registering failure", __func__));
+  }
 }
 
 void BluetoothHci::stopTavioHalExtensions() {
   std::lock_guard<std::mutex> guard(extensions_lock_);
   ++attachment_;
   ALOGI("%s: Disable Bluetooth HAL Extensions", __func__);
+  DisableExtensions();
+  if (!activity_watcher_->stopWatcher()) ALOGW("ActivityWatcher unregistering failure");
+  const std::shared_ptr<hci::HciFlowControl> handle = hci_handle();
+  if (handle != nullptr) handle->UnregisterEventWatcher(activity_watcher_.get());
 }
 
 // What the handler of a signal and the thread that acts on it share.

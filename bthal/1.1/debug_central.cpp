@@ -13,6 +13,7 @@
 #include <mutex>
 #include <thread>
 
+#include "bluetooth_Activity.h"
 #include "bluetooth_bqr.h"
 #include "btzvk_protocol.h"
 #include "debug_event_watcher.h"
@@ -179,6 +180,7 @@ void DebugCentral::Dump(int fd) {
   collect_sscd_logs(fd, kCrashInfoPrefix, kDumpDirectory);
   ALOGI("%s: write bt coredump files to IBluetoothHci_default.txt", __func__);
   collect_sscd_logs(fd, kCoreDumpPrefix, kCoreDumpDirectory);
+  activity::BtActivitiesLogger::GetInstacne()->DumpBtActivitiesStatistics(fd);
 }
 
 void DebugCentral::ReportBqrError(BqrErrorCode code, const std::string& extra) {

@@ -5,7 +5,6 @@
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 #include <log/log.h>
-#include <time.h>
 
 #include <cerrno>
 #include <cstring>
@@ -19,16 +18,13 @@ namespace {
 
 using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
 using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::FormatTimestamp;
+using V1_1::zvkbtlinux::activity::BtActivitiesLogger;
+using V1_1::zvkbtlinux::activity::log_message_timestamp;
+
+constexpr uint32_t kLongAwakeMs = 10001;
 
 void Record(AnchorType type, const std::string& text) {
   DebugCentral::Get().UpdateRecord(type, text);
-}
-
-std::string TimestampNow() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return FormatTimestamp(now);
 }
 
 }  // namespace
@@ -85,7 +81,7 @@ bool LowPower::WakeUp() {
     wakelock_acquire();
     if (hci::shim::LpmWakeUp()) {
       awake_ = true;
-      last_statistics_.wake_time = TimestampNow();
+      last_statistics_.wake_time = log_message_timestamp();
       wake_time_ = std::chrono::steady_clock::now();
       if (timer_ != nullptr) timer_->Arm(kPeriod, kPeriod);
       return true;
@@ -107,10 +103,13 @@ void LowPower::OnTimer() {
     if (hci::shim::LpmSuspend()) {
       awake_ = false;
       const auto duration = std::chrono::steady_clock::now() - wake_time_;
-      last_statistics_.sleep_time = TimestampNow();
+      last_statistics_.sleep_time = log_message_timestamp();
       last_statistics_.duration_ms = static_cast<uint32_t>(
           std::chrono::duration_cast<std::chrono::milliseconds>(duration).count());
       last_statistics_.transmissions = transmissions_;
+      if (last_statistics_.duration_ms >= kLongAwakeMs) {
+        BtActivitiesLogger::GetInstacne()->UpdateBthalWakelockStat(last_statistics_);
+      }
       transmissions_ = 0;
       if (timer_ != nullptr) timer_->Disarm();
       wakelock_release();

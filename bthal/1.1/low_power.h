@@ -7,19 +7,11 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <string>
 
+#include "bluetooth_Activity.h"
 #include "timer.h"
 
 namespace android::hardware::bluetooth {
-
-// One awake period of the controller.
-struct bthal_wakelock_stat_t {
-  std::string wake_time;   // local time, HH:MM:SS:mmm
-  std::string sleep_time;  // likewise
-  uint32_t duration_ms = 0;
-  uint32_t transmissions = 0;
-};
 
 // Lets the controller sleep when nothing was sent for one to two timer periods, wakes it before
 // each transmission, and holds the wake lock while it is awake. Owned by BtZvkProtocol. Any thread.
@@ -53,7 +45,7 @@ class LowPower {
   bool wake_lock_held_ GUARDED_BY(lock_) = false;
   uint32_t transmissions_ GUARDED_BY(lock_) = 0;  // since the last suspend
   std::chrono::steady_clock::time_point wake_time_ GUARDED_BY(lock_);
-  bthal_wakelock_stat_t last_statistics_ GUARDED_BY(lock_);
+  V1_1::zvkbtlinux::activity::bthal_wakelock_stat_t last_statistics_ GUARDED_BY(lock_);
 };
 
 }  // namespace android::hardware::bluetooth

@@ -1,0 +1,52 @@
+#define LOG_TAG "bthal.channel_avoidance"
+
+#include "bt_channel_avoidance.h"
+
+#include <android-base/logging.h>
+
+#include "hci_packet.h"
+
+namespace hardware::nuvexa::bluetooth::bt_channel_avoidance::V1_0::implementation {
+
+using ::android::sp;
+using ::android::hardware::hidl_array;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+namespace hci = ::android::hardware::bluetooth::hci;
+
+namespace {
+constexpr uint16_t kOpcodeSetAfhHostChannelClassification = 0x0C3F;
+}
+
+BTChannelAvoidance::BTChannelAvoidance()
+    : ExtensionCommand(LOG_TAG, kOpcodeSetAfhHostChannelClassification) {}
+
+BTChannelAvoidance& BTChannelAvoidance::Shared() {
+  static const auto* instance = new sp<BTChannelAvoidance>(new BTChannelAvoidance);
+  return **instance;
+}
+
+Return<void> BTChannelAvoidance::setBluetoothChannelStatus(
+    const hidl_array<uint8_t, 10>& channelMap) {
+  const auto flow = Shared().flow();
+  if (flow == nullptr) {
+    LOG(WARNING) << __func__ << ": Unable to set channel map <" << toString(channelMap) << ">";
+    return Void();
+  }
+  LOG(INFO) << __func__ << ": Channel Map <" << toString(channelMap) << ">";
+  Shared().SendCommand(*flow, hci::BuildCommand(kOpcodeSetAfhHostChannelClassification,
+                                                channelMap.elementCount(), channelMap.data()));
+  return Void();
+}
+
+void BTChannelAvoidance::OnBluetoothEnabled(hci::HciFlowControl* flow) {
+  LOG(DEBUG) << __func__;
+  Shared().Enable(flow);
+}
+
+void BTChannelAvoidance::OnBluetoothDisabled() {
+  LOG(DEBUG) << __func__;
+  Shared().Disable();
+}
+
+}  // namespace hardware::nuvexa::bluetooth::bt_channel_avoidance::V1_0::implementation

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <aidl/android/vendor/powerstats/BnTavioStateResidencyCallback.h>
+#include <aidl/android/vendor/powerstats/ITavioStateResidencyProvider.h>
+#include <android-base/thread_annotations.h>
+#include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <thread>
+#include <vector>
+
+#include "hci_event_watcher.h"
+
+namespace android::hardware::bluetooth::activitywatcher {
+
+using ::aidl::android::hardware::power::stats::StateResidency;
+
+std::ostream& operator<<(std::ostream& out, const StateResidency& state);
+
+// Tells the power-statistics service how long the controller was idle, active, transmitting and
+// receiving (states 0 to 3) since the process started. Each time it is asked, it answers with what
+// it knows and asks the controller for what has come since. One a process, owned by the HAL object.
+// The provider asks on the binder thread, the controller answers on the reader thread; while there
+// is no provider, a thread of its own looks for one every second.
+class ControllerActivityWatcher final
+    : public ::aidl::android::vendor::powerstats::BnTavioStateResidencyCallback,
+      public hci::HciEventWatcher {
+ public:
+  explicit ControllerActivityWatcher(const sp<V1_1::IBluetoothHci>& hci);
+  ~ControllerActivityWatcher() override;
+
+  // Looks for the provider, on a thread of its own. Returns whether that thread was started.
+  bool initialize() EXCLUDES(thread_lock_) EXCLUDES(lock_);
+
+  // Bluetooth is on or off: registers with the provider, if there is one, or takes that back.
+  // Return whether it was done, or there was nothing to do.
+  bool startWatcher() EXCLUDES(registration_lock_) EXCLUDES(lock_);
+  bool stopWatcher() EXCLUDES(registration_lock_) EXCLUDES(lock_);
+
+  // The provider's question: the totals so far.
+  ::ndk::ScopedAStatus getStateResidency(std::vector<StateResidency>* states) override
+      EXCLUDES(lock_);
+  // The controller's answer.
+  bool OnEventReceive(const hidl_vec<uint8_t>& event) override EXCLUDES(lock_);
+
+  // The provider's process has gone: looks for the next one.
+  void binderDied() EXCLUDES(thread_lock_) EXCLUDES(lock_);
+  static void binderDiedCallback(void* cookie);
+
+  // Add what one answer of the controller tells; last entries are times since boot.
+  void updateIdleStat(const StateResidency& residency) EXCLUDES(lock_);
+  void updateActiveStat(const StateResidency& residency) EXCLUDES(lock_);
+  void updateTxStat(const StateResidency& residency) EXCLUDES(lock_);
+  void updateRxStat(const StateResidency& residency) EXCLUDES(lock_);
+
+  // Added to the controller's times to make them times since boot; 0 while Bluetooth is off.
+  int64_t boot_time_offset_ms() const EXCLUDES(lock_);
+
+ private:
+  using Provider = ::aidl::android::vendor::powerstats::ITavioStateResidencyProvider;
+  using States = std::array<StateResidency, 4>;
+
+  static States NoStates();
+  void FindProvider() EXCLUDES(registration_lock_) EXCLUDES(lock_);
+  std::shared_ptr<Provider> provider() const EXCLUDES(lock_);
+  bool Start() REQUIRES(registration_lock_) EXCLUDES(lock_);
+  void Add(const char* operation, size_t id, const StateResidency& residency) EXCLUDES(lock_);
+
+  const sp<V1_1::IBluetoothHci> hci_;
+  std::atomic<bool> enabled_{true};
+  std::atomic<bool> bluetooth_on_{false};
+  std::atomic<bool> query_pending_{false};
+
+  std::mutex thread_lock_;
+  std::thread thread_ GUARDED_BY(thread_lock_);  // looks for the provider
+
+  // One registration at a time; held while the provider is called, never by its callbacks.
+  std::mutex registration_lock_;
+
+  mutable std::mutex lock_;
+  std::condition_variable disabled_;
+  std::shared_ptr<Provider> provider_ GUARDED_BY(lock_);
+  States base_ GUARDED_BY(lock_) = NoStates();  // of earlier times that Bluetooth was on
+  States live_ GUARDED_BY(lock_) = NoStates();  // of this one
+  int64_t boot_time_offset_ms_ GUARDED_BY(lock_) = 0;
+
+  // Last: it unlinks itself before anything else goes.
+  const ::ndk::ScopedAIBinder_DeathRecipient death_recipient_;
+};
+
+// Asks the controller for its counters as the stack would.
+void send_hci_activities_vsc(const sp<V1_1::IBluetoothHci>& hci, std::atomic<bool>* pending);
+
+// Adds a successful answer's counters up in watcher. Returns whether it was asked for, and clears
+// pending then; an answer of another form is not taken.
+bool filter_hci_activities_vse(const hidl_vec<uint8_t>& event, ControllerActivityWatcher* watcher,
+                               std::atomic<bool>* pending);
+
+}  // namespace android::hardware::bluetooth::activitywatcher

@@ -1,0 +1,57 @@
+#include "extension_command.h"
+
+#include <android-base/logging.h>
+
+#include <utility>
+
+namespace android::hardware::bluetooth {
+
+void CurrentFlowControl::Set(hci::HciFlowControl* flow) {
+  Ref kept = flow->shared_from_this();
+  std::lock_guard<std::mutex> guard(lock_);
+  flow_.swap(kept);
+}
+
+CurrentFlowControl::Ref CurrentFlowControl::Clear() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return std::exchange(flow_, nullptr);
+}
+
+CurrentFlowControl::Ref CurrentFlowControl::Get() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return flow_;
+}
+
+void ExtensionCommand::Enable(hci::HciFlowControl* flow) {
+  flow_.Set(flow);
+  flow->RegisterEventWatcher(this);
+}
+
+void ExtensionCommand::Disable() {
+  const CurrentFlowControl::Ref flow = flow_.Clear();
+  if (flow != nullptr) flow->UnregisterEventWatcher(this);
+}
+
+void ExtensionCommand::SendCommand(hci::HciFlowControl& flow, const std::vector<uint8_t>& command) {
+  ++pending_;
+  // A command that was never sent is never answered: left open, it would cost the stack an answer.
+  if (flow.Send(hci::HCI_PACKET_TYPE_COMMAND, command.data(), command.size()) == 0) TakePending();
+}
+
+bool ExtensionCommand::TakePending() {
+  uint32_t open = pending_;
+  while (open != 0 && !pending_.compare_exchange_weak(open, open - 1)) {
+  }
+  return open != 0;
+}
+
+bool ExtensionCommand::OnEventReceive(const hidl_vec<uint8_t>& event) {
+  const bool success = hci::CommandCompleteStatus(event) == 0;
+  base::LogMessage(__FILE__, __LINE__, success ? base::INFO : base::WARNING, name().c_str(), -1)
+          .stream()
+      << __func__ << ": (" << pending()
+      << (success ? ") Recv Success VSE <" : ") Recv Failure VSE <") << toString(event) << ">";
+  return TakePending();
+}
+
+}  // namespace android::hardware::bluetooth
