@@ -1,0 +1,195 @@
+// Link-layer event reporting against its literal data.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <sstream>
+
+#include "bluetooth_ccc.h"
+#include "bthal/child_case.h"
+#include "bthal/sequence_runner.h"
+
+namespace {
+
+using namespace hardware::nuvexa::bluetooth::ccc;
+using namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation;
+using android::sp;
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using android::hardware::Void;
+using V1_0::Direction;
+
+// The kernel's file of time-sync readings: one a read, nothing when none is left.
+class TimesyncFile {
+ public:
+  TimesyncFile() {
+    termios raw{};
+    cfmakeraw(&raw);
+    raw.c_cflag |= CREAD;
+    raw.c_cc[VMIN] = 0;
+    raw.c_cc[VTIME] = 0;
+    char name[64];
+    if (openpty(&master_, &slave_, name, &raw, nullptr) != 0) throw std::runtime_error("openpty");
+    target_ = name;
+    std::filesystem::create_directories(std::filesystem::path(Link()).parent_path());
+    Show(true);
+  }
+  ~TimesyncFile() {
+    Show(false);
+    close(slave_);
+    close(master_);
+  }
+
+  void Show(bool shown) {
+    std::filesystem::remove(Link());
+    if (shown) std::filesystem::create_symlink(target_, Link());
+  }
+  // The next readings; those left from before are gone.
+  void Provide(const std::vector<std::string>& readings) {
+    tcflush(slave_, TCIFLUSH);
+    for (std::string reading : readings) {
+      reading.resize(20, ' ');
+      ASSERT_EQ(write(master_, reading.data(), reading.size()), 20);
+    }
+  }
+
+ private:
+  static std::string Link() { return test::RootFolder() + "/proc/bluetooth/timesync"; }
+
+  int master_ = -1;
+  int slave_ = -1;
+  std::string target_;
+};
+
+// What the callbacks of all clients were told, as lines.
+class Told {
+ public:
+  template <typename Timestamp>
+  Return<void> Add(const std::string& client, const Timestamp& timestamp, const Address& address,
+                   Direction direction, LmpEventId event, uint16_t counter) {
+    std::ostringstream line;
+    line << client << " " << timestamp.systemTime << " " << timestamp.bluetoothTime << " "
+         << addressToString(address) << " " << static_cast<int>(direction) << " "
+         << static_cast<int>(event) << " " << counter;
+    const std::lock_guard<std::mutex> guard(lock_);
+    lines_.push_back(line.str());
+    return Void();
+  }
+  std::vector<std::string> Take() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return std::exchange(lines_, {});
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<std::string> lines_;
+};
+
+class Client1_0 : public V1_0::IBluetoothCccCallback {
+ public:
+  Client1_0(std::string name, Told& told) : name_(std::move(name)), told_(told) {}
+  Return<void> lmpEventReceived(const V1_0::Timestamp& timestamp, const Address& address,
+                                Direction direction, LmpEventId event, uint16_t counter) override {
+    return told_.Add(name_, timestamp, address, direction, event, counter);
+  }
+
+ private:
+  const std::string name_;
+  Told& told_;
+};
+
+class Client1_1 : public V1_1::IBluetoothCccCallback {
+ public:
+  Client1_1(std::string name, Told& told) : name_(std::move(name)), told_(told) {}
+  Return<void> lmpEventReceived(const V1_0::Timestamp& timestamp, const Address& address,
+                                Direction direction, LmpEventId event, uint16_t counter) override {
+    return told_.Add(name_ + " by the call of 1.0", timestamp, address, direction, event, counter);
+  }
+  Return<void> lmpEventReceived_1_1(const V1_1::Timestamp& timestamp, const Address& address,
+                                    Direction direction, LmpEventId event,
+                                    uint16_t counter) override {
+    return told_.Add(name_, timestamp, address, direction, event, counter);
+  }
+
+ private:
+  const std::string name_;
+  Told& told_;
+};
+
+Address ParseAddress(std::string text) {
+  for (char& c : text) {
+    if (c == ':') c = ' ';
+  }
+  return Address(test::ParseHex(text).data());
+}
+
+// "1,0", "247*1" or nothing.
+hidl_vec<LmpEventId> ParseEvents(const std::string& text) {
+  std::vector<LmpEventId> events;
+  const size_t times = text.find('*');
+  if (times != std::string::npos) {
+    events.assign(std::stoul(text), static_cast<LmpEventId>(std::stoi(text.substr(times + 1))));
+  } else {
+    for (const std::string& event : test::SplitTrimmed(text, ',')) {
+      events.push_back(static_cast<LmpEventId>(std::stoi(event)));
+    }
+  }
+  return events;
+}
+
+TEST(Ccc, SequencesAreExact) {
+  test::SequenceRunner runner("bthal.ccc");
+  const sp<BluetoothCcc> service = new BluetoothCcc;
+  TimesyncFile timesync;
+  Told told;
+  std::map<std::string, sp<V1_0::IBluetoothCccCallback>> clients1_0 = {{"none", nullptr}};
+  std::map<std::string, sp<V1_1::IBluetoothCccCallback>> clients1_1 = {{"none", nullptr}};
+  for (const char* name : {"a", "b"}) {
+    clients1_0[name] = new Client1_0(name, told);
+    clients1_1[name] = new Client1_1(name, told);
+  }
+  runner.DefineSwitch(BluetoothCcc::OnBluetoothEnabled, BluetoothCcc::OnBluetoothDisabled);
+  runner.Define("times", [&](const std::string& readings) {
+    timesync.Show(readings != "none");
+    timesync.Provide(readings == "none" ? std::vector<std::string>{}
+                                        : test::SplitTrimmed(readings, ','));
+  });
+  runner.Define("register", [&](const std::string& arguments) {
+    std::istringstream in(arguments);
+    std::string client, version, address, events;
+    in >> client >> version >> address >> events;
+    if (version == "1.0") {
+      service->registerForLmpEvents(clients1_0.at(client), ParseAddress(address),
+                                    ParseEvents(events));
+    } else {
+      service->registerForLmpEvents_1_1(clients1_1.at(client), ParseAddress(address),
+                                        ParseEvents(events));
+    }
+  });
+  runner.Define("unregister", [&](const std::string& address) {
+    service->unregisterLmpEvents(ParseAddress(address));
+  });
+  runner.Define("told", [&](const std::string& line) {
+    EXPECT_EQ(told.Take(), std::vector<std::string>{line});
+  });
+  runner.Define("quiet",
+                [&](const std::string&) { EXPECT_EQ(told.Take(), std::vector<std::string>{}); });
+  runner.RunFile("ccc.txt");
+}
+
+TEST(Ccc, CommandsAreExact) {
+  for (const test::Vector& vector : test::LoadVectors("ccc_commands.txt")) {
+    SCOPED_TRACE(vector.name);
+    const auto operation = static_cast<Operation>(std::stoi(vector.fields[0]));
+    const Address address(test::ParseHex(vector.fields[1]).data());
+    EXPECT_EQ(test::ToHex(buildCommand(operation, address, test::ParseHex(vector.fields[2]))),
+              test::ToHex(test::ParseHex(vector.fields[3])));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,152 @@
+// The activity watcher against its literal data, with a provider in this process.
+
+#include <aidl/android/vendor/powerstats/BnTavioStateResidencyProvider.h>
+#include <android/binder_manager.h>
+#include <android/binder_process.h>
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <sstream>
+
+#include "bthal/sequence_runner.h"
+#include "controller_activity_watcher.h"
+#include "support/wait.h"
+
+namespace {
+
+using namespace android::hardware::bluetooth;
+using activitywatcher::ControllerActivityWatcher;
+using aidl::android::hardware::power::stats::StateResidency;
+using aidl::android::vendor::powerstats::BnTavioStateResidencyProvider;
+using aidl::android::vendor::powerstats::ITavioStateResidencyCallback;
+using android::sp;
+using android::hardware::hidl_handle;
+using android::hardware::hidl_string;
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using android::hardware::Void;
+using Callback = std::shared_ptr<ITavioStateResidencyCallback>;
+
+class Provider : public BnTavioStateResidencyProvider {
+ public:
+  ndk::ScopedAStatus registerCallback(const std::string& name, const Callback& callback) override {
+    const std::lock_guard<std::mutex> guard(lock_);
+    EXPECT_EQ(name, "Bluetooth");
+    EXPECT_EQ(callback_, nullptr) << "registered twice";
+    callback_ = callback;
+    return ndk::ScopedAStatus::ok();
+  }
+  ndk::ScopedAStatus unregisterCallback(const Callback& callback) override {
+    const std::lock_guard<std::mutex> guard(lock_);
+    EXPECT_EQ(callback_, callback);
+    callback_ = nullptr;
+    return ndk::ScopedAStatus::ok();
+  }
+  Callback callback() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return callback_;
+  }
+
+ private:
+  std::mutex lock_;
+  Callback callback_;
+};
+
+// The HAL as the watcher knows it: a way to send commands as the stack does.
+class CommandSender : public V1_1::IBluetoothHci {
+ public:
+  explicit CommandSender(hci::HciFlowControl& flow) : flow_(flow) {}
+  Return<void> sendHciCommand(const hidl_vec<uint8_t>& packet) override {
+    flow_.Send(hci::HCI_PACKET_TYPE_COMMAND, packet.data(), packet.size());
+    return Void();
+  }
+  Return<void> initialize(const sp<V1_0::IBluetoothHciCallbacks>&) override { return Void(); }
+  Return<void> initialize_1_1(const sp<V1_1::IBluetoothHciCallbacks>&) override { return Void(); }
+  Return<void> sendAclData(const hidl_vec<uint8_t>&) override { return Void(); }
+  Return<void> sendScoData(const hidl_vec<uint8_t>&) override { return Void(); }
+  Return<void> sendIsoData(const hidl_vec<uint8_t>&) override { return Void(); }
+  Return<void> close() override { return Void(); }
+  Return<void> debug(const hidl_handle&, const hidl_vec<hidl_string>&) override { return Void(); }
+
+ private:
+  hci::HciFlowControl& flow_;
+};
+
+std::string ToText(const StateResidency& state) {
+  return std::to_string(state.totalTimeInStateMs) + "/" +
+         std::to_string(state.totalStateEntryCount) + "/" +
+         std::to_string(state.lastEntryTimestampMs);
+}
+
+TEST(Residency, SequencesAreExact) {
+  ABinderProcess_setThreadPoolMaxThreadCount(1);
+  ABinderProcess_startThreadPool();
+  const auto provider = ndk::SharedRefBase::make<Provider>();
+  ASSERT_EQ(AServiceManager_addService(provider->asBinder().get(), "power.stats-vendor"), EX_NONE);
+
+  for (const test::Vector& sequence : test::LoadVectors("residency.txt")) {
+    SCOPED_TRACE(sequence.name);
+    test::SequenceRunner runner("bthal.activitywatcher");
+    const sp<CommandSender> hal = new CommandSender(runner.flow());
+    const auto watcher = ndk::SharedRefBase::make<ControllerActivityWatcher>(hal);
+    ASSERT_TRUE(watcher->initialize());
+    runner.Run(
+        "log D initialize: Fetching PowerStats service ; log D operator(): Wait for controller "
+        "enabled before registering to PowerStats service");
+    const auto offset = [&] { return std::to_string(watcher->boot_time_offset_ms()); };
+    runner.DefinePlaceholder("@OFFSET@", offset);
+    runner.Define("start", [&](const std::string&) {
+      timespec before{};
+      clock_gettime(CLOCK_BOOTTIME, &before);
+      runner.flow().RegisterEventWatcher(watcher.get());
+      EXPECT_TRUE(watcher->startWatcher());
+      EXPECT_EQ(provider->callback(), watcher);
+    });
+    runner.Define("stop", [&](const std::string&) {
+      EXPECT_TRUE(watcher->stopWatcher());
+      runner.flow().UnregisterEventWatcher(watcher.get());
+      EXPECT_EQ(provider->callback(), nullptr);
+    });
+    runner.Define("get", [&](const std::string& expected) {
+      std::vector<StateResidency> states;
+      EXPECT_TRUE(watcher->getStateResidency(&states).isOk());
+      ASSERT_EQ(states.size(), 4u);
+      std::istringstream in(expected);
+      for (int id = 0; id < 4; ++id) {
+        std::string text;
+        in >> text;
+        const size_t sign = text.find('+');
+        if (sign != std::string::npos) {
+          text = text.substr(0, sign) +
+                 std::to_string(std::stoll(text.substr(sign)) + watcher->boot_time_offset_ms());
+        }
+        EXPECT_EQ(ToText(states[static_cast<size_t>(id)]), text) << "state " << id;
+        EXPECT_EQ(states[static_cast<size_t>(id)].id, id);
+      }
+    });
+    runner.Run(sequence.fields[0]);
+    EXPECT_EQ(runner.LinesLeft(), std::vector<std::string>{});
+    runner.flow().UnregisterEventWatcher(watcher.get());
+    watcher->stopWatcher();
+  }
+}
+
+// The time since boot is that of the start, and taken anew after off.
+TEST(Residency, BootTime_IsTakenAtEachStart) {
+  const auto boot_time_ms = [] {
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+  };
+  const auto watcher = ndk::SharedRefBase::make<ControllerActivityWatcher>(nullptr);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(watcher->boot_time_offset_ms(), 0);
+    const int64_t before = boot_time_ms();
+    EXPECT_FALSE(watcher->startWatcher()) << "without a provider";
+    EXPECT_GE(watcher->boot_time_offset_ms(), before);
+    EXPECT_LE(watcher->boot_time_offset_ms(), boot_time_ms());
+    EXPECT_FALSE(watcher->stopWatcher()) << "without a provider";
+  }
+}
+
+}  // namespace
