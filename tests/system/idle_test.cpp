@@ -35,10 +35,13 @@ class Idle : public ::testing::TestWithParam<Mode> {};
 INSTANTIATE_TEST_SUITE_P(InEachMode, Idle, ::testing::Values(Mode::kAccelerated, Mode::kPlain),
                          [](const auto& mode) { return ModeName(mode.param); });
 
-TEST_P(Idle, WithAStackAttached_NoThreadWakes) {
+// Without a power-statistics provider one thread looks for it every second.
+TEST_P(Idle, WithAStackAndAProvider_NoThreadWakes) {
   Handset handset(GetParam());
+  ChildProcess provider({ProgramDir() + "/zvkpowerstats"}, {{"BTHAL_ROOT", handset.root()}});
   handset.StartService();
   ASSERT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
+  ASSERT_TRUE(provider.WaitForOutput("registered Bluetooth", kDeadline)) << handset.Log();
   const pid_t pid = handset.service().pid();
   const auto quiet_for = [pid](std::chrono::milliseconds time) {
     const std::string before = Sleeps(pid);

@@ -1,0 +1,225 @@
+// The extensions while several callers use them, and while Bluetooth goes off and on under them.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "bluetooth_Activity.h"
+#include "bluetooth_ccc.h"
+#include "bluetooth_ewp.h"
+#include "bluetooth_sar.h"
+#include "bt_channel_avoidance.h"
+#include "bthal/log_capture.h"
+#include "bthal/scripted_controller.h"
+#include "bthal/uart_rig.h"
+#include "extensions.h"
+#include "hci_inject.h"
+#include "support/wait.h"
+#include "transport_shim.h"
+
+namespace {
+
+namespace vendor = hardware::nuvexa::bluetooth;
+using namespace android::hardware::bluetooth;
+using android::sp;
+using android::hardware::hidl_array;
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using android::hardware::Void;
+using test::Bytes;
+using test::ScriptedController;
+using test::UartRig;
+using vendor::bt_channel_avoidance::V1_0::implementation::BTChannelAvoidance;
+using vendor::ccc::V1_0::LmpEventId;
+using vendor::ccc::V1_1::implementation::Address;
+using vendor::ccc::V1_1::implementation::BluetoothCcc;
+using vendor::ewp::V1_0::implementation::BluetoothEwp;
+using vendor::ext::V1_0::implementation::BluetoothExt;
+using vendor::sar::V1_1::implementation::BluetoothSar;
+
+Bytes Command(uint16_t opcode) {
+  return {static_cast<uint8_t>(opcode), static_cast<uint8_t>(opcode >> 8), 0};
+}
+
+uint16_t OpcodeOf(const Bytes& command) {
+  return static_cast<uint16_t>(command[0] | command[1] << 8);
+}
+
+// Each caller has an opcode of its own; the controller accepts those whose lowest bit is 0.
+TEST(ExtensionRaces, SeveralInjectWhileAStackSends_EachGetsItsOwnAnswer) {
+  const test::LogCapture log;
+  const int count = test::Count("commands of each caller", 300);
+  UartRig rig;
+  ScriptedController controller(rig.pty(), [](const Bytes& command) {
+    return ScriptedController::Complete(command, OpcodeOf(command) & 1 ? 0x0C : 0x00);
+  });
+  ASSERT_TRUE(rig.Open());
+  BluetoothExt::OnBluetoothEnabled(rig.flow().get());
+  const sp<BluetoothExt> service = new BluetoothExt;
+
+  constexpr int kCallers = 4;
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int caller = 0; caller < kCallers; ++caller) {
+    threads.emplace_back([&, caller] {
+      const auto opcode = static_cast<uint16_t>(0xFC80 + caller);
+      for (int i = 0; i < count; ++i) {
+        const bool accepted = service->setBluetoothCmdPacket(opcode, hidl_vec<uint8_t>{1, 2});
+        if (accepted != (caller % 2 == 0)) ++wrong;
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    const Bytes command = Command(0x1001);
+    for (int i = 0; i < count; ++i) {
+      rig.flow()->Send(hci::HCI_PACKET_TYPE_COMMAND, command.data(), command.size());
+    }
+  });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
+
+  // The stack got its own answers and nobody else's.
+  std::vector<UartRig::Packet> received;
+  EXPECT_TRUE(test::WaitFor([&] {
+    for (const UartRig::Packet& packet : rig.TakeReceived()) received.push_back(packet);
+    return received.size() >= static_cast<size_t>(count);
+  }));
+  EXPECT_EQ(received.size(), static_cast<size_t>(count));
+  for (const UartRig::Packet& packet : received) {
+    EXPECT_EQ(packet.bytes, ScriptedController::Complete(Command(0x1001), 0x0C));
+  }
+  // No credit is lost: all commands went out, and the next one goes at once.
+  EXPECT_EQ(controller.Commands().size(), static_cast<size_t>((kCallers + 1) * count));
+  EXPECT_TRUE(service->setBluetoothCmdPacket(0xFC80, {}));
+  BluetoothExt::OnBluetoothDisabled();
+}
+
+// Callers of the same opcode share answers: nobody waits for one that another has had.
+TEST(ExtensionRaces, SeveralInjectTheSameOpcode_AllAreAnsweredAndNothingReachesTheStack) {
+  const test::LogCapture log;
+  const int count = test::Count("commands of each caller", 100);
+  UartRig rig;
+  ScriptedController controller(
+      rig.pty(), [](const Bytes& command) { return ScriptedController::Complete(command, 0x00); });
+  ASSERT_TRUE(rig.Open());
+  BluetoothExt::OnBluetoothEnabled(rig.flow().get());
+  const sp<BluetoothExt> service = new BluetoothExt;
+  std::atomic<int> refused{0};
+  std::vector<std::thread> threads;
+  for (int caller = 0; caller < 4; ++caller) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < count; ++i) {
+        if (!service->setBluetoothCmdPacket(0xFC80, {})) ++refused;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(refused, 0);
+  EXPECT_TRUE(test::WaitFor(
+      [&] { return controller.Commands().size() == 4u * static_cast<size_t>(count); }));
+  BluetoothExt::OnBluetoothDisabled();
+}
+
+class Client : public vendor::ccc::V1_1::IBluetoothCccCallback {
+ public:
+  Return<void> lmpEventReceived(const vendor::ccc::V1_0::Timestamp&, const Address&,
+                                vendor::ccc::V1_0::Direction, LmpEventId, uint16_t) override {
+    return Void();
+  }
+  Return<void> lmpEventReceived_1_1(const vendor::ccc::V1_1::Timestamp&, const Address&,
+                                    vendor::ccc::V1_0::Direction, LmpEventId, uint16_t) override {
+    ++calls;
+    return Void();
+  }
+  std::atomic<int> calls{0};
+};
+
+// Calls of all extensions, over and over, from a thread of each.
+class Callers {
+ public:
+  Callers() {
+    Repeat([s = sp<BTChannelAvoidance>(new BTChannelAvoidance)] {
+      const std::array<uint8_t, 10> map = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                                           0xFF, 0xFF, 0xFF, 0xFF, 0x7F};
+      s->setBluetoothChannelStatus(hidl_array<uint8_t, 10>(map));
+    });
+    Repeat([s = sp<BluetoothSar>(new BluetoothSar)] { s->setBluetoothTxPowerCap(40); });
+    Repeat([s = sp<BluetoothEwp>(new BluetoothEwp)] { s->EnableEwp(100); });
+    Repeat([s = sp<BluetoothExt>(new BluetoothExt)] { s->setBluetoothCmdPacket(0xFC80, {}); });
+    Repeat([s = sp<BluetoothCcc>(new BluetoothCcc), client = sp<Client>(new Client)] {
+      const std::array<uint8_t, 6> address = {1, 2, 3, 4, 5, 6};
+      s->registerForLmpEvents_1_1(client, Address(address), {LmpEventId::CONNECT_IND});
+      s->unregisterLmpEvents(Address(address));
+    });
+    Repeat([] {
+      const hidl_vec<uint8_t> acl = {0x40, 0x20, 0x01, 0x00, 0xAA};
+      V1_1::zvkbtlinux::activity::BtActivitiesLogger::GetInstacne()->LogActivities(2, acl);
+    });
+  }
+  ~Callers() {
+    stop_ = true;
+    for (std::thread& thread : threads_) thread.join();
+  }
+
+  // Returns once each of them has begun a call after this one was made.
+  void WaitForNewCalls() {
+    const std::vector<int> before = Counts();
+    EXPECT_TRUE(test::WaitFor([&] {
+      const std::vector<int> now = Counts();
+      for (size_t i = 0; i < now.size(); ++i) {
+        if (now[i] == before[i] && i != kInjection) return false;
+      }
+      return true;
+    }));
+  }
+
+ private:
+  static constexpr size_t kInjection = 3;  // waits inside its call
+
+  void Repeat(const std::function<void()>& call) {
+    counts_.push_back(std::make_unique<std::atomic<int>>(0));
+    threads_.emplace_back([this, call, count = counts_.back().get()] {
+      while (!stop_) {
+        ++*count;
+        call();
+        std::this_thread::sleep_for(std::chrono::microseconds(200));  // leaves the others room
+      }
+    });
+  }
+  std::vector<int> Counts() const {
+    std::vector<int> counts;
+    for (const auto& count : counts_) counts.push_back(*count);
+    return counts;
+  }
+
+  std::atomic<bool> stop_{false};
+  std::vector<std::unique_ptr<std::atomic<int>>> counts_;
+  std::vector<std::thread> threads_;
+};
+
+// The controller answers nothing in one half of the rounds, so that everything is under way at the
+// end; in the other half it answers all. Every third time the transport goes first, as after a
+// reset by the coexistence device.
+TEST(ExtensionRaces, OffAndOnWithACallInFlightOnEach) {
+  const test::LogCapture log;
+  const int count = test::Count("times off and on", 500);
+  Callers callers;
+  for (int i = 0; i < count; ++i) {
+    const bool answering = i % 2 == 1;
+    auto rig = std::make_unique<UartRig>();
+    ScriptedController controller(rig->pty(), [answering](const Bytes& command) {
+      return answering ? ScriptedController::Complete(command, 0) : Bytes{};
+    });
+    ASSERT_TRUE(rig->Open());
+    EnableExtensions(rig->flow().get());
+    callers.WaitForNewCalls();
+    if (i % 3 == 2) hci::shim::Deinitialize();
+    DisableExtensions();
+    controller.Stop();
+    rig.reset();
+  }
+}
+
+}  // namespace
