@@ -91,7 +91,7 @@ void BtActivitiesLogger::OnBluetoothEnabled(hci::HciFlowControl* flow) {
       "DisConnectCompleteEvent", flow, kEventDisconnectionComplete, kOpcodeDisconnect,
       [this](const hidl_vec<uint8_t>& event) { return OnDisconnection(event); }));
 
-  RecursiveLock guard(lock_);
+  std::lock_guard<std::mutex> guard(lock_);
   // A burst that began while nothing ended it would last too long.
   le_adv_.active = false;
   le_adv_.timer.swap(le_adv_timer);
@@ -109,7 +109,7 @@ void BtActivitiesLogger::OnBluetoothDisabled() {
   std::unique_ptr<Timer> le_adv_timer;
   std::unique_ptr<Timer> acl_data_timer;
   {
-    RecursiveLock guard(lock_);
+    std::lock_guard<std::mutex> guard(lock_);
     watchers.swap(watchers_);
     le_adv_timer.swap(le_adv_.timer);
     acl_data_timer.swap(acl_data_.timer);
@@ -121,7 +121,7 @@ bool BtActivitiesLogger::OnConnection(const hidl_vec<uint8_t>& event) {
   const uint16_t handle = HandleAt(event, 3);
   const std::string address = AddressAt(event, 5);
   ALOGI("CreateConnectCompleteEvent, conn_handle:%03hX, conn_bda: %s", handle, address.c_str());
-  RecursiveLock guard(lock_);
+  std::lock_guard<std::mutex> guard(lock_);
   StoreDevice(handle, address);
   return false;
 }
@@ -129,7 +129,7 @@ bool BtActivitiesLogger::OnConnection(const hidl_vec<uint8_t>& event) {
 bool BtActivitiesLogger::OnDisconnection(const hidl_vec<uint8_t>& event) {
   const uint16_t handle = HandleAt(event, 3);
   std::string address;
-  RecursiveLock guard(lock_);
+  std::lock_guard<std::mutex> guard(lock_);
   const auto device = devices_.find(handle);
   if (device != devices_.end()) {
     address = device->second.address;
@@ -144,7 +144,7 @@ void BtActivitiesLogger::StoreDevice(uint16_t handle, const std::string& address
 }
 
 void BtActivitiesLogger::LogActivities(uint8_t packet_type, const hidl_vec<uint8_t>& packet) {
-  RecursiveLock guard(lock_);
+  std::lock_guard<std::mutex> guard(lock_);
   if (packet_type == hci::HCI_PACKET_TYPE_EVENT) {
     LogEvent(packet);
   } else if (packet_type == hci::HCI_PACKET_TYPE_COMMAND) {
@@ -237,26 +237,31 @@ bool BtActivitiesLogger::EndBurst(Burst& burst, Ended* ended) {
 }
 
 void BtActivitiesLogger::LeAdvTimeout() {
-  RecursiveLock guard(lock_);
-  Ended ended;
-  if (EndBurst(le_adv_, &ended)) {
-    UpdateLeAdvStat({le_adv_.start, ended.end, ended.duration_ms, le_adv_.count});
+  ble_adv_activities_t stat;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    Ended ended;
+    if (!EndBurst(le_adv_, &ended)) return;
+    stat = {le_adv_.start, ended.end, ended.duration_ms, le_adv_.count};
   }
+  UpdateLeAdvStat(stat);
 }
 
 void BtActivitiesLogger::AclDataTimeout() {
-  RecursiveLock guard(lock_);
-  Ended ended;
-  if (EndBurst(acl_data_, &ended)) {
-    UpdateAclDataStat(
-        {acl_data_.start, ended.end, acl_data_.handle, ended.duration_ms, acl_data_.count});
+  acl_data_activities_t stat;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    Ended ended;
+    if (!EndBurst(acl_data_, &ended)) return;
+    stat = {acl_data_.start, ended.end, acl_data_.handle, ended.duration_ms, acl_data_.count};
   }
+  UpdateAclDataStat(stat);
 }
 
 void BtActivitiesLogger::UpdateLeAdvStat(const ble_adv_activities_t& stat) {
   LOG(INFO) << __func__ << ": start: " << stat.start << " - end: " << stat.end
             << " duration: " << stat.duration_ms << " le_adv_count: " << stat.reports;
-  RecursiveLock guard(lock_);
+  std::lock_guard<std::mutex> guard(lock_);
   Append(le_adv_history_, stat);
 }
 
@@ -264,14 +269,14 @@ void BtActivitiesLogger::UpdateAclDataStat(const acl_data_activities_t& stat) {
   LOG(INFO) << __func__ << ": start: " << stat.start << " - end: " << stat.end
             << " conn_handle: " << stat.handle << " duration: " << stat.duration_ms
             << " acl_data_count: " << stat.packets;
-  RecursiveLock guard(lock_);
+  std::lock_guard<std::mutex> guard(lock_);
   Append(acl_data_history_, stat);
 }
 
 void BtActivitiesLogger::UpdateBthalWakelockStat(const bthal_wakelock_stat_t& stat) {
   LOG(INFO) << __func__ << ": start: " << stat.wake_time << " - end: " << stat.sleep_time
             << " duration: " << stat.duration_ms << " tx_packet_count: " << stat.transmissions;
-  RecursiveLock guard(lock_);
+  std::lock_guard<std::mutex> guard(lock_);
   Append(wakelock_history_, stat);
 }
 
@@ -279,7 +284,7 @@ void BtActivitiesLogger::DumpBtActivitiesStatistics(int fd) {
   const std::string stars = std::string(45, '*') + "\n";
   std::string text = stars + "*   Begin Of Bluetooth Activities Reports   *\n" + stars;
   {
-    RecursiveLock guard(lock_);
+    std::lock_guard<std::mutex> guard(lock_);
     text += Section("1. Connected devices Report", "handle, bt address, timestamp");
     for (const auto& [handle, device] : devices_) {
       ALOGI("%s: HCI_ACL: conn_handle: %03hx, bda: %s, created_timestamp: %s", __func__, handle,

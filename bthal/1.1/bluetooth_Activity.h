@@ -8,10 +8,10 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
-#include "recursive_mutex.h"
 #include "timer.h"
 
 namespace android::hardware::bluetooth::hci {
@@ -103,7 +103,7 @@ class BtActivitiesLogger {
   bool OnConnection(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
   bool OnDisconnection(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
 
-  RecursiveMutex lock_;
+  std::mutex lock_;
   std::vector<std::unique_ptr<hci::HciEventWatcher>> watchers_ GUARDED_BY(lock_);
   std::list<ble_adv_activities_t> le_adv_history_ GUARDED_BY(lock_);  // oldest first, as all
   std::list<acl_data_activities_t> acl_data_history_ GUARDED_BY(lock_);
