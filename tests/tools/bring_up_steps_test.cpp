@@ -48,12 +48,13 @@ TEST(BringUpSteps, StepWithAnEndOfItsOwn_TimeAndFindings) {
 }
 
 TEST(BringUpSteps, StepWithoutAnEnd_EndsWhereTheNextBegins) {
-  EXPECT_THAT(Told({"10.000 I bthal.zvkproto: firmware_download: Sending Download Minidrv command",
-                    "10.050 I bthal.zvkproto: firmware_download: Downloading Firmware Patchram",
-                    "10.350 I bthal.zvkproto: firmware_download: Sending 0xfc4e 0x04 Launch Ram"}),
-              ElementsAre("begin 0+0 download mode", "end 0+50 download mode",
-                          "begin 50+0 firmware records", "end 50+300 firmware records",
-                          "begin 350+0 launch"));
+  EXPECT_THAT(
+      Told({"10.000 I bthal.zvkproto: firmware_download: Sending Download Minidrv command",
+            "10.050 I bthal.zvkproto: firmware_download: Downloading Firmware Patchram data",
+            "10.350 I bthal.zvkproto: firmware_download: Sending 0xfc4e 0x04 Launch Ram"}),
+      ElementsAre("begin 0+0 download mode", "end 0+50 download mode",
+                  "begin 50+0 firmware records", "end 50+300 firmware records",
+                  "begin 350+0 launch"));
 }
 
 TEST(BringUpSteps, ErrorLine_FailsTheStepOnceAndIsShown) {
