@@ -29,9 +29,10 @@ std::string FileTimestamp() {
                             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
 }
 
+// A file of that name is that of another failure in the same second: it stays as it is.
 base::unique_fd CreateReadOnlyFile(const std::string& path, const char* kind,
                                    const char* operation) {
-  base::unique_fd fd(bthal::root::Open(path, O_RDWR | O_CREAT | O_SYNC, 0644));
+  base::unique_fd fd(bthal::root::Open(path, O_RDWR | O_CREAT | O_EXCL | O_SYNC, 0644));
   if (fd.get() < 0) {
     ALOGE("%s: Failed to open %s file: %s, failed: %s (%d)\n", operation, kind, path.c_str(),
           strerror(errno), errno);

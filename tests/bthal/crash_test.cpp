@@ -120,6 +120,19 @@ CHILD_CASE(LogFatal) {
   return 0;
 }
 
+// No report gets as far as the functions of these three; their symbols are there all the same.
+TEST(FatalErrors, CodesWhoseReportsEndEarlier_HaveAFunctionToo) {
+  for (const test::Vector& v : test::LoadVectors("error_codes.txt")) {
+    if (v.name != "32" && v.name != "127" && v.name != "151") continue;
+    SCOPED_TRACE(v.fields[0]);
+    CrashRoot root;
+    const test::ChildRun run = test::RunChild("LogFatal", root.path(), {v.name});
+    EXPECT_EQ(run.result.signal, SIGABRT);
+    EXPECT_THAT(run.output, HasSubstr("vendor error code " + v.name + "\n"));
+    EXPECT_THAT(run.output, HasSubstr(std::to_string(v.fields[0].size()) + v.fields[0] + "ENSt"));
+  }
+}
+
 // Nothing that the stack does may hold up the end of the process.
 CHILD_CASE(ReportToStuckStack) {
   DebugCentral::Get().SetEventSink([](const hidl_vec<uint8_t>& event) {
