@@ -39,23 +39,13 @@ int End(ExitCode code, const std::string& text) {
   return static_cast<int>(code);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  CLI::App app("Client of the Bluetooth service.");
-  bthalctl::Options options;
-  app.require_subcommand(1);
-  app.footer(kFooter);
-  app.add_option_function<std::string>(
-         "--root", [argv](const std::string& root) { StartIn(root, argv); },
-         "root folder of the handset (default: BTHAL_ROOT, else /)")
-      ->trigger_on_parse();
-  app.add_option("--wait", options.wait_seconds, "seconds to wait for the service to appear")
-      ->capture_default_str()
-      ->take_last()
-      ->check(CLI::Range(0.0, 3600.0));
-  app.add_flag("--no-holder", options.no_holder,
-               "attach to the service itself, even if \"up\" holds Bluetooth");
+// In the groups in which --help shows them.
+void AddCommands(CLI::App& app, const bthalctl::Options& options) {
+  size_t grouped = 0;
+  const auto group = [&](const char* name) {
+    const std::vector<CLI::App*> commands = app.get_subcommands({});
+    for (; grouped < commands.size(); ++grouped) commands[grouped]->group(name);
+  };
   bthalctl::AddUp(app, options);
   bthalctl::AddDown(app);
   bthalctl::AddStatus(app, options);
@@ -63,12 +53,45 @@ int main(int argc, char** argv) {
   bthalctl::AddCmd(app, options);
   bthalctl::AddScan(app, options);
   bthalctl::AddMonitor(app, options);
-  bthalctl::AddDebug(app, options);
-  bthalctl::AddCrashes(app);
   bthalctl::AddLoopback(app, options);
   bthalctl::AddPeer(app, options);
+  group("Bluetooth");
+  bthalctl::AddDebug(app, options);
+  bthalctl::AddCrashes(app);
+  bthalctl::AddActivity(app, options);
+  group("Diagnostics");
+  bthalctl::AddAfh(app, options);
+  bthalctl::AddSar(app, options);
+  bthalctl::AddInject(app, options);
+  bthalctl::AddCcc(app, options);
+  bthalctl::AddEwp(app, options);
+  bthalctl::AddResidency(app, options);
+  group("The service's extensions");
   bthalctl::AddServeH4(app, options);
   bthalctl::AddPrepareRoot(app);
+  group("Other stacks, other boards");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Client of the Bluetooth service.", "bthalctl");
+  bthalctl::Options options;
+  app.require_subcommand(1);
+  app.footer(kFooter);
+  app.add_option_function<std::string>(
+         "--root", [argv](const std::string& root) { StartIn(root, argv); },
+         "root folder of the handset (default: BTHAL_ROOT, else /)")
+      ->type_name("DIR")
+      ->trigger_on_parse();
+  app.add_option("--wait", options.wait_seconds, "seconds to wait for the service to appear")
+      ->capture_default_str()
+      ->take_last()
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, 3600.0).description(""));
+  app.add_flag("--no-holder", options.no_holder,
+               "attach to the service itself, even if \"up\" holds Bluetooth");
+  AddCommands(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& help) {

@@ -37,6 +37,13 @@ void AddScan(CLI::App& app, const Options& options);
 void AddMonitor(CLI::App& app, const Options& options);
 void AddDebug(CLI::App& app, const Options& options);
 void AddCrashes(CLI::App& app);
+void AddAfh(CLI::App& app, const Options& options);
+void AddSar(CLI::App& app, const Options& options);
+void AddInject(CLI::App& app, const Options& options);
+void AddCcc(CLI::App& app, const Options& options);
+void AddEwp(CLI::App& app, const Options& options);
+void AddResidency(CLI::App& app, const Options& options);
+void AddActivity(CLI::App& app, const Options& options);
 void AddLoopback(CLI::App& app, const Options& options);
 void AddPeer(CLI::App& app, const Options& options);  // read-name, echo
 void AddServeH4(CLI::App& app, const Options& options);

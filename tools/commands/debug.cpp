@@ -96,7 +96,7 @@ void AddDebug(CLI::App& app, const Options& options) {
   command->add_option("-o,--output", debug->output, "file to write; without it, standard output");
   CLI::Option* const sections =
       command->add_option("-s,--section", debug->sections, "only these sections, in their order")
-          ->type_name("NAME...")
+          ->type_name("NAME")
           ->check(CLI::IsMember(names).description(""));
   command->add_flag("-l,--list", debug->list, "list the sections and how long each is")
       ->excludes(sections);

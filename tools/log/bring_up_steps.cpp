@@ -8,10 +8,11 @@ namespace {
 
 using Kind = Progress::Kind;
 
-enum class Meaning { kBegins, kEnds, kMark };
+enum class Meaning { kBegins, kEnds, kFails, kMark };
 
 // What a log line means. Its text begins with before; what follows, up to after, is the detail. A
-// line that ends a step ends only the one of that name. The first rule that fits holds.
+// line that ends a step, well or not, ends only the one of that name. The first rule that fits
+// holds.
 struct Rule {
   const char* tag;
   const char* before;
@@ -36,6 +37,7 @@ constexpr Rule kRules[] = {
     {"bthal.zvkproto", "AcceleratedReset", nullptr, Meaning::kMark,
      "the controller is up already: a reset will do"},
     {"bthal.zvkproto", "send_hci_reset", nullptr, Meaning::kBegins, "reset and chip id"},
+    {"bthal.zvkproto", "read_btzvk_chip_id: 0", nullptr, Meaning::kFails, "reset and chip id"},
     {"bthal.zvkproto", "read_btzvk_chip_id: ", "", Meaning::kEnds, "reset and chip id"},
     {"bthal.zvkproto", "baudrate_change: Sending Update Baud Rate (115200", ") command",
      Meaning::kBegins, "firmware starts"},
@@ -112,24 +114,27 @@ std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
   if (!start_) start_ = line.time;
   const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(line.time - *start_);
 
+  std::string detail;
+  const Rule* const rule = Match(line, &detail);
   if (line.IsTrouble()) {
-    if (line.priority != 'W') End(Kind::kFailed, now, &out);
+    if (line.priority != 'W' || (rule != nullptr && rule->meaning == Meaning::kFails)) {
+      End(Kind::kFailed, now, &out);
+    }
     if (troubles_.insert(line.text).second) {
       out.push_back({Kind::kTrouble, now, {}, std::string(1, line.priority) + " " + line.text, ""});
     }
     return out;
   }
-  std::string detail;
-  const Rule* const rule = Match(line, &detail);
   if (rule == nullptr) return out;
   switch (rule->meaning) {
     case Meaning::kBegins:
       Begin({rule->step, detail, now}, &out);
       break;
     case Meaning::kEnds:
+    case Meaning::kFails:
       if (!current_ || current_->name != rule->step) break;
       if (current_->detail.empty()) current_->detail = detail;
-      End(Kind::kEnd, now, &out);
+      End(rule->meaning == Meaning::kEnds ? Kind::kEnd : Kind::kFailed, now, &out);
       break;
     case Meaning::kMark:
       out.push_back({Kind::kMark, now, {}, rule->step, ""});
