@@ -15,14 +15,14 @@ constexpr char kTag[] = "bthal.ewp";
 constexpr char kRecord[] = " [BT_EWP_DUMP] ";
 
 struct EwpOptions {
-  uint16_t interval = 1000;
+  int interval = 1000;
   double seconds = 0;  // 0: no end
   bool json = false;
 };
 
 void Enable(const ::android::sp<IBluetoothEwp>& service, const EwpOptions& ewp) {
   CallOutcome outcome(kTag);
-  Demand(service->EnableEwp(ewp.interval));
+  Demand(service->EnableEwp(static_cast<uint16_t>(ewp.interval)));
   const bool confirmed = outcome.Accepted();
   TellOutcome("EWP records are on, interval " + std::to_string(ewp.interval), confirmed, ewp.json,
               {{"on", true}, {"interval", ewp.interval}});
@@ -68,12 +68,14 @@ void AddEwp(CLI::App& app, const Options& options) {
   command->require_subcommand(1);
   command->footer(
       "The controller sends EWP records as ACL data on reserved handles; the service writes them\n"
-      "to its log in hex and keeps them from nobody. They go off with Bluetooth.\n"
+      "to its log in hex; the stack gets them, too. They are off after Bluetooth went off and on.\n"
       "Examples:\n  bthalctl ewp on --interval 500\n  bthalctl ewp watch -t 5\n  bthalctl ewp off");
   const auto interval = [&](CLI::App* sub) {
     sub->add_option("-i,--interval", ewp->interval,
                     "between records, in the controller's unit, 0 to 65535")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->type_name("N")
+        ->check(CLI::Range(0, 65535).description(""));
   };
   CLI::App* on = command->add_subcommand("on", "let the records come");
   interval(on);

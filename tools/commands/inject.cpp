@@ -53,7 +53,7 @@ void Inject(const Options& options, const InjectOptions& inject) {
 void AddInject(CLI::App& app, const Options& options) {
   auto inject = std::make_shared<InjectOptions>();
   CLI::App* command =
-      app.add_subcommand("inject", "send one HCI command beside the stack, past its owner");
+      app.add_subcommand("inject", "send one HCI command beside those of the stack");
   command->add_option("OPCODE", inject->opcode, "0x0C03, or a name: reset, read_bd_addr")
       ->required();
   command->add_option("PARAMS", inject->parameters,
