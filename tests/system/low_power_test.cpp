@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <mutex>
 #include <random>
 #include <thread>
 #include <utility>
@@ -100,18 +102,45 @@ unsigned NewSeed() {
 
 #ifndef BTHAL_SANITIZED  // what is measured is time
 
+// Times of one kind, from threads side by side. On a machine that has too much to do some come
+// late: three quarters must be in time, and none as late as the next tick of the timer.
+class SleepTimes {
+ public:
+  SleepTimes(const char* what, double earliest, double latest)
+      : what_(what), earliest_(earliest), latest_(latest) {}
+  void Add(double seconds) {
+    std::lock_guard<std::mutex> guard(lock_);
+    times_.push_back(seconds);
+  }
+  void Check() {
+    std::sort(times_.begin(), times_.end());
+    ASSERT_GE(times_.size(), 4u);
+    const double most = times_[times_.size() * 3 / 4 - 1];
+    printf("%s: asleep after %.3f to %.3f s, three quarters after %.3f s\n", what_, times_.front(),
+           times_.back(), most);
+    EXPECT_GE(times_.front(), earliest_) << what_;
+    EXPECT_LE(most, latest_ + kMachine) << what_;
+    EXPECT_LT(times_.back(), latest_ + 0.8) << what_;
+  }
+
+ private:
+  const char* const what_;
+  const double earliest_, latest_;
+  std::mutex lock_;
+  std::vector<double> times_;
+};
+
 TEST(SleepTimeSlow, LoneTransmissionAndEndOfAStream_SuspendInTheirTime) {
   const unsigned seed = NewSeed();
   const int rounds = Count("sleeps timed on each of 4 handsets", 4);
+  SleepTimes lone("lone", 1.6, 1.6), stream("stream", 0.8 - 0.01, 1.6);
   OnEach(4, [&](int index) {
     SleepyHandset sleepy(index % 2 == 0 ? Mode::kAccelerated : Mode::kPlain);
     std::mt19937 random(seed + static_cast<unsigned>(index));
     ASSERT_TRUE(sleepy.WaitUntilAsleep());
     for (int round = 0; round < rounds; ++round) {
       sleepy.exchange().Demand(kCue);
-      const double lone = sleepy.WaitForSleep().after_wake;
-      EXPECT_GE(lone, 1.6);
-      EXPECT_LE(lone, 1.6 + kMachine);
+      lone.Add(sleepy.WaitForSleep().after_wake);
 
       const auto end = std::chrono::steady_clock::now() + milliseconds(random() % 2000);
       do {
@@ -119,12 +148,11 @@ TEST(SleepTimeSlow, LoneTransmissionAndEndOfAStream_SuspendInTheirTime) {
         std::this_thread::sleep_for(milliseconds(random() % 700));  // the stream's pace
       } while (std::chrono::steady_clock::now() < end);
       sleepy.exchange().Demand(kCue);
-      const double after_stream = sleepy.WaitForSleep().after_cue;
-      EXPECT_GE(after_stream, 0.8 - 0.01);
-      EXPECT_LE(after_stream, 1.6 + kMachine);
-      printf("asleep after %.3f s (lone), %.3f s (stream)\n", lone, after_stream);
+      stream.Add(sleepy.WaitForSleep().after_cue);
     }
   });
+  lone.Check();
+  stream.Check();
 }
 
 #endif
