@@ -111,8 +111,7 @@ bool Handset::Awake() const { return !status_.sleep_mode || !lpm_enabled_ || wak
 
 void Handset::OnPower(bool on, bool more) {
   if (!on) {
-    // Of a power cycle that is seen as a whole, what the host wrote after it is kept; what it wrote
-    // before it has thrown away when it opened the port anew.
+    // Of a power cycle that is seen as a whole, what the host wrote after it is kept.
     if (!more) uart_.Drain();
     if (controller_) trace_.Note("power off");
     StopController();
@@ -123,6 +122,7 @@ void Handset::OnPower(bool on, bool more) {
   }
   if (controller_) return;
   ++status_.power_cycles;
+  uart_.DropStale();
   PowerOn();
   scenario_.OnPowerOn();
 }

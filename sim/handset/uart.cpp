@@ -118,6 +118,11 @@ void Uart::Drain() {
   }
 }
 
+void Uart::DropStale() {
+  if (pty_->Speed() == kBootSpeed) return;
+  while (const size_t count = pty_->Read(rx_.data(), rx_.size())) received_ += count;
+}
+
 void Uart::Send(ByteView bytes) { tx_.insert(tx_.end(), bytes.begin(), bytes.end()); }
 
 void Uart::AfterSent(std::function<void()> run) {

@@ -41,6 +41,8 @@ class Uart {
   void Flush();
   // Reads everything that the host has written so far, at any pace.
   void Drain();
+  // Drops what a host wrote that has not opened the line anew yet, which sets it to the boot speed.
+  void DropStale();
 
   void SetSpeed(uint32_t bits_per_second) { speed_ = bits_per_second; }
   uint32_t speed() const { return speed_; }

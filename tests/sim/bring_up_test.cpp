@@ -2,6 +2,7 @@
 // firmware.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <filesystem>
 #include <random>
@@ -182,6 +183,23 @@ TEST(SimulatorSleep, WithoutWake_BytesAreLost) {
   host.Write("/proc/bluetooth/sleep/lpm", "0");  // the driver holds it awake then
   EXPECT_TRUE(host.StatusHolds("\"lpm_enabled\": false"));
   EXPECT_EQ(host.Command(0x0C03)[6], 0);
+}
+
+// As when the machine is slow: the simulator sees the end of one session and the beginning of the
+// next at once.
+TEST(SimulatorPower, CycleSeenAsAWhole_WhatWasWrittenBeforeIsNotHeard) {
+  Host host;
+  host.PowerUp();
+  host.SetSpeed(4000000);
+  kill(host.zvksim().pid(), SIGSTOP);
+  host.Send(B("01 09 10 00 02 01 00 ff 00"));  // a command, and the head of a large packet
+  host.Write("/sys/class/rfkill/rfkill0/state", "01");
+  kill(host.zvksim().pid(), SIGCONT);
+  EXPECT_TRUE(host.StatusHolds("\"power_cycles\": 2"));
+  host.SetSpeed(115200);
+  EXPECT_EQ(host.Command(0x0C03)[6], 0);
+  EXPECT_TRUE(host.before().empty());
+  EXPECT_TRUE(host.StatusHolds("\"sync_losses\": 0"));
 }
 
 // As the kernel's: a lock that is held already is not held twice.
