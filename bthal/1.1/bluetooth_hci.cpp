@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <thread>
+#include <utility>
 
 #include "bluetooth_Activity.h"
 #include "bluetooth_address.h"
@@ -15,6 +16,7 @@
 #include "conf.h"
 #include "debug_central.h"
 #include "stack_link.h"
+#include "thread_role.h"
 #include "transport_shim.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
@@ -104,6 +106,7 @@ void BluetoothHci::initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
   std::unique_lock<std::mutex> guard(mutex_);
   const base::ScopedLockAssertion locked(mutex_);
   while (workers_ > 0) worker_ended_.wait(guard);
+  BeginBringUp();
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported() && hci::shim::IsUserialReady()) {
     if (!BtZvkProtocol::GetInstacne()->AcceleratedReset()) {
       ALOGE("%s: Accelerated Init failed", __func__);
@@ -113,6 +116,7 @@ void BluetoothHci::initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
   } else {
     perform_init();
   }
+  const bool close_wanted = EndBringUp();
   link_to_death(cb);
   hci::ApplyProvisionBDAddress(hci_handle().get(), [this] { return death_recipient_->has_died(); });
   if (!cb->initializationComplete(Status::SUCCESS).isOk()) {
@@ -126,6 +130,24 @@ void BluetoothHci::initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
     self->startTavioHalExtensions(attachment);
   }).detach();
   ALOGI("BluetoothHci::initialize() completed");
+  if (close_wanted) close_impl(cb);
+}
+
+void BluetoothHci::BeginBringUp() {
+  std::lock_guard<std::mutex> guard(bring_up_lock_);
+  bringing_up_ = true;
+}
+
+bool BluetoothHci::EndBringUp() {
+  std::lock_guard<std::mutex> guard(bring_up_lock_);
+  bringing_up_ = false;
+  return std::exchange(close_wanted_, false);
+}
+
+bool BluetoothHci::DeferClose() {
+  std::lock_guard<std::mutex> guard(bring_up_lock_);
+  if (bringing_up_) close_wanted_ = true;
+  return bringing_up_;
 }
 
 void BluetoothHci::link_to_death(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
@@ -206,6 +228,8 @@ Return<void> BluetoothHci::sendIsoData(const hidl_vec<uint8_t>& packet) {
 }
 
 Return<void> BluetoothHci::close() {
+  // The stack got an event in the middle of its own initialize, and has seen enough.
+  if (DeferClose()) return Void();
   close_impl(StackLink::Get().g_cb());
   return Void();
 }
@@ -216,7 +240,10 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stac
   ALOGI("BluetoothHci::close()");
   unlink_from_death();
   stopTavioHalExtensions();
-  if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported() && hci::shim::IsUserialReady()) {
+  // A stack that closes from inside a callback has the reader thread wait here, which could not
+  // read the answer to a reset: then the controller is switched off.
+  if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported() && hci::shim::IsUserialReady() &&
+      g_thread_role != ThreadRole::kReader) {
     if (!BtZvkProtocol::GetInstacne()->AcceleratedReset()) {
       ALOGE("Accelerated shutdown failed");
       DebugCentral::Get().ReportBqrError(BqrErrorCode::HostAccelatedBtShutdownFailed,

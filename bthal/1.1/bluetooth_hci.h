@@ -70,6 +70,10 @@ class BluetoothHci : public IBluetoothHci {
   // Tears down, or resets the controller that stays up, and detaches stack, unless another one has
   // come in its place.
   void close_impl(const sp<::android::hidl::base::V1_0::IBase>& stack);
+  // Brackets the bring-up for a stack. A close() that comes meanwhile waits for its end.
+  void BeginBringUp() EXCLUDES(bring_up_lock_);
+  bool EndBringUp() EXCLUDES(bring_up_lock_);  // returns whether one came
+  bool DeferClose() EXCLUDES(bring_up_lock_);
   // Brackets work that initialize() waits for.
   void BeginWork() EXCLUDES(mutex_);
   void EndWork() EXCLUDES(mutex_);
@@ -97,6 +101,10 @@ class BluetoothHci : public IBluetoothHci {
   std::mutex mutex_;  // one bring-up at a time
   std::condition_variable worker_ended_;
   int workers_ GUARDED_BY(mutex_) = 0;
+
+  std::mutex bring_up_lock_;  // a leaf
+  bool bringing_up_ GUARDED_BY(bring_up_lock_) = false;
+  bool close_wanted_ GUARDED_BY(bring_up_lock_) = false;
 
   TeardownGate close_gate_;
   sp<BluetoothDeathRecipient> death_recipient_;

@@ -249,19 +249,21 @@ void BluetoothHci::thread_perform_init() {
   DebugCentral::Get().UpdateRecord(AnchorType::kThreadPerformInit, __func__);
   ALOGI("%s", __func__);
   std::lock_guard<std::mutex> guard(mutex_);
+  close_gate_.Enter();  // a close() now would reset the controller in the middle of its bring-up
   perform_init();
+  close_gate_.Leave();
 }
 
 void BluetoothHci::thread_perform_reinit() {
   DebugCentral::Get().UpdateRecord(AnchorType::kThreadPerformReinit, __func__);
   ALOGI("%s", __func__);
   std::lock_guard<std::mutex> guard(mutex_);
-  // A close() that the stack asked for before it died may still be under way.
+  // A close() that the stack asked for before it died may still be under way, or come late.
   close_gate_.Enter();
   stopTavioHalExtensions();
   perform_close();
-  close_gate_.Leave();
   perform_init();
+  close_gate_.Leave();
 }
 
 void BluetoothHci::resetBtCallback() {
