@@ -1,0 +1,166 @@
+// A Bluetooth stack that misbehaves at a chosen moment. usage:
+//   system_test_rogue_stack WHERE NTH ACTION TRAFFIC_MS
+//     WHERE       main: after NTH ms of traffic; init, event, acl, sco, iso: inside the NTH
+//     callback
+//                 of that kind
+//     ACTION      close; die (SIGKILL); die-in-close (main only: dies NTH µs after close() began);
+//                 cue (main only: Read Voice Setting, which a scenario may wait for)
+//     TRAFFIC_MS  of data through the controller's loopback, then close
+// Prints "ready" once it is attached. Exit codes: 0 closed, 3 no service or it died, 5 stuck.
+#include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
+#include <hidl/HidlTransportSupport.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace {
+
+using android::sp;
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using android::hardware::Void;
+using android::hardware::bluetooth::V1_0::Status;
+using android::hardware::bluetooth::V1_1::IBluetoothHci;
+using android::hardware::bluetooth::V1_1::IBluetoothHciCallbacks;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr int kNoService = 3;
+constexpr int kStuck = 5;
+constexpr unsigned kStuckAfterSeconds = 60;
+constexpr milliseconds kPatience{20000};  // for a service that starts, or serves another stack
+
+struct Plan {
+  std::string where;
+  int nth;
+  std::string action;
+  int traffic_ms;
+};
+
+[[noreturn]] void Die() {
+  kill(getpid(), SIGKILL);
+  for (;;) pause();
+}
+
+class Stack : public IBluetoothHciCallbacks {
+ public:
+  Stack(sp<IBluetoothHci> service, Plan plan)
+      : service_(std::move(service)), plan_(std::move(plan)) {}
+
+  // False when the place stays taken, or the service died.
+  bool Attach() {
+    const auto end = steady_clock::now() + kPatience;
+    do {
+      refused_ = false;
+      if (!service_->initialize_1_1(this).isOk()) return false;
+      if (!refused_) return true;
+      std::this_thread::sleep_for(milliseconds(5));
+    } while (steady_clock::now() < end);
+    return false;
+  }
+
+  // False when the service died.
+  bool Traffic() {
+    Send(&IBluetoothHci::sendHciCommand, {0x02, 0x18, 0x01, 0x01});  // Write Loopback Mode
+    const auto start = steady_clock::now();
+    bool acted = plan_.where != "main" || plan_.action == "die-in-close";
+    for (uint8_t i = 0; alive_ && steady_clock::now() < start + milliseconds(plan_.traffic_ms);
+         ++i) {
+      Send(&IBluetoothHci::sendAclData, {0x01, 0x00, 0x02, 0x00, i, i});
+      Send(&IBluetoothHci::sendScoData, {0x02, 0x00, 0x02, i, i});
+      Send(&IBluetoothHci::sendIsoData, {0x00, 0x8E, 0x05, 0x00, i, 0x00, 0x01, 0x00, i});
+      Send(&IBluetoothHci::sendHciCommand, {0x09, 0x10, 0x00});
+      if (!acted && steady_clock::now() >= start + milliseconds(plan_.nth)) {
+        acted = true;
+        Act();
+      }
+      std::this_thread::sleep_for(milliseconds(5));
+    }
+    return alive_;
+  }
+
+  bool Close() {
+    std::thread killer;
+    if (plan_.action == "die-in-close") {
+      std::thread([this] {
+        std::this_thread::sleep_for(std::chrono::microseconds(plan_.nth));
+        Die();
+      }).detach();
+    }
+    return service_->close().isOk();
+  }
+
+  Return<void> initializationComplete(Status status) override {
+    refused_ = status != Status::SUCCESS;
+    if (!refused_) Came("init");
+    return Void();
+  }
+  Return<void> hciEventReceived(const hidl_vec<uint8_t>&) override { return Came("event"); }
+  Return<void> aclDataReceived(const hidl_vec<uint8_t>&) override { return Came("acl"); }
+  Return<void> scoDataReceived(const hidl_vec<uint8_t>&) override { return Came("sco"); }
+  Return<void> isoDataReceived(const hidl_vec<uint8_t>&) override { return Came("iso"); }
+
+ private:
+  Return<void> Came(const char* kind) {
+    bool now = false;
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      now = plan_.where == kind && ++came_[kind] == plan_.nth;
+    }
+    if (now) Act();
+    return Void();
+  }
+  void Act() {
+    if (plan_.action == "die") Die();
+    if (plan_.action == "close") (void)service_->close().isOk();
+    if (plan_.action == "cue") Send(&IBluetoothHci::sendHciCommand, {0x25, 0x0C, 0x00});
+  }
+  void Send(Return<void> (IBluetoothHci::*operation)(const hidl_vec<uint8_t>&),
+            const hidl_vec<uint8_t>& packet) {
+    if (!((*service_).*operation)(packet).isOk()) alive_ = false;
+  }
+
+  const sp<IBluetoothHci> service_;
+  const Plan plan_;
+  std::atomic<bool> refused_{false};
+  std::atomic<bool> alive_{true};
+  std::mutex lock_;
+  std::map<std::string, int> came_;
+};
+
+sp<IBluetoothHci> FindService() {
+  const auto end = steady_clock::now() + kPatience;
+  sp<IBluetoothHci> service = IBluetoothHci::tryGetService();
+  while (service == nullptr && steady_clock::now() < end) {
+    std::this_thread::sleep_for(milliseconds(5));
+    service = IBluetoothHci::tryGetService();
+  }
+  return service;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 5) return 2;
+  signal(SIGALRM, [](int) { _exit(kStuck); });
+  alarm(kStuckAfterSeconds);
+  android::hardware::configureRpcThreadpool(4, false);
+  const sp<IBluetoothHci> service = FindService();
+  if (service == nullptr) return kNoService;
+  const sp<Stack> stack = new Stack(service, {argv[1], atoi(argv[2]), argv[3], atoi(argv[4])});
+  if (!stack->Attach()) return kNoService;
+  puts("ready");
+  fflush(stdout);
+  if (!stack->Traffic() || !stack->Close()) return kNoService;
+  puts("closed");
+  fflush(stdout);
+  _exit(0);
+}
