@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "sim/base/event_loop.h"
@@ -11,18 +12,27 @@ namespace zvk {
 // /dev/wbrc, by which the WLAN driver tells of a reset of the whole chip.
 class CoexDevice {
  public:
-  CoexDevice(EventLoop& loop, const std::string& link);
-  ~CoexDevice() { loop_.Unwatch(pty_.fd()); }
+  // note is told of what goes either way.
+  CoexDevice(EventLoop& loop, const std::string& link,
+             std::function<void(const std::string& text)> note);
+  ~CoexDevice() { loop_.Unwatch(pty_->fd()); }
 
   // 0x42 is a reset notice, 0x43 one that wants an acknowledgement.
   void Notify(uint8_t event);
+  // A message of any content.
+  void Send(ByteView message);
+  // The host's descriptor is hung up; the link leads to a fresh device.
+  void HangUp();
   uint64_t acknowledged() const { return acknowledged_; }
 
  private:
+  void Open();
   void Drain();
 
   EventLoop& loop_;
-  Pty pty_;
+  const std::string link_;
+  const std::function<void(const std::string&)> note_;
+  std::unique_ptr<Pty> pty_;
   Bytes written_;
   uint64_t acknowledged_ = 0;
 };

@@ -59,7 +59,7 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
                   [this](const std::string& name, bool held) {
                     trace_.Note("wake lock " + name + (held ? " held" : " released"));
                   }),
-      coex_(loop, root_ / "dev/wbrc"),
+      coex_(loop, root_ / "dev/wbrc", [this](const std::string& text) { trace_.Note(text); }),
       time_sync_(root_ / "proc/bluetooth/timesync"),
       scenario_(loop, options.scenario, [this](const Action& action) { Act(action); }) {
   if (options.root.co_processor) {
@@ -261,6 +261,12 @@ void Handset::Act(const Action& action) {
       break;
     case Action::Kind::kCoex:
       coex_.Notify(byte);
+      break;
+    case Action::Kind::kCoexMessage:
+      coex_.Send(action.bytes);
+      break;
+    case Action::Kind::kCoexHangUp:
+      coex_.HangUp();
       break;
     case Action::Kind::kTimeSync:
       time_sync_.Record(action.number);

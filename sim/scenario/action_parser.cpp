@@ -57,6 +57,8 @@ const std::vector<ActionSyntax>& Actions() {
       {"inject", Kind::kInject, {A::kHex}, 1},
       {"grant", Kind::kGrant, {A::kByte}, 1},
       {"coex", Kind::kCoex, {A::kByte}, 1},
+      {"coex-message", Kind::kCoexMessage, {A::kHex}, 1},
+      {"coex-hangup", Kind::kCoexHangUp, {}, 0},
       {"timesync", Kind::kTimeSync, {A::kMicroseconds}, 1},
       {"noise", Kind::kNoise, {A::kCount}, 1},
       {"split", Kind::kSplit, {A::kCount, A::kTime}, 1, 0, ScenarioTime(5)},

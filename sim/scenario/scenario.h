@@ -61,6 +61,8 @@ struct Action {
     kInject,
     kGrant,
     kCoex,
+    kCoexMessage,
+    kCoexHangUp,
     kTimeSync,
     kNoise,
     kSplit,

@@ -230,7 +230,9 @@ TEST(SimulatorTimeSync, Records_AreReadOneAtATimeAndThenNothing) {
 }
 
 TEST(SimulatorCoex, Notice_IsFourBytesAndTheAcknowledgementIsCounted) {
-  Host host({"--chip", "ready"}, "after 0x0C03 coex 0x43\n");
+  Host host({"--chip", "ready"},
+            "after 0x0C03 coex 0x43\nafter 0x1801 coex-message 02 01 01 42 07\n"
+            "after 0x1802 coex-hangup\n");
   const int fd = open((host.root() + "/dev/wbrc").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
   host.PowerUp();
@@ -245,6 +247,18 @@ TEST(SimulatorCoex, Notice_IsFourBytesAndTheAcknowledgementIsCounted) {
   const Bytes acknowledgement = B("02 02 04 81");
   EXPECT_EQ(write(fd, acknowledgement.data(), 4), 4);
   EXPECT_TRUE(host.StatusHolds("\"coex_acknowledged\": 1"));
+  host.Command(0x1801);
+  notice.resize(64);
+  ASSERT_EQ(read(fd, notice.data(), notice.size()), 5);
+  notice.resize(5);
+  EXPECT_EQ(notice, B("02 01 01 42 07"));
+  host.Command(0x1802, B("00"));
+  pollfd hung_up{fd, 0, 0};
+  EXPECT_EQ(poll(&hung_up, 1, 30000), 1);
+  EXPECT_NE(hung_up.revents & POLLHUP, 0);
+  const int fresh = open((host.root() + "/dev/wbrc").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  EXPECT_GE(fresh, 0);
+  close(fresh);
   close(fd);
 }
 
