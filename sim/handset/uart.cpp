@@ -119,7 +119,7 @@ void Uart::Drain() {
 }
 
 void Uart::DropStale() {
-  if (pty_->Speed() == kBootSpeed) return;
+  if (HostSpeed() == kBootSpeed) return;
   while (const size_t count = pty_->Read(rx_.data(), rx_.size())) received_ += count;
 }
 
@@ -133,9 +133,13 @@ void Uart::Pause(EventLoop::Duration pause) {
   marks_.push_back({sent_ + queued(), pause, nullptr});
 }
 
+uint32_t Uart::HostSpeed() const {
+  return options_.host_speed ? options_.host_speed() : pty_->Speed();
+}
+
 // 6144000 is what the co-processor's clock makes of 6000000: near enough.
 bool Uart::InStep() const {
-  const uint32_t host = options_.host_speed ? options_.host_speed() : pty_->Speed();
+  const uint32_t host = HostSpeed();
   return host == speed_ || (host == 6144000 && speed_ == 6000000);
 }
 

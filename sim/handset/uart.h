@@ -79,6 +79,7 @@ class Uart {
   void Read();
   bool RunMarks();
   void UpdateEvents();
+  uint32_t HostSpeed() const;
   bool InStep() const;
   void Garble(uint8_t* data, size_t size);
 
