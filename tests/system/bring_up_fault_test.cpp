@@ -21,6 +21,7 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 enum class Fault { kSilent, kRefused, kLate1900, kLate2100, kHangUp, kWrongSpeed, kSplit };
+bool IsTimed(Fault fault) { return fault == Fault::kLate1900 || fault == Fault::kLate2100; }
 // In the order of the columns of bringup_faults.txt.
 constexpr const char* kFaultNames[] = {"Silent", "Refused",    "Late1900ms", "Late2100ms",
                                        "HangUp", "WrongSpeed", "Split"};
@@ -31,7 +32,7 @@ const Bytes kNoise = {0xF8, 0x00, 0xC0, 0x1E, 0xE6, 0x80};
 constexpr char kReadError[] = "OnDataReady: Read packet type error: Input/output error";
 constexpr milliseconds kCommandTime{2000};
 constexpr milliseconds kMargin{100};  // between a late answer and the time-out
-constexpr milliseconds kTolerableStall{50};
+constexpr milliseconds kTolerableStall{40};
 
 bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -70,7 +71,8 @@ struct Result {
 
 std::map<std::string, WireVector> VectorsByName() {
   std::map<std::string, WireVector> by_name;
-  for (WireVector& vector : LoadWireVectors()) by_name.emplace(vector.name, std::move(vector));
+  const WireVectors vectors = LoadWireVectors();
+  for (const WireVector& vector : vectors.bring_ups) by_name.emplace(vector.name, vector);
   return by_name;
 }
 
@@ -84,6 +86,12 @@ size_t IndexOf(const std::string& step, const WireVector& vector) {
 }
 
 std::vector<Row> RowsOf(Fault fault) {
+#ifdef BTHAL_SANITIZED  // for which exact times are nothing new
+  const size_t every = IsTimed(fault) ? 5 : 1;
+#else
+  const size_t every = 1;
+#endif
+  size_t count = 0;
   const auto vectors = VectorsByName();
   std::vector<Row> rows;
   for (const Vector& v : LoadVectors("bringup_faults.txt")) {
@@ -95,7 +103,8 @@ std::vector<Row> RowsOf(Fault fault) {
     if (row.outcome == "-") continue;
     for (const bool stack : {true, false}) {
       row.stack = stack;
-      if (stack || row.Step().name != "write_address") rows.push_back(row);
+      if (!stack && row.Step().name == "write_address") continue;
+      if (count++ % every == 0) rows.push_back(row);
     }
   }
   return rows;
@@ -187,21 +196,15 @@ Result Play(const Row& row) {
   return run;
 }
 
-// A run during which the machine stood still is no measurement of a time-out of 2 s, let alone of
-// 0.1 s around it.
-bool Undisturbed(const Row& row, const Result& run, StallMeter& meter,
-                 StallMeter::Clock::time_point start) {
-  if (meter.Longest(start, StallMeter::Clock::now()) > milliseconds(1000)) return false;
-  if (row.fault != Fault::kLate1900 && row.fault != Fault::kLate2100) return true;
-  return meter.Longest(run.asked - kMargin, run.asked) < kTolerableStall &&
-         meter.Longest(run.answered - kMargin, run.answered + kMargin) < kTolerableStall;
-}
-
+// A run during which the machine stood still is no measurement of 0.1 s around a time-out.
 Result PlayUndisturbed(const Row& row, StallMeter& meter) {
   for (int attempt = 1;; ++attempt) {
-    const auto start = StallMeter::Clock::now();
-    Result run = Play(row);
-    if (attempt == 10 || Undisturbed(row, run, meter, start)) return run;
+    Result run = WithoutStalls<Result>(meter, [&] { return Play(row); });
+    const bool disturbed =
+        IsTimed(row.fault) &&
+        (meter.Longest(run.asked - kMargin, run.asked) > kTolerableStall ||
+         meter.Longest(run.answered - kMargin, run.answered + kMargin) > kTolerableStall);
+    if (attempt == 10 || !disturbed) return run;
     printf("once more, the machine stood still: %s\n", row.Name().c_str());
   }
 }

@@ -22,7 +22,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 const WireVector& Plain() {
-  static const WireVector vector = LoadWireVectors().front();
+  static const WireVector vector = LoadWireVectors().bring_ups.front();
   return vector;
 }
 
@@ -164,6 +164,23 @@ TEST(CrashReport, OfAnAcceleratedResetThatFails_NamesIt) {
     EXPECT_THAT(endings[i].stack,
                 ::testing::EndsWith(RootInflammation(rows[i].code) + rows[i].output));
   }
+}
+
+// It has attached by the time that the bring-up begun without it fails.
+TEST(CrashReport, StackThatComesDuringABringUp_IsToldOfItsFailure) {
+  Board board(Mode::kAccelerated, Plain());
+  std::atomic<bool> attached{false};
+  board.Play([&](const Bytes& command) {
+    if (OpcodeOf(command) != kMinidriver) return Completion(Plain(), command);
+    WaitFor([&] { return attached.load(); }, milliseconds(1500));
+    return Completion(Plain(), command, 0x0C);
+  });
+  board.StartService();
+  board.StartStack();
+  attached = board.service().WaitForOutput("bthal.zvkbtlinux: initialize_impl", kDeadline);
+  const Ending ending = WaitForEnd(board);
+  ExpectDeath(148, "Unable to download firmware patchram", ending.end, ending.log, ending.evidence);
+  EXPECT_EQ(ending.stack, RootInflammation(148) + "initialize failed\n");
 }
 
 // The first failure leaves the files, the second one ends the process and leaves no others.

@@ -4,10 +4,18 @@
 
 namespace test {
 namespace {
-constexpr std::chrono::milliseconds kPeriod{5}, kWorthNoting{10};
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kPeriod{5}, kWorthNoting{10};
+
+milliseconds Length(StallMeter::Clock::time_point begin, StallMeter::Clock::time_point end) {
+  return std::chrono::duration_cast<milliseconds>(end - begin);
 }
 
-StallMeter::StallMeter() : thread_([this] { Run(); }) {}
+}  // namespace
+
+StallMeter::StallMeter() : under_way_(Clock::now()), thread_([this] { Run(); }) {}
 
 StallMeter::~StallMeter() {
   {
@@ -17,25 +25,28 @@ StallMeter::~StallMeter() {
   thread_.join();
 }
 
-std::chrono::milliseconds StallMeter::Longest(Clock::time_point from, Clock::time_point to) {
+milliseconds StallMeter::Longest(Clock::time_point from, Clock::time_point to) {
   const std::lock_guard<std::mutex> guard(lock_);
-  std::chrono::milliseconds longest{0};
-  for (const Stall& stall : stalls_) {
-    if (stall.end >= from && stall.end - stall.length <= to)
-      longest = std::max(longest, stall.length);
+  std::vector<Stall> stalls = stalls_;
+  stalls.push_back({under_way_, Clock::now()});
+  milliseconds longest{0};
+  for (const Stall& stall : stalls) {
+    if (stall.end >= from && stall.begin <= to) {
+      longest = std::max(longest, Length(stall.begin, stall.end));
+    }
   }
   return longest;
 }
 
 void StallMeter::Run() {
   for (;;) {
-    const Clock::time_point due = Clock::now() + kPeriod;
-    std::this_thread::sleep_until(due);
+    std::this_thread::sleep_for(kPeriod);
+    pty_.TakeWritten();  // writes a mark at the host's end and waits until it has come
     const Clock::time_point now = Clock::now();
-    const auto length = std::chrono::duration_cast<std::chrono::milliseconds>(now - due);
     const std::lock_guard<std::mutex> guard(lock_);
     if (stop_) return;
-    if (length >= kWorthNoting) stalls_.push_back({now, length});
+    if (Length(under_way_, now) >= kPeriod + kWorthNoting) stalls_.push_back({under_way_, now});
+    under_way_ = now;
   }
 }
 

@@ -40,12 +40,26 @@ WireStep ParseStep(std::string word, const std::map<std::string, Bytes>& packets
   return step;
 }
 
+// Words up to the end of the line.
+std::vector<WireStep> ParseSteps(std::istream& in, const std::map<std::string, Bytes>& packets) {
+  std::vector<WireStep> steps;
+  int speed = 0;
+  for (std::string word; in >> word;) {
+    if (word[0] == '@') {
+      speed = std::stoi(word.substr(1));
+    } else {
+      steps.push_back(ParseStep(word, packets, speed));
+    }
+  }
+  return steps;
+}
+
 }  // namespace
 
-std::vector<WireVector> LoadWireVectors() {
+WireVectors LoadWireVectors() {
   std::map<std::string, Bytes> packets;
   std::map<std::string, std::string> files;
-  std::vector<WireVector> vectors;
+  WireVectors vectors;
   for (const std::string& line : LogicalLines(LoadData("bringup_wire.txt"))) {
     std::istringstream in(line);
     std::string kind, name, word;
@@ -64,19 +78,19 @@ std::vector<WireVector> LoadWireVectors() {
       vector.name = name + " " + fast + " " + file;
       vector.fast_download = fast == "on";
       vector.patch_file = files.at(file);
-      for (int speed = 0; in >> word;) {
-        if (word[0] == '@') {
-          speed = std::stoi(word.substr(1));
-        } else {
-          vector.steps.push_back(ParseStep(word, packets, speed));
-        }
-      }
-      vectors.push_back(vector);
+      vector.steps = ParseSteps(in, packets);
+      vectors.bring_ups.push_back(vector);
+    } else if (kind == "attach") {
+      vectors.attach = ParseSteps(in, packets);
+    } else if (kind == "close") {
+      vectors.close = ParseSteps(in, packets);
     } else {
       throw std::runtime_error("not a vector: " + line);
     }
   }
-  if (vectors.empty()) throw std::runtime_error("no bring-ups");
+  if (vectors.bring_ups.empty() || vectors.attach.empty() || vectors.close.empty()) {
+    throw std::runtime_error("no bring-ups");
+  }
   return vectors;
 }
 

@@ -26,6 +26,12 @@ struct WireVector {
   std::vector<WireStep> steps;
 };
 
-std::vector<WireVector> LoadWireVectors();
+struct WireVectors {
+  std::vector<WireVector> bring_ups;
+  // Of a stack, on a controller that is up already.
+  std::vector<WireStep> attach, close;
+};
+
+WireVectors LoadWireVectors();
 
 }  // namespace test
