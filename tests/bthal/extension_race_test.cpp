@@ -11,9 +11,11 @@
 #include "bluetooth_ewp.h"
 #include "bluetooth_sar.h"
 #include "bt_channel_avoidance.h"
+#include "bthal/command_sender.h"
 #include "bthal/log_capture.h"
 #include "bthal/scripted_controller.h"
 #include "bthal/uart_rig.h"
+#include "controller_activity_watcher.h"
 #include "extensions.h"
 #include "hci_inject.h"
 #include "support/wait.h"
@@ -139,7 +141,11 @@ class Client : public vendor::ccc::V1_1::IBluetoothCccCallback {
 // Calls of all extensions, over and over, from a thread of each.
 class Callers {
  public:
-  Callers() {
+  explicit Callers(std::shared_ptr<activitywatcher::ControllerActivityWatcher> watcher) {
+    Repeat([watcher = std::move(watcher)] {
+      std::vector<activitywatcher::StateResidency> states;
+      watcher->getStateResidency(&states);
+    });
     Repeat([s = sp<BTChannelAvoidance>(new BTChannelAvoidance)] {
       const std::array<uint8_t, 10> map = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
                                            0xFF, 0xFF, 0xFF, 0xFF, 0x7F};
@@ -176,7 +182,7 @@ class Callers {
   }
 
  private:
-  static constexpr size_t kInjection = 3;  // waits inside its call
+  static constexpr size_t kInjection = 4;  // waits inside its call
 
   void Repeat(const std::function<void()>& call) {
     counts_.push_back(std::make_unique<std::atomic<int>>(0));
@@ -199,26 +205,37 @@ class Callers {
   std::vector<std::thread> threads_;
 };
 
-// The controller answers nothing in one half of the rounds, so that everything is under way at the
-// end; in the other half it answers all. Every third time the transport goes first, as after a
-// reset by the coexistence device.
+// The transport stays for a few rounds, as in a handset whose controller is never switched off, and
+// is then made anew; every other one's controller answers nothing, so that all that was asked is
+// under way at the end. Every third time the transport goes first, as after a reset by the
+// coexistence device.
 TEST(ExtensionRaces, OffAndOnWithACallInFlightOnEach) {
   const test::LogCapture log;
   const int count = test::Count("times off and on", 500);
-  Callers callers;
-  for (int i = 0; i < count; ++i) {
+  constexpr int kRoundsOfATransport = 5;
+  const sp<test::CommandSender> hal = new test::CommandSender;
+  const auto watcher = ndk::SharedRefBase::make<activitywatcher::ControllerActivityWatcher>(hal);
+  Callers callers(watcher);
+  for (int i = 0; i < count / kRoundsOfATransport; ++i) {
     const bool answering = i % 2 == 1;
-    auto rig = std::make_unique<UartRig>();
-    ScriptedController controller(rig->pty(), [answering](const Bytes& command) {
+    UartRig rig;
+    ScriptedController controller(rig.pty(), [answering](const Bytes& command) {
       return answering ? ScriptedController::Complete(command, 0) : Bytes{};
     });
-    ASSERT_TRUE(rig->Open());
-    EnableExtensions(rig->flow().get());
-    callers.WaitForNewCalls();
-    if (i % 3 == 2) hci::shim::Deinitialize();
-    DisableExtensions();
+    ASSERT_TRUE(rig.Open());
+    hal->Use(rig.flow());
+    for (int round = 0; round < kRoundsOfATransport; ++round) {
+      EnableExtensions(rig.flow().get());
+      rig.flow()->RegisterEventWatcher(watcher.get());
+      watcher->startWatcher();
+      callers.WaitForNewCalls();
+      if (i % 3 == 2 && round == kRoundsOfATransport - 1) hci::shim::Deinitialize();
+      DisableExtensions();
+      watcher->stopWatcher();
+      rig.flow()->UnregisterEventWatcher(watcher.get());
+    }
+    hal->Use(nullptr);
     controller.Stop();
-    rig.reset();
   }
 }
 

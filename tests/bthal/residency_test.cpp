@@ -8,6 +8,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "bthal/command_sender.h"
 #include "bthal/sequence_runner.h"
 #include "controller_activity_watcher.h"
 #include "support/wait.h"
@@ -20,11 +21,6 @@ using aidl::android::hardware::power::stats::StateResidency;
 using aidl::android::vendor::powerstats::BnTavioStateResidencyProvider;
 using aidl::android::vendor::powerstats::ITavioStateResidencyCallback;
 using android::sp;
-using android::hardware::hidl_handle;
-using android::hardware::hidl_string;
-using android::hardware::hidl_vec;
-using android::hardware::Return;
-using android::hardware::Void;
 using Callback = std::shared_ptr<ITavioStateResidencyCallback>;
 
 class Provider : public BnTavioStateResidencyProvider {
@@ -52,26 +48,6 @@ class Provider : public BnTavioStateResidencyProvider {
   Callback callback_;
 };
 
-// The HAL as the watcher knows it: a way to send commands as the stack does.
-class CommandSender : public V1_1::IBluetoothHci {
- public:
-  explicit CommandSender(hci::HciFlowControl& flow) : flow_(flow) {}
-  Return<void> sendHciCommand(const hidl_vec<uint8_t>& packet) override {
-    flow_.Send(hci::HCI_PACKET_TYPE_COMMAND, packet.data(), packet.size());
-    return Void();
-  }
-  Return<void> initialize(const sp<V1_0::IBluetoothHciCallbacks>&) override { return Void(); }
-  Return<void> initialize_1_1(const sp<V1_1::IBluetoothHciCallbacks>&) override { return Void(); }
-  Return<void> sendAclData(const hidl_vec<uint8_t>&) override { return Void(); }
-  Return<void> sendScoData(const hidl_vec<uint8_t>&) override { return Void(); }
-  Return<void> sendIsoData(const hidl_vec<uint8_t>&) override { return Void(); }
-  Return<void> close() override { return Void(); }
-  Return<void> debug(const hidl_handle&, const hidl_vec<hidl_string>&) override { return Void(); }
-
- private:
-  hci::HciFlowControl& flow_;
-};
-
 std::string ToText(const StateResidency& state) {
   return std::to_string(state.totalTimeInStateMs) + "/" +
          std::to_string(state.totalStateEntryCount) + "/" +
@@ -87,7 +63,8 @@ TEST(Residency, SequencesAreExact) {
   for (const test::Vector& sequence : test::LoadVectors("residency.txt")) {
     SCOPED_TRACE(sequence.name);
     test::SequenceRunner runner("bthal.activitywatcher");
-    const sp<CommandSender> hal = new CommandSender(runner.flow());
+    const sp<test::CommandSender> hal = new test::CommandSender;
+    hal->Use(runner.flow().shared_from_this());
     const auto watcher = ndk::SharedRefBase::make<ControllerActivityWatcher>(hal);
     ASSERT_TRUE(watcher->initialize());
     runner.Run(
