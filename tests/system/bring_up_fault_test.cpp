@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <atomic>
 #include <map>
 
 #include "support/wait.h"
@@ -61,7 +62,7 @@ struct Row {
 struct Result {
   std::optional<ChildResult> end;  // empty when the service lives
   bool told = false;               // the end of the bring-up, to the stack or in the log
-  bool closed = false;             // after the end of a stack that was not told
+  bool recovered = false;          // for the next stack, after the end of one that was not told
   std::string log;
   std::string stack;
   std::string commands;  // one a line
@@ -113,10 +114,12 @@ std::vector<Row> RowsOf(Fault fault) {
 // The controller of a row: the vector's own but for the one step.
 class FaultyController {
  public:
-  FaultyController(Board& board, const Row& row, Result& run)
-      : board_(board), row_(row), run_(run) {}
+  // Once repaired is true, it is as good as new.
+  FaultyController(Board& board, const Row& row, Result& run, const std::atomic<bool>& repaired)
+      : board_(board), row_(row), run_(run), repaired_(repaired) {}
 
   Bytes operator()(const Bytes& command) {
+    if (repaired_) return Completion(row_.vector, command);
     const size_t index = index_++;
     if (gone_) return {};
     const WireStep* step = index < row_.vector.steps.size() ? &row_.vector.steps[index] : nullptr;
@@ -161,15 +164,23 @@ class FaultyController {
   Board& board_;
   const Row& row_;
   Result& run_;
+  const std::atomic<bool>& repaired_;
   size_t index_ = 0;
   bool gone_ = false;
   bool fast_download_failed_ = false;  // so that records are awaited after all
 };
 
+// What the stack was told and what the controller was asked so far.
+void Note(Board& board, Result* run) {
+  run->stack = board.StackOutput();
+  for (const Bytes& command : board.Commands()) run->commands += ToHex(command) + "\n";
+}
+
 Result Play(const Row& row) {
   Result run;
   Board board(row.stack ? Mode::kPlain : Mode::kAccelerated, row.vector);
-  board.Play(FaultyController(board, row, run));
+  std::atomic<bool> repaired{false};
+  board.Play(FaultyController(board, row, run, repaired));
   board.StartService();
   if (row.stack) board.StartStack();
 
@@ -184,14 +195,21 @@ Result Play(const Row& row) {
     // Nothing happens from here on, until the stack dies.
     run.end = board.service().Wait(milliseconds(300));
     run.told = Contains(board.StackOutput(), "complete");
+    Note(board, &run);
     board.stack()->Signal(SIGKILL);
-    run.closed = board.service().WaitForOutput("BluetoothHci::close() Done", kDeadline);
+    run.recovered = board.service().WaitForOutput("BluetoothHci::close() Done", kDeadline);
+    if (row.fault != Fault::kHangUp) {  // the line is there no more
+      repaired = true;
+      board.StartStack();
+      board.stack()->WaitForOutput("initialize ", kDeadline);
+      run.recovered &= board.StackOutput() == "complete 0\ninitialize done\n";
+    }
+  } else {
+    if (run.end && row.stack) board.stack()->WaitForOutput("initialize failed", kDeadline);
+    Note(board, &run);
   }
-  if (run.end && row.stack) board.stack()->WaitForOutput("initialize failed", kDeadline);
   board.StopPlaying();
   run.log = board.Log();
-  run.stack = board.StackOutput();
-  for (const Bytes& command : board.Commands()) run.commands += ToHex(command) + "\n";
   run.evidence = EvidenceOf(board);
   return run;
 }
@@ -300,7 +318,7 @@ void JudgeLife(const Row& row, const Result& run) {
   EXPECT_TRUE(run.evidence.Empty());
   if (row.Stuck()) {
     EXPECT_FALSE(run.told);
-    EXPECT_TRUE(run.closed);
+    EXPECT_TRUE(run.recovered);
     EXPECT_EQ(run.stack, "");
     EXPECT_THAT(run.log, HasSubstr("gave up waiting for the controller's answer"));
     return;
