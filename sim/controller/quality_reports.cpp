@@ -11,9 +11,9 @@ namespace {
 constexpr size_t kEventHead = 2;
 constexpr size_t kShortEvent = 197;
 constexpr size_t kLongEvent = 248;
-constexpr size_t kShortRadio = 187;
-constexpr size_t kLongRadio = 151;
-constexpr size_t kLongQuality = 229;
+constexpr ptrdiff_t kShortRadio = 187;
+constexpr ptrdiff_t kLongRadio = 151;
+constexpr ptrdiff_t kLongQuality = 229;
 
 constexpr uint16_t kLongVersion = 0x0101;
 
