@@ -93,6 +93,7 @@ struct SocketClient::Link {
   uint32_t running_type GUARDED_BY(mutex) = 0;  // of the message being handled
   bool lost GUARDED_BY(mutex) = false;
 
+  // On a connection that is lost it succeeds; the outcome tells.
   int Start(Kind kind, Kind answer, const std::vector<uint8_t>& table, const void* payload,
             size_t size, decltype(Pending::settle) settle, uint32_t* serial);
   int Write(const Header& header, const std::vector<uint8_t>& table, const void* payload,
@@ -119,6 +120,8 @@ int SocketClient::Link::Write(const Header& header, const std::vector<uint8_t>& 
   const auto deadline = steady_clock::now() + kRoomTimeout;
   while (sendmsg(socket.get(), &message, MSG_NOSIGNAL) < 0) {
     if (errno == EINTR) continue;
+    // The reading thread sees that too, and Lose() gives the answer.
+    if (errno == EPIPE || errno == ECONNRESET) return 0;
     if (errno != EAGAIN) return kServiceNotAvailable;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
     if (left.count() <= 0) return kOperationTimedOut;
@@ -131,13 +134,20 @@ int SocketClient::Link::Write(const Header& header, const std::vector<uint8_t>& 
 int SocketClient::Link::Start(Kind kind, Kind answer, const std::vector<uint8_t>& table,
                               const void* payload, size_t size, decltype(Pending::settle) settle,
                               uint32_t* serial) {
+  bool too_late;
   {
     const std::lock_guard<std::mutex> lock(mutex);
     if (socket.get() < 0) return kNotReady;
-    if (lost) return kServiceNotAvailable;
-    if (++last_serial == 0) ++last_serial;
-    *serial = last_serial;
-    pending[*serial] = {answer, std::move(settle)};
+    too_late = lost;
+    if (!too_late) {
+      if (++last_serial == 0) ++last_serial;
+      *serial = last_serial;
+      pending[*serial] = {answer, std::move(settle)};
+    }
+  }
+  if (too_late) {
+    settle(kServiceNotAvailable, nullptr, 0);
+    return 0;
   }
   const int error =
       Write({kind, *serial, 0, static_cast<uint32_t>(table.size())}, table, payload, size);
@@ -257,8 +267,11 @@ void SocketClient::Link::Lose() {
     unanswered.swap(pending);
     tell.swap(on_lost);
   }
-  for (auto& [serial, waiting] : unanswered) waiting.settle(kServiceNotAvailable, nullptr, 0);
+  // The loss itself first: it explains the rest.
   if (tell && !stopping) tell();
+  for (auto& [serial, waiting] : unanswered) {
+    if (!stopping) waiting.settle(kServiceNotAvailable, nullptr, 0);
+  }
 }
 
 SocketClient::SocketClient() : link_(std::make_shared<Link>()) {}
