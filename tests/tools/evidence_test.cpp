@@ -60,7 +60,11 @@ TEST(Tombstone, FunctionOfEachForm) {
       {"#00 pc 0012  /lib/x.so (ns::{lambda()#1}::operator()() const)", "operator()"},
       {"#00 pc 0012  /lib/x.so", "x.so"},
       {"#00 pc 0012  /lib/x.so (cut off(", "cut off("},
-      {"#00 pc 0012  (", ""},
+      {"#00 pc 0012  (", "("},
+      {"#00", ""},
+      {"#00 pc 0012  /lib/x.so\n    #01 pc 0034  /lib/y.so (abort)\n"
+       "    #02 pc 0056  /other/service (a::Report(int))\n    #03 pc 0078  /x/service (b())",
+       "Report"},
   };
   const std::string head =
       Without(kTombstone, std::string(kTombstone).substr(std::string(kTombstone).find("    #00")));
@@ -103,6 +107,7 @@ TEST(EvidenceFiles, Malformed_OneLineSaysWhat) {
       {Without(kTombstone, "signal 6 "), "signal "},
       {Without(kTombstone, "(SIGABRT), code -6, fault addr (nil)"), "no signal"},
       {Without(kTombstone, "\nbacktrace:\n"), "no backtrace"},
+      {Without(kTombstone, "Cmdline: "), "Cmdline"},
   };
   const auto expect = [](const auto& parse, const std::string& text, const char* mistake) {
     try {

@@ -38,7 +38,7 @@ std::string Find(const std::string& text, const std::string& label) {
 
 // "bthal::log::(anonymous namespace)::Abort(char const*)" is "Abort".
 std::string ShortName(const std::string& function) {
-  std::string name = function;
+  std::string name = function.substr(0, function.find("[abi:"));
   // Without the arguments: the parentheses that close last.
   if (const size_t close = name.rfind(')'); close != std::string::npos && close > 0) {
     int depth = 0;
@@ -60,20 +60,30 @@ std::string ShortName(const std::string& function) {
   return name;
 }
 
-// "#06 pc 0000560ad72bfa95  OBJECT (FUNCTION) SOURCE:LINE": the function, or the object where the
-// function is not known.
-std::string FunctionOf(const std::string& frame) {
-  const size_t open = frame.find(" (");
-  if (open == std::string::npos) {
-    const size_t slash = frame.rfind('/');
-    return slash == std::string::npos ? frame : frame.substr(slash + 1);
-  }
+struct Frame {
+  std::string object;    // without its folders
+  std::string function;  // may be empty
+};
+
+std::string WithoutFolders(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+// "#06 pc 0000560ad72bfa95  OBJECT (FUNCTION) SOURCE:LINE".
+Frame ParseFrame(const std::string& line) {
+  const size_t address = line.find("pc ");
+  const size_t object = line.find("  ", address == std::string::npos ? 0 : address);
+  if (object == std::string::npos) return {};
+  const size_t open = line.find(" (", object + 2);
+  Frame frame;
+  frame.object = WithoutFolders(line.substr(object + 2, open - object - 2));
+  if (open == std::string::npos) return frame;
   int depth = 0;
-  for (size_t i = open + 1; i < frame.size(); ++i) {
-    if (frame[i] == '(') ++depth;
-    if (frame[i] == ')' && --depth == 0) return frame.substr(open + 2, i - open - 2);
+  size_t end = open + 1;
+  for (; end < line.size(); ++end) {
+    if (line[end] == '(') ++depth;
+    if (line[end] == ')' && --depth == 0) break;
   }
-  return frame.substr(open + 2);
+  frame.function = line.substr(open + 2, end - open - 2);
+  return frame;
 }
 
 // The way from a fatal log line to the signal, which is the same each time.
@@ -146,16 +156,22 @@ Tombstone ParseTombstone(const std::string& text) {
 
   const size_t backtrace = text.find("\nbacktrace:\n");
   if (backtrace == std::string::npos) throw Failure("there is no backtrace");
+  // The program's own first frame; where none is there, the first that is no machinery.
+  const std::string command = Find(text, "Cmdline: ");
+  const std::string program = WithoutFolders(command.substr(0, command.find(' ')));
+  std::string other;
   std::istringstream frames(text.substr(backtrace));
   for (std::string line; std::getline(frames, line);) {
     const size_t number = line.find('#');
     if (number == std::string::npos) continue;
     tombstone.frames.push_back(line.substr(number));
-    const std::string function = FunctionOf(line);
-    if (tombstone.function.empty() && !IsAbortMachinery(function)) {
-      tombstone.function = ShortName(function);
-    }
+    const Frame frame = ParseFrame(line.substr(number));
+    if (IsAbortMachinery(frame.function)) continue;
+    const std::string name = frame.function.empty() ? frame.object : ShortName(frame.function);
+    if (other.empty()) other = name;
+    if (tombstone.function.empty() && frame.object == program) tombstone.function = name;
   }
+  if (tombstone.function.empty()) tombstone.function = other;
   return tombstone;
 }
 

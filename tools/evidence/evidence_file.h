@@ -26,7 +26,7 @@ struct Tombstone {
   std::string thread;
   std::string signal;    // "SIGABRT"
   std::string message;   // of an abort; may be empty
-  std::string function;  // where it happened: the first frame that is not the abort's own
+  std::string function;  // where it happened: the program's first frame that is not the abort's
   std::vector<std::string> frames;
 };
 
