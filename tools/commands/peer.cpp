@@ -11,10 +11,18 @@ namespace {
 
 constexpr char kTargetHelp[] = "address, or the name that the peer advertises";
 
-void ReadName(const Options& options, const std::string& target, bool json) {
+void Prepare(Exchange& exchange, bool reset) {
+  if (reset) {
+    ResetController(exchange);
+  } else {
+    UnmaskEvents(exchange);
+  }
+}
+
+void ReadName(const Options& options, const std::string& target, bool reset, bool json) {
   const auto link = OpenLink(options);
   Exchange exchange(*link);
-  ResetController(exchange);
+  Prepare(exchange, reset);
   LePeer peer(exchange, target);
   const std::string name = peer.ReadDeviceName();
   const std::string address = AddressText(peer.advertisement().address);
@@ -25,10 +33,11 @@ void ReadName(const Options& options, const std::string& target, bool json) {
   }
 }
 
-void Echo(const Options& options, const std::string& target, const TransferFlags& flags) {
+void Echo(const Options& options, const std::string& target, bool reset,
+          const TransferFlags& flags) {
   const auto link = OpenLink(options);
   Exchange exchange(*link);
-  ResetController(exchange);
+  Prepare(exchange, reset);
   const CommandAnswer buffers = exchange.Demand(opcode::kLeReadBufferSize);
   Reader in(buffers.parameters);
   in.Skip(1);
@@ -51,20 +60,29 @@ void Echo(const Options& options, const std::string& target, const TransferFlags
 void AddPeer(CLI::App& app, const Options& options) {
   auto target = std::make_shared<std::string>();
   auto json = std::make_shared<bool>(false);
+  auto no_reset = std::make_shared<bool>(false);
+  const auto add_no_reset = [&](CLI::App* command) {
+    command->add_flag("--no-reset", *no_reset,
+                      "no HCI Reset before it, which would undo what the extensions have set");
+  };
   CLI::App* name =
       app.add_subcommand("read-name", "connect to an LE peer and read its device name");
   name->add_option("PEER", *target, kTargetHelp)->required();
+  add_no_reset(name);
   name->add_flag("--json", *json, "for a script");
   name->footer("Example:\n  bthalctl read-name \"ZVK GATT\"");
-  name->callback([&options, target, json] { ReadName(options, *target, *json); });
+  name->callback(
+      [&options, target, no_reset, json] { ReadName(options, *target, !*no_reset, *json); });
 
   auto flags = std::make_shared<TransferFlags>();
   CLI::App* echo =
       app.add_subcommand("echo", "connect to an LE peer that sends ACL data back, and check it");
   echo->add_option("PEER", *target, kTargetHelp)->required();
+  add_no_reset(echo);
   AddTransferFlags(*echo, *flags);
   echo->footer("Example:\n  bthalctl echo \"ZVK Loop\" --bytes 100k");
-  echo->callback([&options, target, flags] { Echo(options, *target, *flags); });
+  echo->callback(
+      [&options, target, no_reset, flags] { Echo(options, *target, !*no_reset, *flags); });
 }
 
 }  // namespace bthalctl

@@ -26,6 +26,10 @@ constexpr uint64_t kLeEvents = 0x1DFF;
 
 void ResetController(Exchange& exchange) {
   exchange.Demand(opcode::kReset);
+  UnmaskEvents(exchange);
+}
+
+void UnmaskEvents(Exchange& exchange) {
   exchange.Demand(opcode::kSetEventMask, Writer().Little(kAllEvents, 8).Done());
   exchange.Demand(opcode::kLeSetEventMask, Writer().Little(kLeEvents, 8).Done());
 }

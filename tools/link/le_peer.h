@@ -10,6 +10,8 @@ namespace bthalctl {
 
 // Prepares a controller whose state is unknown: HCI Reset, and every event let through.
 void ResetController(Exchange& exchange);
+// The second half of it: leaves what others have set as it is.
+void UnmaskEvents(Exchange& exchange);
 
 // Listens for advertisers until deadline, or until heard returns true.
 void Scan(Exchange& exchange, bool active, TimePoint deadline,
