@@ -1,0 +1,95 @@
+// The same service in front of the same controller, with a co-processor between them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+
+#include "support/wait.h"
+#include "system/handset.h"
+
+namespace test {
+namespace {
+
+using ::testing::HasSubstr;
+
+bool StatusHolds(const Handset& handset, const std::string& text) {
+  return WaitFor(
+      [&] { return ReadFile(handset.Path("run/zvksim/status")).find(text) != std::string::npos; });
+}
+
+// What the crash information files say.
+std::string CrashReports(const Handset& handset) {
+  std::string text;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(handset.Path("data/vendor/ssrdump"))) {
+    if (entry.is_regular_file()) text += ReadFile(entry.path());
+  }
+  return text;
+}
+
+TEST(CoProcessor, BringUpDataAndPowerOff_AreThoseOfTheLine) {
+  Handset handset(Mode::kPlain, {"--co-processor"});
+  handset.StartService();
+  ASSERT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
+  EXPECT_TRUE(StatusHolds(handset, "\"line_baud\": 6144000"));
+  EXPECT_TRUE(StatusHolds(handset, "\"low_power\": true"));
+  EXPECT_TRUE(StatusHolds(handset, "\"patched\": true"));
+  EXPECT_THAT(handset.Ctl({"read-name", "5A:56:4B:AD:00:04"}).output,
+              HasSubstr("is called \"ZVK GATT\""));
+  const int bytes = Count("bytes over the co-processor", 2'000'000);
+  const CtlResult data = handset.Ctl({"loopback", "--bytes", std::to_string(bytes)});
+  EXPECT_EQ(data.exit_code, 0) << data.output;
+  EXPECT_THAT(data.output, HasSubstr("nothing lost, nothing reordered"));
+  EXPECT_EQ(handset.Ctl({"down"}).exit_code, 0);
+  EXPECT_TRUE(StatusHolds(handset, "\"connected\": false"));
+  EXPECT_TRUE(StatusHolds(handset, "\"on\": false"));
+  EXPECT_TRUE(StatusHolds(handset, "\"powered\": false"));
+  EXPECT_EQ(handset.Ctl({"info"}).exit_code, 0) << "it comes up again";
+}
+
+TEST(CoProcessorSlow, Faults_EndTheServiceWithTheirReport) {
+  struct Row {
+    const char* scenario;
+    int signal;
+    const char* reason;  // in a crash information file; or none
+  };
+  const Row rows[] = {
+      {"at 0s co-absent\n", SIGABRT, "Qvr Transport Prepare Failed"},
+      {"request power nth 2 status 5\n", SIGKILL, ""},
+      {"request power nth 2 no-answer\n", SIGKILL, ""},
+      {"request packet nth 3 co-disconnect\n", SIGABRT, "Handle Qvr Connection Event Error"},
+      {"after 0xFC27 nth 1 1s co-disconnect\n", SIGABRT, "Handle Qvr Connection Event Error"},
+      {"after 0xFC27 nth 1 1s co-absent\n", SIGABRT, "Handle Qvr Connection Event Error"},
+      {"after 0xFC27 nth 1 1s co-garbage 100\n", SIGABRT, "Handle Qvr Connection Event Error"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.scenario);
+    TempDir folder;
+    WriteFile(folder / "scenario", row.scenario);
+    Handset handset(Mode::kAccelerated, {"--co-processor", "--firmware-size", "2000", "--scenario",
+                                         folder / "scenario"});
+    handset.StartService();
+    const auto end = handset.service().Wait(kDeadline);
+    ASSERT_TRUE(end.has_value()) << handset.Log();
+    EXPECT_EQ(end->signal, row.signal) << handset.Log();
+    EXPECT_THAT(CrashReports(handset), HasSubstr(row.reason));
+  }
+}
+
+TEST(CoProcessor, BrokenMessages_AreNamedAndTheNextIsHeard) {
+  TempDir folder;
+  WriteFile(folder / "scenario",
+            "after 0xFC27 nth 1 co-event 12 01 02\n"
+            "after 0xFC27 nth 1 co-table 8 01 02 03\n"
+            "after 0xFC27 nth 1 co-truncated\n"
+            "after 0xFC27 nth 1 co-table 9 01 02 03\n");
+  Handset handset(Mode::kAccelerated, {"--co-processor", "--scenario", folder / "scenario"});
+  handset.StartService();
+  EXPECT_EQ(handset.Ctl({"info"}).exit_code, 0) << handset.Log();
+  EXPECT_THAT(handset.Log(), HasSubstr("qvr_message_handler: Unimplemented packet type 12"));
+  EXPECT_EQ(CountOf("Failed to get qvr msg: err 5", handset.Log()), 2u);
+}
+
+}  // namespace
+}  // namespace test
