@@ -165,35 +165,14 @@ TEST(BringUp, FirmwareFile_IsTheFirstCandidateThatExists) {
       });
 }
 
-// What is reported when a step of the bring-up is refused; {} for a step that may fail.
-TEST(BringUp, RefusedStep_IsReportedWithItsCode) {
-  const std::vector<test::Vector> rows = {
-      {"reset", {"99", "0C03:0C", "147, extra info: HCI Reset error before downloading firmware"}},
-      {"chip id",
-       {"99", "FC79:01", "147, extra info: HCI Reset error before downloading firmware"}},
-      {"chip id 0", {"00", "-", "147, extra info: HCI Reset error before downloading firmware"}},
-      {"speed",
-       {"99", "FC18:12",
-        "146, extra info: Unable to change to 4M baud rate before downloading firmware"}},
-      {"local name", {"99", "0C14:01", ""}}};
-  ForEachVector(
-      rows,
-      [](const test::Vector& v, const test::TempDir& root) {
-        test::WriteConfiguration(root.path());
-        test::WriteFile(root.path() + kFirmware + "ZVK.hcd", "");
-        return test::StartChild("BringUp", root.path(), {v.fields[0], v.fields[1]});
-      },
-      [](const test::Vector& v, const BringUpRun& run) {
-        const bool fatal = !v.fields[2].empty();
-        EXPECT_EQ(run.child.result.signal, fatal ? SIGABRT : 0) << run.child.output;
-        if (fatal) {
-          EXPECT_THAT(run.child.output, HasSubstr("vendor error code " + v.fields[2] + "\n"));
-        } else {
-          EXPECT_THAT(run.child.output,
-                      HasSubstr("Initialize: Unable to get local name information"));
-          EXPECT_THAT(run.child.output, HasSubstr("\nready "));
-        }
-      });
+// An answer with status 0, but no chip has the id 0.
+TEST(BringUp, ChipIdZero_FailsTheReset) {
+  test::TempDir root;
+  test::WriteConfiguration(root.path());
+  const test::ChildRun run = test::RunChild("BringUp", root.path(), {"00", "-"});
+  EXPECT_EQ(run.result.signal, SIGABRT) << run.output;
+  EXPECT_THAT(run.output, HasSubstr("vendor error code 147, extra info: HCI Reset error before "
+                                    "downloading firmware\n"));
 }
 
 }  // namespace

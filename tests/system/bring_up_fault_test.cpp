@@ -22,10 +22,11 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 enum class Fault { kSilent, kRefused, kLate1900, kLate2100, kHangUp, kWrongSpeed, kSplit };
-bool IsTimed(Fault fault) { return fault == Fault::kLate1900 || fault == Fault::kLate2100; }
 // In the order of the columns of bringup_faults.txt.
 constexpr const char* kFaultNames[] = {"Silent", "Refused",    "Late1900ms", "Late2100ms",
                                        "HangUp", "WrongSpeed", "Split"};
+
+bool IsTimed(Fault fault) { return fault == Fault::kLate1900 || fault == Fault::kLate2100; }
 
 constexpr uint8_t kRefusal = 0x0C;
 // What another speed may look like: its first byte is no packet type.
@@ -70,6 +71,7 @@ struct Result {
   StallMeter::Clock::time_point asked{}, answered{};  // the step that goes wrong
 };
 
+// The first one of each name.
 std::map<std::string, WireVector> VectorsByName() {
   std::map<std::string, WireVector> by_name;
   const WireVectors vectors = LoadWireVectors();
@@ -265,6 +267,25 @@ std::string Without(std::string text, const std::string& part) {
   return at == std::string::npos ? text : text.erase(at, part.size());
 }
 
+// The record that the failed step itself leaves; a status is shown in hexadecimal, some of them
+// padded with a blank to two characters.
+std::string ExpectedRecord(const std::string& step, uint8_t status) {
+  static const std::map<std::string, const char*> formats = {
+      {"to_4000000", "baudrate_change: Update Baud Rate command failed: 0x%2X\n"},
+      {"set_download_config",
+       "enable_fast_download: Set Download Config command returned: 0x%2X\n"},
+      {"download_minidriver", "firmware_download: UDownload Minidrv command failed: 0x%2X\n"},
+      {"record_data", "firmware_download: Failed to write patchram: 0x%x\n"},
+      {"record_longest", "firmware_download: Failed to write patchram: 0x%x\n"},
+      {"launch_of_file", "firmware_download: Failed to write patchram: 0x%x\n"},
+      {"launch_default", "firmware_download: Launch Ram command failed: 0x%x\n"}};
+  const auto format = formats.find(step);
+  if (format == formats.end()) return "";
+  char text[100];
+  snprintf(text, sizeof text, format->second, status);
+  return text;
+}
+
 void JudgeDeath(const Row& row, const Result& run) {
   const std::string reason = ExpectedReason(row);
   ExpectDeath(std::stoi(row.outcome), reason, run.end, run.log, run.evidence);
@@ -278,13 +299,13 @@ void JudgeDeath(const Row& row, const Result& run) {
   if (run.evidence.core_dumps.size() != 1) return;
   const std::string& core = run.evidence.core_dumps[0];
   if (row.Step().awaited) {
+    const uint8_t status = row.fault == Fault::kRefused ? kRefusal : 3;
     char failed[80];
     snprintf(failed, sizeof failed,
-             ": btzvk_send_command_wait_complete: opcode 0x%04x LEN 0x%02x "
-             "Result 0x%02x\n",
-             row.Step().Opcode(), row.Step().packet[3],
-             row.fault == Fault::kRefused ? kRefusal : 3);
+             ": btzvk_send_command_wait_complete: opcode 0x%04x LEN 0x%02x Result 0x%02x\n",
+             row.Step().Opcode(), row.Step().packet[3], status);
     EXPECT_THAT(core, HasSubstr(failed));
+    EXPECT_THAT(core, HasSubstr(ExpectedRecord(row.Step().name, status)));
   }
   EXPECT_THAT(core, HasSubstr(": Shutdown\n"));
   if (row.fault == Fault::kHangUp) {
