@@ -6,7 +6,8 @@
 //     ACTION      close; die (SIGKILL); die-in-close (main only: dies NTH µs after close() began);
 //                 cue (main only: Read Voice Setting, which a scenario may wait for)
 //     TRAFFIC_MS  of data through the controller's loopback, then close
-// Prints "ready" once it is attached. Exit codes: 0 closed, 3 no service or it died, 5 stuck.
+// Prints "ready" once it is attached, "answered" when the controller answers commands. Exit codes:
+// 0 closed, 3 no service or it died, 5 stuck.
 #include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
 #include <hidl/HidlTransportSupport.h>
 #include <signal.h>
@@ -67,6 +68,8 @@ class Stack : public IBluetoothHciCallbacks {
     return false;
   }
 
+  bool answered() const { return answered_; }
+
   // False when the service died.
   bool Traffic() {
     Send(&IBluetoothHci::sendHciCommand, {0x02, 0x18, 0x01, 0x01});  // Write Loopback Mode
@@ -77,7 +80,7 @@ class Stack : public IBluetoothHciCallbacks {
       Send(&IBluetoothHci::sendAclData, {0x01, 0x00, 0x02, 0x00, i, i});
       Send(&IBluetoothHci::sendScoData, {0x02, 0x00, 0x02, i, i});
       Send(&IBluetoothHci::sendIsoData, {0x00, 0x8E, 0x05, 0x00, i, 0x00, 0x01, 0x00, i});
-      Send(&IBluetoothHci::sendHciCommand, {0x09, 0x10, 0x00});
+      Send(&IBluetoothHci::sendHciCommand, {0x09, 0x10, 0x00});  // Read BD_ADDR
       if (!acted && steady_clock::now() >= start + milliseconds(plan_.nth)) {
         acted = true;
         Act();
@@ -103,12 +106,20 @@ class Stack : public IBluetoothHciCallbacks {
     if (!refused_) Came("init");
     return Void();
   }
-  Return<void> hciEventReceived(const hidl_vec<uint8_t>&) override { return Came("event"); }
+  Return<void> hciEventReceived(const hidl_vec<uint8_t>& event) override {
+    if (IsAnswer(event)) answered_ = true;
+    return Came("event");
+  }
   Return<void> aclDataReceived(const hidl_vec<uint8_t>&) override { return Came("acl"); }
   Return<void> scoDataReceived(const hidl_vec<uint8_t>&) override { return Came("sco"); }
   Return<void> isoDataReceived(const hidl_vec<uint8_t>&) override { return Came("iso"); }
 
  private:
+  // To Read BD_ADDR: carried out, or looped back.
+  static bool IsAnswer(const hidl_vec<uint8_t>& event) {
+    const size_t at = event.size() > 0 && event[0] == 0x19 ? 2 : 3;
+    return event.size() > at + 1 && event[at] == 0x09 && event[at + 1] == 0x10;
+  }
   Return<void> Came(const char* kind) {
     bool now = false;
     {
@@ -132,6 +143,7 @@ class Stack : public IBluetoothHciCallbacks {
   const Plan plan_;
   std::atomic<bool> refused_{false};
   std::atomic<bool> alive_{true};
+  std::atomic<bool> answered_{false};
   std::mutex lock_;
   std::map<std::string, int> came_;
 };
@@ -159,7 +171,10 @@ int main(int argc, char** argv) {
   if (!stack->Attach()) return kNoService;
   puts("ready");
   fflush(stdout);
-  if (!stack->Traffic() || !stack->Close()) return kNoService;
+  const bool alive = stack->Traffic();
+  if (stack->answered()) puts("answered");
+  fflush(stdout);
+  if (!alive || !stack->Close()) return kNoService;
   puts("closed");
   fflush(stdout);
   _exit(0);

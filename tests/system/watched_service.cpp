@@ -62,6 +62,8 @@ std::string WatchedService::WaitForEnd() {
   if (end->signal == SIGTERM) {
     return Has(log, "sigaction(SIGTERM)") ? wrong("SIGTERM was not handled") : "";
   }
+  // The line was taken away: there is nobody left to report to.
+  if (end->signal == SIGABRT && Has(log, "Read packet type error: ")) return "";
   if (end->signal != SIGABRT || reported.empty()) return wrong("the service died without a report");
   if (!Has(log, "Bluetooth HAL crash with error code 0, vendor error code ")) {
     return wrong("it did not say why it aborted");
