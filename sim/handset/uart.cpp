@@ -15,6 +15,7 @@ constexpr size_t kTxHigh = 262144;
 constexpr double kBitsPerByte = 10;  // start bit, 8 data bits, stop bit
 constexpr auto kTick = std::chrono::milliseconds(1);
 constexpr double kBurstSeconds = 0.002;
+constexpr double kBusyBurstSeconds = 0.1;
 
 }  // namespace
 
@@ -23,7 +24,9 @@ size_t Uart::Budget::Available(uint32_t bits_per_second) {
   const double rate = bits_per_second / kBitsPerByte;
   const double seconds = std::chrono::duration<double>(now - refilled_).count();
   refilled_ = now;
-  bytes_ = std::min(bytes_ + seconds * rate, std::max(1.0, kBurstSeconds * rate));
+  const double burst = busy_ ? kBusyBurstSeconds : kBurstSeconds;
+  busy_ = true;
+  bytes_ = std::min(bytes_ + seconds * rate, std::max(1.0, burst * rate));
   return bytes_ < 1 ? 0 : static_cast<size_t>(bytes_);
 }
 
@@ -108,7 +111,10 @@ void Uart::Read() {
       }
     }
     const uint64_t before = received_;
-    if (!ReadOnce(limit)) return;
+    if (!ReadOnce(limit)) {
+      rx_budget_.Rest();
+      return;
+    }
     rx_budget_.Spend(received_ - before);
   }
 }
@@ -190,6 +196,7 @@ void Uart::Flush() {
     if (queued() == 0) {
       tx_.clear();
       tx_head_ = 0;
+      tx_budget_.Rest();
     } else if (tx_head_ >= kTxHigh) {
       tx_.erase(tx_.begin(), tx_.begin() + static_cast<ptrdiff_t>(tx_head_));
       tx_head_ = 0;

@@ -61,14 +61,17 @@ class Uart {
     EventLoop::Duration pause;
     std::function<void()> run;
   };
-  // How many bytes may move now at line speed.
+  // How many bytes may move now at line speed. A line that is busy makes up for a turn that comes
+  // late; one that rests saves up next to nothing.
   class Budget {
    public:
     size_t Available(uint32_t bits_per_second);
     void Spend(size_t bytes) { bytes_ -= static_cast<double>(bytes); }
+    void Rest() { busy_ = false; }
 
    private:
     double bytes_ = 0;
+    bool busy_ = false;
     EventLoop::Time refilled_{};
   };
 
