@@ -35,12 +35,15 @@ TEST(BringUpSteps, StepWithAnEndOfItsOwn_TimeAndFindings) {
       Told({"10.000 I bthal.zvkbtlinux: initialize_impl", "10.001 I coex_device: DeviceOpen",
             "10.002 I coex_device: DeviceOpen return upon created fd: 9",
             "10.302 I bthal.zvkbtlinux: open_coex_dev: return ret (1), count:3",
+            "10.302 I bthal.qvrhelper: PrepareQvrTransport",
+            "10.305 I bthal.qvrhelper: PrepareQvrTransport: return ret (1), count:0",
             "10.400 I bthal.hwcontrol: userial_tty_open: open /dev/ttySAC16",
             "10.450 I bthal.hwcontrol: UserialOpen: USERIAL (13) Ready",
             "10.450 I bthal.bdaddress: Provision: BDADDR <01:00:00:4b:56:5a>",
             "10.460 I bthal.bdaddress: OnEventReceive: Recv Success VSE <[6]{14, 4, 1}>"}),
       ElementsAre("mark 0+0 a stack attaches", "begin 1+0 coexistence device",
                   "end 1+301 coexistence device = opened after 3 failed attempts",
+                  "begin 302+0 co-processor", "end 302+3 co-processor = connected",
                   "begin 400+0 serial port = /dev/ttySAC16",
                   "end 400+50 serial port = /dev/ttySAC16",
                   "begin 450+0 device address = 5a:56:4b:00:00:01",
@@ -69,6 +72,17 @@ TEST(BringUpSteps, ErrorLine_FailsTheStepOnceAndIsShown) {
                   "failed 0+2000 line speed = 4000000 bit/s",
                   "trouble 2000+0 E btzvk_send_command_wait_complete: Result 0x03",
                   "trouble 2001+0 E baudrate_change: Update Baud Rate command failed: 3"));
+}
+
+TEST(BringUpSteps, AnswerThatIsNoSuccess_FailsTheStep) {
+  EXPECT_THAT(Told({"10.000 I bthal.zvkproto: send_hci_reset",
+                    "10.001 I bthal.zvkproto: read_btzvk_chip_id: 0",
+                    "10.002 I bthal.bdaddress: Provision: BDADDR <01:00:00:4b:56:5a>",
+                    "10.003 W bthal.bdaddress: OnEventReceive: Recv Failure VSE <[6]{14}>"}),
+              ElementsAre("begin 0+0 reset and chip id", "failed 0+1 reset and chip id",
+                          "begin 2+0 device address = 5a:56:4b:00:00:01",
+                          "failed 2+1 device address = 5a:56:4b:00:00:01",
+                          "trouble 3+0 W OnEventReceive: Recv Failure VSE <[6]{14}>"));
 }
 
 TEST(BringUpSteps, LinesOfOthers_SayNothing) {

@@ -30,6 +30,9 @@ constexpr Rule kRules[] = {
     {"coex_device", "DeviceOpen", nullptr, Meaning::kBegins, "coexistence device"},
     {"bthal.zvkbtlinux", "open_coex_dev: return ret (1), count:", "", Meaning::kEnds,
      "coexistence device"},
+    {"bthal.qvrhelper", "PrepareQvrTransport", nullptr, Meaning::kBegins, "co-processor"},
+    {"bthal.qvrhelper", "PrepareQvrTransport: return ret (1), count:", "", Meaning::kEnds,
+     "co-processor"},
     {"bthal.hwcontrol", "PowerControl: Disabling, state_path: ", "", Meaning::kBegins, "power off"},
     {"bthal.hwcontrol", "PowerControl: Enabling, state_path: ", "", Meaning::kBegins, "power on"},
     {"bthal.hwcontrol", "userial_tty_open: open ", "", Meaning::kBegins, "serial port"},
@@ -65,12 +68,14 @@ constexpr Rule kRules[] = {
      "the controller is ready"},
     {"bthal.bdaddress", "Provision: BDADDR <", ">", Meaning::kBegins, "device address"},
     {"bthal.bdaddress", "OnEventReceive: Recv Success VSE", "", Meaning::kEnds, "device address"},
+    {"bthal.bdaddress", "OnEventReceive: Recv Failure VSE", "", Meaning::kFails, "device address"},
 };
 
 // What a detail means, where the log's own form does not say it.
 std::string Readable(std::string_view step, std::string_view detail) {
-  if (step == "coexistence device") {
-    return detail == "0" ? "opened" : "opened after " + std::string(detail) + " failed attempts";
+  if (step == "coexistence device" || step == "co-processor") {
+    const std::string done = step == "co-processor" ? "connected" : "opened";
+    return detail == "0" ? done : done + " after " + std::string(detail) + " failed attempts";
   }
   if (step == "reset and chip id") return "chip id " + std::string(detail);
   if (step == "line speed") return std::string(detail) + " bit/s";
