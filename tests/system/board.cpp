@@ -1,5 +1,6 @@
 #include "system/board.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -54,6 +55,16 @@ Board::Board(Mode mode, const WireVector& vector) {
   WriteFile(Path("vendor/firmware/tovu/ZVK.hcd"), vector.patch_file);
   WriteFile(Path("vendor/build.prop"),
             mode == Mode::kPlain ? "persist.bluetooth.disable.accelerate.bt.on=true\n" : "");
+}
+
+Board::~Board() {
+  for (const auto* process : {&service_, &stack_}) {
+    if (*process == nullptr) continue;
+    const std::string output = (*process)->Output();
+    for (const char* sign : {"Sanitizer: ", ": runtime error: "}) {
+      EXPECT_EQ(output.find(sign), std::string::npos) << output;
+    }
+  }
 }
 
 void Board::Play(ScriptedController::Script script) {

@@ -24,6 +24,8 @@ class Board {
  public:
   // With the chip, the configuration and the patch file of a vector.
   Board(Mode mode, const WireVector& vector);
+  // Fails the test if a sanitizer had anything to say in the processes.
+  ~Board();
 
   // The controller's side. script sees the packets in the order of their arrival.
   void Play(ScriptedController::Script script);
