@@ -26,8 +26,6 @@ class CtlExtensions : public ::testing::Test {
         std::vector<std::string>{"--scenario", folder_ / "scenario", "--trace", folder_ / "trace"});
     handset_->StartService();
     EXPECT_EQ(handset_->Ctl({"up", "--detach"}).exit_code, 0) << handset_->Log();
-    // The extensions are started beside the end of initialize.
-    EXPECT_TRUE(handset_->service().WaitForOutput("bthal.activity: OnBluetoothEnabled", kDeadline));
   }
 
   CtlResult Ctl(const std::vector<std::string>& arguments) { return handset_->Ctl(arguments); }

@@ -79,7 +79,7 @@ TEST(BringUpSteps, AnswerThatIsNoSuccess_FailsTheStep) {
                     "10.001 I bthal.zvkproto: read_btzvk_chip_id: 0",
                     "10.002 I bthal.bdaddress: Provision: BDADDR <01:00:00:4b:56:5a>",
                     "10.003 W bthal.bdaddress: OnEventReceive: Recv Failure VSE <[6]{14}>"}),
-              ElementsAre("begin 0+0 reset and chip id", "failed 0+1 reset and chip id",
+              ElementsAre("begin 0+0 reset and chip id", "failed 0+1 reset and chip id = chip id 0",
                           "begin 2+0 device address = 5a:56:4b:00:00:01",
                           "failed 2+1 device address = 5a:56:4b:00:00:01",
                           "trouble 3+0 W OnEventReceive: Recv Failure VSE <[6]{14}>"));

@@ -76,13 +76,33 @@ void ShowLine(const LogLine& line) {
   std::fflush(stdout);
 }
 
-// Follows the service's log while bring-up runs; returns when the report is there.
-void FollowBringUp(LogFollower& log, int report, const UpOptions& up) {
+// Whether this line says that the extensions take calls from now on, which is a moment after the
+// end of initialize.
+bool TellsOfExtensions(const LogLine& line) {
+  return line.tag == "bthal.activity" && line.text == "OnBluetoothEnabled";
+}
+
+// What the holder reports: an exit code, then a text. Empty when it died.
+std::string ReadReport(int fd) {
+  std::string report;
+  char buffer[1024];
+  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
+    report.append(buffer, static_cast<size_t>(n));
+    if (report.front() == 0) break;  // the pipe stays open behind a success
+  }
+  return report;
+}
+
+// Follows the service's log while bring-up runs; returns the holder's report.
+std::string FollowBringUp(LogFollower& log, int report, const UpOptions& up) {
   BringUpSteps steps;
   StepPrinter printer;
+  bool extensions = false;
   const auto show = [&](const std::string& text) {
     const std::optional<LogLine> line = ParseLogLine(text);
-    if (!line || up.quiet) return;
+    if (!line) return;
+    extensions = extensions || TellsOfExtensions(*line);
+    if (up.quiet) return;
     if (up.lines) return ShowLine(*line);
     for (const Progress& progress : steps.Feed(*line)) printer.Show(progress);
   };
@@ -92,6 +112,14 @@ void FollowBringUp(LogFollower& log, int report, const UpOptions& up) {
     done = waits[0].revents != 0;
     log.Drain(show);
   }
+  const std::string verdict = ReadReport(report);
+  // So that "up" may be followed by a call of an extension at once.
+  const TimePoint deadline = Clock::now() + std::chrono::seconds(1);
+  while (!extensions && !verdict.empty() && verdict.front() == 0 &&
+         WaitReadable(log.fd(), deadline)) {
+    log.Drain(show);
+  }
+  return verdict;
 }
 
 // What the service has left behind since start.
@@ -105,14 +133,9 @@ void ShowEvidence(SystemTime start) {
 }
 
 // Throws what the report says when it is no success.
-void TakeVerdict(int fd, SystemTime started) {
-  std::string report;
-  char buffer[1024];
-  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
-    report.append(buffer, static_cast<size_t>(n));
-    if (report.front() == 0) return;
-  }
+void Judge(const std::string& report, SystemTime started) {
   if (report.empty()) throw Failure("the holder of the attachment died");
+  if (report.front() == 0) return;
   ShowEvidence(started);
   throw Failure(static_cast<ExitCode>(report.front()), report.substr(1));
 }
@@ -157,8 +180,7 @@ void Up(const Options& options, const UpOptions& up) {
       _exit(0);
     }
     reporter.reset();
-    FollowBringUp(log, report.get(), up);
-    TakeVerdict(report.get(), started);
+    Judge(FollowBringUp(log, report.get(), up), started);
     up_line();
     return;
   }
@@ -173,8 +195,7 @@ void Up(const Options& options, const UpOptions& up) {
     }
   });
   try {
-    FollowBringUp(log, report.get(), up);
-    TakeVerdict(report.get(), started);
+    Judge(FollowBringUp(log, report.get(), up), started);
     up_line();
     std::puts("Ctrl-C, or bthalctl down in another terminal, takes it down");
     std::fflush(stdout);

@@ -40,7 +40,7 @@ constexpr Rule kRules[] = {
     {"bthal.zvkproto", "AcceleratedReset", nullptr, Meaning::kMark,
      "the controller is up already: a reset will do"},
     {"bthal.zvkproto", "send_hci_reset", nullptr, Meaning::kBegins, "reset and chip id"},
-    {"bthal.zvkproto", "read_btzvk_chip_id: 0", nullptr, Meaning::kFails, "reset and chip id"},
+    {"bthal.zvkproto", "read_btzvk_chip_id: 0", "", Meaning::kFails, "reset and chip id"},
     {"bthal.zvkproto", "read_btzvk_chip_id: ", "", Meaning::kEnds, "reset and chip id"},
     {"bthal.zvkproto", "baudrate_change: Sending Update Baud Rate (115200", ") command",
      Meaning::kBegins, "firmware starts"},
@@ -69,6 +69,7 @@ constexpr Rule kRules[] = {
     {"bthal.bdaddress", "Provision: BDADDR <", ">", Meaning::kBegins, "device address"},
     {"bthal.bdaddress", "OnEventReceive: Recv Success VSE", "", Meaning::kEnds, "device address"},
     {"bthal.bdaddress", "OnEventReceive: Recv Failure VSE", "", Meaning::kFails, "device address"},
+    {"bthal.activity", "OnBluetoothEnabled", nullptr, Meaning::kMark, "the extensions are ready"},
 };
 
 // What a detail means, where the log's own form does not say it.
@@ -77,7 +78,9 @@ std::string Readable(std::string_view step, std::string_view detail) {
     const std::string done = step == "co-processor" ? "connected" : "opened";
     return detail == "0" ? done : done + " after " + std::string(detail) + " failed attempts";
   }
-  if (step == "reset and chip id") return "chip id " + std::string(detail);
+  if (step == "reset and chip id") {
+    return "chip id " + (detail.empty() ? "0" : std::string(detail));  // 0: it has none
+  }
   if (step == "line speed") return std::string(detail) + " bit/s";
   if (step == "launch") return "";
   if (step == "device address") {
