@@ -2,7 +2,6 @@
 #include <android-base/properties.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,12 +12,11 @@
 #include "bthal/child_case.h"
 #include "bthal/log_capture.h"
 #include "bthal/qvr_server.h"
+#include "bthal/report_check.h"
 #include "bthal/scripted_controller.h"
 #include "bthal/uart_rig.h"
 #include "btzvk_protocol.h"
 #include "chre/qvr_helper.h"
-#include "debug_central.h"
-#include "support/temp_dir.h"
 #include "transport_shim.h"
 
 namespace {
@@ -27,20 +25,15 @@ namespace shim = android::hardware::bluetooth::hci::shim;
 using android::hardware::hidl_vec;
 using android::hardware::bluetooth::BtZvkProtocol;
 using android::hardware::bluetooth::hci::QvrHelper;
-using android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using test::Bytes;
 using test::QvrRequest;
 using test::QvrServer;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
 
 constexpr char kTag[] = "bthal.qvrhelper";
 constexpr char kPathProperty[] = "persist.bluetooth.ulk.path.enabled";
-constexpr char kDumps[] = "/data/vendor/ssrdump/";
-constexpr char kCoreDumps[] = "/data/vendor/ssrdump/coredump/";
 const Bytes kReset = {0x03, 0x0C, 0x00};
 
 // Sends the transport of this process through the co-processor.
@@ -241,56 +234,8 @@ TEST(QvrLifecycle, MessageServerThatIsMissingAtFirst_IsLookedUpAgain) {
   QvrHelper::Get().Deinitialize();
 }
 
-std::vector<std::string> FilesIn(const std::string& folder) {
-  std::vector<std::string> paths;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    if (entry.is_regular_file()) paths.push_back(entry.path());
-  }
-  return paths;
-}
-
-struct CrashRoot : test::TempDir {
-  CrashRoot() {
-    std::filesystem::create_directories(path() + kCoreDumps);
-    test::WriteConfiguration(path(), "UserialType=2\n");
-    // A firmware of one record.
-    test::WriteFile(path() + "/vendor/firmware/tovu/ZVK.hcd", std::string("\x4C\xFC\x01\x5A"));
-  }
-};
-
-// The end that a report brings: event, one pair of files, abort in the code's own function.
-void ExpectReport(int code, const std::string& extra, const test::ChildRun& run,
-                  const std::string& root) {
-  std::string function, message;
-  for (const test::Vector& v : test::LoadVectors("error_codes.txt")) {
-    if (v.name != std::to_string(code)) continue;
-    function = v.fields[0];
-    message = v.fields[1];
-  }
-  char event[32];
-  snprintf(event, sizeof event, "sink FF 04 58 05 00 %02X\n", static_cast<unsigned>(code));
-  EXPECT_EQ(run.result.signal, SIGABRT);
-  EXPECT_THAT(run.output, HasSubstr(event));
-  EXPECT_THAT(run.output, HasSubstr("Bluetooth HAL crash with error code 0, vendor error code " +
-                                    std::to_string(code) + ", extra info: " + extra + "\n"));
-  // The frame's name is mangled: length and name, then its one argument, a string.
-  EXPECT_THAT(run.output, HasSubstr(std::to_string(function.size()) + function + "ENSt"));
-  const std::vector<std::string> infos = FilesIn(root + kDumps), cores = FilesIn(root + kCoreDumps);
-  ASSERT_EQ(infos.size(), 1u);
-  ASSERT_EQ(cores.size(), 1u);
-  EXPECT_THAT(test::ReadFile(infos[0]), HasSubstr("crash_reason: " + message + "\n"));
-  EXPECT_THAT(test::ReadFile(cores[0]), HasSubstr("DUMP REASON: " + message + " - occurred at "));
-}
-
-void PrintReports() {
-  DebugCentral::Get().SetEventSink([](const hidl_vec<uint8_t>& event) {
-    printf("sink %s\n", test::ToHex(test::ToBytes(event)).c_str());
-    fflush(stdout);
-  });
-}
-
 CHILD_CASE(QvrPrepare) {
-  PrintReports();
+  test::PrintReports();
   QvrHelper::Get().PrepareQvrTransport();
   return 0;
 }
@@ -303,7 +248,7 @@ size_t Occurrences(const std::string& text, const std::string& part) {
 
 // Ten times five attempts: 50 ms after each of the five, 100 ms after each of the ten.
 TEST(QvrLifecycle, NobodyThere_EndsTheProcessAfterAllAttempts) {
-  CrashRoot absent, refusing;
+  test::ReportRoot absent, refusing;
   QvrServer::LeaveRefusingSocket(refusing.path());
   const auto start = steady_clock::now();
   const auto first = test::StartChild("QvrPrepare", absent.path());
@@ -314,10 +259,11 @@ TEST(QvrLifecycle, NobodyThere_EndsTheProcessAfterAllAttempts) {
     run.output = child->Output();
     EXPECT_GE(steady_clock::now() - start, milliseconds(3500));
     const std::string failed = "Prepare CHRE QVR transport failed!";
-    ExpectReport(192, failed, run, root->path());
-    EXPECT_EQ(Occurrences(run.output,
-                          " InitQvrTransport: Failed to connect to QVR transport server: err 11"),
-              10u);
+    const std::string error =
+        "InitQvrTransport: Failed to connect to QVR transport server: err 11\n";
+    EXPECT_EQ(Occurrences(run.output, " " + error), 10u);
+    const std::string core = test::ExpectReport(192, failed, run, root->path());
+    EXPECT_EQ(Occurrences(core, ": " + error), 10u) << "the records";
     EXPECT_EQ(Occurrences(run.output, " PrepareQvrTransport: return ret (0), count:10\n"), 1u);
     EXPECT_EQ(Occurrences(run.output, " PrepareQvrTransport: " + failed + "\n"), 1u);
   }
@@ -327,7 +273,7 @@ TEST(QvrLifecycle, NobodyThere_EndsTheProcessAfterAllAttempts) {
 // instead of an answer to the Nth packet of a bring-up; "control N", instead of an answer to the
 // control request that begins with the byte N.
 CHILD_CASE(QvrLoss) {
-  PrintReports();
+  test::PrintReports();
   QvrServer server(test::RootFolder());
   const std::string& moment = arguments[0];
   const int argument = arguments.size() > 1 ? std::stoi(arguments[1]) : 0;
@@ -379,7 +325,7 @@ TEST(QvrLifecycle, ConnectionLost_IsLoggedAndReportedWheneverItHappens) {
   std::vector<test::Arguments> moments = {
       {"idle"}, {"transfer"}, {"control", "1"}, {"control", "2"}, {"control", "3"}};
   {
-    CrashRoot root;
+    test::ReportRoot root;
     const test::ChildRun run = test::RunChild("QvrLoss", root.path(), {"bring_up", "0"});
     ASSERT_EQ(run.result.exit_code, 0) << run.output;
     const std::string ready = "ready after ";
@@ -390,11 +336,11 @@ TEST(QvrLifecycle, ConnectionLost_IsLoggedAndReportedWheneverItHappens) {
   // A few at a time.
   constexpr size_t kAtOnce = 4;
   for (size_t first = 0; first < moments.size(); first += kAtOnce) {
-    std::vector<std::unique_ptr<CrashRoot>> roots;
+    std::vector<std::unique_ptr<test::ReportRoot>> roots;
     std::vector<std::unique_ptr<test::ChildProcess>> children;
     const size_t end = std::min(first + kAtOnce, moments.size());
     for (size_t i = first; i < end; ++i) {
-      roots.push_back(std::make_unique<CrashRoot>());
+      roots.push_back(std::make_unique<test::ReportRoot>());
       children.push_back(test::StartChild("QvrLoss", roots.back()->path(), moments[i]));
     }
     for (size_t i = first; i < end; ++i) {
@@ -404,7 +350,7 @@ TEST(QvrLifecycle, ConnectionLost_IsLoggedAndReportedWheneverItHappens) {
       run.output = children[i - first]->Output();
       const std::string text = "QVR transport disconnected from ULK...exiting";
       EXPECT_EQ(Occurrences(run.output, " handle_qvr_connection_event: " + text + "\n"), 1u);
-      ExpectReport(214, text, run, roots[i - first]->path());
+      test::ExpectReport(214, text, run, roots[i - first]->path());
     }
   }
 }
