@@ -36,12 +36,13 @@ std::string Seed(const std::string& file, const test::Vector& v) {
 
 int main(int argc, char** argv) {
   if (argc != 3) {
-    fprintf(stderr, "usage: %s framer|flow_control|config|firmware FOLDER\n", argv[0]);
+    fprintf(stderr, "usage: %s framer|flow_control|config|firmware|co_processor FOLDER\n", argv[0]);
     return 2;
   }
   const std::string kind = argv[1], folder = argv[2];
   std::vector<std::string> files = {kind + ".txt"};
   if (kind == "framer") files = {"h4_packets.txt", "h4_streams.txt", "h4_garbage.txt"};
+  if (kind == "co_processor") files = {"qvr_messages.txt"};
   std::filesystem::create_directories(folder);
   for (const std::string& file : files) {
     for (const test::Vector& v : test::LoadVectors(file)) {
