@@ -77,7 +77,7 @@ void QvrServer::SetScript(Script script) {
   script_ = std::move(script);
 }
 
-void QvrServer::SetFindError(uint32_t error) {
+void QvrServer::SetFindError(std::optional<uint32_t> error) {
   const std::lock_guard<std::mutex> guard(lock_);
   find_error_ = error;
 }
@@ -167,14 +167,15 @@ void QvrServer::Serve(const Bytes& datagram) {
   const auto table = datagram.begin() + kHeaderBytes;
   const auto payload = table + Le32(datagram, 12);
   if (kind == kQvrFind) {
-    uint32_t error;
+    std::optional<uint32_t> error;
     {
       const std::lock_guard<std::mutex> guard(lock_);
       error = find_error_;
     }
+    if (!error) return;
     Bytes number;
-    if (error == 0) Append(&number, kServerId);
-    SendDatagram(Datagram(kQvrFound, serial, error, {}, number));
+    if (*error == 0) Append(&number, kServerId);
+    SendDatagram(Datagram(kQvrFound, serial, *error, {}, number));
     return;
   }
   const Bytes fields(table, payload);

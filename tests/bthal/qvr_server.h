@@ -53,8 +53,8 @@ class QvrServer {
   static void LeaveRefusingSocket(const std::string& root);
 
   void SetScript(Script script);
-  // Finds fail with this error; 0 for success.
-  void SetFindError(uint32_t error);
+  // Finds fail with this error; 0 for success, nothing for no answer.
+  void SetFindError(std::optional<uint32_t> error);
   // What has been asked for so far, from its construction on, but for finds.
   std::vector<QvrRequest> Requests();
   // The same, once there are count of them (or after a deadline).
@@ -80,7 +80,7 @@ class QvrServer {
   std::mutex lock_;
   android::base::unique_fd client_ GUARDED_BY(lock_);
   Script script_ GUARDED_BY(lock_);
-  uint32_t find_error_ GUARDED_BY(lock_) = 0;
+  std::optional<uint32_t> find_error_ GUARDED_BY(lock_) = 0;
   std::vector<QvrRequest> requests_ GUARDED_BY(lock_);
   std::thread thread_;
 };
