@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <mutex>
 #include <random>
+#include <sstream>
 #include <thread>
 #include <utility>
 
+#include "support/vectors.h"
 #include "support/wait.h"
 #include "system/h4_link.h"
 #include "system/handset.h"
@@ -217,6 +219,56 @@ TEST_P(WakeLockSlow, IsHeldExactlyWhileBringUpRunsOrTheControllerIsAwake) {
     EXPECT_NEAR(held[i].begin, needed[i].begin, tolerance) << i;
     EXPECT_NEAR(held[i].end, needed[i].end, tolerance) << i;
   }
+}
+
+// The wake-lock records in a debug report, as numbers: milliseconds awake, packets sent.
+struct AwakePeriod {
+  int milliseconds;
+  int packets;
+};
+std::vector<AwakePeriod> AwakePeriodsIn(const std::string& report) {
+  const std::string header = "start_timestamp, end_timestamp, during, tx_packet_count\n";
+  std::istringstream lines(report.substr(report.find(header) + header.size()));
+  std::vector<AwakePeriod> periods;
+  for (std::string line; std::getline(lines, line) && line.find("====") != 0;) {
+    const std::vector<std::string> fields = SplitTrimmed(line, ',');
+    if (fields.size() != 4) throw std::runtime_error("no record: " + line);
+    periods.push_back({std::stoi(fields[2]), std::stoi(fields[3])});
+  }
+  return periods;
+}
+
+TEST(WakeStatisticsSlow, TwelveSecondsOfTraffic_AreOneRecordAndFiveAreNone) {
+  OnEach(2, [](int index) {
+    const bool long_enough = index == 0;
+    SleepyHandset sleepy(Mode::kAccelerated);
+    ASSERT_TRUE(sleepy.WaitUntilAsleep());
+    const auto start = std::chrono::steady_clock::now();
+    const auto end = start + std::chrono::seconds(long_enough ? 12 : 5);
+    int sent = 0;
+    for (; std::chrono::steady_clock::now() < end; ++sent) {
+      sleepy.exchange().Demand(kCue);
+      std::this_thread::sleep_for(milliseconds(150));  // the traffic's pace
+    }
+    const auto taken = std::chrono::steady_clock::now() - start;
+    sleepy.WaitForSleep();
+    // The record is made when the controller is asleep already.
+    std::vector<AwakePeriod> periods;
+    WaitFor(
+        [&] {
+          const CtlResult report = sleepy.handset().Ctl({"debug"});
+          EXPECT_EQ(report.exit_code, 0) << report.output;
+          periods = AwakePeriodsIn(report.output);
+          return !periods.empty();
+        },
+        long_enough ? kDeadline : milliseconds(0));
+    ASSERT_EQ(periods.size(), long_enough ? 1u : 0u);
+    if (!long_enough) return;
+    const double traffic_ms = std::chrono::duration<double, std::milli>(taken).count();
+    EXPECT_EQ(periods[0].packets, sent);
+    EXPECT_GT(periods[0].milliseconds, 12000);
+    EXPECT_LT(periods[0].milliseconds, traffic_ms + 2400);  // two ticks, and the machine
+  });
 }
 
 // Gaps of every length, most of them near the moments at which the controller is put to sleep.
