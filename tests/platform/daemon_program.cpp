@@ -1,7 +1,8 @@
-// A daemon. usage: platform_test_daemon idle | log COUNT | fatal | segv | terminate
+// A daemon. usage: platform_test_daemon idle | log COUNT | wake | fatal | segv | terminate
 #define LOG_TAG "test.daemon"
 
 #include <android-base/logging.h>
+#include <hardware_legacy/power.h>
 #include <log/log.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@ int main(int argc, char** argv) {
   ALOGW("a warning with %d", 17);
   ALOGD("not to be seen at level info");
   LOG(ERROR) << "two\nlines";
+  if (mode == "wake") acquire_wake_lock(PARTIAL_WAKE_LOCK, "a_lock");
   printf("ready\n");
   fflush(stdout);
   if (mode == "log") {

@@ -94,6 +94,23 @@ TEST_F(Daemon, SecondOnOneRoot_SaysSoAndEndsWith1) {
   EXPECT_TRUE(third.WaitForOutput("ready", kDeadline)) << "a killed daemon left its lock behind";
 }
 
+TEST_F(Daemon, WakeLockOfAKilledOne_IsReleasedByTheNextAndOnce) {
+  const std::string unlocked = root_ / "sys/power/wake_unlock";
+  test::WriteFile(root_ / "sys/power/wake_lock", "");
+  test::WriteFile(unlocked, "");
+  ChildProcess first = Start({"wake"});
+  ASSERT_TRUE(first.WaitForOutput("ready", kDeadline));
+  EXPECT_EQ(ReadFile(unlocked), "");
+  first.Signal(SIGKILL);
+  first.Wait(kDeadline);
+  for (int start = 0; start < 2; ++start) {
+    ChildProcess next = Start({"idle"});
+    EXPECT_TRUE(next.WaitForOutput("ready", kDeadline));
+    EXPECT_EQ(ReadFile(unlocked), start == 0 ? "a_lock" : "");
+    test::WriteFile(unlocked, "");
+  }
+}
+
 TEST_F(Daemon, NoRootFolder_SaysSoAndEndsWith1) {
   const std::string missing = root_ / "missing";
   std::string output;

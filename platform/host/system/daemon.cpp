@@ -14,6 +14,7 @@
 #include "bthal/root.h"
 #include "system/log.h"
 #include "system/tombstone.h"
+#include "system/wake_lock.h"
 
 namespace bthal {
 namespace {
@@ -55,6 +56,7 @@ __attribute__((constructor(150))) void StartDaemon() {
   const std::string path = root::Resolve("/run/bthal/log");
   if (!log::OpenFile(path)) RefuseWithError(path);
   InstallTombstones();
+  ReleaseWakeLocksOfTheDead();
 }
 
 }  // namespace

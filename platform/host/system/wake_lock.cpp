@@ -1,6 +1,10 @@
 #define LOG_TAG "bthal.wakelock"
 
+#include "system/wake_lock.h"
+
+#include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/strings.h>
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
@@ -11,11 +15,17 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "bthal/root.h"
 
 namespace {
+
+constexpr char kLockFile[] = "/sys/power/wake_lock";
+constexpr char kUnlockFile[] = "/sys/power/wake_unlock";
+// The names that this process has used, a line each.
+constexpr char kNamesFile[] = "/run/bthal/wake_locks";
 
 // Writes name to one of the kernel's files. 0 or errno.
 int Tell(const char* file, const char* name) {
@@ -34,6 +44,17 @@ void Count(const char* name, int change) {
   LOG(INFO) << "no wake locks on this machine: " << name << " is held " << count << " times";
 }
 
+// So that the next process can release it, should this one die.
+void Remember(const std::string& name) {
+  static std::mutex mutex;
+  static auto* const known = new std::set<std::string>;
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (!known->insert(name).second) return;
+  const android::base::unique_fd names(
+      bthal::root::Open(kNamesFile, O_WRONLY | O_CREAT | O_APPEND, 0640));
+  if (names.get() >= 0) android::base::WriteStringToFd(name + "\n", names);
+}
+
 int Change(const char* file, const char* name, int change) {
   const int error = Tell(file, name);
   if (error == ENOENT) {
@@ -48,7 +69,18 @@ int Change(const char* file, const char* name, int change) {
 
 int acquire_wake_lock(int lock, const char* id) {
   if (lock != PARTIAL_WAKE_LOCK) return -EINVAL;
-  return Change("/sys/power/wake_lock", id, 1);
+  Remember(id);
+  return Change(kLockFile, id, 1);
 }
 
-int release_wake_lock(const char* id) { return Change("/sys/power/wake_unlock", id, -1); }
+int release_wake_lock(const char* id) { return Change(kUnlockFile, id, -1); }
+
+void bthal::ReleaseWakeLocksOfTheDead() {
+  const std::string path = root::Resolve(kNamesFile);
+  std::string names;
+  if (!android::base::ReadFileToString(path, &names)) return;
+  for (const std::string& name : android::base::Split(names, "\n")) {
+    if (!name.empty()) Tell(kUnlockFile, name.c_str());  // most were released: no error
+  }
+  unlink(path.c_str());
+}
