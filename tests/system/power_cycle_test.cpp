@@ -78,7 +78,8 @@ struct Tally {
 class FaultyHandset {
  public:
   FaultyHandset(Mode mode, unsigned seed, Tally& tally)
-      : tally_(tally),
+      : mode_(mode),
+        tally_(tally),
         random_(seed),
         scenario_(RandomScenario()),
         watched_(mode, {"--firmware-size", "2000", "--chip", AnyOf(kChips, random_), "--scenario",
@@ -112,11 +113,10 @@ class FaultyHandset {
   // Up, some traffic, down: by close, or by the death of the stack. Whether the controller was
   // ready and the service still is there.
   bool Cycle(const std::string& end_by) {
-    const size_t log_before = watched_.handset().Log().size();
     const std::vector<std::string> command = {ProgramDir() + "/../tests/system_test_rogue_stack",
                                               "main", "40", end_by, "80"};
     ChildProcess stack(command, {{"BTHAL_ROOT", watched_.handset().root()}});
-    if (!stack.Wait(kPatience)) GiveUp(stack, log_before);
+    if (!stack.Wait(kPatience)) GiveUp(stack);
     const auto end = stack.Wait(std::chrono::seconds(60));
     if (!end || end->exit_code == 5) {
       ADD_FAILURE() << "a call into the service does not return\n"
@@ -128,6 +128,10 @@ class FaultyHandset {
       EXPECT_EQ(watched_.WaitForEnd(), "") << scenario_;
       ++tally_.reported;
       watched_.handset().StartService();
+      if (mode_ == Mode::kPlain) {  // the other one needs it at once
+        EXPECT_TRUE(watched_.WaitForReleasedWakeLock())
+            << ReadFile(watched_.handset().Path("run/zvksim/status"));
+      }
       before_.clear();
       stacks_died_ = 0;
       return false;
@@ -144,12 +148,11 @@ class FaultyHandset {
   }
 
   // A stack waits for the answer to its address as long as it likes, and for nothing else.
-  void GiveUp(ChildProcess& stack, size_t log_before) {
-    const std::string log = watched_.handset().Log().substr(log_before);
-    if (log.find("Provision: BDADDR") == std::string::npos ||
-        log.find("initialize() completed") != std::string::npos) {
-      return;
-    }
+  void GiveUp(ChildProcess& stack) {
+    const std::string log = watched_.handset().Log();
+    const size_t asked = log.rfind("Provision: BDADDR");
+    const size_t completed = log.rfind("initialize() completed");
+    if (asked == std::string::npos || (completed != std::string::npos && completed > asked)) return;
     stack.Signal(SIGKILL);
     ++tally_.waiting;
   }
@@ -169,6 +172,7 @@ class FaultyHandset {
     }
   }
 
+  const Mode mode_;
   Tally& tally_;
   std::mt19937 random_;
   const std::string scenario_;
