@@ -90,8 +90,16 @@ ControllerActivityWatcher::~ControllerActivityWatcher() {
     enabled_ = false;
     disabled_.notify_all();
   }
-  std::lock_guard<std::mutex> guard(thread_lock_);
-  if (thread_.joinable()) thread_.join();
+  JoinThread();
+}
+
+void ControllerActivityWatcher::JoinThread() {
+  std::thread thread;
+  {
+    std::lock_guard<std::mutex> guard(thread_lock_);
+    thread.swap(thread_);
+  }
+  if (thread.joinable()) thread.join();
 }
 
 ControllerActivityWatcher::States ControllerActivityWatcher::NoStates() {
@@ -214,10 +222,7 @@ bool ControllerActivityWatcher::stopWatcher() {
 
 void ControllerActivityWatcher::binderDied() {
   LOG(WARNING) << __func__ << ": PowerStats service died";
-  {
-    std::lock_guard<std::mutex> guard(thread_lock_);
-    if (thread_.joinable()) thread_.join();
-  }
+  JoinThread();
   initialize();
 }
 

@@ -66,6 +66,7 @@ class ControllerActivityWatcher final
   using States = std::array<StateResidency, 4>;
 
   static States NoStates();
+  void JoinThread() EXCLUDES(thread_lock_);
   void FindProvider() EXCLUDES(registration_lock_) EXCLUDES(lock_);
   std::shared_ptr<Provider> provider() const EXCLUDES(lock_);
   bool Start() REQUIRES(registration_lock_) EXCLUDES(lock_);
@@ -76,7 +77,7 @@ class ControllerActivityWatcher final
   std::atomic<bool> bluetooth_on_{false};
   std::atomic<bool> query_pending_{false};
 
-  std::mutex thread_lock_;
+  std::mutex thread_lock_;                       // a leaf
   std::thread thread_ GUARDED_BY(thread_lock_);  // looks for the provider
 
   // One registration at a time; held while the provider is called, never by its callbacks.

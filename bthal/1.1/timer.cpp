@@ -72,9 +72,13 @@ Timer::~Timer() {
 
 void Timer::Arm(std::chrono::milliseconds first, std::chrono::milliseconds period) {
   std::lock_guard<std::mutex> guard(state_->lock);
-  state_->expiry = std::chrono::steady_clock::now() + first;
+  const auto expiry = std::chrono::steady_clock::now() + first;
+  // Who sleeps until an earlier time than the new one looks again then: a timer that each packet
+  // puts off wakes nobody.
+  const bool sooner = !state_->expiry || expiry < *state_->expiry;
+  state_->expiry = expiry;
   state_->period = period;
-  state_->changed.notify_all();
+  if (sooner) state_->changed.notify_all();
 }
 
 void Timer::Disarm() {

@@ -163,6 +163,38 @@ TEST(TimerThread, FiresOnceOrPeriodicallyAndNotOnceDisarmed) {
   EXPECT_LE(fired, at_disarm + 1) << "one callback may have been under way";
 }
 
+// How often the thread of a name has gone to sleep so far.
+int SleepsOf(const std::string& name) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (test::ReadFile((task.path() / "comm").string()) != name + "\n") continue;
+    const std::string status = test::ReadFile((task.path() / "status").string());
+    const std::string field = "\nvoluntary_ctxt_switches:";
+    return std::stoi(status.substr(status.find(field) + field.size()));
+  }
+  return -1;
+}
+
+// As each packet of a burst does.
+TEST(TimerThread, PutOffAgainAndAgain_SleepsOnAndStillFires) {
+  std::atomic<int> fired{0};
+  const auto timer = Timer::Create("put_off", [&] { ++fired; });
+  ASSERT_NE(timer, nullptr);
+  timer->Arm(std::chrono::seconds(60), milliseconds(0));
+  int sleeps = 0;
+  const auto asleep = [&] {
+    const int before = std::exchange(sleeps, SleepsOf("put_off"));
+    return before > 0 && sleeps == before;
+  };
+  ASSERT_TRUE(test::WaitFor(asleep));
+  for (int i = 0; i < 1000; ++i) timer->Arm(std::chrono::seconds(60), milliseconds(0));
+  EXPECT_EQ(SleepsOf("put_off"), sleeps);
+  timer->Arm(milliseconds(30), milliseconds(0));
+  timer->Arm(milliseconds(60), milliseconds(0));
+  const auto start = steady_clock::now();
+  EXPECT_TRUE(test::WaitFor([&] { return fired == 1; }));
+  EXPECT_GE(steady_clock::now() - start, milliseconds(59));
+}
+
 TEST(TimerThread, DestructionWaitsForARunningCallback) {
   std::atomic<bool> inside{false}, go_on{false}, finished{false};
   auto timer = Timer::Create("test", [&] {
