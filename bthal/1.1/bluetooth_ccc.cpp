@@ -173,7 +173,8 @@ void BluetoothCcc::Register(const char* operation, const CccCallbackWrapper& cal
                             const Address& address, const hidl_vec<LmpEventId>& events) {
   std::lock_guard<std::mutex> call(calls_);
   const auto flow = this->flow();
-  if (flow == nullptr || callback.empty() || events.size() == 0) {
+  const std::vector<LmpEventId> list = events;
+  if (flow == nullptr || callback.empty() || list.empty()) {
     LOG(WARNING) << operation << ": Unable to register for LMP events";
     return;
   }
@@ -187,7 +188,7 @@ void BluetoothCcc::Register(const char* operation, const CccCallbackWrapper& cal
     std::lock_guard<std::mutex> guard(lock_);
     unanswered_.emplace_back(address, callback);
   }
-  SendCommand(*flow, buildAddCommand(address, events));
+  SendCommand(*flow, buildAddCommand(address, list));
   if (!alive) UnregisterAll(callback);
 }
 
