@@ -1,6 +1,7 @@
 // A client of the extension services. usage: system_test_extension_client
-//   inject OPCODE            sends a command without parameters: "accepted" or "refused"
-//   watch VERSION ADDRESS…   registers each address for connections, through the interface of that
+//   inject OPCODE            sends a command without parameters: "accepted after N s" or "refused
+//   …" watch VERSION ADDRESS…   registers each address for connections, through the interface of
+//   that
 //                            version (1.0 or 1.1): "registered", then "told ADDRESS COUNTER SYSTEM"
 //                            for each call of its callback
 #include <hardware/nuvexa/bluetooth/ccc/1.1/IBluetoothCcc.h>
@@ -8,6 +9,7 @@
 #include <hidl/HidlTransportSupport.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -57,9 +59,11 @@ Address Parse(const char* text) {
 int Inject(uint16_t opcode) {
   const auto service = ext::V1_0::IBluetoothExt::getService();
   if (service == nullptr) return 1;
+  const auto start = std::chrono::steady_clock::now();
   const Return<bool> accepted = service->setBluetoothCmdPacket(opcode, {});
   if (!accepted.isOk()) return 1;
-  puts(accepted ? "accepted" : "refused");
+  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+  printf("%s after %.3f s\n", accepted ? "accepted" : "refused", taken.count());
   return 0;
 }
 
