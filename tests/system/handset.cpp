@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -18,6 +19,7 @@ std::string ServiceProgram() {
 
 Handset::Handset(Mode mode, const std::vector<std::string>& simulator_options) {
   std::vector<std::string> command = {ProgramDir() + "/zvksim", "--root", root()};
+  if (std::getenv("BTHAL_TEST_CO_PROCESSOR") != nullptr) command.push_back("--co-processor");
   command.insert(command.end(), simulator_options.begin(), simulator_options.end());
   simulator_.emplace(command);
   if (!simulator_->WaitForOutput("ready ", kDeadline)) {

@@ -24,7 +24,8 @@ struct CtlResult {
 // A simulated handset and the service on it, in a folder of their own.
 class Handset {
  public:
-  // Starts the simulator and waits until it is ready; the service is not started yet.
+  // Starts the simulator and waits until it is ready; the service is not started yet. With
+  // BTHAL_TEST_CO_PROCESSOR in the environment, the controller hangs on a co-processor.
   explicit Handset(Mode mode, const std::vector<std::string>& simulator_options = {});
 
   void StartService();
