@@ -94,6 +94,7 @@ TEST(EvidenceFiles, Malformed_OneLineSaysWhat) {
       {"crash_reason: x\ncrash_count: 1\ntimestamp: 2026-11-31_06-48-18x\n", "no timestamp"},
       {"crash_reason: x\ncrash_count: 1\ntimestamp: 2026-14-31_06-48-18\n", "no timestamp"},
       {"crash_reason: x\ncrash_count: \x1b[2J\n", "\"?[2J\" is no crash count"},
+      {"crash_reason: x\ncrash_count: \xc2\x9b\x7f\xc3\xa4\n", "\"??\xc3\xa4\" is no crash count"},
   };
   const struct {
     std::string text;

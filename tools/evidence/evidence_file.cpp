@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <sstream>
@@ -192,10 +191,15 @@ std::string ReadEvidence(const std::string& path, size_t limit) {
 }
 
 std::string Printable(const std::string& text) {
-  std::string printable = text;
-  std::replace_if(
-      printable.begin(), printable.end(),
-      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
+  std::string printable;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+    // The control characters of ASCII, and those of 8 bits as UTF-8 has them.
+    const bool wide_control = byte == 0xC2 && next >= 0x80 && next < 0xA0;
+    printable += byte < 0x20 || byte == 0x7F || wide_control ? '?' : text[i];
+    if (wide_control) ++i;
+  }
   return printable;
 }
 
