@@ -84,6 +84,7 @@ struct SocketClient::Link {
   const unique_fd stop{eventfd(0, EFD_CLOEXEC)};
   std::atomic<bool> stopping{false};
 
+  std::mutex write_mutex;  // one datagram at a time
   std::mutex mutex;
   std::condition_variable handler_done;
   uint32_t last_serial GUARDED_BY(mutex) = 0;
@@ -97,7 +98,7 @@ struct SocketClient::Link {
   int Start(Kind kind, Kind answer, const std::vector<uint8_t>& table, const void* payload,
             size_t size, decltype(Pending::settle) settle, uint32_t* serial);
   int Write(const Header& header, const std::vector<uint8_t>& table, const void* payload,
-            size_t size) const;
+            size_t size) EXCLUDES(write_mutex);
   int Await(Kind kind, Kind answer, const std::vector<uint8_t>& table, const void* payload,
             size_t size, std::chrono::milliseconds timeout, int* error,
             std::vector<uint8_t>* result);
@@ -109,7 +110,7 @@ struct SocketClient::Link {
 };
 
 int SocketClient::Link::Write(const Header& header, const std::vector<uint8_t>& table,
-                              const void* payload, size_t size) const {
+                              const void* payload, size_t size) {
   if (sizeof header + table.size() + size > kMaxMessageBytes) return kValueTooBig;
   iovec parts[] = {{const_cast<Header*>(&header), sizeof header},
                    {const_cast<uint8_t*>(table.data()), table.size()},
@@ -117,6 +118,8 @@ int SocketClient::Link::Write(const Header& header, const std::vector<uint8_t>& 
   msghdr message{};
   message.msg_iov = parts;
   message.msg_iovlen = 3;
+  // Whoever waits for room has its turn next, and its time begins with it.
+  const std::lock_guard<std::mutex> turn(write_mutex);
   const auto deadline = steady_clock::now() + kRoomTimeout;
   while (sendmsg(socket.get(), &message, MSG_NOSIGNAL) < 0) {
     if (errno == EINTR) continue;
