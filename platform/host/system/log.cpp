@@ -126,6 +126,10 @@ int Priority(std::string name) {
 // environment variable BTHAL_LOG, else info. Lines below it are neither formatted nor written.
 // No property is asked: this runs before a program can name its root folder.
 __attribute__((constructor(200))) void Install() {
+  // LOG() makes its lock for the first line that it writes: now, as long as there is one thread.
+  // ThreadSanitizer, which does not see into the library, would call it a race later.
+  __android_log_set_logger([](const __android_logger_data*, const char*) {});
+  LOG(ERROR);
   __android_log_set_logger(Write);
   __android_log_set_aborter(Abort);
   __android_log_set_minimum_priority(ANDROID_LOG_INFO);
