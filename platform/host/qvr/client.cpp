@@ -347,8 +347,9 @@ int SocketClient::SetMessageHandler(uint32_t type, MessageHandler handler) {
 }
 
 int SocketClient::Send(const Request& request, std::function<void(int error)> on_complete) {
+  const std::shared_ptr<Link> link = link_;  // the answer's handler may destroy this client
   uint32_t serial = 0;
-  return link_->Start(
+  return link->Start(
       Kind::kSend, Kind::kCompleted, request.table, request.payload.data(), request.payload.size(),
       [on_complete = std::move(on_complete)](int error, const uint8_t*, size_t) {
         on_complete(error);
@@ -358,9 +359,10 @@ int SocketClient::Send(const Request& request, std::function<void(int error)> on
 
 int SocketClient::Call(const Request& request, std::chrono::milliseconds timeout,
                        int* response_error) {
+  const std::shared_ptr<Link> link = link_;
   std::vector<uint8_t> payload;
-  return link_->Await(Kind::kCall, Kind::kResponse, request.table, request.payload.data(),
-                      request.payload.size(), timeout, response_error, &payload);
+  return link->Await(Kind::kCall, Kind::kResponse, request.table, request.payload.data(),
+                     request.payload.size(), timeout, response_error, &payload);
 }
 
 }  // namespace qvr
