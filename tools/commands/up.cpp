@@ -70,7 +70,8 @@ void ShowLine(const LogLine& line) {
       static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(rest).count()));
   std::string text = line.tag + ": " + line.text;
   if (line.IsTrouble()) {
-    text = Paint(line.priority == 'W' ? Colour::kYellow : Colour::kRed, line.priority + " " + text);
+    text = Paint(line.priority == 'W' ? Colour::kYellow : Colour::kRed,
+                 std::string(1, line.priority) + " " + text);
   }
   std::printf("%s%s\n", Paint(Colour::kGrey, time).c_str(), text.c_str());
   std::fflush(stdout);
