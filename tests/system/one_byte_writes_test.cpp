@@ -40,7 +40,7 @@ TEST_P(OneByteWrites, FromBothEnds_MixedPacketsComeBackWholeAndInOrder) {
   exchange.Demand(opcode::kReset);
   exchange.Demand(opcode::kWriteLoopbackMode, {1});
   bthalctl::TransferOptions options;
-  options.bytes = static_cast<uint64_t>(Count("bytes, one a write from both ends", 1'000'000));
+  options.bytes = static_cast<uint64_t>(Count("bytes, one a write from both ends", 10'000'000));
   options.pattern = GetParam();
   const bthalctl::TransferResult result =
       bthalctl::Transfer(exchange, kLoopbackLanes, options, [](uint64_t) {});
