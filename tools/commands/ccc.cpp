@@ -190,8 +190,8 @@ void Watch(const Options& options, const CccOptions& ccc) {
   const sp<Callback> callback = new Callback;
   Registrations registrations(service, callback);
   try {
-    for (size_t i = 0; i < addresses.size(); ++i) {
-      registrations.Add(addresses[i], events, ccc.old_interface);
+    for (const auto& address : addresses) {
+      registrations.Add(address, events, ccc.old_interface);
       std::optional<Report> outcome;
       const TimePoint deadline = Clock::now() + std::chrono::seconds(3);
       do {
@@ -200,7 +200,7 @@ void Watch(const Options& options, const CccOptions& ccc) {
         Show(*outcome, ccc.json);
       } while (outcome->kind == Report::Kind::kEvent);
       if (outcome->kind == Report::Kind::kRefused) throw Failure("the controller refused");
-      std::fprintf(stderr, "watching %s\n", AddressText(addresses[i]).c_str());
+      std::fprintf(stderr, "watching %s\n", AddressText(address).c_str());
     }
     const TimePoint deadline =
         ccc.seconds > 0

@@ -113,7 +113,7 @@ std::string FollowBringUp(LogFollower& log, int report, const UpOptions& up) {
     done = waits[0].revents != 0;
     log.Drain(show);
   }
-  const std::string verdict = ReadReport(report);
+  std::string verdict = ReadReport(report);
   // So that "up" may be followed by a call of an extension at once.
   const TimePoint deadline = Clock::now() + std::chrono::seconds(1);
   while (!extensions && !verdict.empty() && verdict.front() == 0 &&

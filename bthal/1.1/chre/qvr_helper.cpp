@@ -67,7 +67,7 @@ BqrErrorCode ReportOf(int error) {
 // On "BtMsgHandler".
 void hci_packet_handler(const PacketReceiver& receiver, const hidl_vec<uint8_t>& packet) {
   g_thread_role = ThreadRole::kReader;
-  if (packet.size() == 0) {
+  if (packet.empty()) {
     LOG(ERROR) << __func__ << ": no task data.";
   } else if (!receiver) {
     LOG(ERROR) << __func__ << ": no callback.";

@@ -137,19 +137,20 @@ int SocketClient::Link::Write(const Header& header, const std::vector<uint8_t>& 
 int SocketClient::Link::Start(Kind kind, Kind answer, const std::vector<uint8_t>& table,
                               const void* payload, size_t size, decltype(Pending::settle) settle,
                               uint32_t* serial) {
-  bool too_late;
+  Pending too_late{answer, nullptr};
   {
     const std::lock_guard<std::mutex> lock(mutex);
     if (socket.get() < 0) return kNotReady;
-    too_late = lost;
-    if (!too_late) {
+    if (lost) {
+      too_late.settle = std::move(settle);
+    } else {
       if (++last_serial == 0) ++last_serial;
       *serial = last_serial;
       pending[*serial] = {answer, std::move(settle)};
     }
   }
-  if (too_late) {
-    settle(kServiceNotAvailable, nullptr, 0);
+  if (too_late.settle) {
+    too_late.settle(kServiceNotAvailable, nullptr, 0);
     return 0;
   }
   const int error =
