@@ -272,7 +272,7 @@ TEST_F(BusyHandsetSlow, ItsReportAndLogTellWhatItDid) {
   // One that goes on until it is told to stop: a gap would let the controller sleep.
   ChildProcess loop({ProgramDir() + "/bthalctl", "--root", handset_->root(), "loopback", "--types",
                      "acl", "--bytes", "100000M"});
-  ASSERT_FALSE(loop.Wait(seconds(11))) << loop.Output();
+  ASSERT_FALSE(loop.Wait(seconds(15))) << loop.Output();  // with room for a slow start
   loop.Signal(SIGINT);
   ASSERT_TRUE(loop.Wait(kDeadline)) << loop.Output();
   // Both records are there when the line is quiet again; they may be several on a busy machine.
