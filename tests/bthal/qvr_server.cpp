@@ -3,14 +3,12 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
-#include <stdexcept>
 #include <utility>
 
+#include "support/unix_socket.h"
 #include "support/wait.h"
 
 namespace test {
@@ -41,26 +39,17 @@ uint32_t Field(const Bytes& bytes, size_t index) {
   return offset == 0 ? 0 : Le32(bytes, table + offset);
 }
 
-unique_fd BoundSocket(const std::string& root) {
+unique_fd Listener(const std::string& root) {
   std::filesystem::create_directories(root + "/run/qvr");
   const std::string path = root + "/run/qvr/transport";
   std::filesystem::remove(path);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) throw std::runtime_error("the path is too long");
-  memcpy(address.sun_path, path.c_str(), path.size());
-  unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    throw std::runtime_error(std::string("bind: ") + strerror(errno));
-  }
-  return fd;
+  return unique_fd(ListenUnix(path, SOCK_SEQPACKET));
 }
 
 }  // namespace
 
 QvrServer::QvrServer(const std::string& root, Script script)
-    : listener_(BoundSocket(root)), stop_(eventfd(0, EFD_CLOEXEC)), script_(std::move(script)) {
-  listen(listener_.get(), 1);
+    : listener_(Listener(root)), stop_(eventfd(0, EFD_CLOEXEC)), script_(std::move(script)) {
   thread_ = std::thread([this] { Run(); });
 }
 
@@ -70,7 +59,7 @@ QvrServer::~QvrServer() {
   thread_.join();
 }
 
-void QvrServer::LeaveRefusingSocket(const std::string& root) { BoundSocket(root); }
+void QvrServer::LeaveRefusingSocket(const std::string& root) { Listener(root); }
 
 void QvrServer::SetScript(Script script) {
   const std::lock_guard<std::mutex> guard(lock_);

@@ -2,12 +2,12 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
 
 #include "platform/test_root.h"
+#include "support/unix_socket.h"
 #include "support/wait.h"
 
 namespace test {
@@ -23,17 +23,8 @@ void Put(std::vector<uint8_t>* bytes, size_t at, T value) {
 
 }  // namespace
 
-RawPeer::RawPeer(const std::string& name)
-    : socket_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string path = RootFolder() + "/run/bthal/" + name;  // a link to the socket
-  snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-  if (connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    close(socket_);
-    socket_ = -1;
-  }
-}
+RawPeer::RawPeer(const std::string& name)  // of a link to the socket
+    : socket_(ConnectUnix(RootFolder() + "/run/bthal/" + name, SOCK_SEQPACKET)) {}
 
 RawPeer::~RawPeer() {
   if (socket_ >= 0) close(socket_);

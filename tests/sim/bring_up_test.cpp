@@ -38,8 +38,7 @@ TEST(SimulatorBringUp, PatchedFastAndRecordByRecord_RunsTheFirmware) {
     }
     EXPECT_EQ(host.Command(0xFC2E)[6], 0);
     EXPECT_EQ(host.Command(0x0C03)[6], 0x0C) << "only records while downloading";
-    const std::string file = ReadFile(host.root() + "/vendor/firmware/tovu/" + row.file);
-    EXPECT_EQ(host.Download(Bytes(file.begin(), file.end()), !row.answered), 0);
+    EXPECT_EQ(host.Download(host.Firmware(row.file), !row.answered), 0);
     EXPECT_TRUE(host.before().empty()) << "a fast record was answered";
     EXPECT_TRUE(host.Started());
     EXPECT_TRUE(host.StatusHolds("\"patched\": true"));
@@ -52,16 +51,17 @@ TEST(SimulatorBringUp, PatchedFastAndRecordByRecord_RunsTheFirmware) {
   }
 }
 
-TEST(SimulatorBringUp, WarmUp_IgnoresWhatComes) {
-  Host host({"--firmware-size", "500"});
+TEST(SimulatorBringUp, WarmUp_LastsAsLongAsAskedAndIgnoresWhatComes) {
+  Host host({"--firmware-size", "500"}, "power warm-up 400ms\n");
   host.PowerUp();
   host.Command(0xFC2E);
-  const std::string file = ReadFile(host.root() + "/vendor/firmware/tovu/ZVK.hcd");
-  ASSERT_EQ(host.Download(Bytes(file.begin(), file.end()), false), 0);
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(host.Download(host.Firmware("ZVK.hcd"), false), 0);
   host.Send(B("01 03 0c 00"));
   EXPECT_TRUE(host.Started());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(400));
   EXPECT_TRUE(host.StatusHolds("\"0xFC4E\": 1"));
-  EXPECT_THAT(ReadFile(host.root() + "/run/zvksim/status"), testing::Not(HasSubstr("0x0C03")));
+  EXPECT_THAT(host.Status(), testing::Not(HasSubstr("0x0C03")));
   EXPECT_EQ(host.Command(0x0C03)[6], 0);
 }
 
@@ -73,13 +73,11 @@ TEST(SimulatorBringUp, BadDownload_LaunchIsRefusedUntilANewOne) {
   EXPECT_EQ(host.Command(0xFC4C, B("00 00 20 00 01 02"))[6], 0x12) << "no header";
   EXPECT_EQ(host.Command(0xFC4E, B("ff ff ff ff"))[6], 0x1F);
   EXPECT_EQ(host.Command(0xFC2E)[6], 0);
-  const std::string file = ReadFile(host.root() + "/vendor/firmware/tovu/ZVK.hcd");
-  EXPECT_EQ(host.Download(Bytes(file.begin(), file.end()), false), 0);
+  EXPECT_EQ(host.Download(host.Firmware("ZVK.hcd"), false), 0);
 }
 
 TEST(SimulatorLine, SpeedMismatch_IsNoiseBothWaysAndResetRecovers) {
-  Host host({"--chip", "ready"});
-  host.PowerUp();
+  ReadyHost host;
   ASSERT_EQ(host.Command(0xFC18, B("00 00 00 09 3d 00")), B("04 0e 04 01 18 fc 00"));
   host.Send(B("01 03 0c 00 01 03 0c 00 01 03 0c 00"));  // still at 115200
   EXPECT_TRUE(host.StatusHolds("\"sync_losses\": 1"));
@@ -90,8 +88,7 @@ TEST(SimulatorLine, SpeedMismatch_IsNoiseBothWaysAndResetRecovers) {
 }
 
 TEST(SimulatorLine, Garbage_IsAHardwareErrorAndResetRecovers) {
-  Host host({"--chip", "ready"});
-  host.PowerUp();
+  ReadyHost host;
   host.Send(B("77 01 02 01 03 01 03 0c 00"));
   EXPECT_EQ(host.Next(), B("04 10 01 10"));
   EXPECT_EQ(host.Next(), B("04 0e 04 01 03 0c 00"));
@@ -102,14 +99,6 @@ TEST(SimulatorLine, Garbage_IsAHardwareErrorAndResetRecovers) {
   host.Send(B("04 0e 00"));
   EXPECT_EQ(host.Next(), B("04 10 01 10"));
   EXPECT_EQ(host.Command(0x0C03)[6], 0);
-}
-
-TEST(SimulatorLine, BytesInAnyChunks_AreTheSamePackets) {
-  Host host({"--chip", "ready", "--chunk", "1"});
-  host.PowerUp();
-  for (const uint8_t byte : B("01 03 0c 00 01 09 10 00")) host.Send({byte});
-  EXPECT_EQ(host.Next(), B("04 0e 04 01 03 0c 00"));
-  EXPECT_EQ(host.Next().size(), 13u);
 }
 
 TEST(SimulatorLine, Paced_BytesTakeTheirTime) {
@@ -164,8 +153,7 @@ TEST(SimulatorController, AnyCommandWithAnyParameters_IsSurvived) {
 }
 
 TEST(SimulatorSleep, WithoutWake_BytesAreLost) {
-  Host host({"--chip", "ready"});
-  host.PowerUp();
+  ReadyHost host;
   host.Write("/proc/bluetooth/sleep/lpm", "1");
   host.Write("/proc/bluetooth/sleep/btwrite", "1");
   ASSERT_EQ(host.Command(0xFC27, B("01 18 18 01 01 01 01 00 00 00 00 00"))[6], 0);

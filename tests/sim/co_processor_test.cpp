@@ -4,12 +4,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <map>
 
+#include "support/unix_socket.h"
 #include "tests/sim/host.h"
 
 namespace test {
@@ -43,16 +42,8 @@ struct Answer {
 // A host that speaks the messaging library's protocol. What comes in between is kept by kind.
 class CoHost {
  public:
-  explicit CoHost(const Host& host) {
-    // Relative to the root folder, so that any path is short enough.
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = host.root() + "/run/qvr/transport";
-    EXPECT_LT(path.size(), sizeof(address.sun_path));
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    socket_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    connected_ = connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-  }
+  explicit CoHost(const Host& host)
+      : socket_(ConnectUnix(host.root() + "/run/qvr/transport", SOCK_SEQPACKET)) {}
   ~CoHost() { close(socket_); }
 
   bool connected() const { return connected_; }
@@ -124,8 +115,8 @@ class CoHost {
   }
 
  private:
-  int socket_;
-  bool connected_;
+  const int socket_;
+  bool connected_ = socket_ >= 0;
   uint32_t serial_ = 0;
   std::optional<uint32_t> server_;
   std::vector<Bytes> messages_;
@@ -192,22 +183,11 @@ TEST(SimulatorCoProcessor, WrongRequests_AreRefused) {
   Host host(kReady);
   CoHost co_host(host);
   EXPECT_EQ(co_host.Control(kOn).error, 0u);
-  struct Row {
-    const char* payload;
-    uint32_t error;
-  };
-  for (const Row& row :
-       {Row{"", 9}, Row{"00", 9}, Row{"00 02", 9}, Row{"00 00 00", 9}, Row{"01 00", 9},
-        Row{"01 00 17", 9}, Row{"01 01 18", 9}, Row{"01 01 00 00", 9}, Row{"02 00 c2 01 00 01", 0},
-        Row{"02 00 c2 01 00 02", 9}, Row{"02 c0 c6 2d 00 01", 0}, Row{"02 00 09 3d 00 01", 0},
-        Row{"02 00 c0 5d 00 02", 0}, Row{"02 00 c0 5d 00 01", 9}, Row{"02 80 8d 5b 00 02", 9},
-        Row{"02 00 c0 5d 00", 9}, Row{"03 00", 9}, Row{"04", 8}}) {
-    EXPECT_EQ(co_host.Control(B(row.payload)).error, row.error) << row.payload;
-  }
-  for (const Row& row : {Row{"", 9}, Row{"01", 9}, Row{"01 01", 9}, Row{"02 01 03 0c 00", 9},
-                         Row{"01 01 03 0c 01", 9}, Row{"01 01 03 0c 00 00", 9},
-                         Row{"00 04 0e 00", 9}, Row{"00 06 00 00 00 00", 9}}) {
-    EXPECT_EQ(co_host.SendPacket(B(row.payload)).error, row.error) << row.payload;
+  for (const Vector& row : LoadVectors("simulator_requests.txt")) {
+    const Bytes payload = B(row.fields[0]);
+    const Answer answer =
+        row.name == "control" ? co_host.Control(payload) : co_host.SendPacket(payload);
+    EXPECT_EQ(std::to_string(answer.error), row.fields[1]) << row.name << " " << row.fields[0];
   }
   EXPECT_EQ(co_host.Ask(5, RequestTable(9, co_host.server()), kOn).error, 8u);
   EXPECT_EQ(co_host.Ask(5, RequestTable(36, co_host.server() + 1), kOn).error, 7u);

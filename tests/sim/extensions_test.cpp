@@ -28,69 +28,19 @@ std::string TimeSync(const Host& host) {
 }
 
 TEST(SimulatorExtensions, EachField_IsChecked) {
-  struct Row {
-    const char* what;
-    uint16_t opcode;
-    const char* params;
-    uint8_t status;
-  };
-  const Row rows[] = {
-      {"all channels", 0x0C3F, "ff ff ff ff ff ff ff ff ff ff", 0x00},
-      {"20 channels", 0x0C3F, "00 00 00 00 00 00 00 f0 ff 7f", 0x12},
-      {"20 channels", 0x0C3F, "00 00 00 00 00 00 00 f8 ff 7f", 0x00},
-      {"the reserved bit is no channel", 0x0C3F, "00 00 00 00 00 00 00 f0 ff ff", 0x12},
-      {"map too long", 0x0C3F, "ff ff ff ff ff ff ff ff ff ff ff", 0x12},
-
-      {"highest whole", 0xFE69, "01 14 14 14 14 14 14 14 14 14 14 14 14", 0x00},
-      {"above it", 0xFE69, "01 14 14 14 14 14 14 14 14 14 14 14 15", 0x12},
-      {"highest quarters", 0xFE69, "05 50 00 00 00 00 00 00 00 00 00 00 00", 0x00},
-      {"above it", 0xFE69, "05 51 00 00 00 00 00 00 00 00 00 00 00", 0x12},
-      {"format", 0xFE69, "02 00 00 00 00 00 00 00 00 00 00 00 00", 0x12},
-      {"cap missing", 0xFE69, "01 00 00 00 00 00 00 00 00 00 00 00", 0x12},
-      {"cap too many", 0xFE69, "01 00 00 00 00 00 00 00 00 00 00 00 00 00", 0x12},
-
-      {"remove unknown", 0xFD63, "02 66 55 44 33 22 11 01", 0x02},
-      {"add", 0xFD63, "01 66 55 44 33 22 11 01 00 18 ff", 0x00},
-      {"add twice the same", 0xFD63, "01 66 55 44 33 22 11 01 00 ff ff", 0x00},
-      {"no event", 0xFD63, "01 66 55 44 33 22 11 01 00", 0x12},
-      {"unknown event", 0xFD63, "01 66 55 44 33 22 11 01 00 18 05", 0x12},
-      {"constants", 0xFD63, "01 66 55 44 33 22 11 00 00 18", 0x12},
-      {"constants", 0xFD63, "01 66 55 44 33 22 11 01 01 18", 0x12},
-      {"remove too long", 0xFD63, "02 66 55 44 33 22 11 01 00", 0x12},
-      {"remove", 0xFD63, "02 66 55 44 33 22 11 01", 0x00},
-      {"remove again", 0xFD63, "02 66 55 44 33 22 11 01", 0x02},
-      {"operation", 0xFD63, "04 66 55 44 33 22 11 01", 0x12},
-      {"remove all", 0xFD63, "03", 0x00},
-      {"nothing", 0xFD63, "", 0x12},
-
-      {"on", 0xFE20, "14 01 ff 00 e8 03", 0x00},
-      {"off", 0xFE20, "14 00 ff 00 00 00", 0x00},
-      {"off again", 0xFE20, "14 00 ff 00 00 00", 0x00},
-      {"on without interval", 0xFE20, "14 01 ff 00 00 00", 0x12},
-      {"off with interval", 0xFE20, "14 00 ff 00 e8 03", 0x12},
-      {"switch", 0xFE20, "14 02 ff 00 e8 03", 0x12},
-      {"sub-command", 0xFE20, "13 01 ff 00 e8 03", 0x12},
-      {"constants", 0xFE20, "14 01 fe 00 e8 03", 0x12},
-      {"too short", 0xFE20, "14 01 ff 00 e8", 0x12},
-
-      {"counters", 0xFD59, "01", 0x00},
-      {"sub-command", 0xFD59, "02", 0x12},
-      {"nothing", 0xFD59, "", 0x12},
-  };
-  Host host({"--chip", "ready"});
-  host.PowerUp();
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.what) + " " + row.params);
-    const Bytes answer = host.Command(row.opcode, B(row.params));
+  ReadyHost host;
+  for (const Vector& row : LoadVectors("simulator_commands.txt")) {
+    SCOPED_TRACE(row.name + " " + row.fields[1]);
+    const Bytes answer = host.Command(static_cast<uint16_t>(std::stoul(row.fields[0], nullptr, 16)),
+                                      B(row.fields[1]));
     ASSERT_GE(answer.size(), 7u);
     EXPECT_EQ(answer[1], 0x0E);
-    EXPECT_EQ(answer[6], row.status);
+    EXPECT_EQ(answer[6], B(row.fields[2])[0]);
   }
 }
 
 TEST(SimulatorExtensions, State_IsInTheStatusFileUntilReset) {
-  Host host({"--chip", "ready"});
-  host.PowerUp();
+  ReadyHost host;
   EXPECT_TRUE(host.StatusHolds("\"channel_map\": \"ff ff ff ff ff ff ff ff ff ff\""));
   host.Command(0x0C3F, B("00 ff ff ff ff ff ff ff ff 7f"));
   host.Command(0xFE69, B("05 28 14 08 28 14 08 28 14 08 28 14 08"));
@@ -99,7 +49,7 @@ TEST(SimulatorExtensions, State_IsInTheStatusFileUntilReset) {
   host.Command(0xFD63, B("01 66 55 44 33 22 11 01 00 ff 18"));
   host.Command(0xFD63, B("01 06 05 04 03 02 01 01 00 18"));
   EXPECT_TRUE(host.StatusHolds("\"11:22:33:44:55:66\": \"18 ff\""));
-  const std::string status = ReadFile(host.root() + "/run/zvksim/status");
+  const std::string status = host.Status();
   EXPECT_THAT(status, HasSubstr("\"channel_map\": \"00 ff ff ff ff ff ff ff ff 7f\""));
   EXPECT_THAT(status, HasSubstr("\"sar_format\": 5"));
   EXPECT_THAT(status, HasSubstr("\"sar_caps\": \"28 14 08 28 14 08 28 14 08 28 14 08\""));
@@ -107,19 +57,18 @@ TEST(SimulatorExtensions, State_IsInTheStatusFileUntilReset) {
   EXPECT_THAT(status, HasSubstr("\"01:02:03:04:05:06\": \"18\""));
   host.Command(0x0C03);
   EXPECT_TRUE(host.StatusHolds("\"sar_format\": 0"));
-  const std::string reset = ReadFile(host.root() + "/run/zvksim/status");
+  const std::string reset = host.Status();
   EXPECT_THAT(reset, HasSubstr("\"ewp_interval\": 0"));
   EXPECT_THAT(reset, HasSubstr("\"ccc\": {\n\n}"));
 }
 
 TEST(SimulatorExtensions, LinkLayerEvents_MatchTheTimeSyncFile) {
-  Host host({"--chip", "ready"},
-            "after 0x1801 nth 1 link-layer 11:22:33:44:55:66 phy rx\n"
-            "after 0x1801 nth 2 toggle 2\n"
-            "after 0x1801 nth 2 link-layer 11:22:33:44:55:66 connect\n"  // not registered
-            "after 0x1801 nth 2 link-layer 11:22:33:44:55:67 phy\n"      // likewise
-            "after 0x1801 nth 2 link-layer 11:22:33:44:55:66 phy tx\n");
-  host.PowerUp();
+  ReadyHost host(
+      "after 0x1801 nth 1 link-layer 11:22:33:44:55:66 phy rx\n"
+      "after 0x1801 nth 2 toggle 2\n"
+      "after 0x1801 nth 2 link-layer 11:22:33:44:55:66 connect\n"  // not registered
+      "after 0x1801 nth 2 link-layer 11:22:33:44:55:67 phy\n"      // likewise
+      "after 0x1801 nth 2 link-layer 11:22:33:44:55:66 phy tx\n");
   EXPECT_EQ(host.Command(0xFD63, B("01 66 55 44 33 22 11 01 00 18"))[6], 0);
   EXPECT_EQ(TimeSync(host), "");
   std::optional<uint64_t> difference;  // system time minus Bluetooth time
@@ -147,8 +96,7 @@ TEST(SimulatorExtensions, LinkLayerEvents_MatchTheTimeSyncFile) {
 }
 
 TEST(SimulatorExtensions, Connection_ReportsItsLinkLayerEvents) {
-  Host host({"--chip", "ready"});
-  host.PowerUp();
+  ReadyHost host;
   const Bytes loop = B("03 00 ad 4b 56 c2");
   host.Command(0x0C01, B("ff ff ff ff ff ff ff 3f"));
   EXPECT_EQ(host.Command(0xFD63, B("01") + loop + B("01 00 ff 18"))[6], 0);
@@ -170,8 +118,7 @@ TEST(SimulatorExtensions, Connection_ReportsItsLinkLayerEvents) {
 }
 
 TEST(SimulatorExtensions, EwpRecords_ComeAtTheirIntervalUntilOff) {
-  Host host({"--chip", "ready"}, "after 0x1801 nth 1 ewp-iso 3\nafter 0x1801 nth 2 ewp 0\n");
-  host.PowerUp();
+  ReadyHost host("after 0x1801 nth 1 ewp-iso 3\nafter 0x1801 nth 2 ewp 0\n");
   EXPECT_EQ(host.Command(0xFE20, B("14 01 ff 00 0a 00"))[6], 0);
   uint64_t before = 0;
   for (uint32_t number = 0; number < 5; ++number) {
@@ -229,10 +176,9 @@ TEST(SimulatorExtensions, QualityReports_HaveTheirVersionsLayout) {
 }
 
 TEST(SimulatorExtensions, LatencyTrace_MayAnnounceMoreThanItCarries) {
-  Host host({"--chip", "ready"},
-            "after 0x1801 nth 1 latency-trace 2\nafter 0x1801 nth 2 latency-trace 255 1\n"
-            "after 0x1801 nth 3 latency-trace 200\n");
-  host.PowerUp();
+  ReadyHost host(
+      "after 0x1801 nth 1 latency-trace 2\nafter 0x1801 nth 2 latency-trace 255 1\n"
+      "after 0x1801 nth 3 latency-trace 200\n");
   const Bytes head = B("58 20 00 40 00");
   const Bytes first = B("00 00 08 00 0c 00 10 00");
   const Bytes base = B("e8 03 00 00");
@@ -248,10 +194,9 @@ TEST(SimulatorExtensions, LatencyTrace_MayAnnounceMoreThanItCarries) {
 TEST(SimulatorExtensions, ActivityCounters_AreAmountsSinceTheLastAnswer) {
   constexpr size_t kBlock = 24;
   constexpr size_t kFirst = 8;  // behind the type byte
-  Host host({"--chip", "ready"},
-            "on 0x1801 activity tx 3 120ms\non 0x1801 activity rx 4 70ms\n"
-            "on 0xFD59 nth 4 truncated\n");
-  host.PowerUp();
+  ReadyHost host(
+      "on 0x1801 activity tx 3 120ms\non 0x1801 activity rx 4 70ms\n"
+      "on 0xFD59 nth 4 truncated\n");
   const auto entries = [&](const Bytes& answer, size_t state) {
     return Little(answer, kFirst + state * kBlock, 4);
   };

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <sstream>
 
 namespace test {
 namespace {
@@ -35,21 +34,6 @@ bool Begins(const Bytes& bytes, const Bytes& start) {
 }
 
 }  // namespace
-
-Bytes B(const std::string& hex) {
-  std::istringstream words(hex);
-  Bytes bytes;
-  for (std::string word; words >> word;) {
-    bytes.push_back(static_cast<uint8_t>(std::stoi(word, nullptr, 16)));
-  }
-  return bytes;
-}
-
-Bytes operator+(const Bytes& a, const Bytes& b) {
-  Bytes sum = a;
-  sum.insert(sum.end(), b.begin(), b.end());
-  return sum;
-}
 
 Bytes Pattern(size_t n) {
   static const Bytes kSpecial = {0x0A, 0x0D, 0x11, 0x13, 0xFF, 0x00, 0x03, 0x7F};
@@ -86,6 +70,11 @@ void Host::Restart() {
   Start();
 }
 
+Bytes Host::Firmware(const std::string& name) const {
+  const std::string file = ReadFile(root_ + "/vendor/firmware/tovu/" + name);
+  return Bytes(file.begin(), file.end());
+}
+
 void Host::Write(const std::string& file, const std::string& text) {
   const int fd = open((root_ + file).c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
   EXPECT_GE(fd, 0) << file;
@@ -94,14 +83,13 @@ void Host::Write(const std::string& file, const std::string& text) {
 }
 
 bool Host::StatusHolds(const std::string& text) {
-  return WaitFor(
-      [&] { return ReadFile(root_ + "/run/zvksim/status").find(text) != std::string::npos; });
+  return WaitFor([&] { return Status().find(text) != std::string::npos; });
 }
 
 bool Host::Started() {
   const std::string starts = "\"starts\": " + std::to_string(++starts_) + ",";
   return WaitFor([&] {
-    const std::string status = ReadFile(root_ + "/run/zvksim/status");
+    const std::string status = Status();
     return status.find(starts) != std::string::npos &&
            status.find("\"listening\": true") != std::string::npos;
   });
@@ -178,6 +166,16 @@ Bytes Host::Raw(milliseconds deadline) {
   return bytes;
 }
 
+Bytes Host::Raw(size_t size) {
+  Bytes bytes;
+  while (bytes.size() < size) {
+    const Bytes more = Raw();
+    if (more.empty()) break;
+    bytes = bytes + more;
+  }
+  return bytes;
+}
+
 void Host::Settle(milliseconds quiet) {
   while (Fill(steady_clock::now() + quiet)) {
   }
@@ -243,8 +241,7 @@ void Host::BringUp(const std::string& firmware, bool fast) {
     EXPECT_EQ(Command(0xFE72, B("00 01")), B("04 0e 04 01 72 fe 00"));
   }
   EXPECT_EQ(Command(0xFC2E), B("04 0e 04 01 2e fc 00"));
-  const std::string file = ReadFile(root_ + "/vendor/firmware/tovu/" + firmware);
-  EXPECT_EQ(Download(Bytes(file.begin(), file.end()), fast), 0);
+  EXPECT_EQ(Download(Firmware(firmware), fast), 0);
   EXPECT_TRUE(Started());
 }
 

@@ -10,15 +10,13 @@
 
 #include "support/child_process.h"
 #include "support/temp_dir.h"
+#include "support/vectors.h"
 #include "support/wait.h"
 
 namespace test {
 
-using Bytes = std::vector<uint8_t>;
-
-// "04 0e 04" as bytes.
-Bytes B(const std::string& hex);
-Bytes operator+(const Bytes& a, const Bytes& b);
+inline Bytes B(const std::string& hex) { return ParseHex(hex); }
+inline Bytes operator+(const Bytes& a, const Bytes& b) { return Concat(a, b); }
 // n bytes that hold every value, also those that a terminal would change.
 Bytes Pattern(size_t n);
 
@@ -31,6 +29,10 @@ class Host {
   const std::string& root() const { return root_; }
   ChildProcess& zvksim() { return *zvksim_; }
   void Restart();
+
+  std::string Status() const { return ReadFile(root_ + "/run/zvksim/status"); }
+  // A file of the handset that holds firmware.
+  Bytes Firmware(const std::string& name) const;
 
   // Into a kernel file of the handset.
   void Write(const std::string& file, const std::string& text);
@@ -51,6 +53,8 @@ class Host {
   Bytes Next(std::chrono::milliseconds deadline = kDeadline);
   // What is on the line as it is, at least one byte.
   Bytes Raw(std::chrono::milliseconds deadline = kDeadline);
+  // The same, until it is so many bytes.
+  Bytes Raw(size_t size);
   bool HungUp() const { return hung_up_; }
   // Drops what comes until no byte has come for quiet.
   void Settle(std::chrono::milliseconds quiet);
@@ -81,6 +85,13 @@ class Host {
   Bytes received_;
   int starts_ = 0;
   std::vector<Bytes> before_;
+};
+
+// One that is powered up and needs no patch.
+struct ReadyHost : Host {
+  explicit ReadyHost(const std::string& scenario = "") : Host({"--chip", "ready"}, scenario) {
+    PowerUp();
+  }
 };
 
 }  // namespace test

@@ -2,12 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <deque>
 #include <set>
 
+#include "support/unix_socket.h"
 #include "tests/sim/host.h"
 
 namespace test {
@@ -109,42 +108,9 @@ TEST_F(SimulatorRadio, MaskedEvents_AreNotSent) {
 
 TEST_F(SimulatorRadio, AttPeer_AnswersAStacksDiscoveryReadsAndWrites) {
   const uint16_t handle = Connect(kGattPeer);
-  // Bluetooth Core 5.3, Vol 3, Part F, 3.4: request, answer.
-  const std::pair<const char*, const char*> rows[] = {
-      {"10 01 00 ff ff 00 28", "11 06 01 00 05 00 00 18 06 00 06 00 01 18"},
-      {"10 07 00 ff ff 00 28", "11 14 07 00 0a 00 01 00 00 00 00 00 00 8e 56 4a d0 51 00 4b 56 5a"},
-      {"10 0b 00 ff ff 00 28", "01 10 0b 00 0a"},
-      {"06 01 00 ff ff 00 28 00 18", "07 01 00 05 00"},
-      {"08 01 00 05 00 03 28", "09 07 02 00 02 03 00 00 2a 04 00 02 05 00 01 2a"},
-      {"08 07 00 0a 00 03 28",
-       "09 15 08 00 1e 09 00 02 00 00 00 00 00 00 8e 56 4a d0 51 00 4b 56 5a"},
-      {"04 0a 00 0a 00", "05 01 0a 00 02 29"},
-      {"0a 03 00", "0b 5a 56 4b 20 47 41 54 54"},
-      {"0c 03 00 04 00", "0d 47 41 54 54"},
-      {"0c 03 00 09 00", "01 0c 03 00 07"},
-      {"12 09 00 61 62 63", "13"},
-      {"0a 09 00", "0b 61 62 63"},
-      {"12 03 00 61", "01 12 03 00 03"},
-      {"12 0a 00 01", "01 12 0a 00 0d"},
-      {"0a 99 00", "01 0a 99 00 01"},
-      {"0a 09", "01 0a 00 00 04"},
-      {"08 05 00 01 00 03 28", "01 08 05 00 01"},
-      {"16 09 00 00 00 61 62 63", "17 09 00 00 00 61 62 63"},
-      {"16 09 00 02 00 64 65", "17 09 00 02 00 64 65"},
-      {"0a 09 00", "0b 61 62 63"},
-      {"18 01", "19"},
-      {"0a 09 00", "0b 61 62 64 65"},
-      {"16 09 00 00 00 78", "17 09 00 00 00 78"},
-      {"18 00", "19"},
-      {"16 09 00 09 00 78", "17 09 00 09 00 78"},
-      {"18 01", "01 18 09 00 07"},
-      {"0a 09 00", "0b 61 62 64 65"},
-      {"16 03 00 00 00 78", "01 16 03 00 03"},
-      {"20 01 00", "01 20 00 00 06"},
-      {"02 00 02", "03 f7 00"},
-  };
-  for (const auto& [request, answer] : rows)
-    EXPECT_EQ(Att(handle, B(request)), B(answer)) << request;
+  for (const Vector& row : LoadVectors("simulator_att.txt")) {
+    EXPECT_EQ(Att(handle, B(row.fields[0])), B(row.fields[1])) << row.name << " " << row.fields[0];
+  }
   const Bytes value = Pattern(200);
   EXPECT_EQ(Att(handle, B("12 09 00") + value), B("13"));
   EXPECT_EQ(Att(handle, B("0a 09 00")), B("0b") + value) << "in fragments";
@@ -239,79 +205,10 @@ TEST_F(SimulatorRadio, HostFlowControl_HoldsDataForCredits) {
   EXPECT_TRUE(host_.Next(milliseconds(100)).empty());
 }
 
-// Keeps to the announced buffers: ACL 10, ISO 8; synchronous data has no flow control.
-void MoveLoopbackData(Host& host, size_t total) {
-  ASSERT_EQ(host.Command(0x1802, B("01"))[6], 0);
-  struct Kind {
-    Bytes header;  // without length
-    size_t length_bytes;
-    size_t most;
-    int credits;
-    std::deque<Bytes> expected;
-  };
-  Kind kinds[] = {{B("02 01 20"), 2, 1021, 10, {}},
-                  {B("03 02 00"), 1, 255, 4, {}},
-                  {B("05 00 2a"), 2, 1021, 8, {}}};
-  const Bytes pattern = Pattern(4096);
-  size_t sent = 0;
-  size_t received = 0;
-  for (size_t turn = 0; received < total; ++turn) {
-    Kind& kind = kinds[turn % 3];
-    if (kind.credits > 0 && sent < total) {
-      --kind.credits;
-      const size_t size = (turn * 37) % (kind.most + 1);
-      Bytes packet = kind.header;
-      packet.push_back(static_cast<uint8_t>(size));
-      if (kind.length_bytes == 2) packet.push_back(static_cast<uint8_t>(size >> 8));
-      const auto from = pattern.begin() + static_cast<ptrdiff_t>(turn % 1024);
-      packet.insert(packet.end(), from, from + static_cast<ptrdiff_t>(size));
-      host.Send(packet);
-      sent += packet.size();
-      kind.expected.push_back(std::move(packet));
-      continue;
-    }
-    const Bytes packet = host.Next();
-    ASSERT_FALSE(packet.empty()) << "after " << received << " bytes";
-    if (packet[0] == 0x04) {
-      ASSERT_EQ(packet[1], 0x13);
-      for (size_t i = 0; i < packet[3]; ++i) {
-        const bool acl = packet[4 + 4 * i] == 1;
-        kinds[acl ? 0 : 2].credits += packet[6 + 4 * i] | (packet[7 + 4 * i] << 8);
-      }
-      continue;
-    }
-    Kind& from = kinds[packet[0] == 2 ? 0 : packet[0] == 3 ? 1 : 2];
-    ASSERT_FALSE(from.expected.empty());
-    ASSERT_EQ(packet, from.expected.front());
-    from.expected.pop_front();
-    if (packet[0] == 3) ++from.credits;
-    received += packet.size();
-  }
-}
-
-TEST(SimulatorLoopback, MixedTraffic_NothingIsLostOrReordered) {
-  Host host({"--chip", "ready"});
-  host.PowerUp();
-  MoveLoopbackData(host, static_cast<size_t>(Count("bytes of mixed loopback", 10000000)));
-}
-
-TEST(SimulatorLoopback, OneByteAWrite_NothingIsLostOrReordered) {
-  Host host({"--chip", "ready", "--chunk", "1"});
-  host.PowerUp();
-  MoveLoopbackData(host, static_cast<size_t>(Count("bytes of mixed loopback in ones", 1000000)));
-}
-
 // Another emulator's end of the radio socket.
 class Emulator {
  public:
-  explicit Emulator(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_EQ(listen(listener_, 1), 0);
-  }
+  explicit Emulator(const std::string& path) : listener_(ListenUnix(path, SOCK_STREAM)) {}
   ~Emulator() {
     close(connection_);
     close(listener_);
@@ -329,7 +226,7 @@ class Emulator {
   }
 
  private:
-  int listener_ = -1;
+  const int listener_;
   int connection_ = -1;
 };
 

@@ -4,6 +4,8 @@
 
 #include <stdexcept>
 
+#include "support/vectors.h"
+
 namespace zvk {
 namespace {
 
@@ -34,34 +36,12 @@ TEST(Scenario, EachForm_IsRead) {
 }
 
 TEST(Scenario, Nonsense_NamesFileLineAndReason) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"whenever hangup", "f:1: \"whenever\" is not a trigger (on, after, at, power, request)"},
-      {"\non\n", "f:2: an opcode is missing"},
-      {"on 0x10000 hangup", "f:1: \"0x10000\" is not an opcode"},
-      {"on reset hangup", "f:1: \"reset\" is not an opcode"},
-      {"on 0xFC18 nth many hangup", "f:1: \"many\" is not a count"},
-      {"on 0xFC18", "f:1: an action is missing"},
-      {"at soon hangup", "f:1: \"soon\" is not a time (250ms, 2s)"},
-      {"at 5 hangup", "f:1: \"5\" is not a time (250ms, 2s)"},
-      {"at 1s explode", "f:1: \"explode\" is not an action"},
-      {"at 1s stray 256", "f:1: \"256\" is not a byte"},
-      {"at 1s inject 4 ff", "f:1: \"4 ff\" is not a row of hexadecimal bytes"},
-      {"at 1s inject", "f:1: a row of hexadecimal bytes is missing"},
-      {"at 1s crash 1", "f:1: a byte is missing"},
-      {"at 1s split 1 2", "f:1: \"2\" is not a time (250ms, 2s)"},
-      {"request reset lost",
-       "f:1: \"reset\" is not a request (find, packet, power, low-power, speed, dump)"},
-      {"request power twice", "f:1: this action needs \"on OPCODE\""},
-      {"at 1s link-layer 11:22:33:44:55 phy", "f:1: \"11:22:33:44:55\" is not an address"},
-      {"at 1s hangup now", "f:1: \"now\" is too much"},
-      {"at 1s no-answer", "f:1: this action needs \"on OPCODE\""},
-  };
-  for (const auto& [text, error] : rows) {
+  for (const test::Vector& row : test::LoadVectors("scenario_mistakes.txt")) {
     try {
-      ParseScenario(text, "f");
-      ADD_FAILURE() << text;
+      ParseScenario(*test::ParseText(row.name), "f");
+      ADD_FAILURE() << row.name;
     } catch (const std::runtime_error& caught) {
-      EXPECT_STREQ(caught.what(), error);
+      EXPECT_EQ(caught.what(), row.fields[0]);
     }
   }
 }

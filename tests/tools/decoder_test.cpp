@@ -2,57 +2,23 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <random>
+
+#include "support/vectors.h"
 
 namespace bthalctl {
 namespace {
 
-constexpr PacketType kCmd = PacketType::kCommand;
 constexpr PacketType kEvt = PacketType::kEvent;
-constexpr PacketType kAcl = PacketType::kAcl;
-constexpr PacketType kIso = PacketType::kIso;
 
 TEST(Decoder, Packets_InOneLine) {
-  const struct {
-    PacketType type;
-    const char* bytes;
-    const char* text;
-  } rows[] = {
-      {kCmd, "03 0C 00", "CMD Reset (0x0C03)"},
-      {kCmd, "99 FC 02 AA BB", "CMD command 0xFC99 [AA BB]"},
-      {kEvt, "0E 04 01 03 0C 00", "EVT Command Complete: Reset (0x0C03): Success"},
-      {kEvt, "0E 0A 01 09 10 00 01 00 00 4B 56 5A",
-       "EVT Command Complete: Read BD_ADDR (0x1009): Success [01 00 00 4B 56 5A]"},
-      {kEvt, "0E 04 01 01 0C 12",
-       "EVT Command Complete: Set Event Mask (0x0C01): Invalid HCI Command Parameters (0x12)"},
-      {kEvt, "0E 03 01 00 00", "EVT Command Complete: no command"},
-      {kEvt, "0F 04 00 01 0D 20", "EVT Command Status: LE Create Connection (0x200D): pending"},
-      {kEvt, "05 04 00 40 00 16",
-       "EVT Disconnection Complete: Success, handle 0x040, Connection Terminated By Local Host "
-       "(0x16)"},
-      {kEvt, "13 09 02 01 00 03 00 02 00 01 00",
-       "EVT Number Of Completed Packets: handle 0x001 3: handle 0x002 1"},
-      {kEvt, "3E 13 01 00 40 00 00 00 04 00 AD 4B 56 5A 06 00 00 00 90 01 00",
-       "EVT LE Connection Complete: Success, handle 0x040, central, 5A:56:4B:AD:00:04 (public)"
-       " [06 00 00 00 90 01 00]"},
-      {kEvt, "3E 12 02 01 00 01 03 00 AD 4B 56 C2 06 05 09 4C 6F 6F 70 C6",
-       "EVT LE Advertising Report: C2:56:4B:AD:00:03 (random) -58 dBm connectable \"Loop\""},
-      {kEvt, "10 01 42", "EVT Hardware Error: code 0x42"},
-      {kEvt, "FF 02 58 05", "EVT Quality Report [05]"},
-      {kEvt, "77 00", "EVT event 0x77"},
-      {kAcl, "40 20 07 00 03 00 04 00 0A 03 00",
-       "ACL handle 0x040, 7 bytes: ATT Read Request [03 00]"},
-      {kAcl, "40 10 02 00 AA BB", "ACL handle 0x040, 2 bytes [AA BB]"},
-      {kIso, "00 2E 02 00 AA BB", "ISO handle 0xE00, 2 bytes [AA BB]"},
-      // Lies and stumps.
-      {kCmd, "03 0C", "CMD shorter than its header [03 0C]"},
-      {kEvt, "0E 05 01 03 0C 00", "EVT says it has 7 bytes but has 6 [0E 05 01 03 0C 00]"},
-      {kEvt, "0E 02 01 03", "EVT Command Complete: command 0x0003 (ends early)"},
-      {kEvt, "13 05 02 01 00 03 00",
-       "EVT Number Of Completed Packets: handle 0x001 3: handle 0x000 0 (ends early)"},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(Describe({row.type, ParseHex(row.bytes)}), row.text) << row.bytes;
+  const std::map<std::string, PacketType> types = {{"cmd", PacketType::kCommand},
+                                                   {"evt", kEvt},
+                                                   {"acl", PacketType::kAcl},
+                                                   {"iso", PacketType::kIso}};
+  for (const test::Vector& row : test::LoadVectors("decoder.txt")) {
+    EXPECT_EQ(Describe({types.at(row.name), ParseHex(row.fields[0])}), row.fields[1]);
   }
 }
 

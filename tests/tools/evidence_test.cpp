@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "support/temp_dir.h"
+#include "support/vectors.h"
 #include "tools/base/failure.h"
 #include "tools/evidence/evidence_file.h"
 #include "tools/evidence/report_sections.h"
@@ -12,26 +13,7 @@ namespace {
 
 using ::testing::HasSubstr;
 
-constexpr char kTombstone[] =
-    "*** *** ***\n"
-    "Timestamp: 2026-11-21 06:48:18+0100\n"
-    "Cmdline: /vendor/bin/service \n"
-    "pid: 22179, tid: 22184, name: BT COEX\n"
-    "signal 6 (SIGABRT), code -6, fault addr (nil)\n"
-    "Abort message: 'it's over: 'quoted''\n"
-    "\n"
-    "backtrace:\n"
-    "    #00 pc 00007f5e622a8eec  /usr/lib/libc.so.6 (__pthread_kill_implementation) a.c:44\n"
-    "    #01 pc 00007f5e62244472  /usr/lib/libc.so.6 (abort) ./stdlib/abort.c:79\n"
-    "    #02 pc 0000560ad722c0ab  /x/service (bthal::log::(anonymous namespace)::Abort(char "
-    "const*))"
-    " ../log.cpp:111\n"
-    "    #03 pc 00007f5e6273a85f  /usr/lib/liblog.so.0 (__android_log_call_aborter)\n"
-    "    #04 pc 00007f5e627527c1  /usr/lib/libbase.so.0 "
-    "(android::base::LogMessage::~LogMessage())\n"
-    "    #05 pc 0000560ad72bfa95  /x/service (a::debug::HostDownloadFw(std::basic_string<char, "
-    "std::allocator<char> >)) ../x.cpp:48\n"
-    "    #06 pc 0000560ad72bfa99  /x/service (main) ../x.cpp:60\n";
+const std::string kTombstone = test::LoadData("tombstone.txt");
 
 std::string Without(std::string text, const std::string& part) {
   const size_t at = text.find(part);
@@ -66,8 +48,7 @@ TEST(Tombstone, FunctionOfEachForm) {
        "    #02 pc 0056  /other/service (a::Report(int))\n    #03 pc 0078  /x/service (b())",
        "Report"},
   };
-  const std::string head =
-      Without(kTombstone, std::string(kTombstone).substr(std::string(kTombstone).find("    #00")));
+  const std::string head = kTombstone.substr(0, kTombstone.find("    #00"));
   for (const auto& row : rows) {
     EXPECT_EQ(ParseTombstone(head + "    " + row.frame + "\n").function, row.function) << row.frame;
   }
@@ -122,9 +103,9 @@ TEST(EvidenceFiles, Malformed_OneLineSaysWhat) {
   for (const auto& row : infos) expect(ParseCrashInfo, row.text, row.mistake);
   for (const auto& row : tombstones) expect(ParseTombstone, row.text, row.mistake);
   // Cut off anywhere: it may be refused, it is never read beyond its end.
-  for (size_t size = 0; size < sizeof kTombstone; ++size) {
+  for (size_t size = 0; size <= kTombstone.size(); ++size) {
     try {
-      ParseTombstone(std::string(kTombstone, size));
+      ParseTombstone(kTombstone.substr(0, size));
     } catch (const Failure&) {
     }
   }

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/vectors.h"
 #include "tools/evidence/activity_report.h"
 #include "tools/hci/channel_map.h"
 
@@ -61,79 +62,34 @@ TEST(ChannelMap, WhatIsNone_IsRefused) {
 }
 
 TEST(CallOutcome, LinesOfTheLog_WhatTheySayOfACall) {
-  const struct {
-    const char* tag;
-    const char* text;
-    const char* verdict;  // null: none; "": accepted
-  } rows[] = {
-      {"bthal.sar", "OnEventReceive: (1) Recv Success VSE <[6]{14, 4, 1, 105, 254, 0}>", ""},
-      {"bthal.sar", "OnEventReceive: (1) Recv Failure VSE <[6]{14, 4, 1, 105, 254, 18}>",
-       "Invalid HCI Command Parameters (0x12)"},
-      {"bthal.sar", "OnEventReceive: (1) Recv Failure VSE <[5]{14, 4, 1, 105, 254}>", "refused"},
-      {"bthal.sar", "OnEventReceive: (1) Recv Failure VSE <[6]{14, 4, 1, 105, 254, 999}>",
-       "refused"},
-      {"bthal.sar", "setBluetoothTxPowerCap: Unable to set power cap 40", "Bluetooth is off"},
-      {"bthal.sar", "setBluetoothTxPowerCap: 0 Cap=40", nullptr},
-      {"bthal.sar", "scopeCap: cap 90 is greater than 80, set to 80", nullptr},
-      {"bthal.ewp", "OnEventReceive: (1) Recv Success VSE <[6]{14, 4, 1, 105, 254, 0}>", nullptr},
-      {"bthal.sar", "setBluetoothCmdPacket: 0x0406 LEN 0x03 Result 0x03", "did not answer"},
-      {"bthal.sar", "setBluetoothCmdPacket: 0x0406 LEN 0x03 Result 0x00", ""},
-  };
-  for (const auto& row : rows) {
+  for (const test::Vector& row : test::LoadVectors("call_outcomes.txt")) {
     LogLine line;
-    line.tag = row.tag;
-    line.text = row.text;
+    line.tag = row.name;
+    line.text = row.fields[0];
+    const std::string& expected = row.fields[1];
     const auto verdict = CallOutcome::Verdict(line, "bthal.sar");
-    ASSERT_EQ(verdict.has_value(), row.verdict != nullptr) << row.text;
+    ASSERT_EQ(verdict.has_value(), expected != "none") << line.text;
     if (!verdict) continue;
-    EXPECT_EQ(verdict->empty(), *row.verdict == '\0') << row.text;
-    EXPECT_THAT(*verdict, HasSubstr(row.verdict));
+    EXPECT_THAT(verdict->empty() ? "accepted" : *verdict, HasSubstr(expected)) << line.text;
   }
 }
 
-constexpr char kActivity[] =
-    "*********************************************\n"
-    "*   Begin Of Bluetooth Activities Reports   *\n"
-    "*********************************************\n"
-    "=============================================\n"
-    " 1. Connected devices Report :\n"
-    "=============================================\n"
-    "handle, bt address, timestamp\n"
-    "64, c2:56:4b:ad:00:03, 06:46:16:853\n"
-    "=============================================\n"
-    " 2. BtHal Tx Wakelock Report :\n"
-    "=============================================\n"
-    "start_timestamp, end_timestamp, during, tx_packet_count\n"
-    "06:46:16:853, 06:46:29:153, 12300, 77\n"
-    "=============================================\n"
-    " 3. BtHal ACL RX Data Report :\n"
-    "=============================================\n"
-    "start_timestamp, end_timestamp, conn_handle, during, acl_rx_data_count\n"
-    "06:46:16:853, 06:46:24:853, 64, 8000, 1234\n"
-    "=============================================\n"
-    " 4. BLE Advertising Report :\n"
-    "=============================================\n"
-    "start_timestamp, end_timestamp, duration, le_adv_counter\n"
-    "06:46:16:853, 06:46:24:854, 8001, 55\n"
-    "06:47:16:853, 06:47:24:853, 4294967295, 4294967295\n"
-    "*********************************************\n"
-    "*    End Of Bluetooth Activities Reports    *\n"
-    "*********************************************\n";
-
+// The text that the service's own test compares to the letter.
 TEST(ActivityReport, RowsOfEachTable) {
-  const ActivityReport report = ParseActivityReport(kActivity);
-  ASSERT_EQ(report.devices.size(), 1u);
-  EXPECT_EQ(report.devices[0].handle, 64);
-  EXPECT_EQ(report.devices[0].address, "c2:56:4b:ad:00:03");
-  ASSERT_EQ(report.wake_locks.size(), 1u);
-  EXPECT_EQ(report.wake_locks[0].milliseconds, 12300u);
+  const ActivityReport report = ParseActivityReport(
+      test::Replaced(test::LoadExpected("activity_report.txt"), "@TIME@", "06:46:16:853"));
+  ASSERT_EQ(report.devices.size(), 2u);
+  EXPECT_EQ(report.devices[1].handle, 64);
+  EXPECT_EQ(report.devices[1].address, "21:22:23:24:25:26");
+  ASSERT_EQ(report.wake_locks.size(), 2u);
+  EXPECT_EQ(report.wake_locks[0].milliseconds, 12345u);
   EXPECT_EQ(report.wake_locks[0].count, 77u);
   ASSERT_EQ(report.acl.size(), 1u);
   EXPECT_EQ(report.acl[0].handle, 64);
-  EXPECT_EQ(report.acl[0].count, 1234u);
-  ASSERT_EQ(report.advertising.size(), 2u);
-  EXPECT_EQ(report.advertising[0].end, "06:46:24:854");
-  EXPECT_EQ(report.advertising[1].milliseconds, 4294967295u);
+  EXPECT_EQ(report.acl[0].count, 4294967295u);
+  ASSERT_EQ(report.advertising.size(), 1u);
+  EXPECT_EQ(report.advertising[0].end, "09:03:08:000");
+  EXPECT_EQ(report.advertising[0].milliseconds, 8000u);
 }
 
 TEST(ActivityReport, RowsThatAreNone_AreNamed) {

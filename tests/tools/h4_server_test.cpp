@@ -5,12 +5,12 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include "fake_link.h"
 #include "support/temp_dir.h"
+#include "support/unix_socket.h"
 #include "support/wait.h"
 #include "tools/base/failure.h"
 
@@ -53,11 +53,7 @@ class H4ServerTest : public ::testing::TestWithParam<Kind> {
     if (GetParam() == Kind::kPty) {
       fd.reset(open((folder_ / "tty").c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     } else if (GetParam() == Kind::kUnix) {
-      sockaddr_un address = {};
-      address.sun_family = AF_UNIX;
-      (folder_ / "socket").copy(address.sun_path, sizeof address.sun_path - 1);
-      fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-      EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+      fd.reset(test::ConnectUnix(folder_ / "socket", SOCK_STREAM));
     } else {
       const std::string name = endpoint_->Name();
       sockaddr_in address = {};
@@ -175,14 +171,7 @@ TEST(Endpoint, StaleSocketAndLongPath_AreNoObstacle) {
   const test::TempDir folder;
   const std::string deep = folder / std::string(120, 'd');
   test::WriteFile(deep + "/x", "");
-  {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    (folder / "stale").copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    close(fd);
-  }
+  close(test::ListenUnix(folder / "stale", SOCK_STREAM));
   EXPECT_NO_THROW(MakeUnixEndpoint(folder / "stale"));
   EXPECT_NO_THROW(MakeUnixEndpoint(deep + "/socket"));
 }
