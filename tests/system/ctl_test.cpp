@@ -110,6 +110,20 @@ TEST_F(Ctl, ClientsOfTheHolder_GetTheirOwnAnswersOnly) {
   EXPECT_THAT(status.output, ContainsRegex("\"to_controller\": [1-9]")) << status.output;
 }
 
+TEST_F(Ctl, Status_TellsTheTransportAlsoWhenNobodyHoldsIt) {
+  const char* const transport =
+      OnCoProcessor() ? "transport  co-processor, connected, 6000000 bit/s, low power on\n"
+                      : "transport  serial line /dev/ttySAC16, open, 4000000 bit/s, low power on\n";
+  ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
+  EXPECT_THAT(handset_.Ctl({"status"}).output, HasSubstr(transport));
+  ASSERT_EQ(handset_.Ctl({"down"}).exit_code, 0);
+  EXPECT_THAT(handset_.Ctl({"status"}).output, HasSubstr(transport)) << "it only lets go";
+  handset_.service().Signal(SIGTERM);
+  EXPECT_TRUE(WaitFor([&] {
+    return CountOf("\"state\": \"closed\"", handset_.Ctl({"status", "--json"}).output) == 1;
+  })) << handset_.Log();
+}
+
 TEST_F(Ctl, UpInTheForeground_EndsWithTheSignalAndLeavesTheServiceFree) {
   ChildProcess up(handset_.CtlCommand({"up"}));
   ASSERT_TRUE(up.WaitForOutput("Bluetooth is up after", kDeadline)) << up.Output();

@@ -41,6 +41,8 @@ TEST_P(Fault, StrayTypeByte_ClosesTheTransportWithoutAReportAndTheNextStackRecov
   EXPECT_TRUE(WaitFor([&] {
     return handset.Ctl({"cmd", "read_bd_addr", "--timeout", "0.2"}).exit_code == 1;
   })) << handset.Log();
+  EXPECT_THAT(handset.Ctl({"status"}).output,
+              HasSubstr("lost: OnDataReady: Unimplemented Packet Type: 119 detected!"));
   const std::filesystem::path dumps = handset.Path("data/vendor/ssrdump/coredump");
   EXPECT_TRUE(std::filesystem::is_empty(dumps)) << "a dump was written";
 

@@ -17,9 +17,11 @@ std::string ServiceProgram() {
   return ProgramDir() + "/android.hardware.bluetooth@1.1-service.zvkbtlinux";
 }
 
+bool OnCoProcessor() { return std::getenv("BTHAL_TEST_CO_PROCESSOR") != nullptr; }
+
 Handset::Handset(Mode mode, const std::vector<std::string>& simulator_options) {
   std::vector<std::string> command = {ProgramDir() + "/zvksim", "--root", root()};
-  if (std::getenv("BTHAL_TEST_CO_PROCESSOR") != nullptr) command.push_back("--co-processor");
+  if (OnCoProcessor()) command.push_back("--co-processor");
   command.insert(command.end(), simulator_options.begin(), simulator_options.end());
   simulator_.emplace(command);
   if (!simulator_->WaitForOutput("ready ", kDeadline)) {

@@ -21,11 +21,13 @@ struct CtlResult {
   std::string output;  // stdout and stderr
 };
 
+// Whether the controller hangs on a co-processor: BTHAL_TEST_CO_PROCESSOR is in the environment.
+bool OnCoProcessor();
+
 // A simulated handset and the service on it, in a folder of their own.
 class Handset {
  public:
-  // Starts the simulator and waits until it is ready; the service is not started yet. With
-  // BTHAL_TEST_CO_PROCESSOR in the environment, the controller hangs on a co-processor.
+  // Starts the simulator and waits until it is ready; the service is not started yet.
   explicit Handset(Mode mode, const std::vector<std::string>& simulator_options = {});
 
   void StartService();

@@ -8,11 +8,33 @@
 #include "tools/link/attachment.h"
 #include "tools/link/holder.h"
 #include "tools/link/holder_protocol.h"
+#include "tools/log/transport_state.h"
+#include "tools/log/whole_log.h"
 
 namespace bthalctl {
 namespace {
 
 using nlohmann::json;
+
+// No call of the service tells of it, its log does.
+json Transport(int pid) {
+  TransportState state(pid);
+  ReadWholeLog(::bthal::root::Resolve("/run/bthal/log"), [&](const std::string& text) {
+    if (const std::optional<LogLine> line = ParseLogLine(text)) state.Feed(*line);
+  });
+  const auto text_or_null = [](const std::string& text) {
+    return text.empty() ? json() : json(text);
+  };
+  json transport = {{"kind", text_or_null(state.KindText())},
+                    {"state", text_or_null(state.PhaseText())},
+                    {"text", state.Describe()}};
+  if (!state.path().empty()) transport["path"] = state.path();
+  if (state.phase() == TransportState::Phase::kOpen) {
+    if (state.line_baud()) transport["line_baud"] = *state.line_baud();
+    transport["low_power"] = state.low_power();
+  }
+  return transport;
+}
 
 // Throws Failure(kNoService) when there is no service.
 json Status(const Options& options) {
@@ -22,6 +44,7 @@ json Status(const Options& options) {
   service
       ->getDebugInfo([&](const ::android::hidl::base::V1_0::DebugInfo& info) {
         status["service"] = {{"pid", info.pid}};
+        status["transport"] = Transport(info.pid);
       })
       .isOk();
   CatchStopSignals();
@@ -34,6 +57,9 @@ json Status(const Options& options) {
 void Print(const json& status) {
   std::printf("root       %s\n", status["root"].get<std::string>().c_str());
   std::printf("service    running, process %d\n", status["service"].value("pid", 0));
+  if (status.contains("transport")) {
+    std::printf("transport  %s\n", status["transport"]["text"].get<std::string>().c_str());
+  }
   if (!status["up"]) {
     std::puts("bluetooth  not held by bthalctl");
     return;
@@ -55,7 +81,8 @@ void Print(const json& status) {
 
 void AddStatus(CLI::App& app, const Options& options) {
   auto as_json = std::make_shared<bool>(false);
-  CLI::App* command = app.add_subcommand("status", "the service, the holder and its counters");
+  CLI::App* command =
+      app.add_subcommand("status", "the service, its transport, the holder and its counters");
   command->add_flag("--json", *as_json, "for a script");
   command->callback([&options, as_json] {
     const json status = Status(options);

@@ -97,19 +97,11 @@ std::string Readable(std::string_view step, std::string_view detail) {
 }
 
 // The rule that holds for a line, and the detail in it.
-const Rule* Match(const LogLine& line, std::string* detail) {
-  const std::string_view text = line.text;
+const Rule* RuleOf(const LogLine& line, std::string* detail) {
   for (const Rule& rule : kRules) {
-    const std::string_view before = rule.before;
-    if (line.tag != rule.tag || text.substr(0, before.size()) != before) continue;
-    if (rule.after == nullptr) {
-      if (text.size() != before.size()) continue;
-      detail->clear();
-    } else {
-      const std::string_view rest = text.substr(before.size());
-      const std::string_view after = rule.after;
-      *detail = Readable(rule.step, after.empty() ? rest : rest.substr(0, rest.find(after)));
-    }
+    const std::optional<std::string> found = DetailOf(line, rule.tag, rule.before, rule.after);
+    if (!found) continue;
+    *detail = rule.after == nullptr ? "" : Readable(rule.step, *found);
     return &rule;
   }
   return nullptr;
@@ -123,7 +115,7 @@ std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
   const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(line.time - *start_);
 
   std::string detail;
-  const Rule* const rule = Match(line, &detail);
+  const Rule* const rule = RuleOf(line, &detail);
   if (line.IsTrouble()) {
     if (line.priority != 'W' || (rule != nullptr && rule->meaning == Meaning::kFails)) {
       End(Kind::kFailed, now, &out);

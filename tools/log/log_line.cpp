@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 namespace bthalctl {
 
@@ -28,8 +29,9 @@ std::optional<system_clock::time_point> LocalTime(int year, int month, int day, 
 std::optional<LogLine> ParseLogLine(const std::string& line) {
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, millisecond = 0, end = 0;
   LogLine parsed;
-  if (std::sscanf(line.c_str(), "%4d-%2d-%2d %2d:%2d:%2d.%3d %*d %*d %c %n", &year, &month, &day,
-                  &hour, &minute, &second, &millisecond, &parsed.priority, &end) != 8 ||
+  if (std::sscanf(line.c_str(), "%4d-%2d-%2d %2d:%2d:%2d.%3d %d %*d %c %n", &year, &month, &day,
+                  &hour, &minute, &second, &millisecond, &parsed.pid, &parsed.priority,
+                  &end) != 9 ||
       end == 0 || std::strchr("VDIWEF", parsed.priority) == nullptr) {
     return std::nullopt;
   }
@@ -41,6 +43,17 @@ std::optional<LogLine> ParseLogLine(const std::string& line) {
   parsed.tag = line.substr(tag_begin, tag_end - tag_begin);
   parsed.text = line.substr(tag_end + 2);
   return parsed;
+}
+
+std::optional<std::string> DetailOf(const LogLine& line, const char* tag, const char* before,
+                                    const char* after) {
+  const std::string_view text = line.text;
+  const std::string_view begin = before;
+  if (line.tag != tag || text.substr(0, begin.size()) != begin) return std::nullopt;
+  const std::string_view rest = text.substr(begin.size());
+  if (after == nullptr && !rest.empty()) return std::nullopt;
+  const bool all = after == nullptr || *after == 0;
+  return std::string(all ? rest : rest.substr(0, rest.find(after)));
 }
 
 }  // namespace bthalctl
