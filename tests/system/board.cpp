@@ -79,7 +79,7 @@ void Board::StartService(const std::vector<std::string>& prefix) {
 }
 
 void Board::StartStack(const std::vector<std::string>& arguments) {
-  std::vector<std::string> command = {ProgramDir() + "/../tests/system_test_stack"};
+  std::vector<std::string> command = {StackProgram()};
   command.insert(command.end(), arguments.begin(), arguments.end());
   stack_ = std::make_unique<ChildProcess>(
       command, std::map<std::string, std::string>{{"BTHAL_ROOT", root()},

@@ -231,24 +231,6 @@ TEST(CrashReport, TwoServicesInOneSecond_LeaveTheFilesOfTheFirstAlone) {
   FAIL() << "never two failures in one second";
 }
 
-// The other radio on the chip has reset it: the stack is told, nobody is to blame.
-TEST(CrashReport, BigHammer_TellsTheStackAndKillsWithoutFiles) {
-  Board board(Mode::kPlain, Plain());
-  board.Play(Healthy());
-  board.StartService();
-  board.StartStack();
-  ASSERT_TRUE(board.stack()->WaitForOutput("initialize done\n", kDeadline)) << board.Log();
-  const int wbrc = open(board.Path("dev/wbrc").c_str(), O_WRONLY | O_CLOEXEC);
-  const uint8_t notice[] = {0x01, 0x00, 0x01, 0x42};
-  ASSERT_EQ(write(wbrc, notice, sizeof notice), 4);
-  close(wbrc);
-  const Ending ending = WaitForEnd(board, RootInflammation(127));
-  ASSERT_TRUE(ending.end);
-  EXPECT_EQ(ending.end->signal, SIGKILL);
-  EXPECT_EQ(ending.stack, "complete 0\ninitialize done\n" + RootInflammation(127));
-  EXPECT_TRUE(ending.evidence.Empty());
-}
-
 // ---- what must not hold up the end
 
 // The stack no longer answers: it is given a second, not more.

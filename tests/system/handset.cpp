@@ -18,6 +18,7 @@ std::string ServiceProgram() {
 }
 
 bool OnCoProcessor() { return std::getenv("BTHAL_TEST_CO_PROCESSOR") != nullptr; }
+std::string StackProgram() { return ProgramDir() + "/../tests/system_test_stack"; }
 
 Handset::Handset(Mode mode, const std::vector<std::string>& simulator_options) {
   std::vector<std::string> command = {ProgramDir() + "/zvksim", "--root", root()};

@@ -54,5 +54,6 @@ class Handset {
 size_t CountOf(const std::string& text, const std::string& all);
 
 std::string ServiceProgram();
+std::string StackProgram();  // system_test_stack
 
 }  // namespace test

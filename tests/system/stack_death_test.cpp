@@ -3,31 +3,18 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <random>
 
 #include "support/wait.h"
-#include "system/handset.h"
+#include "system/watched_service.h"
 
 namespace test {
 namespace {
 
-// What each descriptor of a process is.
-std::vector<std::string> Descriptors(pid_t pid) {
-  std::vector<std::string> all;
-  std::error_code ignored;
-  for (const auto& entry :
-       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ignored)) {
-    all.push_back(std::filesystem::read_symlink(entry.path(), ignored).string());
-  }
-  std::sort(all.begin(), all.end());
-  return all;
-}
-
 class StackDeathSlow : public ::testing::TestWithParam<Mode> {
  protected:
-  Handset handset_{GetParam()};
+  WatchedService watched_{GetParam()};
+  Handset& handset_ = watched_.handset();
 };
 
 INSTANTIATE_TEST_SUITE_P(InEachMode, StackDeathSlow,
@@ -36,7 +23,6 @@ INSTANTIATE_TEST_SUITE_P(InEachMode, StackDeathSlow,
 
 TEST_P(StackDeathSlow, KilledAtAnyMoment_NextStackAttachesAndNothingGrows) {
   handset_.StartService();
-  const pid_t service = handset_.service().pid();
   // Right after a death the place may still be taken for a moment.
   const auto next_stack_attaches = [&] {
     return WaitFor([&] { return handset_.Ctl({"--no-holder", "cmd", "reset"}).exit_code == 0; });
@@ -51,22 +37,15 @@ TEST_P(StackDeathSlow, KilledAtAnyMoment_NextStackAttachesAndNothingGrows) {
   // Once, for what is made at first use.
   kill_a_stack(900);
   ASSERT_TRUE(next_stack_attaches()) << handset_.Log();
-  const int threads = CountThreads(service);
-  const std::vector<std::string> descriptors = Descriptors(service);
+  const WatchedService::Possessions before = watched_.Owns();
 
-  const unsigned seed = std::random_device()();
-  printf("seed %u\n", seed);
-  std::mt19937 random(seed);
+  std::mt19937 random(NewSeed());
   const int kills = Count("kills of the stack", 200);
   // Anywhere from its start, through bring-up (0.7 s), into the scan.
   for (int i = 0; i < kills && !HasFatalFailure(); ++i)
     kill_a_stack(static_cast<unsigned>(random() % 900));
   ASSERT_TRUE(next_stack_attaches()) << handset_.Log();
-  EXPECT_TRUE(WaitFor([&] { return CountThreads(service) <= threads; }))
-      << CountThreads(service) << " threads, before " << threads;
-  EXPECT_TRUE(WaitFor([&] { return Descriptors(service).size() <= descriptors.size(); }))
-      << ::testing::PrintToString(Descriptors(service)) << "\nbefore\n"
-      << ::testing::PrintToString(descriptors);
+  EXPECT_EQ(watched_.WaitForNoMoreThan(before), "");
 }
 
 TEST_P(StackDeathSlow, StoppedStack_LosesItsConnectionAndTheNextIsServed) {

@@ -38,15 +38,17 @@ class StallMeter {
   std::thread thread_;
 };
 
-// The result of run, and once more (ten times at most) while the machine stood still for as long as
-// matters to time-outs of seconds.
+// What matters to time-outs of seconds: a command and its answer may both meet it.
+constexpr std::chrono::milliseconds kStall{500};
+
+// The result of run, and once more (ten times at most) while the machine stood still meanwhile.
 template <typename Result, typename Run>
 Result WithoutStalls(StallMeter& meter, const Run& run) {
   for (int attempt = 1;; ++attempt) {
     const auto start = StallMeter::Clock::now();
     Result result = run();
     const auto longest = meter.Longest(start, StallMeter::Clock::now());
-    if (attempt == 10 || longest < std::chrono::milliseconds(500)) return result;
+    if (attempt == 10 || longest < kStall) return result;
     printf("once more, the machine stood still for %d ms\n", static_cast<int>(longest.count()));
   }
 }

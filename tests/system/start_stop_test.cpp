@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "support/wait.h"
-#include "system/pty_stalls.h"
+#include "system/stall_meter.h"
 #include "system/watched_service.h"
 
 namespace test {
@@ -66,7 +66,7 @@ std::vector<std::string> RandomPlan(std::mt19937& random) {
 
 class StartStop {
  public:
-  StartStop(Mode mode, unsigned seed, PtyStalls& stalls)
+  StartStop(Mode mode, unsigned seed, StallMeter& stalls)
       : stalls_(stalls),
         random_(seed),
         watched_(mode, {"--firmware-size", "2000", "--scenario", WriteScenario()}),
@@ -150,7 +150,8 @@ class StartStop {
   void CheckEnd() {
     ++ends_;
     const std::string wrong = watched_.WaitForEnd();
-    const bool stalled = stalls_.Recently();
+    const auto now = StallMeter::Clock::now();
+    const bool stalled = stalls_.Longest(now - std::chrono::seconds(5), now) >= kStall;
     EXPECT_EQ(wrong, "");
     const std::string log = watched_.handset().Log();
     const bool timed_out = log.find(" Result 0x03") != std::string::npos;
@@ -168,7 +169,7 @@ class StartStop {
     EXPECT_EQ(watched_.WaitForNoMoreThan(*before_), "");
   }
 
-  PtyStalls& stalls_;
+  StallMeter& stalls_;
   std::mt19937 random_;
   const TempDir folder_;
   WatchedService watched_;
@@ -181,7 +182,7 @@ class StartStop {
 TEST(StartStopSlow, AnyThreadAtAnyMoment_NothingHangsAndNothingIsLeft) {
   const unsigned seed = NewSeed();
   const int rounds = Count("rounds of starting and stopping", 1000);
-  PtyStalls stalls;
+  StallMeter stalls;
   std::atomic<int> ends{0};
   OnEach(kHandsets, [&](int index) {
     StartStop run(index % 2 == 0 ? Mode::kAccelerated : Mode::kPlain,

@@ -11,7 +11,7 @@ namespace test {
 // A handset whose service may end, but only as it should.
 class WatchedService {
  public:
-  WatchedService(Mode mode, const std::vector<std::string>& simulator_options);
+  explicit WatchedService(Mode mode, const std::vector<std::string>& simulator_options = {});
 
   Handset& handset() { return handset_; }
   bool Runs() { return !handset_.service().Wait(std::chrono::milliseconds(0)); }
