@@ -310,12 +310,12 @@ bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms)
     return nullptr;
   };
   const int error = pthread_create(&poller->thread, nullptr, routine, argument.get());
-  if (error != 0) {
+  if (error == 0) {
+    static_cast<void>(argument.release());  // the thread's now
+    poller_ = std::move(poller);
+  } else {
     ALOGE("%s: pthread_create error: %s", "CreateThread", strerror(error));
-    return true;
   }
-  static_cast<void>(argument.release());  // the thread's now
-  poller_ = std::move(poller);
   ALOGI("%s return upon created fd: %d", __func__, fd);
   Record(AnchorType::kCoexOpened, StringPrintf("%s return upon created fd: %d", __func__, fd));
   return true;

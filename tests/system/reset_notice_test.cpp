@@ -16,18 +16,12 @@ namespace {
 
 constexpr double kDelay = 0.3;  // seconds
 
-struct Notice {
-  const char* event;
-  bool acknowledged;
-};
+// Parameter: whether the notice wants an acknowledgement.
+class ResetNotice : public ::testing::TestWithParam<bool> {};
 
-class ResetNotice : public ::testing::TestWithParam<Notice> {};
-
-INSTANTIATE_TEST_SUITE_P(Of, ResetNotice,
-                         ::testing::Values(Notice{"0x42", false}, Notice{"0x43", true}),
-                         [](const auto& notice) {
-                           return notice.param.acknowledged ? "ToBeAcknowledged" : "JustSo";
-                         });
+INSTANTIATE_TEST_SUITE_P(Of, ResetNotice, ::testing::Bool(), [](const auto& notice) {
+  return notice.param ? "ToBeAcknowledged" : "JustSo";
+});
 
 // Where each of texts stands in all, one behind the other; else the test has failed.
 std::vector<size_t> PositionsInOrder(const std::string& all,
@@ -58,9 +52,10 @@ double TimeOf(const std::string& text, const std::vector<TraceLine>& trace) {
 }
 
 TEST_P(ResetNotice, ClosesTellsTheStackAndEndsTheServiceInOrder) {
+  const bool acknowledged = GetParam();
+  const std::string event = acknowledged ? "43" : "42";
   TempDir folder;
-  WriteFile(folder / "scenario",
-            std::string("after 0xFC01 nth 1 500ms coex ") + GetParam().event + "\n");
+  WriteFile(folder / "scenario", "after 0xFC01 nth 1 500ms coex 0x" + event + "\n");
   Handset handset(Mode::kPlain, {"--scenario", folder / "scenario", "--trace", folder / "trace"});
   WriteFile(handset.Path("vendor/etc/bluetooth/bt_vendor_overlay.conf"),
             "BigHammerBtRegOnDelay = 300\n");
@@ -78,31 +73,31 @@ TEST_P(ResetNotice, ClosesTellsTheStackAndEndsTheServiceInOrder) {
   std::vector<TraceLine> trace;
   WaitFor([&] {
     trace = ReadTrace(folder / "trace");
-    return !GetParam().acknowledged || trace.back().text == "wbrc acknowledged";
+    return !acknowledged || trace.back().text == "wbrc acknowledged";
   });
-  const double noticed = TimeOf("wbrc sends 01 01 01 " + std::string(GetParam().event + 2), trace);
+  const double noticed = TimeOf("wbrc sends 01 01 01 " + event, trace);
   const double powered_off = TimeOf("power off", trace);
   EXPECT_LT(noticed, powered_off);
-  if (GetParam().acknowledged) {
+  if (acknowledged) {
     EXPECT_GE(TimeOf("wbrc acknowledged", trace) - powered_off, kDelay - 0.01);
   } else {
     EXPECT_THROW(TimeOf("wbrc acknowledged", trace), std::runtime_error);
   }
 
   std::vector<std::string> lines = {
-      std::string("ReadEvent Read wlbt driver event: ") + GetParam().event,
+      "ReadEvent Read wlbt driver event: 0x" + event,
       "resetBtCallback called",
       "closeHci: hci_handle_ = nullptr",
       "ReadEvent Sleep : 300 ms",
   };
-  if (GetParam().acknowledged) lines.insert(lines.end(), {"BtSend msg: 0x81", "WriteEvent"});
+  if (acknowledged) lines.insert(lines.end(), {"BtSend msg: 0x81", "WriteEvent"});
   lines.insert(lines.end(), {"DeviceClose", "ClosePollThread: close socket fds_1",
                              "ClosePollThread: close socket fds_0", "DeviceClose: close(coex_fd_:",
                              "root inflamed event with reason: Soc Big Hammer Error (127)"});
   const std::vector<size_t> at = PositionsInOrder(log, lines);
   const double slept = SecondsAt(log, at[4]) - SecondsAt(log, at[3]);
   EXPECT_GE(slept < 0 ? slept + 60 : slept, kDelay - 0.01);
-  EXPECT_EQ(CountOf("BtSend msg: 0x81", log), GetParam().acknowledged ? 1u : 0u);
+  EXPECT_EQ(CountOf("BtSend msg: 0x81", log), acknowledged ? 1u : 0u);
   // Nobody here is to blame.
   EXPECT_TRUE(std::filesystem::is_empty(handset.Path("data/vendor/ssrdump/coredump")));
   EXPECT_TRUE(std::filesystem::is_empty(handset.Path("data/tombstones")));
