@@ -77,6 +77,54 @@ TEST(CoProcessorSlow, Faults_EndTheServiceWithTheirReport) {
   }
 }
 
+TEST(CoProcessor, ThatDiesOrRefuses_TheStackIsTold) {
+  constexpr char kLost[] = "event FF 04 58 05 00 D6\n";
+  struct Row {
+    const char* scenario;
+    bool survives;
+    std::string stack;  // what it says
+  };
+  const Row rows[] = {
+      // It is told of the error first, and then of the attachment, which stands.
+      {"request power nth 2 status 5\n", true, "complete 2\ncomplete 0\ninitialize done\n"},
+      {"request packet nth 3 co-disconnect\n", false, kLost + std::string("initialize failed\n")},
+      {"after 0xFC01 nth 1 500ms co-disconnect\n", false,
+       std::string("complete 0\ninitialize done\n") + kLost},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.scenario);
+    TempDir folder;
+    WriteFile(folder / "scenario", row.scenario);
+    Handset handset(Mode::kPlain, {"--co-processor", "--scenario", folder / "scenario"});
+    handset.StartService();
+    ChildProcess stack({StackProgram()}, {{"BTHAL_ROOT", handset.root()}});
+    EXPECT_TRUE(stack.WaitForOutput(row.stack, kDeadline)) << stack.Output() << handset.Log();
+    if (row.survives) {
+      EXPECT_FALSE(handset.service().Wait(std::chrono::milliseconds(0))) << handset.Log();
+      EXPECT_THAT(handset.Log(), HasSubstr("send err 0, resp err 5"));
+      continue;
+    }
+    const auto end = handset.service().Wait(kDeadline);
+    ASSERT_TRUE(end.has_value()) << handset.Log();
+    EXPECT_EQ(end->signal, SIGABRT) << handset.Log();
+    EXPECT_EQ(stack.Output(), row.stack);
+    EXPECT_THAT(CrashReports(handset), HasSubstr("Handle Qvr Connection Event Error"));
+  }
+}
+
+TEST(CoProcessor, ThatDiesInMidTransfer_EndsTheServiceAndWhatUsesIt) {
+  TempDir folder;
+  WriteFile(folder / "scenario", "request packet nth 300 co-disconnect\n");
+  Handset handset(Mode::kPlain, {"--co-processor", "--scenario", folder / "scenario"});
+  handset.StartService();
+  const CtlResult data = handset.Ctl({"--no-holder", "loopback", "--bytes", "10000000"});
+  EXPECT_EQ(data.exit_code, 3) << data.output;
+  const auto end = handset.service().Wait(kDeadline);
+  ASSERT_TRUE(end.has_value()) << handset.Log();
+  EXPECT_EQ(end->signal, SIGABRT) << handset.Log();
+  EXPECT_THAT(CrashReports(handset), HasSubstr("Handle Qvr Connection Event Error"));
+}
+
 TEST(CoProcessor, BrokenMessages_AreNamedAndTheNextIsHeard) {
   TempDir folder;
   WriteFile(folder / "scenario",
