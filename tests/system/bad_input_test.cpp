@@ -3,12 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <random>
 
+#include "support/unix_socket.h"
 #include "support/wait.h"
 #include "system/handset.h"
 
@@ -17,16 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-
-int Connect(const std::string& path, int type) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
-  close(fd);
-  return -1;
-}
 
 std::string RandomBytes(size_t size, unsigned seed) {
   std::mt19937 random(seed);
@@ -100,7 +90,7 @@ TEST(BadInput, GarbageAtTheServicesSockets_EndsThoseConnectionsOnly) {
     // Both the names that services are found by and the socket behind them.
     if (!fs::is_socket(entry.status()) || entry.path().filename() == "holder") continue;
     for (int i = 0; i < count; ++i) {
-      const int fd = Connect(entry.path().string(), SOCK_SEQPACKET);
+      const int fd = ConnectUnix(entry.path().string(), SOCK_SEQPACKET);
       if (fd < 0) continue;
       const std::string bytes =
           RandomBytes(1 + static_cast<size_t>(i) % 500, 7u + static_cast<unsigned>(i));
@@ -117,7 +107,7 @@ TEST(BadInput, PacketsWhoseLengthLies_AreDroppedWithAWarningEach) {
   Handset handset(Mode::kAccelerated);
   handset.StartService();
   ASSERT_EQ(handset.Ctl({"up", "--detach", "-q"}).exit_code, 0) << handset.Log();
-  const int holder = Connect(handset.Path("run/bthal/holder"), SOCK_SEQPACKET);
+  const int holder = ConnectUnix(handset.Path("run/bthal/holder"), SOCK_SEQPACKET);
   ASSERT_GE(holder, 0);
   const std::vector<std::vector<uint8_t>> packets = {
       {1},                          // nothing after the type

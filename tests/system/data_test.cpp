@@ -36,12 +36,6 @@ TEST_F(Data, PayloadsOfTerminalControlBytes_ComeBackWholeAndInOrder) {
   Loop(handset, {"--pattern", "control", "--bytes", std::to_string(bytes)});
 }
 
-TEST_F(Data, OneByteAWriteFromTheController_ComeBackWholeAndInOrder) {
-  Handset handset(Mode::kAccelerated, {"--chunk", "1"});
-  const int bytes = Count("bytes, one a write", 300'000);
-  Loop(handset, {"--pattern", "control", "--bytes", std::to_string(bytes)});
-}
-
 TEST_F(Data, OneBytePackets_ComeBackWholeAndInOrder) {
   Handset handset(Mode::kAccelerated);
   const int packets = Count("packets of one byte", 20'000);

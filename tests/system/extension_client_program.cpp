@@ -1,9 +1,9 @@
-// A client of the extension services. usage: system_test_extension_client
-//   inject OPCODE            sends a command without parameters: "accepted after N s" or "refused
-//   …" watch VERSION ADDRESS…   registers each address for connections, through the interface of
-//   that
-//                            version (1.0 or 1.1): "registered", then "told ADDRESS COUNTER SYSTEM"
-//                            for each call of its callback
+// A client of the extension services. usage:
+//   system_test_extension_client inject OPCODE
+//     sends a command without parameters: "accepted after N s" or "refused after N s"
+//   system_test_extension_client watch VERSION ADDRESS…
+//     registers each address for connections through that version of the interface (1.0 or 1.1):
+//     "registered", then "told ADDRESS COUNTER SYSTEM" for each call of its callback
 #include <hardware/nuvexa/bluetooth/ccc/1.1/IBluetoothCcc.h>
 #include <hardware/nuvexa/bluetooth/ext/1.0/IBluetoothExt.h>
 #include <hidl/HidlTransportSupport.h>

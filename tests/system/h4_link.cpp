@@ -1,39 +1,23 @@
 #include "system/h4_link.h"
 
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 
+#include "support/unix_socket.h"
 #include "support/wait.h"
 #include "tools/base/failure.h"
 
 namespace test {
-namespace {
-
-::android::base::unique_fd Connect(const std::string& path) {
-  ::android::base::unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  if (connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    throw std::runtime_error("connect " + path + ": " + strerror(errno));
-  }
-  return fd;
-}
-
-}  // namespace
-
 H4Link::H4Link(const Handset& handset, Writes writes)
     : writes_(writes),
       server_(handset.CtlCommand({"--no-holder", "serve-h4", "--unix", handset.Path("h4")})) {
   if (!server_.WaitForOutput("ready unix:", kDeadline)) {
     throw std::runtime_error("serve-h4: " + server_.Output() + handset.Log());
   }
-  socket_ = Connect(handset.Path("h4"));
+  socket_.reset(ConnectUnix(handset.Path("h4"), SOCK_STREAM));
+  if (socket_.get() < 0) throw std::runtime_error("serve-h4: nobody listens");
 }
 
 void H4Link::Send(const bthalctl::Packet& packet) {

@@ -1,8 +1,7 @@
 // A Bluetooth stack that misbehaves at a chosen moment. usage:
 //   system_test_rogue_stack WHERE NTH ACTION TRAFFIC_MS
 //     WHERE       main: after NTH ms of traffic; init, event, acl, sco, iso: inside the NTH
-//     callback
-//                 of that kind
+//                 callback of that kind
 //     ACTION      close; die (SIGKILL); die-in-close (main only: dies NTH µs after close() began);
 //                 cue (main only: Read Voice Setting, which a scenario may wait for)
 //     TRAFFIC_MS  of data through the controller's loopback, then close
