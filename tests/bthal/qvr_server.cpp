@@ -119,6 +119,7 @@ bool QvrServer::WaitForConnection(bool connected) {
 }
 
 void QvrServer::Run() {
+  Bytes buffer(kMaxDatagram);
   for (;;) {
     int client;
     {
@@ -138,14 +139,12 @@ void QvrServer::Run() {
       client_ = std::move(accepted);
     }
     if (ready[2].revents != 0) {
-      Bytes datagram(kMaxDatagram);
-      const ssize_t count = recv(client, datagram.data(), datagram.size(), 0);
+      const ssize_t count = recv(client, buffer.data(), buffer.size(), 0);
       if (count <= 0) {
         const std::lock_guard<std::mutex> guard(lock_);
         client_.reset();
       } else {
-        datagram.resize(static_cast<size_t>(count));
-        Serve(datagram);
+        Serve({buffer.begin(), buffer.begin() + count});
       }
     }
   }
@@ -181,7 +180,8 @@ void QvrServer::Serve(const Bytes& datagram) {
 }
 
 Bytes QvrEvent(uint32_t kind, const Bytes& packet) {
-  Bytes table = ParseHex("0C 00 00 00 08 00 0C 00 04 00 08 00 08 00 00 00");
+  static const Bytes kHead = ParseHex("0C 00 00 00 08 00 0C 00 04 00 08 00 08 00 00 00");
+  Bytes table = kHead;
   Append(&table, kind);
   Append(&table, 4);
   Append(&table, static_cast<uint32_t>(packet.size()));
