@@ -1,4 +1,4 @@
-#include "scripted_controller.h"
+#include "serial_controller.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -11,7 +11,7 @@
 
 namespace bench {
 
-ScriptedController::ScriptedController() {
+SerialController::SerialController() {
   master_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   if (master_ < 0 || grantpt(master_) != 0 || unlockpt(master_) != 0) {
     throw std::runtime_error("no pseudo-terminal");
@@ -26,7 +26,7 @@ ScriptedController::ScriptedController() {
   thread_ = std::thread([this] { Answer(); });
 }
 
-ScriptedController::~ScriptedController() {
+SerialController::~SerialController() {
   const uint64_t one = 1;
   if (write(stop_, &one, sizeof one) < 0) abort();
   thread_.join();
@@ -35,7 +35,9 @@ ScriptedController::~ScriptedController() {
   close(master_);
 }
 
-void ScriptedController::Send(const std::vector<uint8_t>& bytes) {
+void SerialController::SendEvent(const Bytes& event) {
+  Bytes bytes = {0x04};
+  bytes.insert(bytes.end(), event.begin(), event.end());
   std::lock_guard<std::mutex> guard(write_lock_);
   for (size_t at = 0; at < bytes.size();) {
     const ssize_t n = write(master_, bytes.data() + at, bytes.size() - at);
@@ -43,8 +45,8 @@ void ScriptedController::Send(const std::vector<uint8_t>& bytes) {
   }
 }
 
-void ScriptedController::Answer() {
-  std::vector<uint8_t> pending;
+void SerialController::Answer() {
+  Bytes pending;
   for (;;) {
     pollfd fds[] = {{master_, POLLIN, 0}, {stop_, POLLIN, 0}};
     poll(fds, 2, -1);
@@ -55,8 +57,7 @@ void ScriptedController::Answer() {
     pending.insert(pending.end(), buffer, buffer + n);
     constexpr size_t kHeader = 4;  // type, opcode, parameter length
     while (pending.size() >= kHeader && pending.size() >= kHeader + pending[3]) {
-      // Return parameter 0x20: a chip id that has no firmware file of its own.
-      Send({0x04, 0x0E, 0x05, 0x01, pending[1], pending[2], 0x00, 0x20});
+      SendEvent(Success(&pending[1]));
       pending.erase(pending.begin(), pending.begin() + static_cast<long>(kHeader) + pending[3]);
     }
   }

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
+
+#include <string>
+
+#include "relay.h"
+#include "sink.h"
+
+namespace bench {
+
+// The service, attached to and brought up, on the root folder of this process.
+class DaemonRelay : public Relay {
+ public:
+  // Throws std::runtime_error when it does not come up.
+  DaemonRelay(const std::string& program, Sink* sink);
+
+  const Process& process() const override { return daemon_; }
+  void SendCommand() override;
+
+ private:
+  const Process daemon_;
+  android::sp<android::hardware::bluetooth::V1_1::IBluetoothHci> hal_;
+};
+
+}  // namespace bench

@@ -1,0 +1,88 @@
+#include "measure.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+namespace bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr double kBytesPerSecond = 300e3;
+constexpr size_t kEventBytesOnLine = 1 + Sink::kEventBytes;
+constexpr int kRoundTrips = 5000;
+
+double Percentile(std::vector<double>* values, double share) {
+  if (values->empty()) return -1;
+  const auto at = static_cast<size_t>(share * static_cast<double>(values->size() - 1));
+  std::nth_element(values->begin(), values->begin() + static_cast<long>(at), values->end());
+  return (*values)[at];
+}
+
+void MeasureEvents(int seconds, Controller* controller, const Relay& relay, Sink* sink,
+                   Figures* figures) {
+  const double interval_ns = kEventBytesOnLine / kBytesPerSecond * 1e9;
+  figures->sent = static_cast<size_t>(seconds * 1e9 / interval_ns);
+  const double cpu_before = relay.process().CpuSeconds();
+  const auto begin = Clock::now();
+  for (size_t i = 0; i < figures->sent; ++i) {
+    std::this_thread::sleep_until(begin + std::chrono::nanoseconds(static_cast<int64_t>(
+                                              static_cast<double>(i) * interval_ns)));
+    controller->SendEvent(Sink::TimestampedEvent());
+  }
+  sink->WaitForEvents(figures->sent);
+  const double elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
+  figures->cpu_share = (relay.process().CpuSeconds() - cpu_before) / elapsed;
+  std::vector<double> delays = sink->TakeDelaysUs();
+  figures->arrived = delays.size();
+  figures->delay_p50 = Percentile(&delays, 0.5);
+  figures->delay_p99 = Percentile(&delays, 0.99);
+}
+
+void MeasureRoundTrips(Relay* relay, Sink* sink, Figures* figures) {
+  std::vector<double> trips;
+  for (int i = 0; i < kRoundTrips; ++i) {
+    const size_t answers = sink->answers();
+    const int64_t sent = NowNs();
+    relay->SendCommand();
+    if (!sink->WaitForAnswers(answers + 1)) break;
+    trips.push_back(static_cast<double>(NowNs() - sent) * 1e-3);
+  }
+  figures->round_trips = trips.size();
+  figures->round_trip_p50 = Percentile(&trips, 0.5);
+  figures->round_trip_p99 = Percentile(&trips, 0.99);
+}
+
+}  // namespace
+
+Figures Measure(int seconds, Controller* controller, Relay* relay, Sink* sink) {
+  Figures figures;
+  MeasureEvents(seconds, controller, *relay, sink, &figures);
+  MeasureRoundTrips(relay, sink, &figures);
+  return figures;
+}
+
+void PrintRow(const std::string& relay, const Figures& f) {
+  printf(
+      "relay=%s events=%zu/%zu%s cpu_share=%.4f delay_p50_us=%.1f delay_p99_us=%.1f "
+      "round_trips=%zu round_trip_p50_us=%.1f round_trip_p99_us=%.1f\n",
+      relay.c_str(), f.arrived, f.sent, f.arrived < f.sent ? " LOST" : "", f.cpu_share, f.delay_p50,
+      f.delay_p99, f.round_trips, f.round_trip_p50, f.round_trip_p99);
+  fflush(stdout);
+}
+
+void PrintRatio(const std::string& relay, const Figures& f, const std::string& to,
+                const Figures& base) {
+  printf(
+      "ratio=%s/%s cpu_share=%.2f delay_p50=%.2f delay_p99=%.2f round_trip_p50=%.2f "
+      "round_trip_p99=%.2f\n",
+      relay.c_str(), to.c_str(), f.cpu_share / base.cpu_share, f.delay_p50 / base.delay_p50,
+      f.delay_p99 / base.delay_p99, f.round_trip_p50 / base.round_trip_p50,
+      f.round_trip_p99 / base.round_trip_p99);
+  fflush(stdout);
+}
+
+}  // namespace bench

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "process.h"
+
+namespace bench {
+
+// A program between a controller and a sink.
+class Relay {
+ public:
+  virtual ~Relay() = default;
+  virtual const Process& process() const = 0;
+  // Hands it a command, which the controller answers.
+  virtual void SendCommand() = 0;
+};
+
+// Read BD_ADDR.
+constexpr unsigned char kCommand[] = {0x09, 0x10, 0x00};
+
+}  // namespace bench
