@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <sstream>
 
 #include "support/vectors.h"
@@ -30,13 +31,13 @@ std::string Told(BringUpSteps& steps, const std::string& line) {
 TEST(BringUpSteps, LinesOfALog_TellTheStepsThatTheyBeginAndEnd) {
   const std::string expected = test::LoadData("bring_up_steps.txt");
   std::string told;
-  BringUpSteps steps;
+  auto steps = std::make_unique<BringUpSteps>();
   std::istringstream lines(expected);
   for (std::string line; std::getline(lines, line);) {
     if (line.rfind("> ", 0) == 0) continue;
     const bool log_line = !line.empty() && line[0] != '#' && line[0] != '=';
-    if (!log_line) steps = BringUpSteps();
-    told += log_line ? Told(steps, line) : line + "\n";
+    if (!log_line) steps = std::make_unique<BringUpSteps>();
+    told += log_line ? Told(*steps, line) : line + "\n";
   }
   EXPECT_EQ(told, expected);
 }
