@@ -1,8 +1,6 @@
 // Bursts of packets in real time.
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <sstream>
 #include <thread>
@@ -23,10 +21,7 @@ BtActivitiesLogger& Logger() { return *BtActivitiesLogger::GetInstacne(); }
 
 // The report's records below a heading, split at ", ".
 std::vector<std::vector<std::string>> Records(const std::string& heading) {
-  const int fd = memfd_create("report", MFD_CLOEXEC);
-  Logger().DumpBtActivitiesStatistics(fd);
-  std::istringstream report(test::ReadFile("/proc/self/fd/" + std::to_string(fd)));
-  close(fd);
+  std::istringstream report(test::Written([](int fd) { Logger().DumpBtActivitiesStatistics(fd); }));
   std::string line;
   while (std::getline(report, line) && line != heading) {
   }

@@ -1,8 +1,6 @@
 // What the activity statistics see, remember and print.
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include "bluetooth_Activity.h"
 #include "bthal/child_case.h"
@@ -17,11 +15,7 @@ using test::Bytes;
 BtActivitiesLogger& Logger() { return *BtActivitiesLogger::GetInstacne(); }
 
 std::string Report() {
-  const int fd = memfd_create("report", MFD_CLOEXEC);
-  Logger().DumpBtActivitiesStatistics(fd);
-  const std::string text = test::ReadFile("/proc/self/fd/" + std::to_string(fd));
-  close(fd);
-  return text;
+  return test::Written([](int fd) { Logger().DumpBtActivitiesStatistics(fd); });
 }
 
 std::string WithoutTimes(std::string text) {

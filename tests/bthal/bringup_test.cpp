@@ -57,21 +57,17 @@ CHILD_CASE(BringUp) {
   return 0;
 }
 
-struct BringUpRun {
-  test::ChildRun child;
+// The commands of a bring-up.
+std::vector<std::string> CommandsIn(const test::ChildRun& run) {
   std::vector<std::string> commands;
-  bool ready;
-};
-
-BringUpRun Finish(test::ChildProcess& child) {
-  BringUpRun run;
-  run.child.result = child.Wait(test::kDeadline).value_or(test::ChildResult{});
-  run.child.output = child.Output();
-  for (const std::string& line : test::SplitTrimmed(run.child.output, '\n')) {
-    if (line.rfind("command ", 0) == 0) run.commands.push_back(line.substr(8));
+  for (const std::string& line : test::SplitTrimmed(run.output, '\n')) {
+    if (line.rfind("command ", 0) == 0) commands.push_back(line.substr(8));
   }
-  run.ready = run.child.output.find("\nready ZVK\n") != std::string::npos;
-  return run;
+  return commands;
+}
+
+bool IsReady(const test::ChildRun& run) {
+  return run.output.find("\nready ZVK\n") != std::string::npos;
 }
 
 std::string Normalised(const std::string& hex) { return test::ToHex(test::ParseHex(hex)); }
@@ -84,23 +80,22 @@ std::map<std::string, std::string> NamedCommands() {
   return commands;
 }
 
-// Children of several rows run side by side: each waits for the firmware's start for half a second.
-template <typename Start, typename Check>
-void ForEachVector(const std::vector<test::Vector>& rows, const Start& start, const Check& check) {
-  constexpr size_t kAtOnce = 6;
-  for (size_t first = 0; first < rows.size(); first += kAtOnce) {
-    std::vector<std::unique_ptr<test::TempDir>> roots;
-    std::vector<std::unique_ptr<test::ChildProcess>> children;
-    const size_t end = std::min(first + kAtOnce, rows.size());
-    for (size_t i = first; i < end; ++i) {
-      roots.push_back(std::make_unique<test::TempDir>());
-      children.push_back(start(rows[i], *roots.back()));
-    }
-    for (size_t i = first; i < end; ++i) {
-      SCOPED_TRACE(rows[i].name);
-      check(rows[i], Finish(*children[i - first]));
-    }
-  }
+// Runs a bring-up for each row, on a root folder that prepare fills; it returns the answers.
+void ForEachVector(
+    const std::vector<test::Vector>& rows,
+    const std::function<std::string(const test::Vector&, const test::TempDir&)>& prepare,
+    const std::function<void(const test::Vector&, const test::ChildRun&)>& check) {
+  std::vector<test::TempDir> roots(rows.size());
+  test::RunSideBySide(
+      rows.size(),
+      [&](size_t i) {
+        const std::string answers = prepare(rows[i], roots[i]);
+        return test::StartChild("BringUp", roots[i].path(), {rows[i].fields[0], answers});
+      },
+      [&](size_t i, const test::ChildRun& run) {
+        SCOPED_TRACE(rows[i].name);
+        check(rows[i], run);
+      });
 }
 
 TEST(BringUp, Download_SendsTheFileBetweenTheTwoSpeedChanges) {
@@ -115,9 +110,9 @@ TEST(BringUp, Download_SendsTheFileBetweenTheTwoSpeedChanges) {
           test::WriteFile(root.path() + kFirmware + "ZVK.hcd",
                           std::string(file.begin(), file.end()));
         }
-        return test::StartChild("BringUp", root.path(), {v.fields[0], v.fields[3]});
+        return v.fields[3];
       },
-      [&](const test::Vector& v, const BringUpRun& run) {
+      [&](const test::Vector& v, const test::ChildRun& run) {
         std::vector<std::string> expected = {named.at("reset"), named.at("chip_id"),
                                              named.at("baud_4000000")};
         for (const std::string& command : test::SplitTrimmed(v.fields[4], ';')) {
@@ -129,12 +124,12 @@ TEST(BringUp, Download_SendsTheFileBetweenTheTwoSpeedChanges) {
             expected.push_back(named.at(name));
           }
         }
-        EXPECT_THAT(run.commands, ElementsAreArray(expected));
-        EXPECT_EQ(run.ready, ok) << run.child.output;
+        EXPECT_THAT(CommandsIn(run), ElementsAreArray(expected));
+        EXPECT_EQ(IsReady(run), ok) << run.output;
         if (!ok) {
-          EXPECT_EQ(run.child.result.signal, SIGABRT);
-          EXPECT_THAT(run.child.output, HasSubstr("vendor error code 148, extra info: Unable to "
-                                                  "download firmware patchram\n"));
+          EXPECT_EQ(run.result.signal, SIGABRT);
+          EXPECT_THAT(run.output, HasSubstr("vendor error code 148, extra info: Unable to "
+                                            "download firmware patchram\n"));
         }
       });
 }
@@ -154,14 +149,14 @@ TEST(BringUp, FirmwareFile_IsTheFirstCandidateThatExists) {
           test::WriteFile(root.path() + kFirmware + name,
                           std::string("\x4C\xFC") + static_cast<char>(name.size()) + name);
         }
-        return test::StartChild("BringUp", root.path(), {v.fields[0], "-"});
+        return "-";
       },
-      [](const test::Vector& v, const BringUpRun& run) {
+      [](const test::Vector& v, const test::ChildRun& run) {
         const std::string& name = v.fields[3];
         const Bytes record = test::Concat({0x4C, 0xFC, static_cast<uint8_t>(name.size())},
                                           Bytes(name.begin(), name.end()));
-        EXPECT_THAT(run.commands, testing::Contains(test::ToHex(record)));
-        EXPECT_TRUE(run.ready) << run.child.output;
+        EXPECT_THAT(CommandsIn(run), testing::Contains(test::ToHex(record)));
+        EXPECT_TRUE(IsReady(run)) << run.output;
       });
 }
 

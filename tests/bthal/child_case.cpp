@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -47,6 +48,13 @@ void PrintBacktrace(int signal) {
   raise(signal);
 }
 
+ChildRun Finish(ChildProcess& child) {
+  ChildRun run;
+  run.result = child.Wait(kDeadline).value_or(ChildResult{});
+  run.output = child.Output();
+  return run;
+}
+
 int RunCase(const std::string& name, const Arguments& arguments) {
   const rlimit no_core{};
   setrlimit(RLIMIT_CORE, &no_core);
@@ -75,11 +83,18 @@ std::unique_ptr<ChildProcess> StartChild(const std::string& name, const std::str
 }
 
 ChildRun RunChild(const std::string& name, const std::string& root, const Arguments& arguments) {
-  const auto child = StartChild(name, root, arguments);
-  ChildRun run;
-  run.result = child->Wait(kDeadline).value_or(ChildResult{});
-  run.output = child->Output();
-  return run;
+  return Finish(*StartChild(name, root, arguments));
+}
+
+void RunSideBySide(size_t count, const std::function<std::unique_ptr<ChildProcess>(size_t)>& start,
+                   const std::function<void(size_t, const ChildRun&)>& check) {
+  constexpr size_t kAtOnce = 5;
+  for (size_t first = 0; first < count; first += kAtOnce) {
+    const size_t end = std::min(first + kAtOnce, count);
+    std::vector<std::unique_ptr<ChildProcess>> children;
+    for (size_t i = first; i < end; ++i) children.push_back(start(i));
+    for (size_t i = first; i < end; ++i) check(i, Finish(*children[i - first]));
+  }
 }
 
 }  // namespace test

@@ -2,6 +2,7 @@
 // For what ends the process, and for what is read once a process.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,6 +30,11 @@ std::unique_ptr<ChildProcess> StartChild(const std::string& name, const std::str
                                          const Arguments& arguments = {});
 ChildRun RunChild(const std::string& name, const std::string& root,
                   const Arguments& arguments = {});
+
+// Runs count cases, a few at a time: start begins the one of an index, check sees it when it has
+// ended.
+void RunSideBySide(size_t count, const std::function<std::unique_ptr<ChildProcess>(size_t)>& start,
+                   const std::function<void(size_t, const ChildRun&)>& check);
 
 // The root folder of this process, which is BTHAL_ROOT from before the first static object on.
 const std::string& RootFolder();

@@ -4,11 +4,10 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <filesystem>
 #include <thread>
 
 #include "bthal/child_case.h"
-#include "bthal/uart_rig.h"
+#include "bthal/report_check.h"
 #include "debug_central.h"
 #include "stack_trace_helper.h"
 #include "support/temp_dir.h"
@@ -18,36 +17,13 @@ namespace {
 
 using namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug;
 using android::hardware::hidl_vec;
+using test::CrashRoot;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr char kDumps[] = "/data/vendor/ssrdump/";
-constexpr char kCoreDumps[] = "/data/vendor/ssrdump/coredump/";
-
-std::vector<std::string> FilesIn(const std::string& folder) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    if (entry.is_regular_file()) names.push_back(entry.path().filename());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-// A root folder with the folders of the crash files.
-struct CrashRoot : test::TempDir {
-  CrashRoot() { std::filesystem::create_directories(path() + kCoreDumps); }
-  std::vector<std::string> CrashInfos() const { return FilesIn(path() + kDumps); }
-  std::vector<std::string> CoreDumps() const { return FilesIn(path() + kCoreDumps); }
-};
-
-void PrintEvent(const hidl_vec<uint8_t>& event) {
-  printf("sink %s\n", test::ToHex(test::ToBytes(event)).c_str());
-  fflush(stdout);
-}
-
 // Arguments: code, extra text.
 CHILD_CASE(Report) {
-  DebugCentral::Get().SetEventSink(PrintEvent);
+  test::PrintReports();
   DebugCentral::Get().ReportBqrError(static_cast<BqrErrorCode>(std::stoi(arguments[0])),
                                      arguments[1]);
   printf("returned\n");
@@ -57,55 +33,36 @@ CHILD_CASE(Report) {
 TEST(FatalErrors, EachCode_EndsTheProcessInItsOwnFunction) {
   const std::vector<test::Vector> codes = test::LoadVectors("error_codes.txt");
   EXPECT_EQ(codes.size(), 53u);
-  // A few at a time.
-  constexpr size_t kAtOnce = 4;
-  for (size_t first = 0; first < codes.size(); first += kAtOnce) {
-    std::vector<std::unique_ptr<CrashRoot>> roots;
-    std::vector<std::unique_ptr<test::ChildProcess>> children;
-    const size_t end = std::min(first + kAtOnce, codes.size());
-    for (size_t i = first; i < end; ++i) {
-      roots.push_back(std::make_unique<CrashRoot>());
-      children.push_back(
-          test::StartChild("Report", roots.back()->path(), {codes[i].name, "more to say"}));
+  std::vector<CrashRoot> roots(codes.size());
+  const auto report = [&](size_t i) {
+    return test::StartChild("Report", roots[i].path(), {codes[i].name, "more to say"});
+  };
+  test::RunSideBySide(codes.size(), report, [&](size_t i, const test::ChildRun& run) {
+    const std::string& code = codes[i].name;
+    const std::string& message = codes[i].fields[1];
+    SCOPED_TRACE(code);
+    EXPECT_THAT(run.output, Not(HasSubstr("returned")));
+    const bool killed = code == "32" || code == "127";
+    const bool silent = message == "-";
+    if (silent) {
+      EXPECT_THAT(run.output, Not(HasSubstr("sink")));
+    } else {
+      EXPECT_THAT(run.output, HasSubstr("ReportBqrError: root inflamed event with reason: " +
+                                        message + " (" + code + ")"));
     }
-    for (size_t i = first; i < end; ++i) {
-      const std::string& code = codes[i].name;
-      const std::string& function = codes[i].fields[0];
-      const std::string& message = codes[i].fields[1];
-      SCOPED_TRACE(code + " " + function);
-      const test::ChildResult result =
-          children[i - first]->Wait(test::kDeadline).value_or(test::ChildResult{});
-      const std::string output = children[i - first]->Output();
-      const CrashRoot& root = *roots[i - first];
-      char event[32];
-      snprintf(event, sizeof event, "sink FF 04 58 05 00 %02X\n", std::stoi(code));
-      EXPECT_THAT(output, Not(HasSubstr("returned")));
-      const bool killed = code == "32" || code == "127";
-      const bool silent = message == "-";
-      EXPECT_EQ(result.signal, killed ? SIGKILL : SIGABRT) << output;
-      if (silent) {
-        EXPECT_THAT(output, Not(HasSubstr("sink")));
-      } else {
-        EXPECT_THAT(output, HasSubstr(event));
-        EXPECT_THAT(output, HasSubstr("ReportBqrError: root inflamed event with reason: " +
-                                      message + " (" + code + ")"));
-      }
-      if (killed || silent) {
-        EXPECT_TRUE(root.CrashInfos().empty());
-        EXPECT_TRUE(root.CoreDumps().empty());
-        EXPECT_THAT(output, Not(HasSubstr("Bluetooth HAL crash")));
-        continue;
-      }
-      EXPECT_THAT(output, HasSubstr("Bluetooth HAL crash with error code 0, vendor error code " +
-                                    code + ", extra info: more to say\n"));
-      // The frame's name is mangled: length and name, then its one argument, a string.
-      EXPECT_THAT(output, HasSubstr(std::to_string(function.size()) + function + "ENSt"));
-      ASSERT_EQ(root.CrashInfos().size(), 1u);
-      ASSERT_EQ(root.CoreDumps().size(), 1u);
-      EXPECT_THAT(test::ReadFile(root.path() + kDumps + root.CrashInfos()[0]),
-                  HasSubstr("crash_reason: " + message + "\n"));
+    if (!killed && !silent) {
+      test::ExpectReport(std::stoi(code), "more to say", run, roots[i]);
+      return;
     }
-  }
+    EXPECT_EQ(run.result.signal, killed ? SIGKILL : SIGABRT) << run.output;
+    if (killed) {
+      const auto byte = static_cast<uint8_t>(std::stoi(code));
+      EXPECT_THAT(run.output, HasSubstr("sink FF 04 58 05 00 " + test::ToHex({byte}) + "\n"));
+    }
+    EXPECT_TRUE(roots[i].CrashInfos().empty());
+    EXPECT_TRUE(roots[i].CoreDumps().empty());
+    EXPECT_THAT(run.output, Not(HasSubstr("Bluetooth HAL crash")));
+  });
 }
 
 // Without a stack's function the process ends all the same, and before any file is written.
@@ -135,8 +92,7 @@ TEST(FatalErrors, CodesWhoseReportsEndEarlier_HaveAFunctionToo) {
 
 // Nothing that the stack does may hold up the end of the process.
 CHILD_CASE(ReportToStuckStack) {
-  DebugCentral::Get().SetEventSink([](const hidl_vec<uint8_t>& event) {
-    PrintEvent(event);
+  DebugCentral::Get().SetEventSink([](const hidl_vec<uint8_t>&) {
     for (;;) pause();
   });
   DebugCentral::Get().ReportBqrError(BqrErrorCode::HostDownloadFw, "");
@@ -145,7 +101,7 @@ CHILD_CASE(ReportToStuckStack) {
 
 // The first report decides; others wait for the end with it.
 CHILD_CASE(ReportFromManyThreads) {
-  DebugCentral::Get().SetEventSink(PrintEvent);
+  test::PrintReports();
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back(
@@ -187,7 +143,7 @@ TEST(FatalErrors, LongExtraText_IsCutInTheRecordOnly) {
   const test::ChildRun run = test::RunChild("Report", root.path(), {"148", extra + tail});
   EXPECT_THAT(run.output, HasSubstr(", extra info: " + extra + tail + "\n"));
   ASSERT_EQ(root.CoreDumps().size(), 1u);
-  const std::string core = test::ReadFile(root.path() + kCoreDumps + root.CoreDumps()[0]);
+  const std::string core = test::ReadFile(root.CoreDumps()[0]);
   EXPECT_THAT(core, HasSubstr(": " + extra + "\n"));
   EXPECT_THAT(core, Not(HasSubstr(extra + "t")));
 }
@@ -217,24 +173,23 @@ TEST(CrashDump, IsWrittenOnceACycle) {
   ASSERT_EQ(cores.size(), 2u);
   const char* reasons[] = {"FirstReason", "SecondReason"};
   for (size_t i = 0; i < 2; ++i) {
-    ASSERT_TRUE(test::HasShape(infos[i], "crashinfo_bt_####-##-##_##-##-##.txt")) << infos[i];
-    const std::string stamp = infos[i].substr(13, 19);
-    EXPECT_EQ(cores[i], "coredump_bt_" + stamp + ".bin");
+    const std::string name = infos[i].substr(infos[i].rfind('/') + 1);
+    ASSERT_TRUE(test::HasShape(name, "crashinfo_bt_####-##-##_##-##-##.txt")) << name;
+    const std::string stamp = name.substr(13, 19);
+    EXPECT_THAT(cores[i], testing::EndsWith("/coredump_bt_" + stamp + ".bin"));
     std::string expected = test::LoadExpected("crashinfo.txt");
     expected = test::Replaced(expected, "@REASON@", reasons[i]);
     expected = test::Replaced(expected, "@COUNT@", std::to_string(i + 1));
     expected = test::Replaced(expected, "@STAMP@", stamp);
-    const std::string info_path = root.path() + kDumps + infos[i];
-    EXPECT_EQ(test::ReadFile(info_path), expected);
-    const std::string core_path = root.path() + kCoreDumps + cores[i];
-    const std::string core = test::ReadFile(core_path);
+    EXPECT_EQ(test::ReadFile(infos[i]), expected);
+    const std::string core = test::ReadFile(cores[i]);
     const std::string head = std::string("DUMP REASON: ") + reasons[i] + " - occurred at " + stamp +
                              "\n" + std::string(45, '=') + "\nController Firmware Information\n";
     EXPECT_EQ(core.substr(0, head.size()), head);
     EXPECT_THAT(core, HasSubstr(": a record before the crash\n"));
     // The transport's own files end it.
     EXPECT_THAT(core, HasSubstr("Debugfs:dev/logbuffer_btlpm\n"));
-    for (const std::string& path : {info_path, core_path}) {
+    for (const std::string& path : {infos[i], cores[i]}) {
       struct stat status {};
       ASSERT_EQ(stat(path.c_str(), &status), 0);
       EXPECT_EQ(status.st_mode & 0777, 0444u) << path;
@@ -242,42 +197,14 @@ TEST(CrashDump, IsWrittenOnceACycle) {
   }
 }
 
-CHILD_CASE(DumpOnce) {
-  DebugCentral::Get().start_crash_dump("Reason");
-  return 0;
-}
-
 TEST(CrashDump, FoldersThatAreMissing_AreNamedInOneLine) {
   test::TempDir empty;
-  test::ChildRun run = test::RunChild("DumpOnce", empty.path());
-  EXPECT_EQ(run.result.exit_code, 0);
+  const test::ChildRun run = test::RunChild("Report", empty.path(), {"148", ""});
+  EXPECT_EQ(run.result.signal, SIGABRT);
   EXPECT_THAT(run.output, HasSubstr("start_crash_dump: Failed to open coredump file: "
                                     "/data/vendor/ssrdump/coredump/coredump_bt_"));
   EXPECT_THAT(run.output, HasSubstr("failed: No such file or directory (2)"));
   EXPECT_THAT(run.output, Not(HasSubstr("crashinfo file")));
-}
-
-// A hardware error reported by the controller writes the files and is passed on to the stack.
-CHILD_CASE(HardwareError) {
-  test::UartRig rig;
-  if (!rig.Open()) return 1;
-  DebugCentral::Get().StartMonitor(rig.flow().get());
-  rig.DeliverEvent({0x10, 0x01, 0x2A});
-  return rig.TakeReceived().size() == 1 ? 0 : 2;
-}
-
-TEST(CrashDump, HardwareErrorEvent_WritesTheFilesAndReachesTheStack) {
-  CrashRoot root;
-  test::WriteConfiguration(root.path());
-  const test::ChildRun run = test::RunChild("HardwareError", root.path());
-  EXPECT_EQ(run.result.exit_code, 0);
-  EXPECT_THAT(run.output, HasSubstr("Error code=2A"));
-  ASSERT_EQ(root.CrashInfos().size(), 1u);
-  EXPECT_THAT(test::ReadFile(root.path() + kDumps + root.CrashInfos()[0]),
-              HasSubstr("crash_reason: ControllerHwError\n"));
-  ASSERT_EQ(root.CoreDumps().size(), 1u);
-  EXPECT_THAT(test::ReadFile(root.path() + kCoreDumps + root.CoreDumps()[0]),
-              HasSubstr(": operator(): Received Hardware error event!\n"));
 }
 
 TEST(CrashDump, MonitorWithoutFlowControl_IsRefused) {

@@ -108,6 +108,15 @@ TEST_F(DebugEvents, CoProcessorDump_IsWrittenWithItsLastPacket) {
   EXPECT_THAT(output_, Not(HasSubstr("stack got")));
 }
 
+TEST_F(DebugEvents, HardwareError_LeavesFilesAndReachesTheStack) {
+  Deliver({"10 01 2A"});
+  EXPECT_THAT(output_, HasSubstr("Error code=2A"));
+  EXPECT_THAT(CrashInfo(), HasSubstr("crash_reason: ControllerHwError\n"));
+  EXPECT_THAT(FileLike(Cores(), "coredump_bt_"),
+              HasSubstr(": operator(): Received Hardware error event!\n"));
+  EXPECT_TRUE(StackGot("10 01 2A"));
+}
+
 TEST_F(DebugEvents, ShortOrUnknownReports_LeaveNothing) {
   Deliver({"FF 01 58", "FF 02 58 06", "FF 03 58 20 01"});
   EXPECT_THAT(output_, HasSubstr("handle_bqr_event: Invalid length of BQR event!"));

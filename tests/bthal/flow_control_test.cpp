@@ -7,9 +7,9 @@
 #include <thread>
 
 #include "bthal/child_case.h"
+#include "bthal/report_check.h"
 #include "bthal/uart_rig.h"
 #include "btzvk_command.h"
-#include "debug_central.h"
 #include "debug_event_watcher.h"
 #include "hci_flow_control.h"
 #include "support/temp_dir.h"
@@ -20,7 +20,6 @@ namespace {
 using android::hardware::hidl_vec;
 using android::hardware::bluetooth::hci::HciEventWatcher;
 using android::hardware::bluetooth::hci::HciFlowControl;
-using android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
 using test::Bytes;
 using test::UartRig;
 using testing::HasSubstr;
@@ -263,10 +262,7 @@ TEST(FlowControl, UsedByManyThreadsWhileClosed_NeitherBlocksNorCallsADeadWatcher
 CHILD_CASE(DeliverEvent) {
   UartRig rig;
   if (!rig.Open()) return 1;
-  DebugCentral::Get().SetEventSink([](const hidl_vec<uint8_t>& event) {
-    printf("sink %s\n", test::ToHex(test::ToBytes(event)).c_str());
-    fflush(stdout);
-  });
+  test::PrintReports();
   const Bytes event = test::ParseHex(arguments[0]);
   android::hardware::bluetooth::V1_1::zvkbtlinux::DebugEventWatcher watcher(
       "w", rig.flow().get(), event.empty() ? 0 : event[0], 0, [](const hidl_vec<uint8_t>&) {

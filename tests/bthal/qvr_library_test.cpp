@@ -138,7 +138,7 @@ TEST(QvrReports, NullClient_IsAFailureToPrepare) {
   const test::ChildRun run = test::RunChild("QvrNullClient", root.path());
   EXPECT_THAT(run.output,
               HasSubstr("InitQvrTransport: Init Failed: Created a NULL transport client!\n"));
-  test::ExpectReport(192, "Prepare CHRE QVR transport failed!", run, root.path());
+  test::ExpectReport(192, "Prepare CHRE QVR transport failed!", run, root);
 }
 
 // Argument: the error that a packet cannot be sent for.
@@ -151,54 +151,24 @@ CHILD_CASE(QvrSendError) {
   return 0;
 }
 
-// The library's errors and the codes that they end the process with.
+// Each of the library's errors has a code of its own; beyond them the sum is taken modulo 256.
 TEST(QvrReports, SendError_EndsTheProcessWithItsOwnCode) {
-  const struct {
-    int error, code;
-  } rows[] = {{1, 193},
-              {2, 194},
-              {3, 195},
-              {4, 196},
-              {5, 197},
-              {6, 198},
-              {7, 199},
-              {8, 200},
-              {9, 201},
-              {10, 202},
-              {11, 203},
-              {12, 204},
-              {13, 205},
-              {14, 206},
-              {15, 207},
-              {16, 208},
-              {17, 209},
-              {18, 210},
-              {19, 211},
-              {20, 212},
-              // Beyond the library's own: the sum is taken modulo 256.
-              {257, 193}};
-  // A few at a time.
-  constexpr size_t kAtOnce = 4;
-  for (size_t first = 0; first < std::size(rows); first += kAtOnce) {
-    std::vector<std::unique_ptr<test::ReportRoot>> roots;
-    std::vector<std::unique_ptr<test::ChildProcess>> children;
-    const size_t end = std::min(first + kAtOnce, std::size(rows));
-    for (size_t i = first; i < end; ++i) {
-      roots.push_back(std::make_unique<test::ReportRoot>());
-      children.push_back(
-          test::StartChild("QvrSendError", roots.back()->path(), {std::to_string(rows[i].error)}));
-    }
-    for (size_t i = first; i < end; ++i) {
-      SCOPED_TRACE(rows[i].error);
-      test::ChildRun run;
-      run.result = children[i - first]->Wait(test::kDeadline).value_or(test::ChildResult{});
-      run.output = children[i - first]->Output();
-      const std::string text =
-          "SendHciToQvr: error sending packet via QVR, err: " + std::to_string(rows[i].error);
-      EXPECT_THAT(run.output, HasSubstr(" E bthal.qvrhelper: " + text + "\n"));
-      test::ExpectReport(rows[i].code, text, run, roots[i - first]->path());
-    }
-  }
+  std::vector<std::pair<int, int>> rows = {{257, 193}};
+  for (int error = 1; error <= 20; ++error) rows.push_back({error, 192 + error});
+  std::vector<test::ReportRoot> roots(rows.size());
+  test::RunSideBySide(
+      rows.size(),
+      [&](size_t i) {
+        return test::StartChild("QvrSendError", roots[i].path(), {std::to_string(rows[i].first)});
+      },
+      [&](size_t i, const test::ChildRun& run) {
+        const auto& [error, code] = rows[i];
+        SCOPED_TRACE(error);
+        const std::string text =
+            "SendHciToQvr: error sending packet via QVR, err: " + std::to_string(error);
+        EXPECT_THAT(run.output, HasSubstr(" E bthal.qvrhelper: " + text + "\n"));
+        test::ExpectReport(code, text, run, roots[i]);
+      });
 }
 
 // 64 + 192 is 0, a code that no row has: the look-up ends the process.
@@ -208,7 +178,7 @@ TEST(QvrReports, SendErrorWithoutACode_EndsTheProcessBeforeTheEvent) {
   EXPECT_EQ(run.result.signal, SIGABRT);
   EXPECT_THAT(run.output, HasSubstr("error sending packet via QVR, err: 64\n"));
   EXPECT_THAT(run.output, Not(HasSubstr("sink")));
-  EXPECT_TRUE(std::filesystem::is_empty(root.path() + "/data/vendor/ssrdump/coredump"));
+  EXPECT_TRUE(root.CoreDumps().empty());
 }
 
 }  // namespace

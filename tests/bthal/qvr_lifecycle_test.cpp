@@ -216,34 +216,10 @@ TEST(QvrLifecycle, ServerThatComesLate_IsFoundByALaterAttempt) {
   QvrHelper::Get().Deinitialize();
 }
 
-TEST(QvrLifecycle, MessageServerThatIsMissingAtFirst_IsLookedUpAgain) {
-  test::LogCapture lines;
-  QvrServer server(test::RootFolder());
-  server.SetFindError(7);
-  std::vector<std::string> logged;
-  bool prepared = false;
-  std::thread opener([&] { prepared = QvrHelper::Get().PrepareQvrTransport(); });
-  EXPECT_TRUE(test::WaitFor([&] {
-    const std::vector<std::string> more = lines.Take(kTag);
-    logged.insert(logged.end(), more.begin(), more.end());
-    return CountLines(logged, "E InitQvrTransport: Failed to find CHRE message server: err 7") > 0;
-  }));
-  server.SetFindError(0);
-  opener.join();
-  EXPECT_TRUE(prepared);
-  QvrHelper::Get().Deinitialize();
-}
-
 CHILD_CASE(QvrPrepare) {
   test::PrintReports();
   QvrHelper::Get().PrepareQvrTransport();
   return 0;
-}
-
-size_t Occurrences(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
-  return count;
 }
 
 // Ten times five attempts: 50 ms after each of the five, 100 ms after each of the ten.
@@ -251,22 +227,19 @@ TEST(QvrLifecycle, NobodyThere_EndsTheProcessAfterAllAttempts) {
   test::ReportRoot absent, refusing;
   QvrServer::LeaveRefusingSocket(refusing.path());
   const auto start = steady_clock::now();
-  const auto first = test::StartChild("QvrPrepare", absent.path());
-  const auto second = test::StartChild("QvrPrepare", refusing.path());
-  for (const auto& [child, root] : {std::pair(first.get(), &absent), {second.get(), &refusing}}) {
-    test::ChildRun run;
-    run.result = child->Wait(test::kDeadline).value_or(test::ChildResult{});
-    run.output = child->Output();
+  const test::ReportRoot* roots[] = {&absent, &refusing};
+  const auto prepare = [&](size_t i) { return test::StartChild("QvrPrepare", roots[i]->path()); };
+  test::RunSideBySide(2, prepare, [&](size_t i, const test::ChildRun& run) {
     EXPECT_GE(steady_clock::now() - start, milliseconds(3500));
     const std::string failed = "Prepare CHRE QVR transport failed!";
     const std::string error =
         "InitQvrTransport: Failed to connect to QVR transport server: err 11\n";
-    EXPECT_EQ(Occurrences(run.output, " " + error), 10u);
-    const std::string core = test::ExpectReport(192, failed, run, root->path());
-    EXPECT_EQ(Occurrences(core, ": " + error), 10u) << "the records";
-    EXPECT_EQ(Occurrences(run.output, " PrepareQvrTransport: return ret (0), count:10\n"), 1u);
-    EXPECT_EQ(Occurrences(run.output, " PrepareQvrTransport: " + failed + "\n"), 1u);
-  }
+    EXPECT_EQ(test::CountOf(" " + error, run.output), 10u);
+    const std::string core = test::ExpectReport(192, failed, run, *roots[i]);
+    EXPECT_EQ(test::CountOf(": " + error, core), 10u) << "the records";
+    EXPECT_EQ(test::CountOf(" PrepareQvrTransport: return ret (0), count:10\n", run.output), 1u);
+    EXPECT_EQ(test::CountOf(" PrepareQvrTransport: " + failed + "\n", run.output), 1u);
+  });
 }
 
 // The connection ends at a moment: "idle"; "transfer", while packets go both ways; "bring_up N",
@@ -342,26 +315,16 @@ TEST(QvrLifecycle, ConnectionLost_IsLoggedAndReportedWheneverItHappens) {
     ASSERT_GT(packets, 8);
     for (int i = 1; i <= packets; ++i) moments.push_back({"bring_up", std::to_string(i)});
   }
-  // A few at a time.
-  constexpr size_t kAtOnce = 4;
-  for (size_t first = 0; first < moments.size(); first += kAtOnce) {
-    std::vector<std::unique_ptr<test::ReportRoot>> roots;
-    std::vector<std::unique_ptr<test::ChildProcess>> children;
-    const size_t end = std::min(first + kAtOnce, moments.size());
-    for (size_t i = first; i < end; ++i) {
-      roots.push_back(std::make_unique<test::ReportRoot>());
-      children.push_back(test::StartChild("QvrLoss", roots.back()->path(), moments[i]));
-    }
-    for (size_t i = first; i < end; ++i) {
-      SCOPED_TRACE(testing::PrintToString(moments[i]));
-      test::ChildRun run;
-      run.result = children[i - first]->Wait(test::kDeadline).value_or(test::ChildResult{});
-      run.output = children[i - first]->Output();
-      const std::string text = "QVR transport disconnected from ULK...exiting";
-      EXPECT_EQ(Occurrences(run.output, " handle_qvr_connection_event: " + text + "\n"), 1u);
-      test::ExpectReport(214, text, run, roots[i - first]->path());
-    }
-  }
+  std::vector<test::ReportRoot> roots(moments.size());
+  test::RunSideBySide(
+      moments.size(),
+      [&](size_t i) { return test::StartChild("QvrLoss", roots[i].path(), moments[i]); },
+      [&](size_t i, const test::ChildRun& run) {
+        SCOPED_TRACE(testing::PrintToString(moments[i]));
+        const std::string text = "QVR transport disconnected from ULK...exiting";
+        EXPECT_EQ(test::CountOf(" handle_qvr_connection_event: " + text + "\n", run.output), 1u);
+        test::ExpectReport(214, text, run, roots[i]);
+      });
 }
 
 }  // namespace

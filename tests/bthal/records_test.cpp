@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <sstream>
@@ -18,19 +16,10 @@
 namespace {
 
 using namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug;
+using test::Written;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
-
-// What f writes to a descriptor.
-template <typename F>
-std::string Written(F f) {
-  const int fd = memfd_create("dump", MFD_CLOEXEC);
-  f(fd);
-  const std::string text = test::ReadFile("/proc/self/fd/" + std::to_string(fd));
-  close(fd);
-  return text;
-}
 
 std::string DumpedHalLog() {
   return Written([](int fd) { DebugCentral::Get().dump_hal_log(fd); });

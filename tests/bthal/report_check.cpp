@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "bthal/uart_rig.h"
@@ -23,13 +24,19 @@ std::vector<std::string> FilesIn(const std::string& folder) {
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     if (entry.is_regular_file()) paths.push_back(entry.path());
   }
+  std::sort(paths.begin(), paths.end());
   return paths;
 }
 
 }  // namespace
 
+CrashRoot::CrashRoot() { std::filesystem::create_directories(path() + kCoreDumps); }
+
+std::vector<std::string> CrashRoot::CrashInfos() const { return FilesIn(path() + kDumps); }
+
+std::vector<std::string> CrashRoot::CoreDumps() const { return FilesIn(path() + kCoreDumps); }
+
 ReportRoot::ReportRoot() {
-  std::filesystem::create_directories(path() + kCoreDumps);
   WriteConfiguration(path(), "UserialType=2\n");
   WriteFile(path() + "/vendor/firmware/tovu/ZVK.hcd", std::string("\x4C\xFC\x01\x5A"));
 }
@@ -42,7 +49,7 @@ void PrintReports() {
 }
 
 std::string ExpectReport(int code, const std::string& extra, const ChildRun& run,
-                         const std::string& root) {
+                         const CrashRoot& root) {
   std::string function, message;
   for (const Vector& v : LoadVectors("error_codes.txt")) {
     if (v.name != std::to_string(code)) continue;
@@ -57,7 +64,7 @@ std::string ExpectReport(int code, const std::string& extra, const ChildRun& run
                                     std::to_string(code) + ", extra info: " + extra + "\n"));
   // The frame's name is mangled: length and name, then its one argument, a string.
   EXPECT_THAT(run.output, HasSubstr(std::to_string(function.size()) + function + "ENSt"));
-  const std::vector<std::string> infos = FilesIn(root + kDumps), cores = FilesIn(root + kCoreDumps);
+  const std::vector<std::string> infos = root.CrashInfos(), cores = root.CoreDumps();
   EXPECT_EQ(infos.size(), 1u);
   EXPECT_EQ(cores.size(), 1u);
   if (infos.empty() || cores.empty()) return "";

@@ -2,15 +2,23 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "bthal/child_case.h"
 #include "support/temp_dir.h"
 
 namespace test {
 
-// A root folder on the co-processor path, with the folders of the crash files and a firmware of one
-// record.
-struct ReportRoot : TempDir {
+// A root folder with the folders of the crash files.
+struct CrashRoot : TempDir {
+  CrashRoot();
+  // Paths, in order.
+  std::vector<std::string> CrashInfos() const;
+  std::vector<std::string> CoreDumps() const;
+};
+
+// One on the co-processor path, with a firmware of one record.
+struct ReportRoot : CrashRoot {
   ReportRoot();
 };
 
@@ -20,6 +28,6 @@ void PrintReports();
 // Expects the event, one pair of crash files and an abort in the function of code. extra: what the
 // reporter has added. Returns the core dump's text.
 std::string ExpectReport(int code, const std::string& extra, const ChildRun& run,
-                         const std::string& root);
+                         const CrashRoot& root);
 
 }  // namespace test

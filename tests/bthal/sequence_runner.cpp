@@ -1,8 +1,6 @@
 #include "bthal/sequence_runner.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <stdexcept>
 
@@ -26,11 +24,7 @@ std::string TakeWord(std::string* text) {
 }
 
 std::string HalLog() {
-  const int fd = memfd_create("dump", MFD_CLOEXEC);
-  DebugCentral::Get().dump_hal_log(fd);
-  const std::string text = ReadFile("/proc/self/fd/" + std::to_string(fd));
-  close(fd);
-  return text;
+  return Written([](int fd) { DebugCentral::Get().dump_hal_log(fd); });
 }
 
 }  // namespace

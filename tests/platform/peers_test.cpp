@@ -32,6 +32,7 @@ using test::BodyWriter;
 using test::Bytes;
 using test::Callback;
 using test::ChildProcess;
+using test::CountOf;
 using test::ITest;
 using test::kDeadline;
 using test::RawPeer;
@@ -41,12 +42,6 @@ using testing::Not;
 
 constexpr char kLink[] = "test.platform@1.0::ITest:default";
 constexpr char kName[] = "test.platform@1.0::ITest/default";
-
-size_t CountLines(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
-  return count;
-}
 
 struct Death : public hidl_death_recipient {
   void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
@@ -151,7 +146,7 @@ TEST_F(Peers, ClientThatStopsReading_IsLetGoWhenItsQueueIsFull) {
   EXPECT_GE(taken, 256u);
   EXPECT_LT(taken, 2000u);
   EXPECT_TRUE(WaitForDeaths(1));
-  EXPECT_EQ(CountLines(process_->Output(), " E bthal.rpc"), 1u) << process_->Output();
+  EXPECT_EQ(CountOf(" E bthal.rpc", process_->Output()), 1u) << process_->Output();
   ExpectServing();
 }
 
@@ -233,9 +228,9 @@ TEST_F(Peers, BrokenMessages_CostTheirConnectionAndOneLine) {
     ASSERT_TRUE(peer.Send(row.message)) << row.what;
     EXPECT_TRUE(peer.WaitForEnd()) << row.what;
     ++lines;
-    EXPECT_TRUE(WaitFor(
-        [&] { return CountLines(process_->Output(), " E bthal.rpc: connection to") == lines; },
-        kDeadline))
+    EXPECT_TRUE(
+        WaitFor([&] { return CountOf(" E bthal.rpc: connection to", process_->Output()) == lines; },
+                kDeadline))
         << row.what << "\n"
         << process_->Output();
   }

@@ -115,6 +115,12 @@ ChildResult Run(const std::vector<std::string>& command, std::string* output,
   return result.value_or(ChildResult{});
 }
 
+size_t CountOf(const std::string& text, const std::string& all) {
+  size_t count = 0;
+  for (size_t at = 0; (at = all.find(text, at)) != std::string::npos; at += text.size()) ++count;
+  return count;
+}
+
 int CountThreads(pid_t pid) { return CountEntries("/proc/" + std::to_string(pid) + "/task"); }
 int CountDescriptors(pid_t pid) { return CountEntries("/proc/" + std::to_string(pid) + "/fd"); }
 

@@ -48,6 +48,9 @@ ChildResult Run(const std::vector<std::string>& command, std::string* output,
                 const std::map<std::string, std::string>& environment = {},
                 std::chrono::milliseconds deadline = std::chrono::seconds(60));
 
+// How often text stands in all of an output.
+size_t CountOf(const std::string& text, const std::string& all);
+
 // What /proc tells of a process.
 int CountThreads(pid_t pid);
 int CountDescriptors(pid_t pid);

@@ -1,5 +1,6 @@
 #include "support/temp_dir.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -34,6 +35,14 @@ std::string ReadFile(const std::string& path) {
   std::ostringstream out;
   out << in.rdbuf();
   return out.str();
+}
+
+std::string Written(const std::function<void(int fd)>& f) {
+  const int fd = memfd_create("written", MFD_CLOEXEC);
+  f(fd);
+  const std::string text = ReadFile("/proc/self/fd/" + std::to_string(fd));
+  close(fd);
+  return text;
 }
 
 void WriteFile(const std::string& path, const std::string& content) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace test {
@@ -23,6 +24,8 @@ class TempDir {
 };
 
 std::string ReadFile(const std::string& path);
+// What f writes to the descriptor that it is given.
+std::string Written(const std::function<void(int fd)>& f);
 // Makes the folders above path, too.
 void WriteFile(const std::string& path, const std::string& content);
 

@@ -57,10 +57,4 @@ CtlResult Handset::Ctl(const std::vector<std::string>& arguments,
   return result;
 }
 
-size_t CountOf(const std::string& text, const std::string& all) {
-  size_t count = 0;
-  for (size_t at = 0; (at = all.find(text, at)) != std::string::npos; at += text.size()) ++count;
-  return count;
-}
-
 }  // namespace test

@@ -50,9 +50,6 @@ class Handset {
   std::optional<ChildProcess> service_;
 };
 
-// How often text stands in all.
-size_t CountOf(const std::string& text, const std::string& all);
-
 std::string ServiceProgram();
 std::string StackProgram();  // system_test_stack
 
