@@ -1,18 +1,17 @@
 // Link-layer event reporting against its literal data.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pty.h>
-#include <unistd.h>
+#include <termios.h>
 
-#include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <sstream>
 
 #include "bluetooth_ccc.h"
 #include "bthal/child_case.h"
 #include "bthal/sequence_runner.h"
+#include "support/pty.h"
 
 namespace {
 
@@ -25,45 +24,22 @@ using android::hardware::Void;
 using V1_0::Direction;
 
 // The kernel's file of time-sync readings: one a read, nothing when none is left.
-class TimesyncFile {
+class TimesyncFile : public test::LinkedPty {
  public:
-  TimesyncFile() {
-    termios raw{};
-    cfmakeraw(&raw);
-    raw.c_cflag |= CREAD;
-    raw.c_cc[VMIN] = 0;
-    raw.c_cc[VTIME] = 0;
-    char name[64];
-    if (openpty(&master_, &slave_, name, &raw, nullptr) != 0) throw std::runtime_error("openpty");
-    target_ = name;
-    std::filesystem::create_directories(std::filesystem::path(Link()).parent_path());
-    Show(true);
-  }
-  ~TimesyncFile() {
-    Show(false);
-    close(slave_);
-    close(master_);
+  TimesyncFile() : LinkedPty(test::RootFolder() + "/proc/bluetooth/timesync") {
+    termios settings{};
+    EXPECT_EQ(tcgetattr(master(), &settings), 0);
+    settings.c_cc[VMIN] = 0;
+    settings.c_cc[VTIME] = 0;
+    EXPECT_EQ(tcsetattr(master(), TCSANOW, &settings), 0);
   }
 
-  void Show(bool shown) {
-    std::filesystem::remove(Link());
-    if (shown) std::filesystem::create_symlink(target_, Link());
-  }
-  // The next readings; those left from before are gone.
   void Provide(const std::vector<std::string>& readings) {
-    tcflush(slave_, TCIFLUSH);
     for (std::string reading : readings) {
       reading.resize(20, ' ');
-      ASSERT_EQ(write(master_, reading.data(), reading.size()), 20);
+      WriteToHost(test::Bytes(reading.begin(), reading.end()));
     }
   }
-
- private:
-  static std::string Link() { return test::RootFolder() + "/proc/bluetooth/timesync"; }
-
-  int master_ = -1;
-  int slave_ = -1;
-  std::string target_;
 };
 
 // What the callbacks of all clients were told, as lines.
@@ -145,7 +121,7 @@ hidl_vec<LmpEventId> ParseEvents(const std::string& text) {
 TEST(Ccc, SequencesAreExact) {
   test::SequenceRunner runner("bthal.ccc");
   const sp<BluetoothCcc> service = new BluetoothCcc;
-  TimesyncFile timesync;
+  std::optional<TimesyncFile> timesync(std::in_place);
   Told told;
   std::map<std::string, sp<V1_0::IBluetoothCccCallback>> clients1_0 = {{"none", nullptr}};
   std::map<std::string, sp<V1_1::IBluetoothCccCallback>> clients1_1 = {{"none", nullptr}};
@@ -155,9 +131,8 @@ TEST(Ccc, SequencesAreExact) {
   }
   runner.DefineSwitch(BluetoothCcc::OnBluetoothEnabled, BluetoothCcc::OnBluetoothDisabled);
   runner.Define("times", [&](const std::string& readings) {
-    timesync.Show(readings != "none");
-    timesync.Provide(readings == "none" ? std::vector<std::string>{}
-                                        : test::SplitTrimmed(readings, ','));
+    timesync.reset();
+    if (readings != "none") timesync.emplace().Provide(test::SplitTrimmed(readings, ','));
   });
   runner.Define("register", [&](const std::string& arguments) {
     std::istringstream in(arguments);

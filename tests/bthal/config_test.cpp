@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <random>
 
 #include "bthal/child_case.h"
 #include "conf.h"
@@ -86,27 +85,5 @@ TEST_P(ConfigFiles, HaveTheirEffect) {
 }
 INSTANTIATE_TEST_SUITE_P(Vectors, ConfigFiles, testing::ValuesIn(test::LoadVectors("config.txt")),
                          [](const auto& row) { return row.param.name; });
-
-// Whatever the files hold, the service starts and says once which file is damaged; a last good line
-// still counts.
-TEST(Config, RandomBytes_AreSurvived) {
-  const unsigned seed = 46;
-  printf("seed: %u\n", seed);
-  std::mt19937 random(seed);
-  const int count = test::Count("random configuration files", 50);
-  for (int i = 0; i < count; ++i) {
-    test::TempDir root;
-    std::string bytes;
-    const size_t size = random() % 3000;
-    while (bytes.size() < size) bytes += static_cast<char>(random());
-    test::WriteFile(root.path() + kBase, bytes);
-    test::WriteFile(root.path() + kOverlay, bytes + "\nUserialType=1\nUartPort=/dev/ttyS3\n");
-    Reading reading = Read(root);
-    EXPECT_EQ(reading.fields["port"], "/dev/ttyS3") << "file " << i;
-    if (size > 300) {  // surely holds control characters
-      EXPECT_THAT(reading.log, HasSubstr(std::string(kBase) + " is damaged: ")) << "file " << i;
-    }
-  }
-}
 
 }  // namespace

@@ -1,9 +1,7 @@
 #include "low_power.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,6 +10,7 @@
 
 #include "bthal/child_case.h"
 #include "bthal/uart_rig.h"
+#include "support/pty.h"
 #include "support/temp_dir.h"
 #include "timer.h"
 #include "transport_shim.h"
@@ -24,33 +23,20 @@ namespace shim = android::hardware::bluetooth::hci::shim;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// A kernel file as a FIFO: what was written to it, as text.
+// What was written to a kernel file, as text.
 class KernelFile {
  public:
-  explicit KernelFile(const std::string& path) : path_(test::RootFolder() + path) {
-    std::filesystem::create_directories(std::filesystem::path(path_).parent_path());
-    std::filesystem::remove(path_);
-    EXPECT_EQ(mkfifo(path_.c_str(), 0600), 0);
-    fd_ = open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-  }
-  ~KernelFile() {
-    close(fd_);
-    std::filesystem::remove(path_);
-  }
+  explicit KernelFile(const std::string& path) : pty_(test::RootFolder() + path) {}
   const std::string& Text() {
-    char chunk[256];
-    for (ssize_t n; (n = read(fd_, chunk, sizeof chunk)) > 0;) {
-      text_.append(chunk, static_cast<size_t>(n));
-    }
-    return text_;
+    const test::Bytes more = pty_.TakeWritten();
+    return text_.append(more.begin(), more.end());
   }
   bool WaitForText(const std::string& text) {
     return test::WaitFor([&] { return Text() == text; });
   }
 
  private:
-  const std::string path_;
-  int fd_ = -1;
+  test::LinkedPty pty_;
   std::string text_;
 };
 
@@ -135,12 +121,8 @@ TEST_F(LowPowerMode, WakeUpsAndTeardownsOfManyThreads_EndReleased) {
     closer.join();
     low_power_.Teardown();
   }
-  const auto lines = [](const std::string& text) {
-    size_t count = 0;
-    for (size_t at = 0; (at = text.find("bthal_wakelock", at)) != std::string::npos; ++at) ++count;
-    return count;
-  };
-  EXPECT_EQ(lines(lock_.Text()), lines(unlock_.Text()));
+  EXPECT_EQ(test::CountOf("bthal_wakelock", lock_.Text()),
+            test::CountOf("bthal_wakelock", unlock_.Text()));
   EXPECT_FALSE(shim::IsLpmRunning());
 }
 

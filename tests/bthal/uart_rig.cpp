@@ -1,6 +1,5 @@
 #include "bthal/uart_rig.h"
 
-#include <filesystem>
 #include <stdexcept>
 
 #include "bthal/child_case.h"
@@ -17,12 +16,7 @@ const Bytes kMarkerEvent = {0x3E, 0x02, 0x7F, 0x7F};
 
 }  // namespace
 
-UartRig::UartRig() {
-  const std::string link = RootFolder() + kUartPort;
-  std::filesystem::create_directories(std::filesystem::path(link).parent_path());
-  std::filesystem::remove(link);
-  std::filesystem::create_symlink(pty_.path(), link);
-}
+UartRig::UartRig() : pty_(RootFolder() + kUartPort) {}
 
 UartRig::~UartRig() { shim::Deinitialize(); }
 

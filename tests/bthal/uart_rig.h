@@ -43,7 +43,7 @@ class UartRig {
  private:
   void Record(uint8_t type, const android::hardware::hidl_vec<uint8_t>& packet);
 
-  Pty pty_;
+  LinkedPty pty_;
   std::shared_ptr<android::hardware::bluetooth::hci::HciFlowControl> flow_;
   std::mutex lock_;
   std::vector<Packet> received_;

@@ -79,21 +79,6 @@ TEST_F(Daemon, Log_IsBoundedToTwoFiles) {
   EXPECT_EQ(older.substr(older.size() - 4), "xxx\n") << "a line was cut at the change of files";
 }
 
-TEST_F(Daemon, SecondOnOneRoot_SaysSoAndEndsWith1) {
-  ChildProcess first = Start({"idle"});
-  ASSERT_TRUE(first.WaitForOutput("ready", kDeadline));
-  ChildProcess second = Start({"idle"});
-  const auto result = second.Wait(kDeadline);
-  ASSERT_TRUE(result);
-  EXPECT_EQ(result->exit_code, 1);
-  EXPECT_EQ(second.Output(),
-            "platform_test_daemon: another service runs on the root folder " + root_.path() + "\n");
-  first.Signal(SIGKILL);
-  first.Wait(kDeadline);
-  ChildProcess third = Start({"idle"});
-  EXPECT_TRUE(third.WaitForOutput("ready", kDeadline)) << "a killed daemon left its lock behind";
-}
-
 TEST_F(Daemon, WakeLockOfAKilledOne_IsReleasedByTheNextAndOnce) {
   const std::string unlocked = root_ / "sys/power/wake_unlock";
   test::WriteFile(root_ / "sys/power/wake_lock", "");
@@ -109,15 +94,6 @@ TEST_F(Daemon, WakeLockOfAKilledOne_IsReleasedByTheNextAndOnce) {
     EXPECT_EQ(ReadFile(unlocked), start == 0 ? "a_lock" : "");
     test::WriteFile(unlocked, "");
   }
-}
-
-TEST_F(Daemon, NoRootFolder_SaysSoAndEndsWith1) {
-  const std::string missing = root_ / "missing";
-  std::string output;
-  const test::ChildResult result =
-      test::Run({test::TestProgram("platform_test_daemon")}, &output, {{"BTHAL_ROOT", missing}});
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_EQ(output, "platform_test_daemon: there is no root folder " + missing + "\n");
 }
 
 TEST_F(Daemon, FatalLine_LeavesTombstoneThatNamesFunction) {

@@ -18,33 +18,33 @@ using test::Callback;
 using test::ChildProcess;
 using testing::HasSubstr;
 
-class Silence : public test::ServiceTest {};
+class Silence : public test::ServiceTest {
+ protected:
+  // An event to a client that does not answer it.
+  void ExpectClientLetGo() {
+    uint32_t done = 0;
+    uint32_t time_ms = 0;
+    CallBack(1, Bytes(1), &done, &time_ms);
+    EXPECT_EQ(done, 0u);
+    EXPECT_GE(time_ms, 9900u);
+    EXPECT_LT(time_ms, 15000u);
+    EXPECT_TRUE(WaitForDeaths(1));
+    EXPECT_THAT(process_->Output(), HasSubstr("was not answered for 10 s"));
+    EXPECT_TRUE(service_->ping().isOk());
+  }
+};
 
 TEST_F(Silence, SilentClient_IsLetGoAfterTenSeconds) {
   Serve("2");
-  std::unique_ptr<ChildProcess> client = StartClient("silent");
-  uint32_t done = 0;
-  uint32_t time_ms = 0;
-  CallBack(1, Bytes(1), &done, &time_ms);
-  EXPECT_EQ(done, 0u);
-  EXPECT_GE(time_ms, 9900u);
-  EXPECT_LT(time_ms, 15000u);
-  EXPECT_TRUE(WaitForDeaths(1));
-  EXPECT_THAT(process_->Output(), HasSubstr("was not answered for 10 s"));
-  EXPECT_TRUE(service_->ping().isOk());
+  const std::unique_ptr<ChildProcess> client = StartClient("silent");
+  ExpectClientLetGo();
 }
 
 TEST_F(Silence, StoppedClient_IsLetGoAfterTenSeconds) {
   Serve();
-  std::unique_ptr<ChildProcess> client = StartClient("attach");
+  const std::unique_ptr<ChildProcess> client = StartClient("attach");
   Stop(*client);
-  uint32_t done = 0;
-  uint32_t time_ms = 0;
-  CallBack(1, Bytes(1), &done, &time_ms);
-  EXPECT_EQ(done, 0u);
-  EXPECT_GE(time_ms, 9900u);
-  EXPECT_LT(time_ms, 15000u);
-  EXPECT_TRUE(WaitForDeaths(1));
+  ExpectClientLetGo();
   client->Signal(SIGCONT);
   EXPECT_TRUE(service_->ping().isOk());
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <stdexcept>
 
 namespace test {
@@ -85,6 +86,17 @@ int Pty::Unread() const {
   int count = -1;
   ioctl(slave_, FIONREAD, &count);
   return count;
+}
+
+LinkedPty::LinkedPty(const std::string& link) : link_(link) {
+  std::filesystem::create_directories(std::filesystem::path(link).parent_path());
+  std::filesystem::remove(link);
+  std::filesystem::create_symlink(path(), link);
+}
+
+LinkedPty::~LinkedPty() {
+  std::error_code ignored;
+  std::filesystem::remove(link_, ignored);
 }
 
 }  // namespace test

@@ -33,4 +33,14 @@ class Pty {
   Bytes unread_;  // written by the host, not taken yet
 };
 
+// One that the host finds at a path of its own. Makes the folders above it, too.
+class LinkedPty : public Pty {
+ public:
+  explicit LinkedPty(const std::string& link);
+  ~LinkedPty();
+
+ private:
+  const std::string link_;
+};
+
 }  // namespace test
