@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdio>
 #include <thread>
-#include <vector>
 
 namespace bench {
 namespace {
@@ -13,7 +12,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr double kBytesPerSecond = 300e3;
 constexpr size_t kEventBytesOnLine = 1 + Sink::kEventBytes;
-constexpr int kRoundTrips = 5000;
+constexpr int kRoundTrips = 1000;
 
 double Percentile(std::vector<double>* values, double share) {
   if (values->empty()) return -1;
@@ -63,6 +62,24 @@ Figures Measure(int seconds, Controller* controller, Relay* relay, Sink* sink) {
   MeasureEvents(seconds, controller, *relay, sink, &figures);
   MeasureRoundTrips(relay, sink, &figures);
   return figures;
+}
+
+Figures Combine(const std::vector<Figures>& runs) {
+  Figures all;
+  for (const Figures& run : runs) {
+    all.sent += run.sent;
+    all.arrived += run.arrived;
+    all.round_trips += run.round_trips;
+  }
+  for (double Figures::*const figure :
+       {&Figures::cpu_share, &Figures::delay_p50, &Figures::delay_p99, &Figures::round_trip_p50,
+        &Figures::round_trip_p99}) {
+    std::vector<double> values;
+    values.reserve(runs.size());
+    for (const Figures& run : runs) values.push_back(run.*figure);
+    all.*figure = Percentile(&values, 0.5);
+  }
+  return all;
 }
 
 void PrintRow(const std::string& relay, const Figures& f) {

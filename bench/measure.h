@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "controller.h"
 #include "relay.h"
@@ -22,6 +23,9 @@ struct Figures {
 // So many seconds of events from the controller, at a paced 300 kB/s; then round trips of a command
 // and its answer.
 Figures Measure(int seconds, Controller* controller, Relay* relay, Sink* sink);
+
+// Of each time the median of the runs, of each count the sum.
+Figures Combine(const std::vector<Figures>& runs);
 
 // One row each, key=value.
 void PrintRow(const std::string& relay, const Figures& figures);

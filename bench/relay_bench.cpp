@@ -1,14 +1,17 @@
 // The daemon as a relay, over a serial line and over a co-processor's messages, and beside each
 // socat relaying the same kind of file to a socket of that kind: events at a paced 300 kB/s
-// (processor share, delay), and round trips of a command and its event. One row a relay, then the
-// ratios of rows. Needs socat.
-// usage: relay_bench [SECONDS]
+// (processor share, delay), and round trips of a command and its event. The relays take turns, so
+// that whatever else the machine does hits all of them; each figure is the median of its rounds.
+// One row a relay, then the ratios of rows. Needs socat. usage: relay_bench [SECONDS]    SECONDS:
+// of paced events a relay (10)
 #include <hwbinder/ProcessState.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
+#include <vector>
 
 #include "co_processor_controller.h"
 #include "daemon_relay.h"
@@ -21,6 +24,8 @@ namespace {
 
 using bench::Figures;
 using bench::SocatRelay;
+
+constexpr int kRounds = 5;
 
 Figures MeasureDaemon(const test::TempDir& root, int seconds, bench::Controller* controller) {
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").parent_path();
@@ -38,50 +43,67 @@ Figures MeasureSocat(const test::TempDir& root, int seconds, bench::Controller* 
   return Measure(seconds, controller, &socat, &sink);
 }
 
-void MeasureAll(const test::TempDir& root, int seconds) {
+void PrepareRoot(const test::TempDir& root) {
   test::WriteFile(root / "proc/device-tree/chosen/config/bt_addr", "00:11:22:33:44:55\n");
   test::WriteFile(root / "vendor/firmware/tovu/ZVK.hcd",
                   std::string("\x4e\xfc\x04\xff\xff\xff\xff", 7));
   std::filesystem::create_directories(root / "dev");
   mkfifo((root / "dev/wbrc").c_str(), 0600);
+}
 
-  Figures line, line_socat, messages, messages_socat;
-  {
-    bench::SerialController controller;
-    line_socat = MeasureSocat(root, seconds, &controller, controller.tty() + ",raw,echo=0",
-                              SocatRelay::Carries::kH4);
-    PrintRow("socat", line_socat);
-  }
-  {
-    bench::SerialController controller;
-    std::filesystem::create_symlink(controller.tty(), root / "dev/ttyS0");
-    test::WriteFile(root / "vendor/etc/bluetooth/bt_vendor.conf", "UartPort = /dev/ttyS0\n");
-    line = MeasureDaemon(root, seconds, &controller);
-    PrintRow("bthal", line);
-  }
+// What each relay did, a round an entry.
+struct Rounds {
+  std::vector<Figures> socat, daemon;
+};
+
+void MeasureSerialLine(const test::TempDir& root, int seconds, Rounds* rounds) {
+  bench::SerialController controller;
+  rounds->socat.push_back(MeasureSocat(root, seconds, &controller, controller.tty() + ",raw,echo=0",
+                                       SocatRelay::Carries::kH4));
+  const std::string port = root / "dev/ttyS0";
+  std::filesystem::remove(port);
+  std::filesystem::create_symlink(controller.tty(), port);
+  test::WriteFile(root / "vendor/etc/bluetooth/bt_vendor.conf", "UartPort = /dev/ttyS0\n");
+  rounds->daemon.push_back(MeasureDaemon(root, seconds, &controller));
+}
+
+void MeasureCoProcessor(const test::TempDir& root, int seconds, Rounds* rounds) {
   bench::CoProcessorController controller(root.path());
-  messages_socat = MeasureSocat(root, seconds, &controller,
-                                "UNIX-CONNECT:" + root.path() + "/run/qvr/transport,type=5",
-                                SocatRelay::Carries::kMessages);
-  PrintRow("socat-messages", messages_socat);
+  rounds->socat.push_back(MeasureSocat(root, seconds, &controller,
+                                       "UNIX-CONNECT:" + (root / "run/qvr/transport") + ",type=5",
+                                       SocatRelay::Carries::kMessages));
   test::WriteFile(root / "vendor/etc/bluetooth/bt_vendor.conf", "UserialType = 2\n");
-  messages = MeasureDaemon(root, seconds, &controller);
-  PrintRow("bthal-co-processor", messages);
+  rounds->daemon.push_back(MeasureDaemon(root, seconds, &controller));
+}
 
-  PrintRatio("bthal", line, "socat", line_socat);
-  PrintRatio("bthal-co-processor", messages, "socat-messages", messages_socat);
-  PrintRatio("bthal-co-processor", messages, "bthal", line);
+void MeasureAll(int seconds) {
+  const test::TempDir root(test::TempDir::Where::kInMemory);
+  setenv("BTHAL_ROOT", root.path().c_str(), 1);
+  android::hardware::ProcessState::self()->startThreadPool();
+  PrepareRoot(root);
+  Rounds line, messages;
+  for (int round = 0; round < kRounds; ++round) {
+    MeasureSerialLine(root, std::max(1, seconds / kRounds), &line);
+    MeasureCoProcessor(root, std::max(1, seconds / kRounds), &messages);
+  }
+  const Figures line_socat = Combine(line.socat);
+  const Figures line_daemon = Combine(line.daemon);
+  const Figures messages_socat = Combine(messages.socat);
+  const Figures messages_daemon = Combine(messages.daemon);
+  PrintRow("socat", line_socat);
+  PrintRow("bthal", line_daemon);
+  PrintRow("socat-messages", messages_socat);
+  PrintRow("bthal-co-processor", messages_daemon);
+  PrintRatio("bthal", line_daemon, "socat", line_socat);
+  PrintRatio("bthal-co-processor", messages_daemon, "socat-messages", messages_socat);
+  PrintRatio("bthal-co-processor", messages_daemon, "bthal", line_daemon);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int seconds = argc > 1 ? std::max(1, atoi(argv[1])) : 10;
   try {
-    const test::TempDir root(test::TempDir::Where::kInMemory);
-    setenv("BTHAL_ROOT", root.path().c_str(), 1);
-    android::hardware::ProcessState::self()->startThreadPool();
-    MeasureAll(root, seconds);
+    MeasureAll(argc > 1 ? atoi(argv[1]) : 10);
   } catch (const std::exception& error) {
     fprintf(stderr, "relay_bench: %s\n", error.what());
     return 1;
