@@ -28,6 +28,10 @@ TEST_F(Data, MixedPackets_ComeBackWholeAndInOrder) {
   Handset handset(Mode::kAccelerated);
   const int bytes = Count("bytes of mixed packets", 10'000'000);
   Loop(handset, {"--bytes", std::to_string(bytes)});
+  EXPECT_THAT(handset.Ctl({"status"}).output,
+              HasSubstr(OnCoProcessor() ? "transport  co-processor, connected"
+                                        : "transport  serial line /dev/ttySAC16, open"))
+      << "the log does not reach back to the opening any more";
 }
 
 TEST_F(Data, PayloadsOfTerminalControlBytes_ComeBackWholeAndInOrder) {

@@ -6,6 +6,7 @@
 
 #include "support/temp_dir.h"
 #include "tools/base/failure.h"
+#include "tools/evidence/transport_records.h"
 #include "tools/log/whole_log.h"
 
 namespace bthalctl {
@@ -56,7 +57,7 @@ TEST(TransportState, LinesOfTheService_TellHowItReachesTheController) {
       Lines{"bthal.zvkproto: baudrate_change: Sending Update Baud Rate (6000000) command",
             "bthal.zvkproto: baudrate_change: Done", "bthal.zvkproto: lpm_setup: LPM Enabled"};
   const Lines down = {"bthal.zvkproto: Shutdown", "bthal.shim: Deinitialize"};
-  const char unknown[] = "not known: the log does not tell of its opening";
+  const char unknown[] = "not known: nothing tells of its opening";
 
   const struct {
     const char* what;
@@ -110,6 +111,37 @@ TEST(TransportState, LinesOfTheService_TellHowItReachesTheController) {
        "closed"},
   };
   for (const auto& row : rows) EXPECT_EQ(StateAfter(row.lines), row.state) << row.what;
+}
+
+TEST(TransportRecords, LastTimesOfSteps_StandInForALogThatDoesNotReachBack) {
+  const std::string on = "Timestamp of PowerControl: Enabling, state_path: /x: 23:59:59:990\n";
+  const std::string off = "Timestamp of PowerControl: Disabling, state_path: /x: 10:00:00:000\n";
+  const std::string tty = "Timestamp of userial_tty_open: open /dev/ttySAC16: 23:59:59:991\n";
+  const std::string ready = "Timestamp of USERIAL Ready FD: <14>, type: <1>: 00:00:00:041\n";
+  const std::string earlier = "Timestamp of USERIAL Ready FD: <14>, type: <1>: 23:59:00:000\n";
+  const std::string socket = "Timestamp of USERIAL Ready FD: <14>, type: <0>: 00:00:00:001\n";
+  const std::string closed = "Timestamp of UserialClose [ IN]: 10:00:00:000\n";
+  const char unknown[] = "not known: nothing tells of its opening";
+  const struct {
+    const char* what;
+    std::string section;
+    const char* state;
+  } rows[] = {
+      {"nothing", "", unknown},
+      {"port, around midnight", tty + ready + on, "serial line /dev/ttySAC16, open"},
+      {"power off", closed + tty + ready + off, "closed"},
+      {"socket after a port", closed + tty + socket + on, "HCI socket, open"},
+      {"co-processor", on, "co-processor, connected"},
+      {"co-processor after a port", closed + tty + earlier + on, "co-processor, connected"},
+      {"power that is somebody else's", tty + ready, "serial line /dev/ttySAC16, open"},
+      {"that, opened and closed in an order that does not show", closed + tty + ready, unknown},
+      {"damaged", "Timestamp of PowerControl: Enabling\nTimestamp of : \n: 1:2:3\n", unknown},
+  };
+  for (const auto& row : rows) {
+    TransportState state(kService);
+    ReadTransportRecords(row.section, &state);
+    EXPECT_EQ(state.Describe(), row.state) << row.what;
+  }
 }
 
 TEST(WholeLog, OlderFileFirst) {

@@ -5,6 +5,8 @@
 
 #include "tools/base/terminal.h"
 #include "tools/commands/commands.h"
+#include "tools/evidence/report_sections.h"
+#include "tools/evidence/transport_records.h"
 #include "tools/link/attachment.h"
 #include "tools/link/holder.h"
 #include "tools/link/holder_protocol.h"
@@ -16,12 +18,17 @@ namespace {
 
 using nlohmann::json;
 
-// No call of the service tells of it, its log does.
-json Transport(int pid) {
+// No call of the service tells of it. Its log does, as far as it reaches back, else its records.
+json Transport(int pid, const Options& options) {
   TransportState state(pid);
   ReadWholeLog(::bthal::root::Resolve("/run/bthal/log"), [&](const std::string& text) {
     if (const std::optional<LogLine> line = ParseLogLine(text)) state.Feed(*line);
   });
+  if (state.phase() == TransportState::Phase::kUnknown) {
+    for (const Section& part : CutReport(TakeReport(options))) {
+      if (part.name == "last") ReadTransportRecords(part.text, &state);
+    }
+  }
   const auto text_or_null = [](const std::string& text) {
     return text.empty() ? json() : json(text);
   };
@@ -29,10 +36,8 @@ json Transport(int pid) {
                     {"state", text_or_null(state.PhaseText())},
                     {"text", state.Describe()}};
   if (!state.path().empty()) transport["path"] = state.path();
-  if (state.phase() == TransportState::Phase::kOpen) {
-    if (state.line_baud()) transport["line_baud"] = *state.line_baud();
-    transport["low_power"] = state.low_power();
-  }
+  if (state.line_baud()) transport["line_baud"] = *state.line_baud();
+  if (state.low_power()) transport["low_power"] = *state.low_power();
   return transport;
 }
 
@@ -44,7 +49,7 @@ json Status(const Options& options) {
   service
       ->getDebugInfo([&](const ::android::hidl::base::V1_0::DebugInfo& info) {
         status["service"] = {{"pid", info.pid}};
-        status["transport"] = Transport(info.pid);
+        status["transport"] = Transport(info.pid, options);
       })
       .isOk();
   CatchStopSignals();

@@ -62,7 +62,12 @@ void TransportState::Enter(Phase phase) {
   loss_.clear();
   asked_baud_ = 0;
   line_baud_.reset();
-  low_power_ = false;
+  low_power_.reset();
+}
+
+void TransportState::Assume(Kind kind, Phase phase, const std::string& path) {
+  Enter(kind, phase);
+  path_ = path;
 }
 
 void TransportState::Feed(const LogLine& line) {
@@ -88,12 +93,14 @@ void TransportState::Feed(const LogLine& line) {
       } else {  // no terminal was opened before
         Enter(Kind::kHciSocket, Phase::kOpen);
       }
+      low_power_ = false;
       break;
     case Event::kConnects:
       Enter(Kind::kCoProcessor, Phase::kOpening);
       break;
     case Event::kConnected:
       Enter(Kind::kCoProcessor, Phase::kOpen);
+      low_power_ = false;
       break;
     case Event::kLost:
       if (phase_ == Phase::kClosed) break;  // its reader notices late
@@ -107,13 +114,13 @@ void TransportState::Feed(const LogLine& line) {
       std::from_chars(detail->data(), detail->data() + detail->size(), asked_baud_);
       break;
     case Event::kSpeedAgreed:
-      if (asked_baud_ != 0) line_baud_ = asked_baud_;
+      if (phase_ == Phase::kOpen && asked_baud_ != 0) line_baud_ = asked_baud_;
       break;
     case Event::kLowPowerOn:
-      low_power_ = true;
+      if (phase_ == Phase::kOpen) low_power_ = true;
       break;
     case Event::kLowPowerOff:
-      low_power_ = false;
+      if (phase_ == Phase::kOpen) low_power_ = false;
       break;
   }
 }
@@ -150,14 +157,14 @@ const char* TransportState::PhaseText() const {
 }
 
 std::string TransportState::Describe() const {
-  if (phase_ == Phase::kUnknown) return "not known: the log does not tell of its opening";
+  if (phase_ == Phase::kUnknown) return "not known: nothing tells of its opening";
   std::string text = KindText();
   if (!path_.empty()) text += " " + path_;
   if (!text.empty()) text += ", ";
   text += PhaseText();
   if (!loss_.empty()) text += ": " + loss_;
   if (line_baud_) text += ", " + std::to_string(*line_baud_) + " bit/s";
-  if (phase_ == Phase::kOpen) text += low_power_ ? ", low power on" : ", low power off";
+  if (low_power_) text += *low_power_ ? ", low power on" : ", low power off";
   return text;
 }
 

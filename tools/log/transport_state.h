@@ -19,14 +19,16 @@ class TransportState {
   explicit TransportState(int pid) : pid_(pid) {}
 
   void Feed(const LogLine& line);
+  // What another source tells where the log does not. It knows of no speed and no power mode.
+  void Assume(Kind kind, Phase phase, const std::string& path);
 
   Kind kind() const { return kind_; }
   Phase phase() const { return phase_; }
   // Of a serial line, else empty.
   const std::string& path() const { return path_; }
-  // Bits per second that both ends have agreed upon, as long as the transport is open.
+  // Bits per second that both ends have agreed upon. This and low power as long as it is open.
   std::optional<uint32_t> line_baud() const { return line_baud_; }
-  bool low_power() const { return low_power_; }
+  std::optional<bool> low_power() const { return low_power_; }
 
   // "" when unknown.
   const char* KindText() const;
@@ -45,7 +47,7 @@ class TransportState {
   std::string loss_;  // what the log says of it
   uint32_t asked_baud_ = 0;
   std::optional<uint32_t> line_baud_;
-  bool low_power_ = false;
+  std::optional<bool> low_power_;
 };
 
 }  // namespace bthalctl
