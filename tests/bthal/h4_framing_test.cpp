@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <functional>
-#include <random>
 #include <thread>
 
 #include "bthal/uart_rig.h"
@@ -153,41 +152,6 @@ TEST(H4Framing, GarbageBehindSplitPacket_DeliversThePacketFirst) {
   EXPECT_EQ(framer.Take(), Packets{kProbe});
   framer.Feed(Framed(kProbe));
   EXPECT_EQ(framer.Take(), Packets{kProbe});
-}
-
-TEST(H4Framing, RandomPacketsInRandomChunks_ComeOutUnchanged) {
-  constexpr unsigned kSeed = 20261121;
-  printf("seed: %u\n", kSeed);
-  std::mt19937 random(kSeed);
-  const auto upto = [&](unsigned n) { return static_cast<unsigned>(random() % (n + 1)); };
-  Framer framer;
-  Bytes stream;
-  Packets sent;
-  const int count = test::Count("random packets", 20000);
-  for (int i = 0; i < count; ++i) {
-    UartRig::Packet packet{static_cast<uint8_t>(2 + upto(3)), {}};
-    const bool wide = packet.type == 2 || packet.type == 5;
-    const unsigned length = wide ? upto(upto(3) == 0 ? 4000 : 60) : upto(255);
-    if (packet.type != 4) packet.bytes = {static_cast<uint8_t>(random()), 0x0E};
-    if (packet.type == 4) packet.bytes = {static_cast<uint8_t>(random())};
-    packet.bytes.push_back(static_cast<uint8_t>(length));
-    // The reserved bits of an ISO length are set at random: they must not matter.
-    const unsigned reserved = packet.type == 5 ? upto(3) << 6 : 0;
-    if (wide) packet.bytes.push_back(static_cast<uint8_t>(length >> 8 | reserved));
-    for (unsigned k = 0; k < length; ++k) packet.bytes.push_back(static_cast<uint8_t>(random()));
-    const Bytes framed = Framed(packet);
-    stream.insert(stream.end(), framed.begin(), framed.end());
-    sent.push_back(std::move(packet));
-  }
-  stream.push_back(0x04);  // ends a last packet without payload
-  for (size_t at = 0; at < stream.size();) {
-    const size_t chunk = std::min<size_t>(1 + upto(upto(1) == 0 ? 9 : 5000), stream.size() - at);
-    framer.h4.OnBytes(stream.data() + at, chunk);
-    at += chunk;
-  }
-  const Packets received = framer.Take();
-  ASSERT_EQ(received.size(), sent.size());
-  for (size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(received[i], sent[i]) << "packet " << i;
 }
 
 // --- reading and writing a descriptor ---

@@ -293,35 +293,6 @@ TEST_F(QvrTransport, Message_ReachesItsReceiverOrIsRefusedWithALine) {
   }
 }
 
-TEST_F(QvrTransport, ManyMessages_ArriveInOrderAcrossTheReceivers) {
-  const char* const names[] = {"event", "acl", "sco", "iso"};
-  const int count = test::Count("messages from the co-processor", 20000);
-  std::thread sender([&] {
-    for (int i = 0; i < count; ++i) {
-      Bytes packet = {static_cast<uint8_t>(i), static_cast<uint8_t>(i >> 8)};
-      packet.resize(2 + static_cast<size_t>(i % 700), static_cast<uint8_t>(i));
-      server_.SendMessage(test::QvrEvent(8 + static_cast<uint32_t>(i % 4), packet));
-    }
-  });
-  const std::vector<Received> packets = [&] {
-    std::vector<Received> all;
-    while (all.size() < static_cast<size_t>(count)) {
-      const std::vector<Received> more = WaitForPackets(1);
-      if (more.empty()) break;
-      all.insert(all.end(), more.begin(), more.end());
-    }
-    return all;
-  }();
-  sender.join();
-  ASSERT_EQ(packets.size(), static_cast<size_t>(count));
-  for (int i = 0; i < count; ++i) {
-    const Received& packet = packets[static_cast<size_t>(i)];
-    ASSERT_EQ(packet.receiver, names[i % 4]) << i;
-    ASSERT_EQ(packet.packet[0] | packet.packet[1] << 8, i & 0xFFFF);
-    ASSERT_EQ(packet.packet.size(), 2 + static_cast<size_t>(i % 700));
-  }
-}
-
 TEST_F(QvrTransport, OtherMessageTypesAndNoReceiver_DisturbNothing) {
   server_.SendMessage(test::QvrEvent(8, {0x0E, 0x00}), 7);
   server_.SendMessage(test::QvrEvent(8, {0x0E, 0x00}), 36);

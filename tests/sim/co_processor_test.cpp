@@ -22,10 +22,8 @@ Bytes U32(uint32_t value) {
           static_cast<uint8_t>(value >> 16), static_cast<uint8_t>(value >> 24)};
 }
 
-uint32_t Little(const Bytes& bytes, size_t at) {
-  return bytes.at(at) | static_cast<uint32_t>(bytes.at(at + 1)) << 8 |
-         static_cast<uint32_t>(bytes.at(at + 2)) << 16 |
-         static_cast<uint32_t>(bytes.at(at + 3)) << 24;
+uint32_t U32At(const Bytes& bytes, size_t at) {
+  return static_cast<uint32_t>(Little(bytes, at, 4));
 }
 
 // A request's table: offset of the table, its two fields' places, the fields.
@@ -76,9 +74,9 @@ class CoHost {
     for (;;) {
       const Bytes answer = Next(deadline);
       if (answer.size() < 16) return {};
-      if (Little(answer, 4) == serial) {
-        EXPECT_EQ(Little(answer, 12), 0u) << "an answer has no table";
-        return {Little(answer, 0), Little(answer, 8), Bytes(answer.begin() + 16, answer.end())};
+      if (U32At(answer, 4) == serial) {
+        EXPECT_EQ(U32At(answer, 12), 0u) << "an answer has no table";
+        return {U32At(answer, 0), U32At(answer, 8), Bytes(answer.begin() + 16, answer.end())};
       }
       messages_.push_back(answer);
     }
@@ -90,7 +88,7 @@ class CoHost {
   }
   Answer SendPacket(const Bytes& payload) { return Ask(3, RequestTable(8, server()), payload); }
   uint32_t server() {
-    if (!server_) server_ = Little(Find("chre_bt").payload, 0);
+    if (!server_) server_ = U32At(Find("chre_bt").payload, 0);
     return *server_;
   }
 
@@ -105,7 +103,7 @@ class CoHost {
     }
     if (message.empty()) return {};
     EXPECT_EQ(Bytes(message.begin(), message.begin() + 12), U32(7) + U32(0) + U32(8));
-    EXPECT_EQ(Little(message, 12), message.size() - 16);
+    EXPECT_EQ(U32At(message, 12), message.size() - 16);
     flatbuffers::Verifier verifier(message.data() + 16, message.size() - 16);
     if (!verifier.VerifyBuffer<chre::bt::Event>(nullptr)) return B("ff");
     const auto* event = flatbuffers::GetRoot<chre::bt::Event>(message.data() + 16);

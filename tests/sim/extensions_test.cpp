@@ -12,12 +12,6 @@ namespace {
 using std::chrono::milliseconds;
 using testing::HasSubstr;
 
-uint64_t Little(const Bytes& bytes, size_t at, size_t width) {
-  uint64_t value = 0;
-  for (size_t i = width; i-- > 0;) value = value << 8 | bytes.at(at + i);
-  return value;
-}
-
 // The next reading of the kernel file.
 std::string TimeSync(const Host& host) {
   char record[20];

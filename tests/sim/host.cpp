@@ -35,6 +35,12 @@ bool Begins(const Bytes& bytes, const Bytes& start) {
 
 }  // namespace
 
+uint64_t Little(const Bytes& bytes, size_t at, size_t width) {
+  uint64_t value = 0;
+  for (size_t i = width; i-- > 0;) value = value << 8 | bytes.at(at + i);
+  return value;
+}
+
 Bytes Pattern(size_t n) {
   static const Bytes kSpecial = {0x0A, 0x0D, 0x11, 0x13, 0xFF, 0x00, 0x03, 0x7F};
   Bytes bytes(n);

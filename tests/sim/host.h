@@ -17,6 +17,7 @@ namespace test {
 
 inline Bytes B(const std::string& hex) { return ParseHex(hex); }
 inline Bytes operator+(const Bytes& a, const Bytes& b) { return Concat(a, b); }
+uint64_t Little(const Bytes& bytes, size_t at, size_t width);
 // n bytes that hold every value, also those that a terminal would change.
 Bytes Pattern(size_t n);
 
