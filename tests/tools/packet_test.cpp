@@ -84,13 +84,6 @@ TEST(H4Framer, SplitAtEveryByte_YieldsTheSamePackets) {
     EXPECT_TRUE(framer.Push(stream.data() + cut, stream.size() - cut, keep));
     EXPECT_EQ(packets, expected) << "cut at " << cut;
   }
-  H4Framer framer;
-  std::vector<Packet> packets;
-  for (const uint8_t byte : stream) {
-    EXPECT_TRUE(
-        framer.Push(&byte, 1, [&](Packet packet) { packets.push_back(std::move(packet)); }));
-  }
-  EXPECT_EQ(packets, expected) << "byte by byte";
 }
 
 TEST(H4Framer, ByteThatIsNoHostType_IsRefusedAfterTheWholePackets) {
