@@ -253,7 +253,7 @@ TEST(CrashReport, StackThatIsStopped_HoldsUpTheEndForASecondAtMost) {
   ExpectDeath(148, "Unable to download firmware patchram", end, board.Log(), EvidenceOf(board));
   EXPECT_EQ(board.StackOutput(), "");
   EXPECT_GE(taken, milliseconds(1000)) << "it was not waited for";
-  EXPECT_LT(taken, milliseconds(5000));
+  EXPECT_LT(taken, milliseconds(8000)) << "as long as any client may take";
 }
 
 // Nothing can be written any more, neither the log nor the crash files.

@@ -43,6 +43,10 @@ class SleepyHandset {
 
   Handset& handset() { return handset_; }
   bthalctl::Exchange& exchange() { return *exchange_; }
+  void Cue() {
+    exchange_->Demand(kCue);
+    ++cues_;
+  }
   void Close() {
     exchange_.reset();
     link_.reset();
@@ -63,12 +67,16 @@ class SleepyHandset {
   Sleep WaitForSleep() const {
     double cue = 0, asserted = 0, released = 0;
     const auto asleep = [&] {
+      int cues = 0;
       for (const TraceLine& line : Trace()) {
-        if (line.direction == '>' && line.text == "command 25 0c 00") cue = line.seconds;
+        if (line.direction == '>' && line.text == "command 25 0c 00") {
+          cue = line.seconds;
+          ++cues;
+        }
         if (line.text == "wake asserted") asserted = line.seconds;
         if (line.text == "wake released") released = line.seconds;
       }
-      return released > cue;
+      return cues == cues_ && released > cue;  // a line may come later than its packet
     };
     if (!WaitFor(asleep)) throw std::runtime_error("the controller is not put to sleep");
     return {released - cue, released - asserted};
@@ -79,6 +87,7 @@ class SleepyHandset {
   Handset handset_;
   std::optional<H4Link> link_;
   std::optional<bthalctl::Exchange> exchange_;
+  int cues_ = 0;
 };
 
 #ifndef BTHAL_SANITIZED  // what is measured is time
@@ -120,15 +129,15 @@ TEST(SleepTimeSlow, LoneTransmissionAndEndOfAStream_SuspendInTheirTime) {
     std::mt19937 random(seed + static_cast<unsigned>(index));
     ASSERT_TRUE(sleepy.WaitUntilAsleep());
     for (int round = 0; round < rounds; ++round) {
-      sleepy.exchange().Demand(kCue);
+      sleepy.Cue();
       lone.Add(sleepy.WaitForSleep().after_wake);
 
       const auto end = std::chrono::steady_clock::now() + milliseconds(random() % 2000);
       do {
-        sleepy.exchange().Demand(kCue);
+        sleepy.Cue();
         std::this_thread::sleep_for(milliseconds(random() % 700));  // the stream's pace
       } while (std::chrono::steady_clock::now() < end);
-      sleepy.exchange().Demand(kCue);
+      sleepy.Cue();
       stream.Add(sleepy.WaitForSleep().after_cue);
     }
   });
@@ -195,15 +204,15 @@ TEST_P(WakeLockSlow, IsHeldExactlyWhileBringUpRunsOrTheControllerIsAwake) {
   const milliseconds asleep(4 * kTolerance);  // so long that two awake periods stay apart
   std::this_thread::sleep_for(asleep);
   for (const int pause_ms : {0, 300, 0}) {
-    sleepy.exchange().Demand(kCue);
+    sleepy.Cue();
     std::this_thread::sleep_for(milliseconds(pause_ms));
   }
   sleepy.WaitForSleep();
   std::this_thread::sleep_for(asleep);
-  sleepy.exchange().Demand(kCue);
+  sleepy.Cue();
   sleepy.WaitForSleep();
   std::this_thread::sleep_for(asleep);
-  sleepy.exchange().Demand(kCue);
+  sleepy.Cue();
   sleepy.Close();  // accelerated: the controller stays up, and is put to sleep; plain: power off
   EXPECT_TRUE(WaitFor([&] {
     return sleepy.Status().find(std::string(kWakeLock) + "\": {\n\"held\": false") !=
@@ -248,7 +257,7 @@ TEST(WakeStatisticsSlow, TwelveSecondsOfTraffic_AreOneRecordAndFiveAreNone) {
     const auto end = start + std::chrono::seconds(long_enough ? 12 : 5);
     int sent = 0;
     for (; std::chrono::steady_clock::now() < end; ++sent) {
-      sleepy.exchange().Demand(kCue);
+      sleepy.Cue();
       std::this_thread::sleep_for(milliseconds(150));  // the traffic's pace
     }
     const auto taken = std::chrono::steady_clock::now() - start;
