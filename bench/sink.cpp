@@ -6,9 +6,11 @@
 namespace bench {
 namespace {
 
-constexpr uint8_t kVendorEvent = 0xFF;
-constexpr uint8_t kSubEvent = 0x01;  // one that the service passes on
-constexpr size_t kHeader = 3;        // event code, length, sub-event
+// An advertising report: code, length, sub-event, one report, its types, an address, size of data.
+constexpr uint8_t kBegin[] = {
+    0x3E, Sink::kEventBytes - 2, 0x02, 0x01, 0x00, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05,
+    0x06, Sink::kEventBytes - 14};
+
 constexpr std::chrono::seconds kPatience{5};
 
 }  // namespace
@@ -17,20 +19,18 @@ int64_t NowNs() { return std::chrono::steady_clock::now().time_since_epoch().cou
 
 Bytes Sink::TimestampedEvent() {
   Bytes event(kEventBytes, 0);
-  event[0] = kVendorEvent;
-  event[1] = kEventBytes - 2;
-  event[2] = kSubEvent;
+  memcpy(event.data(), kBegin, sizeof kBegin);
   const int64_t now = NowNs();
-  memcpy(&event[kHeader], &now, sizeof now);
+  memcpy(&event[sizeof kBegin], &now, sizeof now);
   return event;
 }
 
 void Sink::OnEvent(const uint8_t* event, size_t size) {
   const int64_t now = NowNs();
   const std::lock_guard<std::mutex> guard(lock_);
-  if (size == kEventBytes && event[0] == kVendorEvent && event[2] == kSubEvent) {
+  if (size == kEventBytes && event[0] == kBegin[0]) {
     int64_t sent;
-    memcpy(&sent, event + kHeader, sizeof sent);
+    memcpy(&sent, event + sizeof kBegin, sizeof sent);
     delays_us_.push_back(static_cast<double>(now - sent) * 1e-3);
   } else {
     ++answers_;

@@ -17,7 +17,7 @@ int64_t NowNs();
 class Sink {
  public:
   static constexpr size_t kEventBytes = 40;  // without H4 type byte
-  // A vendor event that carries the time of this call.
+  // An advertising report, whose data begin with the time of this call.
   static Bytes TimestampedEvent();
 
   // Takes the delay of a timestamped event, counts any other as an answer. Without type byte.
