@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "firmware_patch.h"
+#include "bring_up/firmware_patch.h"
 
 using android::hardware::bluetooth::FirmwarePatch;
 

@@ -2,8 +2,8 @@
 // that is not ends the process by design.
 #include <android/log.h>
 
+#include "hci/packet.h"
 #include "hci_flow_control.h"
-#include "hci_packet.h"
 
 using android::hardware::hidl_vec;
 using android::hardware::bluetooth::hci::HciEventWatcher;

@@ -27,10 +27,15 @@ function resolve(from, name, quoted,    dir, candidate, i) {
   return ""
 }
 
-function stem(path) {
-  sub(/.*\//, "", path)
-  sub(/\..*$/, "", path)
-  return path
+# The floor of a file of bthal/1.1/: its folder's, or its own.
+function floor_of(path,    name) {
+  name = path
+  sub(/^bthal\/1\.1\//, "", name)
+  sub(/[\/.].*$/, "", name)
+  if (name in floor) return floor[name]
+  if (path ~ /^bthal\/1\.1\/[^\/]*$/) return top + 1
+  refuse(path ": its folder has no floor in scripts/includes.txt")
+  return 0
 }
 
 function refuse(text) { print text; bad = 1 }
@@ -42,8 +47,10 @@ BEGIN {
 
 FNR == NR {
   if ($1 == "allow") for (i = 3; i <= NF; i++) allowed[$2, $i] = 1
-  if ($1 == "layer") for (i = 3; i <= NF; i++) layer[$i] = $2
-  if ($1 == "up") for (i = 3; i <= NF; i++) upward[$2, $i] = 1
+  if ($1 == "floor") {
+    top++
+    for (i = 2; i <= NF; i++) floor[$i] = top
+  }
   next
 }
 
@@ -61,12 +68,7 @@ FNR == NR {
   if (area != target && !((area, target) in allowed)) refuse(where ": " area "/ may not include " to)
   if (area != "bthal" || target != "bthal") next
 
-  a = stem(from)
-  b = stem(to)
-  if (!(a in layer)) { if (!told[a]++) refuse(from ": " a " has no layer in scripts/includes.txt"); next }
-  if (!(b in layer)) { if (!told[b]++) refuse(to ": " b " has no layer in scripts/includes.txt"); next }
-  if (layer[b] > layer[a] && !((a, b) in upward) && !(("*", b) in upward))
-    refuse(where ": layer " layer[a] " may not include " to " of layer " layer[b])
+  if (floor_of(to) > floor_of(from)) refuse(where ": may not include " to ", which is on a higher floor")
 }
 
 END { exit bad }

@@ -10,10 +10,10 @@
 #include <iterator>
 #include <utility>
 
-#include "anchor_records.h"
 #include "debug_event_watcher.h"
-#include "debug_files.h"
-#include "hci_packet.h"
+#include "evidence/anchor_records.h"
+#include "evidence/debug_files.h"
+#include "hci/packet.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::activity {
 namespace {
@@ -65,11 +65,7 @@ std::string Section(const char* title, const char* columns) {
 
 }  // namespace
 
-std::string log_message_timestamp() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return debug::FormatTimestamp(now);
-}
+std::string log_message_timestamp() { return debug::TimestampNow(); }
 
 BtActivitiesLogger* BtActivitiesLogger::GetInstacne() {
   static auto* instance = new BtActivitiesLogger;

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "timer.h"
+#include "base/timer.h"
 
 namespace android::hardware::bluetooth::hci {
 class HciEventWatcher;

@@ -12,19 +12,19 @@
 #include <fcntl.h>
 
 #include <array>
-#include <condition_variable>
 #include <cstdio>
 #include <mutex>
 #include <optional>
+#include <utility>
 
-#include "debug_central.h"
+#include "evidence/report.h"
+#include "hci/command_waiter.h"
 
 namespace android::hardware::bluetooth::hci {
 namespace {
 
 using ::android::base::StringPrintf;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::BqrErrorCode;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using evidence::BqrErrorCode;
 
 constexpr uint16_t kOpcodeWriteAddress = 0xFC01;
 constexpr char kDeviceTreeAddress[] = "/proc/device-tree/chosen/config/bt_addr";
@@ -33,15 +33,17 @@ constexpr char kBoardAddressProperty[] = "ro.vendor.bluetooth.evb_bdaddr";
 // In the order of HCI: the last octet of the text first.
 using Address = std::array<uint8_t, 6>;
 
-// What a waiting call and whoever ends its wait share.
-struct Wait {
-  std::mutex lock;
-  std::condition_variable changed;
+class BluetoothAddress;
+
+// The call that waits for an answer now, for the thread that ends its wait.
+struct Waiting {
+  std::mutex lock;  // a leaf
+  BluetoothAddress* address GUARDED_BY(lock) = nullptr;
 };
 
-Wait& TheWait() {
-  static auto* wait = new Wait;
-  return *wait;
+Waiting& TheWaiting() {
+  static auto* waiting = new Waiting;
+  return *waiting;
 }
 
 std::string ReadAddressText() {
@@ -64,23 +66,23 @@ std::optional<Address> ParseAddress(const std::string& text) {
   return std::nullopt;
 }
 
-// Takes the answer to the address command. Lives on the stack of the waiting call.
-class BluetoothAddress final : public HciEventWatcher {
+class BluetoothAddress final : public CommandWaiter {
  public:
-  explicit BluetoothAddress(HciFlowControl* flow)
-      : HciEventWatcher("bthal.bdaddress", kEventCommandComplete, kOpcodeWriteAddress),
-        flow_(flow) {
-    flow_->RegisterEventWatcher(this);
+  BluetoothAddress() : CommandWaiter("bthal.bdaddress", kOpcodeWriteAddress, kNoAnswer) {
+    std::lock_guard<std::mutex> guard(TheWaiting().lock);
+    TheWaiting().address = this;
   }
-  ~BluetoothAddress() override { flow_->UnregisterEventWatcher(this); }
+  ~BluetoothAddress() override {
+    std::lock_guard<std::mutex> guard(TheWaiting().lock);
+    TheWaiting().address = nullptr;
+  }
 
   void Provision() {
     const std::optional<Address> address = ParseAddress(ReadAddressText());
     if (address) {
       address_ = *address;
     } else {
-      DebugCentral::Get().ReportBqrError(BqrErrorCode::HostBdaddrFault,
-                                         "Can't fetch the provisioning BDA");
+      evidence::Report(BqrErrorCode::HostBdaddrFault, "Can't fetch the provisioning BDA");
     }
     LOG(INFO) << __func__ << ": BDADDR <"
               << StringPrintf("%02x:%02x:%02x:%02x:%02x:%02x", address_[0], address_[1],
@@ -88,48 +90,31 @@ class BluetoothAddress final : public HciEventWatcher {
               << ">";
   }
 
-  bool Apply(const std::function<bool()>& abandoned) {
-    const hidl_vec<uint8_t> command =
+  bool Apply(HciFlowControl& flow) {
+    const std::vector<uint8_t> command =
         BuildCommand(kOpcodeWriteAddress, static_cast<uint8_t>(address_.size()), address_.data());
-    {
-      std::lock_guard<std::mutex> guard(TheWait().lock);
-      reply_expected_ = true;
-    }
-    LOG(DEBUG) << __func__ << ": Send VSC <" << toString(command) << ">";
-    flow_->Send(HCI_PACKET_TYPE_COMMAND, command.data(), command.size());
-
-    std::unique_lock<std::mutex> guard(TheWait().lock);
-    while (!accepted_ && !halted_ && !abandoned()) TheWait().changed.wait(guard);
-    if (!accepted_) {
+    LOG(DEBUG) << __func__ << ": Send VSC <" << toString(hidl_vec<uint8_t>(command)) << ">";
+    const uint8_t status = SendAndWait(flow, command, std::nullopt);
+    if (!answered_) {
       LOG(WARNING) << __func__ << ": gave up waiting for the controller's answer";
     }
-    return accepted_.value_or(false);
+    return answered_ && status == 0;
   }
 
-  bool OnEventReceive(const hidl_vec<uint8_t>& event) override {
-    const bool success = CommandCompleteStatus(event) == 0;
+ protected:
+  bool OnAnswer(const hidl_vec<uint8_t>& event, uint8_t status) override {
+    const bool success = status == 0;
     LOG(success ? base::INFO : base::WARNING)
-        << __func__ << (success ? ": Recv Success VSE <" : ": Recv Failure VSE <")
+        << "OnEventReceive" << (success ? ": Recv Success VSE <" : ": Recv Failure VSE <")
         << toString(event) << ">";
-    std::lock_guard<std::mutex> guard(TheWait().lock);
-    if (!accepted_) accepted_ = success;
-    TheWait().changed.notify_all();
-    return std::exchange(reply_expected_, false);
-  }
-
-  void OnHalt() override {
-    std::lock_guard<std::mutex> guard(TheWait().lock);
-    halted_ = true;
-    TheWait().changed.notify_all();
+    return !std::exchange(answered_, true);
   }
 
  private:
-  HciFlowControl* const flow_;
+  static constexpr uint8_t kNoAnswer = 0xFF;
+
   Address address_{};
-  // Guarded by TheWait().lock:
-  std::optional<bool> accepted_;
-  bool reply_expected_ = false;
-  bool halted_ = false;
+  bool answered_ = false;  // written under the flow-control lock, read once no answer can come
 };
 
 }  // namespace
@@ -140,14 +125,15 @@ bool ApplyProvisionBDAddress(HciFlowControl* flow, const std::function<bool()>& 
     return false;
   }
   const std::shared_ptr<HciFlowControl> kept = flow->shared_from_this();
-  BluetoothAddress address(flow);
+  BluetoothAddress address;
   address.Provision();
-  return address.Apply(abandoned);
+  if (abandoned()) address.GiveUp();
+  return address.Apply(*kept);
 }
 
-void ReconsiderProvisioning() {
-  std::lock_guard<std::mutex> guard(TheWait().lock);
-  TheWait().changed.notify_all();
+void AbandonProvisioning() {
+  std::lock_guard<std::mutex> guard(TheWaiting().lock);
+  if (TheWaiting().address != nullptr) TheWaiting().address->GiveUp();
 }
 
 }  // namespace android::hardware::bluetooth::hci

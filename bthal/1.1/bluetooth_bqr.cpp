@@ -7,7 +7,7 @@
 
 #include <atomic>
 
-#include "hci_packet.h"
+#include "hci/packet.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::bqr {
 namespace {

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <optional>
 
-#include "hci_packet.h"
+#include "hci/packet.h"
 
 namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "bluetooth_ccc_callback_map.h"
-#include "extension_command.h"
+#include "extension/extension_command.h"
 
 namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation {
 

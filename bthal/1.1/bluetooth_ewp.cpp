@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "debug_central.h"
-#include "hci_packet.h"
+#include "evidence/record.h"
+#include "hci/packet.h"
 
 namespace hardware::nuvexa::bluetooth::ewp::V1_0::implementation {
 
@@ -19,8 +19,8 @@ using ::android::base::StringPrintf;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::Void;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using ::android::hardware::bluetooth::evidence::AnchorType;
+namespace evidence = ::android::hardware::bluetooth::evidence;
 namespace hci = ::android::hardware::bluetooth::hci;
 
 namespace {
@@ -49,7 +49,7 @@ BluetoothEwp& BluetoothEwp::Shared() {
 
 void BluetoothEwp::Switch(hci::HciFlowControl& flow, const char* operation, bool on,
                           uint16_t interval) {
-  DebugCentral::Get().UpdateRecord(AnchorType::kEwp, operation);
+  evidence::Record(AnchorType::kEwp, operation);
   const uint8_t params[] = {
       0x14, static_cast<uint8_t>(on),       0xFF,
       0x00, static_cast<uint8_t>(interval), static_cast<uint8_t>(interval >> 8)};

@@ -2,7 +2,7 @@
 
 #include <hardware/nuvexa/bluetooth/ewp/1.0/IBluetoothEwp.h>
 
-#include "extension_command.h"
+#include "extension/extension_command.h"
 
 namespace hardware::nuvexa::bluetooth::ewp::V1_0::implementation {
 

@@ -10,13 +10,13 @@
 #include <thread>
 #include <utility>
 
+#include "base/thread_role.h"
 #include "bluetooth_Activity.h"
 #include "bluetooth_address.h"
 #include "btzvk_protocol.h"
 #include "conf.h"
 #include "debug_central.h"
-#include "stack_link.h"
-#include "thread_role.h"
+#include "stack/attached_stack.h"
 #include "transport_shim.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
@@ -27,7 +27,6 @@ using ::android::hardware::bluetooth::V1_0::Status;
 using debug::AnchorType;
 using debug::AnchorValues;
 using debug::BqrErrorCode;
-using debug::DebugAnchor;
 using debug::DebugCentral;
 
 // The count shown includes the packet type byte.
@@ -48,32 +47,25 @@ void BluetoothDeathRecipient::serviceDied(uint64_t /*cookie*/,
                                           const wp<::android::hidl::base::V1_0::IBase>& who) {
   ALOGE("BluetoothDeathRecipient::serviceDied - Bluetooth service died");
   const sp<::android::hidl::base::V1_0::IBase> stack = who.promote();
-  if (!StackLink::Get().IsAttached(stack)) return;
+  if (!AttachedStack::Get().IsAttached(stack)) return;
   has_died_ = true;
-  hci::ReconsiderProvisioning();
+  hci::AbandonProvisioning();
   hal_->OnStackDied(stack);
 }
 
 BluetoothHci::BluetoothHci() {
+  hci::shim::SetOwner({[] { BtZvkProtocol::GetInstacne()->LpmWakeUp(); },
+                       [] { BtZvkProtocol::GetInstacne()->Shutdown(); }});
   death_recipient_ = new BluetoothDeathRecipient(this);
   activity_watcher_ = ::ndk::SharedRefBase::make<activitywatcher::ControllerActivityWatcher>(this);
   ALOGI("%s", "BluetoothHci");
   activity_watcher_->initialize();
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
-    BeginWork();
-    StartWorker(&BluetoothHci::thread_perform_init);
+    std::thread([self = sp<BluetoothHci>(this),
+                 turn = Lifecycle::Turn(lifecycle_, Lifecycle::State::kComingUp)]() mutable {
+      self->thread_perform_init(std::move(turn));
+    }).detach();
   }
-}
-
-std::shared_ptr<hci::HciFlowControl> BluetoothHci::hci_handle() {
-  std::lock_guard<std::mutex> guard(handle_lock_);
-  return hci_handle_;
-}
-
-void BluetoothHci::set_hci_handle(hci::HciFlowControl* handle) {
-  auto kept = handle == nullptr ? nullptr : handle->shared_from_this();
-  std::lock_guard<std::mutex> guard(handle_lock_);
-  hci_handle_.swap(kept);
 }
 
 Return<void> BluetoothHci::initialize(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
@@ -89,65 +81,48 @@ Return<void> BluetoothHci::initialize_1_1(const sp<V1_1::IBluetoothHciCallbacks>
 void BluetoothHci::initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
                                    const sp<V1_1::IBluetoothHciCallbacks>& cb_1_1) {
   ALOGI("%s", __func__);
-  const DebugAnchor anchor(AnchorType::kInitialize, __func__, DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kInitialize, __func__);
   if (cb == nullptr) {
     ALOGE("cb == nullptr! -> Unable to call initializationComplete(ERR)");
     return;
   }
-  if (!StackLink::Get().Attach(cb, cb_1_1)) {
+  Lifecycle::Initialization initialization(lifecycle_);
+  if (!AttachedStack::Get().Attach(cb, cb_1_1)) {
     ALOGE("%s: already initialized, don't allow multiple initialize the HAL", __func__);
     if (!cb->initializationComplete(Status::INITIALIZATION_ERROR).isOk()) {
       ALOGE("%s: VendorInterface -> Unable to call initializationComplete(ERR)", __func__);
     }
+    if (initialization.End()) close();  // the attached stack's
     return;
   }
-  const uint64_t attachment = CurrentAttachment();
+  attach(cb);
+  if (initialization.End() && AttachedStack::Get().IsAttached(cb)) close();
+}
 
-  std::unique_lock<std::mutex> guard(mutex_);
-  const base::ScopedLockAssertion locked(mutex_);
-  while (workers_ > 0) worker_ended_.wait(guard);
-  BeginBringUp();
+void BluetoothHci::attach(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
+  constexpr char kOperation[] = "initialize_impl";
+  Lifecycle::Turn turn(lifecycle_, Lifecycle::State::kComingUp);
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported() && hci::shim::IsUserialReady()) {
     if (!BtZvkProtocol::GetInstacne()->AcceleratedReset()) {
-      ALOGE("%s: Accelerated Init failed", __func__);
-      DebugCentral::Get().ReportBqrError(BqrErrorCode::HostAccelatedBtInitFailed,
-                                         "Accelerated Init failed");
+      ALOGE("%s: Accelerated Init failed", kOperation);
+      evidence::Report(BqrErrorCode::HostAccelatedBtInitFailed, "Accelerated Init failed");
     }
   } else {
-    perform_init();
+    perform_init(turn);
   }
-  const bool close_wanted = EndBringUp();
   link_to_death(cb);
-  hci::ApplyProvisionBDAddress(hci_handle().get(), [this] { return death_recipient_->has_died(); });
+  hci::ApplyProvisionBDAddress(lifecycle_.hci_handle().get(),
+                               [this] { return death_recipient_->has_died(); });
   if (!cb->initializationComplete(Status::SUCCESS).isOk()) {
     ALOGE("VendorInterface -> Unable to call initializationComplete(ERR)");
-    DebugCentral::Get().UpdateRecord(
-        AnchorType::kCompletionUndelivered,
-        StringPrintf("%s: Unable to call initializationComplete(ERR)", __func__));
+    evidence::Record(AnchorType::kCompletionUndelivered,
+                     StringPrintf("%s: Unable to call initializationComplete(ERR)", kOperation));
   }
   setup_signal_handler();
-  std::thread([self = sp<BluetoothHci>(this), attachment] {
+  std::thread([self = sp<BluetoothHci>(this), attachment = CurrentAttachment()] {
     self->startTavioHalExtensions(attachment);
   }).detach();
   ALOGI("BluetoothHci::initialize() completed");
-  if (close_wanted) close_impl(cb);
-}
-
-void BluetoothHci::BeginBringUp() {
-  std::lock_guard<std::mutex> guard(bring_up_lock_);
-  bringing_up_ = true;
-}
-
-bool BluetoothHci::EndBringUp() {
-  std::lock_guard<std::mutex> guard(bring_up_lock_);
-  bringing_up_ = false;
-  return std::exchange(close_wanted_, false);
-}
-
-bool BluetoothHci::DeferClose() {
-  std::lock_guard<std::mutex> guard(bring_up_lock_);
-  if (bringing_up_) close_wanted_ = true;
-  return bringing_up_;
 }
 
 void BluetoothHci::link_to_death(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
@@ -160,9 +135,8 @@ void BluetoothHci::link_to_death(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
       [cb](sp<BluetoothDeathRecipient>& recipient) {
         if (recipient->has_died()) {
           ALOGI("Skipping unlink call, service died.");
-          DebugCentral::Get().UpdateRecord(
-              AnchorType::kUnlinkSkipped,
-              StringPrintf("%s: Skipping unlink call, service died", "operator()"));
+          evidence::Record(AnchorType::kUnlinkSkipped,
+                           StringPrintf("%s: Skipping unlink call, service died", "operator()"));
         } else {
           (void)cb->unlinkToDeath(recipient).isOk();
         }
@@ -182,7 +156,7 @@ void BluetoothHci::unlink_from_death() {
 }
 
 void BluetoothHci::SendPacket(hci::HciPacketType type, const hidl_vec<uint8_t>& packet) {
-  const std::shared_ptr<hci::HciFlowControl> handle = hci_handle();
+  const std::shared_ptr<hci::HciFlowControl> handle = lifecycle_.hci_handle();
   if (handle == nullptr) return;
   if (!hci::LengthIsRight(type, packet.data(), packet.size())) {
     ALOGW("%s: a packet of type %d with %zu bytes does not have the length in its header, dropped",
@@ -198,45 +172,43 @@ void BluetoothHci::SendPacket(hci::HciPacketType type, const hidl_vec<uint8_t>& 
 }
 
 Return<void> BluetoothHci::sendHciCommand(const hidl_vec<uint8_t>& packet) {
-  const DebugAnchor anchor(AnchorType::kSendHciCommand, CommandText,
-                           {hci::ByteAt(packet, 1), hci::ByteAt(packet, 0), ShownSize(packet)},
-                           DebugCentral::Get());
+  const evidence::ScopedRecord anchor(
+      AnchorType::kSendHciCommand, CommandText,
+      {hci::ByteAt(packet, 1), hci::ByteAt(packet, 0), ShownSize(packet)});
   activity::BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_COMMAND, packet);
   SendPacket(hci::HCI_PACKET_TYPE_COMMAND, packet);
   return Void();
 }
 
 Return<void> BluetoothHci::sendAclData(const hidl_vec<uint8_t>& packet) {
-  const DebugAnchor anchor(AnchorType::kSendAclData, AclText, {ShownSize(packet)},
-                           DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kSendAclData, AclText, {ShownSize(packet)});
   SendPacket(hci::HCI_PACKET_TYPE_ACL_DATA, packet);
   return Void();
 }
 
 Return<void> BluetoothHci::sendScoData(const hidl_vec<uint8_t>& packet) {
-  const DebugAnchor anchor(AnchorType::kSendScoData, ScoText, {ShownSize(packet)},
-                           DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kSendScoData, ScoText, {ShownSize(packet)});
   SendPacket(hci::HCI_PACKET_TYPE_SCO_DATA, packet);
   return Void();
 }
 
 Return<void> BluetoothHci::sendIsoData(const hidl_vec<uint8_t>& packet) {
-  const DebugAnchor anchor(AnchorType::kSendIsoData, IsoText, {ShownSize(packet)},
-                           DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kSendIsoData, IsoText, {ShownSize(packet)});
   SendPacket(hci::HCI_PACKET_TYPE_ISO_DATA, packet);
   return Void();
 }
 
 Return<void> BluetoothHci::close() {
-  // The stack got an event in the middle of its own initialize, and has seen enough.
-  if (DeferClose()) return Void();
-  close_impl(StackLink::Get().g_cb());
+  if (lifecycle_.DeferClose()) return Void();
+  Lifecycle::Turn turn(lifecycle_, Lifecycle::State::kGoingDown);
+  if (turn) close_impl(AttachedStack::Get().g_cb(), std::move(turn));
   return Void();
 }
 
-void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stack) {
-  if (!close_gate_.Enter()) return;
-  DebugCentral::Get().UpdateRecord(AnchorType::kClose, "close");
+void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stack,
+                              Lifecycle::Turn turn) {
+  turn.Become(Lifecycle::State::kGoingDown);
+  evidence::Record(AnchorType::kClose, "close");
   ALOGI("BluetoothHci::close()");
   unlink_from_death();
   stopTavioHalExtensions();
@@ -246,15 +218,13 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stac
       g_thread_role != ThreadRole::kReader) {
     if (!BtZvkProtocol::GetInstacne()->AcceleratedReset()) {
       ALOGE("Accelerated shutdown failed");
-      DebugCentral::Get().ReportBqrError(BqrErrorCode::HostAccelatedBtShutdownFailed,
-                                         "Accelerated shutdown failed");
+      evidence::Report(BqrErrorCode::HostAccelatedBtShutdownFailed, "Accelerated shutdown failed");
     }
   } else {
-    perform_close();
+    perform_close(turn);
   }
-  StackLink::Get().DetachIf(stack);
+  AttachedStack::Get().DetachIf(stack);
   ALOGI("BluetoothHci::close() Done");
-  close_gate_.Leave();
 }
 
 Return<void> BluetoothHci::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& /*options*/) {

@@ -4,15 +4,14 @@
 #include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 
 #include "coex_device.h"
 #include "controller_activity_watcher.h"
-#include "hci_flow_control.h"
-#include "teardown_gate.h"
+#include "hci/packet.h"
+#include "stack/lifecycle.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 
@@ -54,31 +53,24 @@ class BluetoothHci : public IBluetoothHci {
   Return<void> debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) override;
 
   // What the death of the attached stack leaves to do; on the thread that learnt of it.
-  void OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who) EXCLUDES(mutex_);
+  void OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who);
 
  private:
   void initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
-                       const sp<V1_1::IBluetoothHciCallbacks>& cb_1_1) EXCLUDES(mutex_);
+                       const sp<V1_1::IBluetoothHciCallbacks>& cb_1_1);
+  // Brings the controller up for a stack that has been attached.
+  void attach(const sp<V1_0::IBluetoothHciCallbacks>& cb);
   void link_to_death(const sp<V1_0::IBluetoothHciCallbacks>& cb) EXCLUDES(link_lock_);
   void unlink_from_death() EXCLUDES(link_lock_);
 
-  void perform_init() REQUIRES(mutex_);
-  void perform_close();
+  void perform_init(Lifecycle::Turn& turn);
+  void perform_close(Lifecycle::Turn& turn);
   void close_hci();
-  void thread_perform_init() EXCLUDES(mutex_);
-  void thread_perform_reinit() EXCLUDES(mutex_);
+  void thread_perform_init(Lifecycle::Turn turn);
+  void thread_perform_reinit(Lifecycle::Turn turn);
   // Tears down, or resets the controller that stays up, and detaches stack, unless another one has
   // come in its place.
-  void close_impl(const sp<::android::hidl::base::V1_0::IBase>& stack);
-  // Brackets the bring-up for a stack. A close() that comes meanwhile waits for its end.
-  void BeginBringUp() EXCLUDES(bring_up_lock_);
-  bool EndBringUp() EXCLUDES(bring_up_lock_);  // returns whether one came
-  bool DeferClose() EXCLUDES(bring_up_lock_);
-  // Brackets work that initialize() waits for.
-  void BeginWork() EXCLUDES(mutex_);
-  void EndWork() EXCLUDES(mutex_);
-  // Runs work, which has begun, on a detached thread.
-  void StartWorker(void (BluetoothHci::*work)()) EXCLUDES(mutex_);
+  void close_impl(const sp<::android::hidl::base::V1_0::IBase>& stack, Lifecycle::Turn turn);
   bool open_coex_dev();
   void resetBtCallback();
   void startTavioHalExtensions(uint64_t attachment) EXCLUDES(extensions_lock_);
@@ -91,22 +83,9 @@ class BluetoothHci : public IBluetoothHci {
   void HandleTermination(int signum);
 
   void SendPacket(hci::HciPacketType type, const hidl_vec<uint8_t>& packet);
-  std::shared_ptr<hci::HciFlowControl> hci_handle() EXCLUDES(handle_lock_);
-  void set_hci_handle(hci::HciFlowControl* handle) EXCLUDES(handle_lock_);
 
-  std::mutex handle_lock_;                                                    // a leaf
-  std::shared_ptr<hci::HciFlowControl> hci_handle_ GUARDED_BY(handle_lock_);  // null: down
+  Lifecycle lifecycle_;
   coex_device::CoexDevice coex_device_;
-
-  std::mutex mutex_;  // one bring-up at a time
-  std::condition_variable worker_ended_;
-  int workers_ GUARDED_BY(mutex_) = 0;
-
-  std::mutex bring_up_lock_;  // a leaf
-  bool bringing_up_ GUARDED_BY(bring_up_lock_) = false;
-  bool close_wanted_ GUARDED_BY(bring_up_lock_) = false;
-
-  TeardownGate close_gate_;
   sp<BluetoothDeathRecipient> death_recipient_;
   std::mutex link_lock_;  // a leaf
   std::function<void(sp<BluetoothDeathRecipient>&)> unlink_cb_ GUARDED_BY(link_lock_);

@@ -18,7 +18,7 @@
 #include "conf.h"
 #include "debug_central.h"
 #include "extensions.h"
-#include "stack_link.h"
+#include "stack/attached_stack.h"
 #include "transport_shim.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
@@ -31,7 +31,6 @@ using debug::AnchorFormatter;
 using debug::AnchorType;
 using debug::AnchorValues;
 using debug::BqrErrorCode;
-using debug::DebugAnchor;
 using debug::DebugCentral;
 using ::hardware::nuvexa::bluetooth::ewp::V1_0::implementation::BluetoothEwp;
 
@@ -62,51 +61,47 @@ AnchorValues SizeOf(const hidl_vec<uint8_t>& packet) {
 // The four functions that the transport calls for the controller's packets, on the reader thread.
 
 void OnEvent(const hidl_vec<uint8_t>& event) {
-  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
   if (cb == nullptr) {
     ALOGW("hciEvent: g_cb == nullptr");
     return;
   }
-  const DebugAnchor anchor(AnchorType::kHciEventReceived, EventText, SizeOf(event),
-                           DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kHciEventReceived, EventText, SizeOf(event));
   BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_EVENT, event);
   if (!cb->hciEventReceived(event).isOk()) ALOGW("Unable to callback hciEvent to Stack");
 }
 
 void OnAclData(const hidl_vec<uint8_t>& data) {
-  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
   if (cb == nullptr) {
     ALOGW("aclData: g_cb == nullptr");
     return;
   }
-  const DebugAnchor anchor(AnchorType::kAclDataReceived, AclText, SizeOf(data),
-                           DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kAclDataReceived, AclText, SizeOf(data));
   BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_ACL_DATA, data);
   BluetoothEwp::PrintEwpLogging(kEwpAcl, data);
   if (!cb->aclDataReceived(data).isOk()) ALOGW("Unable to callback aclData to Stack");
 }
 
 void OnScoData(const hidl_vec<uint8_t>& data) {
-  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
   if (cb == nullptr) {
     ALOGW("scoData: g_cb == nullptr");
     return;
   }
-  const DebugAnchor anchor(AnchorType::kScoDataReceived, ScoText, SizeOf(data),
-                           DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kScoDataReceived, ScoText, SizeOf(data));
   if (!cb->scoDataReceived(data).isOk()) ALOGW("Unable to callback scoData to Stack");
 }
 
 void OnIsoData(const hidl_vec<uint8_t>& data) {
-  if (StackLink::Get().g_cb() == nullptr) {
+  if (AttachedStack::Get().g_cb() == nullptr) {
     ALOGW("isoData: g_cb == nullptr");
     return;
   }
-  const DebugAnchor anchor(AnchorType::kIsoDataReceived, IsoText, SizeOf(data),
-                           DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kIsoDataReceived, IsoText, SizeOf(data));
   BluetoothEwp::PrintEwpLogging(kEwpIso, data);
   // Null for a stack that attached through 1.0, which knows no ISO data.
-  const StackLink::Callbacks1_1 cb = StackLink::Get().g_cb_1_1();
+  const AttachedStack::Callbacks1_1 cb = AttachedStack::Get().g_cb_1_1();
   if (cb == nullptr || !cb->isoDataReceived(data).isOk()) {
     ALOGW("Unable to callback isoData to Stack");
   }
@@ -114,7 +109,7 @@ void OnIsoData(const hidl_vec<uint8_t>& data) {
 
 // Takes the events that the diagnostics make themselves.
 void notify_cb(const hidl_vec<uint8_t>& event) {
-  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
   if (cb == nullptr) {
     ALOGW("%s: g_cb == nullptr", __func__);
     return;
@@ -127,7 +122,7 @@ void notify_cb(const hidl_vec<uint8_t>& event) {
 // What a failed bring-up leaves to do: tells the stack, or, without one, ends the process.
 // undelivered: the record when the stack cannot be told; null for none.
 void ReportFailedInit(const char* kill_line, const char* undelivered) {
-  const StackLink::Callbacks1_0 cb = StackLink::Get().g_cb();
+  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
   if (cb == nullptr) {
     ALOGE("%s", kill_line);
     kill(getpid(), SIGKILL);
@@ -136,47 +131,30 @@ void ReportFailedInit(const char* kill_line, const char* undelivered) {
   if (cb->initializationComplete(Status::INITIALIZATION_ERROR).isOk()) return;
   ALOGE("VendorInterface -> Unable to call initializationComplete(ERR)");
   if (undelivered != nullptr) {
-    DebugCentral::Get().UpdateRecord(AnchorType::kCompletionUndelivered, undelivered);
+    evidence::Record(AnchorType::kCompletionUndelivered, undelivered);
   }
 }
 
 }  // namespace
 
-void BluetoothHci::BeginWork() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  ++workers_;
-}
-
-void BluetoothHci::EndWork() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  --workers_;
-  worker_ended_.notify_all();
-}
-
-void BluetoothHci::StartWorker(void (BluetoothHci::*work)()) {
-  std::thread([self = sp<BluetoothHci>(this), work] {
-    ((*self).*work)();
-    self->EndWork();
-  }).detach();
-}
-
-// The work begins before the stack is detached, so that the next one waits for its end.
+// The turn begins before the stack is detached: the next one waits for its end.
 void BluetoothHci::OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who) {
-  BeginWork();
-  if (StackLink::Get().DetachIf(who)) {
-    if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
-      StartWorker(&BluetoothHci::thread_perform_reinit);
-      return;
-    }
-    close_impl(who);
+  Lifecycle::Turn turn(lifecycle_, Lifecycle::State::kDead);
+  if (!AttachedStack::Get().DetachIf(who)) return;
+  if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
+    std::thread([self = sp<BluetoothHci>(this), turn = std::move(turn)]() mutable {
+      self->thread_perform_reinit(std::move(turn));
+    }).detach();
+  } else {
+    close_impl(who, std::move(turn));
   }
-  EndWork();
 }
 
-void BluetoothHci::perform_init() {
+void BluetoothHci::perform_init(Lifecycle::Turn& turn) {
+  turn.Become(Lifecycle::State::kComingUp);
   ALOGI("%s", __func__);
-  const DebugAnchor anchor(AnchorType::kPerformInit, __func__, DebugCentral::Get());
-  if (hci_handle() != nullptr) {
+  const evidence::ScopedRecord anchor(AnchorType::kPerformInit, __func__);
+  if (lifecycle_.hci_handle() != nullptr) {
     ALOGE("%s: hci_handle != nullptr! -> Double attempt to initialize the HAL", __func__);
     ReportFailedInit("perform_init: Calling kill due to error", nullptr);
     return;
@@ -184,31 +162,30 @@ void BluetoothHci::perform_init() {
   DebugCentral::Get().SetEventSink(notify_cb);
   if (!open_coex_dev()) {
     ALOGE("Failed to open coex device");
-    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostCoexDeviceOpenError,
-                                       "Can't open coex device");
+    evidence::Report(BqrErrorCode::HostCoexDeviceOpenError, "Can't open coex device");
   }
-  hci::HciFlowControl* handle =
+  const std::shared_ptr<hci::HciFlowControl> handle =
       hci::shim::InitializeHciHandle(OnEvent, OnAclData, OnScoData, OnIsoData);
-  set_hci_handle(handle);
+  lifecycle_.set_hci_handle(handle);
   if (handle == nullptr) {
     ReportFailedInit("InitializeHciHandle failed, calling kill", nullptr);
-    StackLink::Get().Detach();
+    AttachedStack::Get().Detach();
     return;
   }
-  DebugCentral::Get().StartMonitor(handle);
-  if (BtZvkProtocol::GetInstacne()->Initialize(handle)) {
+  DebugCentral::Get().StartMonitor(handle.get());
+  if (BtZvkProtocol::GetInstacne()->Initialize(handle.get())) {
     const std::string text = StringPrintf("%s: BTZVK controller is ready", __func__);
     ALOGI("%s", text.c_str());
-    DebugCentral::Get().UpdateRecord(AnchorType::kControllerReady, text);
+    evidence::Record(AnchorType::kControllerReady, text);
     return;
   }
   ALOGE("Initialize() failed");
   DebugCentral::Get().StopMonitor();
   hci::shim::Deinitialize();
-  set_hci_handle(nullptr);
+  lifecycle_.set_hci_handle(nullptr);
   ReportFailedInit("Calling kill due to an error",
                    "perform_init: Unable to call initializationComplete(ERR)");
-  StackLink::Get().Detach();
+  AttachedStack::Get().Detach();
   coex_device_.DeviceClose();
 }
 
@@ -223,9 +200,9 @@ bool BluetoothHci::open_coex_dev() {
     std::this_thread::sleep_for(kCoexRetryPause);
   }
   ALOGI("%s: return ret (%d), count:%d", __func__, opened ? 1 : 0, failures);
-  DebugCentral::Get().UpdateRecord(AnchorType::kCoexOpenTried,
-                                   StringPrintf("%s, open the coex device (%s), count:%d", __func__,
-                                                opened ? "Success" : "Failed", failures));
+  evidence::Record(AnchorType::kCoexOpenTried,
+                   StringPrintf("%s, open the coex device (%s), count:%d", __func__,
+                                opened ? "Success" : "Failed", failures));
   return opened;
 }
 
@@ -235,41 +212,34 @@ void BluetoothHci::close_hci() {
   DebugCentral::Get().StopMonitor();
   hci::shim::Deinitialize();
   ALOGI("%s: hci_handle_ = nullptr", "closeHci");
-  set_hci_handle(nullptr);
+  lifecycle_.set_hci_handle(nullptr);
 }
 
-void BluetoothHci::perform_close() {
-  DebugCentral::Get().UpdateRecord(AnchorType::kPerformClose, __func__);
+void BluetoothHci::perform_close(Lifecycle::Turn& turn) {
+  turn.Become(Lifecycle::State::kGoingDown);
+  evidence::Record(AnchorType::kPerformClose, __func__);
   ALOGI("%s", __func__);
   close_hci();
   coex_device_.DeviceClose();
 }
 
-void BluetoothHci::thread_perform_init() {
-  DebugCentral::Get().UpdateRecord(AnchorType::kThreadPerformInit, __func__);
+void BluetoothHci::thread_perform_init(Lifecycle::Turn turn) {
+  evidence::Record(AnchorType::kThreadPerformInit, __func__);
   ALOGI("%s", __func__);
-  std::lock_guard<std::mutex> guard(mutex_);
-  close_gate_.Enter();  // a close() now would reset the controller in the middle of its bring-up
-  perform_init();
-  close_gate_.Leave();
+  perform_init(turn);
 }
 
-void BluetoothHci::thread_perform_reinit() {
-  DebugCentral::Get().UpdateRecord(AnchorType::kThreadPerformReinit, __func__);
+void BluetoothHci::thread_perform_reinit(Lifecycle::Turn turn) {
+  evidence::Record(AnchorType::kThreadPerformReinit, __func__);
   ALOGI("%s", __func__);
-  std::lock_guard<std::mutex> guard(mutex_);
-  // A close() that the stack asked for before it died may still be under way, or come late.
-  close_gate_.Enter();
   stopTavioHalExtensions();
-  perform_close();
-  perform_init();
-  close_gate_.Leave();
+  perform_close(turn);
+  perform_init(turn);
 }
 
 void BluetoothHci::resetBtCallback() {
   ALOGE("%s called", __func__);
-  DebugCentral::Get().UpdateRecord(AnchorType::kBigHammer,
-                                   StringPrintf("%s Big Hammer Occurred", __func__));
+  evidence::Record(AnchorType::kBigHammer, StringPrintf("%s Big Hammer Occurred", __func__));
   close_hci();
 }
 
@@ -282,7 +252,7 @@ void BluetoothHci::startTavioHalExtensions(uint64_t attachment) {
   std::lock_guard<std::mutex> guard(extensions_lock_);
   if (attachment != attachment_) return;
   ALOGI("%s: Enable Bluetooth HAL Extensions", __func__);
-  const std::shared_ptr<hci::HciFlowControl> handle = hci_handle();
+  const std::shared_ptr<hci::HciFlowControl> handle = lifecycle_.hci_handle();
   if (handle == nullptr) {
     ALOGW("%s: Bluetooth is not up, nothing to enable", __func__);
     return;
@@ -291,9 +261,8 @@ void BluetoothHci::startTavioHalExtensions(uint64_t attachment) {
   handle->RegisterEventWatcher(activity_watcher_.get());
   if (!activity_watcher_->startWatcher()) {
     ALOGW("ActivityWatcher registering failure");
-    DebugCentral::Get().UpdateRecord(
-        AnchorType::kActivityWatcherFailed,
-        StringPrintf("%s: ActivityWatcher registering failure", __func__));
+    evidence::Record(AnchorType::kActivityWatcherFailed,
+                     StringPrintf("%s: ActivityWatcher registering failure", __func__));
   }
 }
 
@@ -303,7 +272,7 @@ void BluetoothHci::stopTavioHalExtensions() {
   ALOGI("%s: Disable Bluetooth HAL Extensions", __func__);
   DisableExtensions();
   if (!activity_watcher_->stopWatcher()) ALOGW("ActivityWatcher unregistering failure");
-  const std::shared_ptr<hci::HciFlowControl> handle = hci_handle();
+  const std::shared_ptr<hci::HciFlowControl> handle = lifecycle_.hci_handle();
   if (handle != nullptr) handle->UnregisterEventWatcher(activity_watcher_.get());
 }
 
@@ -343,7 +312,7 @@ void BluetoothHci::HandleTermination(int signum) {
   ALOGW("%s: Caught Signal! signum: %d", "signal_handler", signum);
   BtZvkProtocol::GetInstacne()->Shutdown();
   hci::shim::Deinitialize();
-  set_hci_handle(nullptr);
+  lifecycle_.set_hci_handle(nullptr);
 }
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux

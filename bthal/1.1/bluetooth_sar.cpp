@@ -9,7 +9,7 @@
 #include <string>
 
 #include "conf.h"
-#include "hci_packet.h"
+#include "hci/packet.h"
 
 namespace hardware::nuvexa::bluetooth::sar::V1_1::implementation {
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <vector>
 
-#include "extension_command.h"
+#include "extension/extension_command.h"
 
 namespace hardware::nuvexa::bluetooth::sar::V1_1::implementation {
 

@@ -4,7 +4,7 @@
 
 #include <android-base/logging.h>
 
-#include "hci_packet.h"
+#include "hci/packet.h"
 
 namespace hardware::nuvexa::bluetooth::bt_channel_avoidance::V1_0::implementation {
 

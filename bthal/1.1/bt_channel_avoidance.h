@@ -2,7 +2,7 @@
 
 #include <hardware/nuvexa/bluetooth/bt_channel_avoidance/1.0/IBTChannelAvoidance.h>
 
-#include "extension_command.h"
+#include "extension/extension_command.h"
 
 namespace hardware::nuvexa::bluetooth::bt_channel_avoidance::V1_0::implementation {
 

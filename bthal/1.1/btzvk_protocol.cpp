@@ -6,21 +6,24 @@
 #include <android-base/stringprintf.h>
 #include <log/log.h>
 
+#include <chrono>
 #include <functional>
+#include <thread>
 
-#include "btzvk_command.h"
-#include "debug_central.h"
+#include "base/wake_lock.h"
+#include "bluetooth_Activity.h"
+#include "bring_up/btzvk_command.h"
+#include "bring_up/firmware_download.h"
+#include "conf.h"
+#include "evidence/report.h"
 #include "transport_shim.h"
-#include "wake_lock.h"
 
 namespace android::hardware::bluetooth {
 namespace {
 
 using ::android::base::StringPrintf;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::BqrErrorCode;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugAnchor;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using evidence::AnchorType;
+using evidence::BqrErrorCode;
 
 constexpr uint16_t kOpcodeReset = 0x0C03;
 constexpr uint16_t kOpcodeReadLocalName = 0x0C14;
@@ -31,9 +34,8 @@ constexpr uint16_t kOpcodeReadVerboseConfig = 0xFC79;
 // Return parameters of a Command Complete begin behind its status.
 constexpr size_t kReturnParameters = 6;
 
-void Record(AnchorType type, const std::string& text) {
-  DebugCentral::Get().UpdateRecord(type, text);
-}
+// What the firmware takes from its start to its first answer.
+constexpr std::chrono::milliseconds kFirmwareStartTime{500};
 
 bool IsSupported(UartBaudRate rate) {
   switch (rate) {
@@ -52,6 +54,12 @@ BtZvkProtocol* BtZvkProtocol::GetInstacne() {
   static auto* instance = new BtZvkProtocol;
   return instance;
 }
+
+BtZvkProtocol::BtZvkProtocol()
+    : low_power_(hci::shim::OpenTransport, [](const LowPower::Awake& awake) {
+        V1_1::zvkbtlinux::activity::BtActivitiesLogger::GetInstacne()->UpdateBthalWakelockStat(
+            {awake.wake_time, awake.sleep_time, awake.duration_ms, awake.transmissions});
+      }) {}
 
 std::shared_ptr<hci::HciFlowControl> BtZvkProtocol::flow() {
   std::lock_guard<std::mutex> guard(lock_);
@@ -73,7 +81,7 @@ uint8_t BtZvkProtocol::send_and_wait(uint16_t opcode, uint8_t length, const uint
 }
 
 bool BtZvkProtocol::Initialize(hci::HciFlowControl* flow) {
-  Record(AnchorType::kProtocolInitialize, "Initialize");
+  evidence::Record(AnchorType::kProtocolInitialize, "Initialize");
   {
     std::lock_guard<std::mutex> guard(lock_);
     flow_ = flow->shared_from_this();
@@ -81,8 +89,9 @@ bool BtZvkProtocol::Initialize(hci::HciFlowControl* flow) {
   if (hci::shim::IsUserialAutoInit()) {
     const uint32_t type = hci::shim::GetUserialType();
     LOG(INFO) << __func__ << ": Do no-op for USERIAL ( " << type << " )";
-    Record(AnchorType::kAutoInit,
-           StringPrintf("%s: HCI_UART driver (%u) handles BTZVK protocol", __func__, type));
+    evidence::Record(
+        AnchorType::kAutoInit,
+        StringPrintf("%s: HCI_UART driver (%u) handles BTZVK protocol", __func__, type));
     return true;
   }
 
@@ -107,13 +116,13 @@ bool BtZvkProtocol::Initialize(hci::HciFlowControl* flow) {
   for (const auto& step : steps) {
     if (step.run()) continue;
     Shutdown();
-    DebugCentral::Get().ReportBqrError(step.error, step.reason);
+    evidence::Report(step.error, step.reason);
     return false;
   }
   if (!read_local_name()) {
     LOG(WARNING) << __func__ << ": Unable to get local name information";
-    Record(AnchorType::kLocalNameFailed,
-           StringPrintf("%s: Unable to get local name information", __func__));
+    evidence::Record(AnchorType::kLocalNameFailed,
+                     StringPrintf("%s: Unable to get local name information", __func__));
   }
   lpm_setup();
   WakeLock::Get().Release();
@@ -142,12 +151,12 @@ uint8_t BtZvkProtocol::read_btzvk_chip_id() {
   }
   const uint8_t id = hci::ByteAt(btzvk_last_completion(), kReturnParameters);
   LOG(INFO) << __func__ << ": " << static_cast<int>(id);
-  Record(AnchorType::kChipId, StringPrintf("btzvk_reset, chip_id: %u", id));
+  evidence::Record(AnchorType::kChipId, StringPrintf("btzvk_reset, chip_id: %u", id));
   return id;
 }
 
 bool BtZvkProtocol::btzvk_reset() {
-  const DebugAnchor anchor(AnchorType::kReset, __func__, DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kReset, __func__);
   if (!hci::shim::IsUserialReady()) {
     LOG(ERROR) << __func__ << ": Userial port is not ready";
     return false;
@@ -160,7 +169,7 @@ bool BtZvkProtocol::btzvk_reset() {
 }
 
 bool BtZvkProtocol::baudrate_change(UartBaudRate rate, bool skip_command) {
-  const DebugAnchor anchor(AnchorType::kBaudrateChange, __func__, DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kBaudrateChange, __func__);
   if (!hci::shim::IsUserialReady()) {
     LOG(ERROR) << __func__ << ": Userial port is not ready";
     return false;
@@ -185,8 +194,9 @@ bool BtZvkProtocol::baudrate_change(UartBaudRate rate, bool skip_command) {
     const uint8_t status = send_and_wait(kOpcodeUpdateBaudRate, sizeof params, params);
     if (status != 0) {
       LOG(ERROR) << __func__ << ": Update Baud Rate command failed: " << static_cast<int>(status);
-      Record(AnchorType::kBaudrateFailed,
-             StringPrintf("%s: Update Baud Rate command failed: 0x%2X", __func__, status));
+      evidence::Record(
+          AnchorType::kBaudrateFailed,
+          StringPrintf("%s: Update Baud Rate command failed: 0x%2X", __func__, status));
       return false;
     }
   }
@@ -195,8 +205,26 @@ bool BtZvkProtocol::baudrate_change(UartBaudRate rate, bool skip_command) {
   return true;
 }
 
+bool BtZvkProtocol::firmware_download() {
+  constexpr char kOperation[] = "firmware_download";
+  const evidence::ScopedRecord anchor(AnchorType::kFirmwareDownload, kOperation);
+  if (!hci::shim::IsUserialReady()) {
+    LOG(ERROR) << kOperation << ": Userial is not ready";
+    return false;
+  }
+  const std::shared_ptr<hci::HciFlowControl> flow = this->flow();
+  const bool fast_allowed = conf::Config::GetInstance()->GetFastDownloadState();
+  if (!FirmwareDownload(flow.get(), chip_id(), fast_allowed).Run()) return false;
+  // The controller starts again at its default speed: only the host's side is switched.
+  baudrate_change(UartBaudRate::kRate115200, true);
+  std::this_thread::sleep_for(kFirmwareStartTime);
+  LOG(INFO) << kOperation << ": Done";
+  evidence::Record(AnchorType::kDownloadDone, StringPrintf("%s: Done", kOperation));
+  return true;
+}
+
 bool BtZvkProtocol::read_local_name() {
-  const DebugAnchor anchor(AnchorType::kReadLocalName, __func__, DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kReadLocalName, __func__);
   constexpr char kOperation[] = "btzvk_read_local_name";
   ALOGI("%s", kOperation);
   const uint8_t status = send_and_wait(kOpcodeReadLocalName);
@@ -225,7 +253,7 @@ void BtZvkProtocol::lpm_setup() {
 
 void BtZvkProtocol::Shutdown() {
   ALOGI("%s", __func__);
-  Record(AnchorType::kShutdown, __func__);
+  evidence::Record(AnchorType::kShutdown, __func__);
   {
     std::lock_guard<std::mutex> guard(lock_);
     flow_.reset();

@@ -6,9 +6,9 @@
 #include <mutex>
 #include <string>
 
+#include "base/uart_baud_rate.h"
+#include "bring_up/low_power.h"
 #include "hci_flow_control.h"
-#include "low_power.h"
-#include "uart_baud_rate.h"
 
 namespace android::hardware::bluetooth {
 
@@ -32,14 +32,11 @@ class BtZvkProtocol {
   std::string LocalName() EXCLUDES(lock_);
 
  private:
-  BtZvkProtocol() = default;
+  BtZvkProtocol();
 
   bool btzvk_reset();
   bool baudrate_change(UartBaudRate rate, bool skip_command);
   bool firmware_download();
-  bool send_firmware_records(const std::string& path);
-  bool decide_fast_download(uint8_t chip_id);
-  bool enable_fast_download();
   bool read_local_name();
   void lpm_setup();
   bool send_hci_reset();

@@ -18,18 +18,17 @@
 #include <condition_variable>
 #include <cstring>
 
-#include "debug_central.h"
-#include "thread_role.h"
-#include "timer.h"
+#include "base/thread_role.h"
+#include "base/timer.h"
+#include "evidence/report.h"
 
 namespace android::hardware::bluetooth::coex_device {
 namespace {
 
 using ::android::base::StringPrintf;
 using ::android::base::unique_fd;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::BqrErrorCode;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using evidence::AnchorType;
+using evidence::BqrErrorCode;
 
 constexpr char kDevice[] = "/dev/wbrc";
 constexpr char kThreadName[] = "BT_COEX_THREAD";
@@ -45,10 +44,6 @@ constexpr uint8_t kAcknowledgement[] = {0x02, 0x02, 0x04, 0x81};
 // The thread is asked to leave by a signal after the first, and let go after the second.
 constexpr std::chrono::seconds kCloseTimeout{1};
 constexpr std::chrono::seconds kLetGoTimeout{2};
-
-void Record(AnchorType type, const std::string& text) {
-  DebugCentral::Get().UpdateRecord(type, text);
-}
 
 thread_local volatile sig_atomic_t t_asked_to_exit = 0;
 
@@ -152,8 +147,8 @@ int CoexDevice::Poller::ReadEvent() {
     WriteEvent(kAcknowledgement, sizeof kAcknowledgement);
   }
   DeviceClose();
-  DebugCentral::Get().ReportBqrError(BqrErrorCode::SocBigHammerFault,
-                                     "restart bt due to receiving Big Hammer Event!");
+  evidence::Report(BqrErrorCode::SocBigHammerFault,
+                   "restart bt due to receiving Big Hammer Event!");
   return 0;
 }
 
@@ -179,7 +174,7 @@ void CoexDevice::PollEventThread(const std::shared_ptr<Poller>& poller) {
   poller->PollLoop();
   poller->coex_fd.reset();
   ALOGI("%s: Thread done", __func__);
-  Record(AnchorType::kCoexThreadDone, StringPrintf("%s, Thread done", __func__));
+  evidence::Record(AnchorType::kCoexThreadDone, StringPrintf("%s, Thread done", __func__));
 }
 
 void CoexDevice::Poller::PollLoop() {
@@ -207,14 +202,15 @@ void CoexDevice::Poller::PollLoop() {
     }
     if (fds[1].revents != 0) {
       ALOGI("%s: socket event", kOperation);
-      Record(AnchorType::kCoexSocketEvent, StringPrintf("%s, socket event", kOperation));
+      evidence::Record(AnchorType::kCoexSocketEvent, StringPrintf("%s, socket event", kOperation));
     }
   }
 }
 
 void CoexDevice::Poller::coex_close_timeout() {
   ALOGE("coex_close_timeout");
-  Record(AnchorType::kCoexThreadStuck, StringPrintf("%s: PollEventThread Stuck!", __func__));
+  evidence::Record(AnchorType::kCoexThreadStuck,
+                   StringPrintf("%s: PollEventThread Stuck!", __func__));
   std::lock_guard<std::mutex> guard(lock);
   if (alive) pthread_kill(thread, SIGUSR1);
 }
@@ -251,14 +247,16 @@ bool CoexDevice::Poller::ClosePollThread() {
     }
   }
   ALOGI("%s: close socket fds_1", __func__);
-  Record(AnchorType::kCoexSocket1Closed, StringPrintf("%s, close socket fds_1", __func__));
+  evidence::Record(AnchorType::kCoexSocket1Closed,
+                   StringPrintf("%s, close socket fds_1", __func__));
   {
     std::lock_guard<std::mutex> guard(lock);
     break_sockets[1].reset();
   }
   // The first socket is being polled: it is closed with the poller.
   ALOGI("%s: close socket fds_0", __func__);
-  Record(AnchorType::kCoexSocket0Closed, StringPrintf("%s, close socket fds_0", __func__));
+  evidence::Record(AnchorType::kCoexSocket0Closed,
+                   StringPrintf("%s, close socket fds_0", __func__));
   ALOGI("%s: pthread_join", __func__);
   return own_thread || JoinOrLetGo();
 }
@@ -317,7 +315,8 @@ bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms)
     ALOGE("%s: pthread_create error: %s", "CreateThread", strerror(error));
   }
   ALOGI("%s return upon created fd: %d", __func__, fd);
-  Record(AnchorType::kCoexOpened, StringPrintf("%s return upon created fd: %d", __func__, fd));
+  evidence::Record(AnchorType::kCoexOpened,
+                   StringPrintf("%s return upon created fd: %d", __func__, fd));
   return true;
 }
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <system_error>
 
-#include "hci_packet.h"
+#include "hci/packet.h"
 
 namespace android::hardware::bluetooth::activitywatcher {
 namespace {

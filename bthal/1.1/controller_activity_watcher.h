@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "hci_event_watcher.h"
+#include "hci/event_watcher.h"
 
 namespace android::hardware::bluetooth::activitywatcher {
 

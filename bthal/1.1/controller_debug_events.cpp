@@ -13,8 +13,8 @@
 
 #include "bluetooth_bqr.h"
 #include "debug_central.h"
-#include "debug_files.h"
-#include "hci_packet.h"
+#include "evidence/debug_files.h"
+#include "hci/packet.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 namespace {

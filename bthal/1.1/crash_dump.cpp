@@ -14,7 +14,7 @@
 #include <cstring>
 
 #include "debug_central.h"
-#include "debug_files.h"
+#include "evidence/debug_files.h"
 #include "transport_shim.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
@@ -78,7 +78,7 @@ void DebugCentral::write_core_dump(int fd, const std::string& reason,
   base::WriteStringToFd("DUMP REASON: " + reason + " - occurred at " + timestamp + "\n", fd);
   dump_hal_log(fd);
   ALOGI("start_crash_dump: Request to get Transport Layer Debug Dump");
-  hci::shim::GetTlDebugDump(fd, uart_debug_port(), kLpmLogBuffer);
+  hci::shim::GetTlDebugDump(fd, UartDebugPort(), kLpmLogBuffer);
 }
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug

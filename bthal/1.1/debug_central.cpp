@@ -17,8 +17,8 @@
 #include "bluetooth_bqr.h"
 #include "btzvk_protocol.h"
 #include "debug_event_watcher.h"
-#include "debug_files.h"
-#include "hci_packet.h"
+#include "evidence/debug_files.h"
+#include "hci/packet.h"
 #include "stack_trace_helper.h"
 #include "transport_shim.h"
 
@@ -136,36 +136,16 @@ bool DebugCentral::IsControllerDebugDumpOpcode(const hidl_vec<uint8_t>& command)
   return command.size() >= 2 && hci::Le16At(command, 0) == kOpcodeDebugDump;
 }
 
-void DebugCentral::SetBtUartDebugPort(const std::string& uart_port) {
-  if (uart_port.empty()) {
-    ALOGE("%s: uart port is empty!", __func__);
-    return;
-  }
-  const size_t digit = uart_port.find_first_of("0123456789");
-  if (digit == std::string::npos) {
-    ALOGE("%s: cannot found uart port!", __func__);
-    return;
-  }
-  RecursiveLock guard(lock_);
-  uart_debug_port_ = "/dev/logbuffer_tty" + uart_port.substr(digit);
-  ALOGI("%s: serial debug port: %s", __func__, uart_debug_port_.c_str());
-}
-
-std::string DebugCentral::uart_debug_port() {
-  RecursiveLock guard(lock_);
-  return uart_debug_port_;
-}
-
 void DebugCentral::dump_hal_log(int fd) {
   const std::string rule = std::string(kRule) + "\n";
   std::string text = rule + "Controller Firmware Information\n" + rule;
   text += BtZvkProtocol::GetInstacne()->LocalName() + "\n" + rule;
   text += "Anchors' Last Appear\n" + rule;
-  for (const AnchorRecords::Line& line : records_.LastAppearances()) {
+  for (const AnchorRecords::Line& line : Records().LastAppearances()) {
     text += "Timestamp of " + line.text + ": " + line.timestamp + "\n";
   }
   text += rule + "Anchors' History\n" + rule;
-  for (const AnchorRecords::Line& line : records_.History()) {
+  for (const AnchorRecords::Line& line : Records().History()) {
     text += line.timestamp + ": " + line.text + "\n";
   }
   base::WriteStringToFd(text, fd);
@@ -173,8 +153,8 @@ void DebugCentral::dump_hal_log(int fd) {
 
 void DebugCentral::Dump(int fd) {
   dump_hal_log(fd);
-  if (hci::shim::GetUserialType() != hci::shim::kUserialCoProcessor) {
-    dump_debugfs_to_fd(fd, uart_debug_port());
+  if (hci::shim::GetUserialType() != hci::kUserialCoProcessor) {
+    dump_debugfs_to_fd(fd, UartDebugPort());
     dump_debugfs_to_fd(fd, kLpmLogBuffer);
   }
   collect_sscd_logs(fd, kCrashInfoPrefix, kDumpDirectory);
@@ -205,23 +185,8 @@ void DebugCentral::ReportBqrError(BqrErrorCode code, const std::string& extra) {
   }
 }
 
-DebugAnchor::DebugAnchor(AnchorType type, const std::string& name, DebugCentral& central)
-    : central_(central), name_(name), type_(type) {
-  central_.UpdateRecord(type_, name_ + " [ IN]");
-}
-
-DebugAnchor::DebugAnchor(AnchorType type, AnchorFormatter formatter, const AnchorValues& values,
-                         DebugCentral& central)
-    : central_(central), type_(type), formatter_(formatter), values_(values) {
-  central_.UpdateRecord(type_, formatter_, values_, " [ IN]");
-}
-
-DebugAnchor::~DebugAnchor() {
-  if (formatter_ != nullptr) {
-    central_.UpdateRecord(ExitOf(type_), formatter_, values_, " [OUT]");
-  } else if (!name_.empty()) {
-    central_.UpdateRecord(ExitOf(type_), name_ + " [OUT]");
-  }
+void Report(BqrErrorCode code, const std::string& why) {
+  DebugCentral::Get().ReportBqrError(code, why);
 }
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug

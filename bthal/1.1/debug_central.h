@@ -10,9 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "anchor_records.h"
-#include "bqr_error_code.h"
-#include "recursive_mutex.h"
+#include "base/recursive_mutex.h"
+#include "evidence/debug_files.h"
+#include "evidence/record.h"
+#include "evidence/report.h"
 
 namespace android::hardware::bluetooth::hci {
 class HciFlowControl;
@@ -30,12 +31,7 @@ class DebugCentral {
 
   static DebugCentral& Get();
 
-  void UpdateRecord(AnchorType type, const std::string& text) { records_.Add(type, text); }
-  // For the hot path: the text is made when the record is read.
-  void UpdateRecord(AnchorType type, AnchorFormatter formatter, const AnchorValues& values,
-                    const char* suffix) {
-    records_.Add(type, formatter, values, suffix);
-  }
+  void UpdateRecord(AnchorType type, const std::string& text) { Record(type, text); }
 
   // Where events that the hub makes itself go: the stack.
   void SetEventSink(EventSink sink) EXCLUDES(lock_);
@@ -48,17 +44,14 @@ class DebugCentral {
   // Whether a command packet is the controller's debug dump command, which is not answered.
   bool IsControllerDebugDumpOpcode(const hidl_vec<uint8_t>& command) const;
 
-  // Remembers the kernel log buffer that belongs to a UART: its path up to the first digit is
-  // replaced by "/dev/logbuffer_tty".
-  void SetBtUartDebugPort(const std::string& uart_port) EXCLUDES(lock_);
+  void SetBtUartDebugPort(const std::string& uart_port) { debug::SetBtUartDebugPort(uart_port); }
 
   // The whole diagnostic picture, as text.
   void Dump(int fd);
   // Firmware description and records.
   void dump_hal_log(int fd);
 
-  // Tells the stack, writes the crash files, and ends the process through the function named after
-  // code. Does not return, on any thread.
+  // See Report().
   void ReportBqrError(BqrErrorCode code, const std::string& extra);
 
   // Writes core dump and crash information, once per enable cycle.
@@ -79,13 +72,10 @@ class DebugCentral {
   std::string crash_timestamp() EXCLUDES(lock_);
   bool handle_scan_enable(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
   void write_core_dump(int fd, const std::string& reason, const std::string& timestamp);
-  std::string uart_debug_port() EXCLUDES(lock_);
 
-  AnchorRecords records_;
   uint32_t suppress_forward_ = 0;  // the event being handled stays here; reader thread only
   RecursiveMutex lock_;
   EventSink event_sink_ GUARDED_BY(lock_);
-  std::string uart_debug_port_ GUARDED_BY(lock_);
   std::string crash_timestamp_ GUARDED_BY(lock_);  // empty: armed
   std::vector<std::unique_ptr<hci::HciEventWatcher>> watchers_ GUARDED_BY(lock_);
   // Fragments of the dumps that the controller and the co-processor stream, in order of arrival.
@@ -94,23 +84,11 @@ class DebugCentral {
   std::atomic<uint32_t> crash_count_{0};
 };
 
-// Records that a scope is entered (" [ IN]") and left (" [OUT]").
-class DebugAnchor {
+// A scoped record of the hub.
+class DebugAnchor : public ScopedRecord {
  public:
-  DebugAnchor(AnchorType type, const std::string& name, DebugCentral& central);
-  // For the hot path.
-  DebugAnchor(AnchorType type, AnchorFormatter formatter, const AnchorValues& values,
-              DebugCentral& central);
-  ~DebugAnchor();
-  DebugAnchor(const DebugAnchor&) = delete;
-  DebugAnchor& operator=(const DebugAnchor&) = delete;
-
- private:
-  DebugCentral& central_;
-  const std::string name_;
-  const AnchorType type_;
-  const AnchorFormatter formatter_ = nullptr;
-  const AnchorValues values_{};
+  DebugAnchor(AnchorType type, const std::string& name, DebugCentral& /*central*/)
+      : ScopedRecord(type, name) {}
 };
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug

@@ -6,17 +6,15 @@
 #include <android-base/stringprintf.h>
 
 #include <algorithm>
+#include <utility>
 
-#include "btzvk_protocol.h"
-#include "debug_central.h"
-#include "transport_shim.h"
+#include "evidence/report.h"
 
 namespace android::hardware::bluetooth::hci {
 namespace {
 
 using ::android::base::StringPrintf;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::BqrErrorCode;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using evidence::BqrErrorCode;
 
 // Where an event that completes a command carries its opcode and how many credits it grants.
 struct CompletionFormat {
@@ -49,19 +47,43 @@ uint16_t hci_event_extract_command_opcode(const hidl_vec<uint8_t>& event) {
   const CompletionFormat* format = FindCompletion(event);
   if (format == nullptr) return 0;
   if (event.size() < format->opcode_offset + 2u) {
-    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostInvalidHciEvent,
-                                       "Invalid HCI event: " + toString(event));
+    evidence::Report(BqrErrorCode::HostInvalidHciEvent, "Invalid HCI event: " + toString(event));
     return 0;
   }
   return Le16At(event, format->opcode_offset);
 }
 
-HciFlowControl::HciFlowControl(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
-                               const PacketReceiver& sco_cb, const PacketReceiver& iso_cb) {
-  shim::InitializeCallback(
-      [this, event_cb](const hidl_vec<uint8_t>& event) { OnHciEventReady(event, event_cb); },
-      acl_cb, sco_cb, iso_cb);
+HciFlowControl::HciFlowControl(PacketReceiver event_cb, PacketReceiver acl_cb,
+                               PacketReceiver sco_cb, PacketReceiver iso_cb, Downlink downlink)
+    : event_cb_(std::move(event_cb)),
+      acl_cb_(std::move(acl_cb)),
+      sco_cb_(std::move(sco_cb)),
+      iso_cb_(std::move(iso_cb)),
+      downlink_(std::move(downlink)) {}
+
+std::shared_ptr<HciFlowControl> HciFlowControl::Create(PacketReceiver event_cb,
+                                                       PacketReceiver acl_cb, PacketReceiver sco_cb,
+                                                       PacketReceiver iso_cb, Downlink downlink) {
+  return std::shared_ptr<HciFlowControl>(new HciFlowControl(std::move(event_cb), std::move(acl_cb),
+                                                            std::move(sco_cb), std::move(iso_cb),
+                                                            std::move(downlink)));
+}
+
+void HciFlowControl::Connect(const Connector& connect) {
+  connect(
+      // Kept through the call: the stack's callback may end in a close.
+      [weak = weak_from_this()](const hidl_vec<uint8_t>& event) {
+        const std::shared_ptr<HciFlowControl> flow = weak.lock();
+        if (flow == nullptr) return;
+        if (!flow->connected_.load(std::memory_order_acquire)) {
+          flow->IsHalted("OnHciEventReady");
+          return;
+        }
+        flow->OnHciEventReady(event, flow->event_cb_);
+      },
+      acl_cb_, sco_cb_, iso_cb_);
   halted_.store(false, std::memory_order_release);
+  connected_.store(true, std::memory_order_release);
 }
 
 bool HciFlowControl::IsHalted(const char* operation) const {
@@ -70,15 +92,26 @@ bool HciFlowControl::IsHalted(const char* operation) const {
   return true;
 }
 
-size_t HciFlowControl::Transmit(uint8_t type, const uint8_t* data, size_t length) {
-  BtZvkProtocol::GetInstacne()->LpmWakeUp();
-  return shim::Send(type, data, length, type == HCI_PACKET_TYPE_COMMAND);
+size_t HciFlowControl::Transmit(uint8_t type, const uint8_t* data, size_t length, bool flag) {
+  downlink_.wake_up();
+  const size_t sent = downlink_.send(type, data, length, flag);
+  send_failed_ = sent < length;
+  return sent;
 }
 
 size_t HciFlowControl::Send(uint8_t type, const uint8_t* data, size_t length) {
   std::lock_guard<std::mutex> guard(lock_);
   if (IsHalted(__func__)) return 0;
-  if (type == HCI_PACKET_TYPE_COMMAND) {
+  const bool command = type == HCI_PACKET_TYPE_COMMAND;
+  if (command) {
+    if (!command_queue_.empty() && send_failed_) {
+      LOG(ERROR) << __func__ << ": the transport takes nothing, command dropped";
+      return 0;
+    }
+    if (command_queue_.size() > kMaxWaiting) {
+      LOG(ERROR) << __func__ << ": " << kMaxWaiting << " commands wait already, command dropped";
+      return 0;
+    }
     command_queue_.emplace_back(data, length);
     HciCmdFrame& frame = command_queue_.back();
     if (command_queue_.size() >= 2) {
@@ -88,23 +121,20 @@ size_t HciFlowControl::Send(uint8_t type, const uint8_t* data, size_t length) {
     LOG(VERBOSE) << __func__ << ": HCI Command <" << toString(frame.data) << "> sending...";
     frame.sent = true;
   }
-  return Transmit(type, data, length);
+  return Transmit(type, data, length, command);
 }
 
 size_t HciFlowControl::SendNoAck(uint8_t type, const uint8_t* data, size_t length) {
   std::lock_guard<std::mutex> guard(lock_);
   if (IsHalted(__func__)) return 0;
-  BtZvkProtocol::GetInstacne()->LpmWakeUp();
-  return shim::Send(type, data, length, false);
+  return Transmit(type, data, length, false);
 }
 
-// event_cb by value: the stack's callback may end in the deletion of everything that led here.
-// NOLINTNEXTLINE(performance-unnecessary-value-param): as said
-void HciFlowControl::OnHciEventReady(const hidl_vec<uint8_t>& event, PacketReceiver event_cb) {
-  const std::shared_ptr<HciFlowControl> self = shared_from_this();
+void HciFlowControl::OnHciEventReady(const hidl_vec<uint8_t>& event,
+                                     const PacketReceiver& event_cb) {
   if (!LengthIsRight(HCI_PACKET_TYPE_EVENT, event.data(), event.size())) {
-    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostInvalidHciEvent,
-                                       "Invalid / un-reassembled HCI event: " + toString(event));
+    evidence::Report(BqrErrorCode::HostInvalidHciEvent,
+                     "Invalid / un-reassembled HCI event: " + toString(event));
     return;
   }
   if (HciEventPreProcess(event)) {
@@ -164,7 +194,7 @@ void HciFlowControl::HciEventPostProcess(const hidl_vec<uint8_t>& event) {
   HciCmdFrame& next = command_queue_.front();
   LOG(DEBUG) << __func__ << ": HCI CMD Frame <" << toString(next.data) << "> dequeued";
   next.sent = true;
-  Transmit(HCI_PACKET_TYPE_COMMAND, next.data.data(), next.data.size());
+  Transmit(HCI_PACKET_TYPE_COMMAND, next.data.data(), next.data.size(), true);
 }
 
 void HciFlowControl::RegisterEventWatcher(HciEventWatcher* watcher) {

@@ -4,12 +4,13 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
 
-#include "hci_event_watcher.h"
-#include "hci_packet.h"
+#include "hci/event_watcher.h"
+#include "hci/packet.h"
 
 namespace android::hardware::bluetooth::hci {
 
@@ -17,25 +18,46 @@ namespace android::hardware::bluetooth::hci {
 // other. An event too short to hold it is reported as HostInvalidHciEvent.
 uint16_t hci_event_extract_command_opcode(const hidl_vec<uint8_t>& event);
 
+// How the flow control reaches the controller.
+struct Downlink {
+  // Writes one packet; flag: it is a flow-controlled command. Returns the bytes that were accepted,
+  // fewer than length after an error.
+  std::function<size_t(uint8_t type, const uint8_t* data, size_t length, bool flag)> send;
+  std::function<void()> wake_up;  // before each send
+};
+
 // Sends commands one at a time under the controller's credits, and routes every event to the
 // watchers and, unless one of them keeps it, to the stack. One exists per enabling of Bluetooth,
-// owned by the transport shim; who keeps it beyond a call holds shared_from_this(). After Halt it
-// answers every call with a warning and 0. Any thread.
+// owned by the transport shim; code that keeps it beyond a call holds shared_from_this(). It is
+// halted, and answers every call with a warning and 0, until Connect() and after Halt(). Any
+// thread.
 class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
  public:
-  // Hands itself to the transport as the receiver of events; the other packets go straight on.
-  HciFlowControl(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
-                 const PacketReceiver& sco_cb, const PacketReceiver& iso_cb);
+  // Connects four receivers with the transport: event, ACL, SCO, ISO.
+  using Connector = std::function<void(const PacketReceiver&, const PacketReceiver&,
+                                       const PacketReceiver&, const PacketReceiver&)>;
+
+  // The receivers are the stack's.
+  static std::shared_ptr<HciFlowControl> Create(PacketReceiver event_cb, PacketReceiver acl_cb,
+                                                PacketReceiver sco_cb, PacketReceiver iso_cb,
+                                                Downlink downlink);
+
+  // Hands itself to the transport as the receiver of events; the other packets go straight on. An
+  // event that arrives before this returns is dropped with a warning.
+  void Connect(const Connector& connect);
+
+  // Commands that may wait.
+  static constexpr size_t kMaxWaiting = 4096;
 
   // Sends a packet without its type byte; a command waits for its turn. Returns what the transport
-  // accepted, length for a command that waits, 0 when halted.
+  // accepted, length for a command that waits, 0 when halted or when too many commands wait.
   size_t Send(uint8_t type, const uint8_t* data, size_t length) EXCLUDES(lock_);
 
   // Sends at once, without queue and credits.
   size_t SendNoAck(uint8_t type, const uint8_t* data, size_t length) EXCLUDES(lock_);
 
   // Entry of every event. Reader thread only.
-  void OnHciEventReady(const hidl_vec<uint8_t>& event, PacketReceiver event_cb);
+  void OnHciEventReady(const hidl_vec<uint8_t>& event, const PacketReceiver& event_cb);
 
   // Offers the event to the watchers. Returns whether one of them keeps it.
   bool HciEventPreProcess(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
@@ -50,6 +72,9 @@ class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
   void Halt() EXCLUDES(lock_);
 
  private:
+  HciFlowControl(PacketReceiver event_cb, PacketReceiver acl_cb, PacketReceiver sco_cb,
+                 PacketReceiver iso_cb, Downlink downlink);
+
   struct HciCmdFrame {
     HciCmdFrame(const uint8_t* bytes, size_t length) : data(bytes, bytes + length) {}
     hidl_vec<uint8_t> data;  // opcode, parameter length, parameters
@@ -58,11 +83,20 @@ class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
 
   // Logs that operation came too late. Returns whether it did.
   bool IsHalted(const char* operation) const;
-  size_t Transmit(uint8_t type, const uint8_t* data, size_t length) REQUIRES(lock_);
+  size_t Transmit(uint8_t type, const uint8_t* data, size_t length, bool flag) REQUIRES(lock_);
 
+  const PacketReceiver event_cb_;
+  const PacketReceiver acl_cb_;
+  const PacketReceiver sco_cb_;
+  const PacketReceiver iso_cb_;
+  const Downlink downlink_;
   std::mutex lock_;
   std::deque<HciCmdFrame> command_queue_ GUARDED_BY(lock_);  // front: outstanding, or next
+  // The last send was cut short: the line takes nothing, and a command that waits behind another
+  // one would not go out.
+  bool send_failed_ GUARDED_BY(lock_) = false;
   std::vector<HciEventWatcher*> watchers_ GUARDED_BY(lock_);
+  std::atomic<bool> connected_{false};
   std::atomic<bool> halted_{true};
 };
 

@@ -5,15 +5,13 @@
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 
-#include <atomic>
 #include <chrono>
-#include <future>
 #include <string>
 #include <vector>
 
-#include "debug_central.h"
-#include "extension_command.h"
-#include "hci_packet.h"
+#include "evidence/record.h"
+#include "extension/extension_command.h"
+#include "hci/command_waiter.h"
 
 namespace hardware::nuvexa::bluetooth::ext::V1_0::implementation {
 
@@ -21,8 +19,8 @@ using ::android::base::StringPrintf;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::bluetooth::CurrentFlowControl;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using ::android::hardware::bluetooth::evidence::AnchorType;
+namespace evidence = ::android::hardware::bluetooth::evidence;
 namespace hci = ::android::hardware::bluetooth::hci;
 
 namespace {
@@ -35,46 +33,18 @@ CurrentFlowControl& Flow() {
   return *flow;
 }
 
-// Lives on the stack of a waiting call.
-class BtExtEventWatcher final : public hci::HciEventWatcher {
+class BtExtEventWatcher final : public hci::CommandWaiter {
  public:
-  explicit BtExtEventWatcher(uint16_t opcode)
-      : HciEventWatcher(LOG_TAG, hci::kEventCommandComplete, opcode) {}
+  explicit BtExtEventWatcher(uint16_t opcode) : CommandWaiter(LOG_TAG, opcode, kNoAnswer) {}
 
-  std::future<uint8_t> Result() { return result_.get_future(); }
-  // The first value counts.
-  void Settle(uint8_t status) {
-    if (!settled_.exchange(true)) result_.set_value(status);
-  }
-
-  bool OnEventReceive(const hidl_vec<uint8_t>& event) override {
-    const uint8_t status = hci::CommandCompleteStatus(event);
+ protected:
+  bool OnAnswer(const hidl_vec<uint8_t>& event, uint8_t status) override {
     LOG(status == 0 ? ::android::base::INFO : ::android::base::WARNING)
-        << __func__ << (status == 0 ? ": Recv Success VSE <" : ": Recv Failure VSE <")
+        << "OnEventReceive" << (status == 0 ? ": Recv Success VSE <" : ": Recv Failure VSE <")
         << toString(event) << ">";
-    Settle(status);
     return true;
   }
-
-  void OnHalt() override { Settle(kNoAnswer); }
-
- private:
-  std::promise<uint8_t> result_;
-  std::atomic<bool> settled_{false};
 };
-
-// Returns the status, or kNoAnswer.
-uint8_t SendAndWait(hci::HciFlowControl& flow, uint16_t opcode,
-                    const std::vector<uint8_t>& command) {
-  BtExtEventWatcher watcher(opcode);
-  std::future<uint8_t> result = watcher.Result();
-  flow.RegisterEventWatcher(&watcher);
-  flow.Send(hci::HCI_PACKET_TYPE_COMMAND, command.data(), command.size());
-  result.wait_for(kAnswerTimeout);
-  flow.UnregisterEventWatcher(&watcher);
-  watcher.Settle(kNoAnswer);
-  return result.get();
-}
 
 }  // namespace
 
@@ -87,12 +57,11 @@ Return<bool> BluetoothExt::setBluetoothCmdPacket(uint16_t opcode, const hidl_vec
   const auto length = static_cast<uint8_t>(params.size());
   const std::string text = StringPrintf("0x%04x LEN 0x%02x", opcode, length);
   LOG(DEBUG) << __func__ << ": inject opcode: " << text << " params: " << toString(params);
-  DebugCentral::Get().UpdateRecord(AnchorType::kCommandInjected,
-                                   StringPrintf("%s: %s", __func__, text.c_str()));
+  evidence::Record(AnchorType::kCommandInjected, StringPrintf("%s: %s", __func__, text.c_str()));
   const std::vector<uint8_t> command = hci::BuildCommand(opcode, length, params.data());
   LOG(INFO) << __func__ << ": inject hci_cmd: " << toString(hidl_vec<uint8_t>(command));
 
-  const uint8_t result = SendAndWait(*flow, opcode, command);
+  const uint8_t result = BtExtEventWatcher(opcode).SendAndWait(*flow, command, kAnswerTimeout);
   LOG(result == 0 ? ::android::base::INFO : ::android::base::ERROR)
       << __func__ << ": " << text << StringPrintf(" Result 0x%02x", result);
   return result == 0;

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "bqr_error_code.h"
+#include "evidence/bqr_error_code.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 

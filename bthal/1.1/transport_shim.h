@@ -1,28 +1,37 @@
-// The one place that knows which transport carries HCI: everything above calls these functions and
-// never a transport. Any thread.
+// The one place that knows which transport carries HCI: everything above calls these functions, and
+// they forward to the transport that is open, or to the serial one, closed. Any thread.
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 
-#include "bqr_error_code.h"
+#include "base/uart_baud_rate.h"
+#include "evidence/bqr_error_code.h"
+#include "hci/packet.h"
 #include "hci_flow_control.h"
-#include "hci_packet.h"
-#include "uart_baud_rate.h"
+#include "transport/transport.h"
 
 namespace android::hardware::bluetooth::hci::shim {
 
-// Userial types. 0 is a port whose kernel driver initialises the controller itself.
-inline constexpr uint32_t kUserialAutoInit = 0;
-inline constexpr uint32_t kUserialTty = 1;
-inline constexpr uint32_t kUserialCoProcessor = 2;
-inline constexpr uint32_t kUserialClosed = 3;
+// What the shim asks of its owner, on any thread.
+struct Owner {
+  std::function<void()> wake_up = [] {};    // before each transmission
+  std::function<void()> shut_down = [] {};  // the transport is lost
+};
+// Before anything is opened.
+void SetOwner(Owner owner);
+
+Transport& OpenTransport();
 
 // Selects the transport, power-cycles the controller, opens the port and starts reading. The
-// functions receive the controller's packets on the reader thread. Returns the flow control, owned
-// here until Deinitialize(), or null after undoing what had been switched on.
-HciFlowControl* InitializeHciHandle(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
-                                    const PacketReceiver& sco_cb, const PacketReceiver& iso_cb);
+// functions receive the controller's packets on the reader thread. Returns the flow control, which
+// is halted by Deinitialize(), or null after undoing what had been switched on.
+std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_cb,
+                                                    const PacketReceiver& acl_cb,
+                                                    const PacketReceiver& sco_cb,
+                                                    const PacketReceiver& iso_cb);
 
 // Stops the reader, halts and drops the flow control, closes the port, powers off. Runs once: a
 // second caller waits for the first, or returns at once on a thread that the first may wait for.

@@ -6,10 +6,10 @@
 #include <thread>
 
 #include "bluetooth_address.h"
+#include "bring_up/btzvk_command.h"
 #include "bthal/child_case.h"
 #include "bthal/scripted_controller.h"
 #include "bthal/uart_rig.h"
-#include "btzvk_command.h"
 #include "debug_central.h"
 #include "support/temp_dir.h"
 #include "support/vectors.h"

@@ -7,10 +7,10 @@
 #include <atomic>
 #include <thread>
 
-#include "async_fd_watcher.h"
 #include "support/child_process.h"
 #include "support/temp_dir.h"
 #include "support/wait.h"
+#include "transport/async_fd_watcher.h"
 
 namespace {
 

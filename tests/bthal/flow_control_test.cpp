@@ -6,10 +6,10 @@
 #include <mutex>
 #include <thread>
 
+#include "bring_up/btzvk_command.h"
 #include "bthal/child_case.h"
 #include "bthal/report_check.h"
 #include "bthal/uart_rig.h"
-#include "btzvk_command.h"
 #include "debug_event_watcher.h"
 #include "hci_flow_control.h"
 #include "support/temp_dir.h"

@@ -1,4 +1,4 @@
-#include "low_power.h"
+#include "bring_up/low_power.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,13 +8,13 @@
 #include <filesystem>
 #include <thread>
 
+#include "base/timer.h"
+#include "base/wake_lock.h"
 #include "bthal/child_case.h"
 #include "bthal/uart_rig.h"
 #include "support/pty.h"
 #include "support/temp_dir.h"
-#include "timer.h"
 #include "transport_shim.h"
-#include "wake_lock.h"
 
 namespace {
 

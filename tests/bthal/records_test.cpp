@@ -5,11 +5,11 @@
 #include <sstream>
 #include <thread>
 
-#include "anchor_records.h"
 #include "bthal/child_case.h"
 #include "bthal/uart_rig.h"
 #include "debug_central.h"
-#include "debug_files.h"
+#include "evidence/anchor_records.h"
+#include "evidence/debug_files.h"
 #include "support/temp_dir.h"
 #include "support/vectors.h"
 

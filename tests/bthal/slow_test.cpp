@@ -2,8 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "bring_up/btzvk_command.h"
 #include "bthal/uart_rig.h"
-#include "btzvk_command.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #define LOG_TAG "bthal.qvrhelper"
 
-#include "qvr_helper.h"
+#include "chre/qvr_helper.h"
 
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
@@ -9,18 +9,16 @@
 #include <chrono>
 #include <thread>
 
-#include "../debug_central.h"
-#include "../thread_role.h"
-#include "../transport_shim.h"
+#include "base/thread_role.h"
 #include "bt_messages_generated.h"
+#include "evidence/report.h"
 
 namespace android::hardware::bluetooth::hci {
 namespace {
 
 using ::android::base::StringPrintf;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::BqrErrorCode;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using evidence::AnchorType;
+using evidence::BqrErrorCode;
 using std::chrono::milliseconds;
 
 constexpr char kServer[] = "chre_bt";
@@ -48,7 +46,6 @@ constexpr milliseconds kConnectPause{50};
 constexpr milliseconds kControlTimeout{800};
 constexpr milliseconds kPowerOnTime{50};
 
-constexpr char kNotReady[] = "QVR transport is not ready.";
 constexpr char kDeliveryFailed[] =
     "%s Attempt failed to deliver message to CHRE: send err %d, resp err %d";
 constexpr char kBaudrateDeliveryFailed[] =
@@ -56,7 +53,7 @@ constexpr char kBaudrateDeliveryFailed[] =
 
 void ShowQvrErrorMessage(const std::string& text) {
   ALOGE("%s", text.c_str());
-  DebugCentral::Get().UpdateRecord(AnchorType::kQvrError, text);
+  evidence::Record(AnchorType::kQvrError, text);
 }
 
 // The library's errors 1 to 20 have reports of their own.
@@ -93,6 +90,12 @@ std::shared_ptr<qvr::TransportClient> QvrHelper::client() {
   return client_;
 }
 
+std::shared_ptr<qvr::TransportClient> QvrHelper::ReadyClient(const char* operation) {
+  std::shared_ptr<qvr::TransportClient> client = this->client();
+  if (client == nullptr) LOG(ERROR) << operation << "QVR transport is not ready.";
+  return client;
+}
+
 bool QvrHelper::PrepareQvrTransport() {
   ALOGI("%s", __func__);
   for (int failures = 0; failures < kPrepareAttempts; ++failures) {
@@ -104,8 +107,8 @@ bool QvrHelper::PrepareQvrTransport() {
   }
   ALOGI("%s: return ret (%d), count:%d", __func__, 0, kPrepareAttempts);
   ALOGE("%s: Prepare CHRE QVR transport failed!", __func__);
-  DebugCentral::Get().ReportBqrError(BqrErrorCode::ChreQvrTransportPrepareError,
-                                     "Prepare CHRE QVR transport failed!");
+  evidence::Report(BqrErrorCode::ChreQvrTransportPrepareError,
+                   "Prepare CHRE QVR transport failed!");
   ALOGE("%s: Deinitialize()", __func__);
   Deinitialize();
   return false;
@@ -237,8 +240,8 @@ void QvrHelper::qvr_message_handler(const std::shared_ptr<Receivers>& receivers,
 void QvrHelper::handle_qvr_connection_event() {
   ALOGE("%s: QVR transport disconnected from ULK...exiting", __func__);
   if (transport_open_) {
-    shim::CatchException(BqrErrorCode::ChreQvrHandleConnectionEventError,
-                         "QVR transport disconnected from ULK...exiting");
+    lost_(BqrErrorCode::ChreQvrHandleConnectionEventError,
+          "QVR transport disconnected from ULK...exiting");
   }
 }
 
@@ -251,11 +254,8 @@ qvr::Request QvrHelper::MakeRequest(int32_t message_type, std::vector<uint8_t> p
 }
 
 size_t QvrHelper::SendHciToQvr(uint8_t type, const uint8_t* data, size_t length, bool flag) {
-  const std::shared_ptr<qvr::TransportClient> client = this->client();
-  if (client == nullptr) {
-    LOG(ERROR) << __func__ << kNotReady;
-    return 0;
-  }
+  const std::shared_ptr<qvr::TransportClient> client = ReadyClient(__func__);
+  if (client == nullptr) return 0;
   std::vector<uint8_t> payload;
   payload.reserve(2 + length);
   payload.push_back(flag ? 1 : 0);
@@ -270,17 +270,14 @@ size_t QvrHelper::SendHciToQvr(uint8_t type, const uint8_t* data, size_t length,
   const std::string text =
       StringPrintf("%s: error sending packet via QVR, err: %d", __func__, error);
   ALOGE("%s", text.c_str());
-  shim::CatchException(ReportOf(error), text);
+  lost_(ReportOf(error), text);
   return 0;
 }
 
 bool QvrHelper::Control(const char* operation, std::vector<uint8_t> payload,
                         const char* failure_format) {
-  const std::shared_ptr<qvr::TransportClient> client = this->client();
-  if (client == nullptr) {
-    LOG(ERROR) << operation << kNotReady;
-    return false;
-  }
+  const std::shared_ptr<qvr::TransportClient> client = ReadyClient(operation);
+  if (client == nullptr) return false;
   int response_error = 0;
   const int send_error = client->Call(MakeRequest(kControlMessage, std::move(payload)),
                                       kControlTimeout, &response_error);
@@ -298,13 +295,9 @@ bool QvrHelper::PowerControl(bool on) {
 }
 
 bool QvrHelper::UserialOpen(bool open) {
-  if (client() == nullptr) {
-    LOG(ERROR) << __func__ << kNotReady;
-    transport_open_ = false;
-    return false;
-  }
-  transport_open_ = open;
-  return true;
+  const bool ready = ReadyClient(__func__) != nullptr;
+  transport_open_ = ready && open;
+  return ready;
 }
 
 bool QvrHelper::LpmEnable(bool enable) {
@@ -339,6 +332,7 @@ void QvrHelper::BaudrateChange(UartBaudRate rate) {
 }
 
 bool QvrHelper::GetChreDebugDump() {
+  if (ReadyClient(__func__) == nullptr) return false;
   LOG(INFO) << __func__ << " send QvrMsgReqType_BT_DEBUG_DUMP msg";
   if (!Control(__func__, {kDebugDump}, kDeliveryFailed)) return false;
   LOG(INFO) << __func__ << " send QvrMsgReqType_BT_DEBUG_DUMP msg Done";

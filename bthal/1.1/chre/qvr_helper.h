@@ -4,12 +4,14 @@
 #include <qvr/qvr_client.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
 
-#include "../hci_packet.h"
-#include "../uart_baud_rate.h"
+#include "base/uart_baud_rate.h"
+#include "evidence/bqr_error_code.h"
+#include "hci/packet.h"
 
 namespace android::hardware::bluetooth::hci {
 
@@ -19,6 +21,12 @@ namespace android::hardware::bluetooth::hci {
 class QvrHelper {
  public:
   static QvrHelper& Get();
+
+  // Called with the report and its reason when the connection or a send fails.
+  using LostHandler =
+      std::function<void(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason)>;
+  // Before anything is connected.
+  void SetLostHandler(LostHandler handler) { lost_ = std::move(handler); }
 
   // Connects, trying for about a second; a failure is reported and ends the process.
   bool PrepareQvrTransport() EXCLUDES(lock_);
@@ -59,10 +67,13 @@ class QvrHelper {
   qvr::Request MakeRequest(int32_t message_type, std::vector<uint8_t> payload) const;
   // Null until connected.
   std::shared_ptr<qvr::TransportClient> client() EXCLUDES(lock_);
+  // The same, with one error line when it is null.
+  std::shared_ptr<qvr::TransportClient> ReadyClient(const char* operation) EXCLUDES(lock_);
   void qvr_message_handler(const std::shared_ptr<Receivers>& receivers, qvr::Worker* worker,
                            const uint8_t* table, size_t size);
   void handle_qvr_connection_event();
 
+  LostHandler lost_ = [](auto, const auto&) {};
   std::mutex lock_;  // a leaf
   std::shared_ptr<qvr::TransportClient> client_ GUARDED_BY(lock_);
   std::shared_ptr<qvr::Worker> worker_ GUARDED_BY(lock_);

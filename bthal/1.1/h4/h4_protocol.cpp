@@ -1,6 +1,6 @@
 #define LOG_TAG "bthal.hci_h4"
 
-#include "h4_protocol.h"
+#include "h4/h4_protocol.h"
 
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
@@ -10,21 +10,22 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include "../debug_central.h"
-#include "../transport_shim.h"
+#include "evidence/report.h"
 
 namespace android::hardware::bluetooth::hci {
 namespace {
 
 using ::android::base::StringPrintf;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::BqrErrorCode;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using evidence::AnchorType;
+using evidence::BqrErrorCode;
+using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kHangUpPause{5};
+constexpr std::chrono::seconds kStuckTimeout{2};
 
 // Moves a gather list past what was written of it.
 void Advance(iovec** list, int* count, size_t written) {
@@ -41,13 +42,14 @@ void Advance(iovec** list, int* count, size_t written) {
 }  // namespace
 
 H4Protocol::H4Protocol(int fd, PacketReceiver event_cb, PacketReceiver acl_cb,
-                       PacketReceiver sco_cb, PacketReceiver iso_cb)
+                       PacketReceiver sco_cb, PacketReceiver iso_cb, TransportUpcalls upcalls)
     : uart_fd_(fd),
       closing_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       event_cb_(std::move(event_cb)),
       acl_cb_(std::move(acl_cb)),
       sco_cb_(std::move(sco_cb)),
       iso_cb_(std::move(iso_cb)),
+      upcalls_(std::move(upcalls)),
       hci_packetizer_([this] { OnPacketReady(); }),
       read_buffer_(new uint8_t[kReadSize]) {}
 
@@ -59,11 +61,15 @@ void H4Protocol::Close() {
   uart_fd_ = -1;
 }
 
-bool H4Protocol::WaitForRoom() {
+int H4Protocol::WaitForRoom(steady_clock::time_point deadline) {
   pollfd fds[] = {{uart_fd_, POLLOUT, 0}, {closing_event_.get(), POLLIN, 0}};
-  while (poll(fds, 2, -1) < 0 && errno == EINTR) {
-  }
-  return fds[1].revents == 0;
+  int ready = -1;
+  do {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
+    ready = poll(fds, 2, std::max(0, static_cast<int>(left.count())));
+  } while (ready < 0 && errno == EINTR);
+  if (ready == 0) return ETIMEDOUT;
+  return fds[1].revents == 0 ? 0 : ECANCELED;
 }
 
 size_t H4Protocol::Send(uint8_t type, const uint8_t* data, size_t length) {
@@ -73,36 +79,40 @@ size_t H4Protocol::Send(uint8_t type, const uint8_t* data, size_t length) {
   iovec* list = parts;
   int count = length == 0 ? 1 : 2;
   size_t written = 0;
+  steady_clock::time_point stuck_at{};  // unless something is written before; epoch: not full
 
   std::lock_guard<std::mutex> guard(fd_lock_);
   for (;;) {
-    const ssize_t n = writev(uart_fd_, list, count);
+    const ssize_t n = stuck_ ? -1 : writev(uart_fd_, list, count);
     if (n < 0) {
-      if (errno == EINTR) continue;
-      if (errno == EAGAIN) {
-        if (WaitForRoom()) continue;
-        errno = ECANCELED;
+      int code = stuck_ ? ETIMEDOUT : errno;
+      if (code == EINTR) continue;
+      if (code == EAGAIN) {
+        if (stuck_at == steady_clock::time_point{}) stuck_at = steady_clock::now() + kStuckTimeout;
+        code = WaitForRoom(stuck_at);
+        if (code == 0) continue;
       }
-      const char* error = strerror(errno);
+      stuck_ = stuck_ || code == ETIMEDOUT || written > 0;
+      const char* error = strerror(code);
       ALOGE("%s error writing to UART (%s)", __func__, error);
-      DebugCentral::Get().UpdateRecord(
-          AnchorType::kH4Send, StringPrintf("%s: error writing to UART (%s)", __func__, error));
+      evidence::Record(AnchorType::kH4Send,
+                       StringPrintf("%s: error writing to UART (%s)", __func__, error));
       return written;
     }
     if (n == 0) {
       ALOGE("%s zero bytes written - something went wrong...", __func__);
-      DebugCentral::Get().UpdateRecord(
-          AnchorType::kH4Send,
-          StringPrintf("%s: zero bytes written - something went wrong...", __func__));
+      evidence::Record(AnchorType::kH4Send,
+                       StringPrintf("%s: zero bytes written - something went wrong...", __func__));
       return written;
     }
+    stuck_at = {};
     written += static_cast<size_t>(n);
     if (written == total) return total;
     const std::string text = StringPrintf(
         "%s: %d/%d bytes written - retrying remaining %d bytes", __func__,
         static_cast<int>(written), static_cast<int>(total), static_cast<int>(total - written));
     ALOGW("%s", text.c_str());
-    DebugCentral::Get().UpdateRecord(AnchorType::kH4Send, text);
+    evidence::Record(AnchorType::kH4Send, text);
     Advance(&list, &count, static_cast<size_t>(n));
   }
 }
@@ -120,21 +130,19 @@ void H4Protocol::OnDataReady(int fd) {
   }
   if (n == 0) {
     LOG(ERROR) << __func__ << ": Unexpected EOF reading the packet type!";
-    DebugCentral::Get().UpdateRecord(
-        AnchorType::kH4Receive,
-        StringPrintf("%s: Unexpected EOF reading the packet type!", __func__));
+    evidence::Record(AnchorType::kH4Receive,
+                     StringPrintf("%s: Unexpected EOF reading the packet type!", __func__));
     Pause(kHangUpPause);
     return;
   }
   if (errno == EAGAIN) return;
   const std::string error = strerror(errno);
-  if (shim::IsInitialized()) {
+  if (upcalls_.initialized && upcalls_.initialized()) {
     LOG(FATAL) << __func__ << ": Read packet type error: " << error;
   }
   LOG(ERROR) << __func__ << ": read failed (" << error << "), not ready to read!";
-  DebugCentral::Get().UpdateRecord(
-      AnchorType::kH4Receive,
-      StringPrintf("%s: read failed (%s), not reay to read!", __func__, error.c_str()));
+  evidence::Record(AnchorType::kH4Receive, StringPrintf("%s: read failed (%s), not reay to read!",
+                                                        __func__, error.c_str()));
   Pause(kHangUpPause);
 }
 
@@ -161,7 +169,8 @@ void H4Protocol::OnBytes(const uint8_t* data, size_t length) {
 void H4Protocol::OnUnimplementedType(const uint8_t* data, size_t length) {
   ALOGE("%s: Unimplemented Packet Type: %d detected!", "OnDataReady", *data);
   const auto at = [&](size_t i) { return i < length ? data[i] : uint8_t{0}; };
-  shim::CatchException(
+  if (!upcalls_.lost) return;
+  upcalls_.lost(
       BqrErrorCode::HostUnimplementedPacketType,
       StringPrintf("Host Received Unimplemented Packet Type: %d, bytes_read: %zd, packet: %02x, "
                    "%02x, %02x, %02x, %02x, %02x",

@@ -1,4 +1,4 @@
-#include "hci_packetizer.h"
+#include "h4/hci_packetizer.h"
 
 #include <algorithm>
 #include <cstring>

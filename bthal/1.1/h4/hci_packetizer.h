@@ -3,7 +3,7 @@
 #include <functional>
 #include <memory>
 
-#include "../hci_packet.h"
+#include "hci/packet.h"
 
 namespace android::hardware::bluetooth::hci {
 

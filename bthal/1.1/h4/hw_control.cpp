@@ -1,6 +1,6 @@
 #define LOG_TAG "bthal.hwcontrol"
 
-#include "hw_control.h"
+#include "h4/hw_control.h"
 
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
@@ -17,29 +17,22 @@
 #include <optional>
 #include <thread>
 
-#include "../conf.h"
-#include "../debug_central.h"
-#include "../debug_files.h"
+#include "evidence/debug_files.h"
+#include "evidence/report.h"
 
 namespace android::hardware::bluetooth::hwcontrol {
 namespace {
 
 using ::android::base::StringPrintf;
 using ::android::base::unique_fd;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::BqrErrorCode;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugAnchor;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using evidence::AnchorType;
+using evidence::BqrErrorCode;
 
 constexpr char kLpmControlPort[] = "/proc/bluetooth/sleep/btwrite";
 constexpr char kLpmDriver[] = "/proc/bluetooth/sleep/lpm";
 constexpr uint32_t kUserialTty = 1;
 constexpr std::chrono::milliseconds kPortSettleTime{50};
 constexpr std::chrono::milliseconds kWakeTime{10};
-
-void Record(AnchorType type, const std::string& text) {
-  DebugCentral::Get().UpdateRecord(type, text);
-}
 
 std::optional<speed_t> TermiosSpeed(UartBaudRate rate) {
   switch (rate) {
@@ -93,12 +86,11 @@ bool ConfigureTty(int fd) {
   return true;
 }
 
-unique_fd userial_tty_open() {
-  const std::string& port = conf::Config::GetInstance()->uart_port();
+unique_fd userial_tty_open(const std::string& port) {
   const std::string text = StringPrintf("%s: open %s", __func__, port.c_str());
   ALOGI("%s", text.c_str());
-  Record(AnchorType::kTtyOpened, text);
-  DebugCentral::Get().SetBtUartDebugPort(port);
+  evidence::Record(AnchorType::kTtyOpened, text);
+  evidence::SetBtUartDebugPort(port);
   unique_fd fd(bthal::root::Open(port, O_RDWR | O_NOCTTY | O_NONBLOCK));
   if (fd.get() < 0 || !ConfigureTty(fd.get())) {
     LOG(ERROR) << __func__ << ": Can't open Bluetooth UART port: " << strerror(errno);
@@ -141,7 +133,7 @@ BtHwControl& BtHwControl::Get() {
 }
 
 bool BtHwControl::PowerControl(bool on) {
-  const DebugAnchor anchor(AnchorType::kPowerControl, "PowerControl", DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kPowerControl, "PowerControl");
   const std::string state_path = rfkill_state_finder();
   if (state_path.empty()) {
     LOG(INFO) << __func__ << ": Power sequence is not controlled by Bluetooth HAL";
@@ -150,44 +142,42 @@ bool BtHwControl::PowerControl(bool on) {
   const std::string text = StringPrintf("%s: %s, state_path: %s", __func__,
                                         on ? "Enabling" : "Disabling", state_path.c_str());
   ALOGI("%s", text.c_str());
-  Record(AnchorType::kPowerState, text);
+  evidence::Record(AnchorType::kPowerState, text);
 
   const unique_fd fd(bthal::root::Open(state_path, O_WRONLY | O_NOCTTY));
   if (fd.get() < 0) {
     LOG(ERROR) << __func__ << ": Unable to open rfkill state {" << state_path
                << "}: " << strerror(errno) << " (" << errno << ")";
-    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostPowerUpController,
-                                       "Unable to open rfkill state");
+    evidence::Report(BqrErrorCode::HostPowerUpController, "Unable to open rfkill state");
     return false;
   }
   while (!WriteCharacter(fd.get(), on ? '1' : '0')) {
     LOG(ERROR) << __func__ << ": Failed to change rfkill state: " << strerror(errno) << " ("
                << errno << ")";
     if (errno == EAGAIN) continue;
-    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostPowerUpController,
-                                       "Cannot write power control data");
+    evidence::Report(BqrErrorCode::HostPowerUpController, "Cannot write power control data");
     return false;
   }
   return true;
 }
 
-bool BtHwControl::UserialOpen(uint32_t userial_type) {
-  const DebugAnchor anchor(AnchorType::kUserialOpen, "UserialOpen", DebugCentral::Get());
-  unique_fd fd = userial_type == kUserialTty ? userial_tty_open() : userial_socket_open();
+bool BtHwControl::UserialOpen(uint32_t userial_type, const std::string& uart_port) {
+  const evidence::ScopedRecord anchor(AnchorType::kUserialOpen, "UserialOpen");
+  unique_fd fd = userial_type == kUserialTty ? userial_tty_open(uart_port) : userial_socket_open();
   if (fd.get() < 0) {
-    DebugCentral::Get().ReportBqrError(BqrErrorCode::HostOpenUserial, "Host Open Port Error");
+    evidence::Report(BqrErrorCode::HostOpenUserial, "Host Open Port Error");
     return false;
   }
   if (userial_type == kUserialTty) std::this_thread::sleep_for(kPortSettleTime);
   LOG(INFO) << __func__ << ": USERIAL (" << fd.get() << ") Ready";
-  Record(AnchorType::kUserialReady,
-         StringPrintf("USERIAL Ready FD: <%d>, type: <%u>", fd.get(), userial_type));
+  evidence::Record(AnchorType::kUserialReady,
+                   StringPrintf("USERIAL Ready FD: <%d>, type: <%u>", fd.get(), userial_type));
   uart_fd_.store(fd.release(), std::memory_order_release);
   return true;
 }
 
 void BtHwControl::UserialClose() {
-  const DebugAnchor anchor(AnchorType::kUserialClose, "UserialClose", DebugCentral::Get());
+  const evidence::ScopedRecord anchor(AnchorType::kUserialClose, "UserialClose");
   unique_fd(uart_fd_.exchange(-1));
 }
 
@@ -212,7 +202,7 @@ bool BtHwControl::IsLpmRunning() {
 
 bool BtHwControl::LpmSetup() {
   ALOGI("%s: LPM enabling", __func__);
-  Record(AnchorType::kLpmEnabling, StringPrintf("%s: LPM enabling", __func__));
+  evidence::Record(AnchorType::kLpmEnabling, StringPrintf("%s: LPM enabling", __func__));
   std::lock_guard<std::mutex> guard(lpm_lock_);
   lpm_fd_.reset(bthal::root::Open(kLpmControlPort, O_WRONLY | O_NOCTTY));
   if (lpm_fd_.get() < 0) {
@@ -235,6 +225,7 @@ bool BtHwControl::LpmSetup() {
   }
   if (!WriteCharacter(lpm_fd_.get(), '1')) {
     ALOGE("%s: Unable to wake up LPM: %s (%d)", __func__, strerror(errno), errno);
+    lpm_fd_.reset();  // off for this session
     return false;
   }
   return true;
@@ -242,7 +233,7 @@ bool BtHwControl::LpmSetup() {
 
 void BtHwControl::LpmTeardown() {
   ALOGI("%s: LPM disabling", __func__);
-  Record(AnchorType::kLpmDisabling, StringPrintf("%s: LPM disabling", __func__));
+  evidence::Record(AnchorType::kLpmDisabling, StringPrintf("%s: LPM disabling", __func__));
   std::lock_guard<std::mutex> guard(lpm_lock_);
   lpm_fd_.reset();
   const unique_fd driver(bthal::root::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
@@ -253,7 +244,7 @@ void BtHwControl::LpmTeardown() {
                << "): " << strerror(errno);
   }
   LOG(INFO) << __func__ << ": LPM Disabled";
-  Record(AnchorType::kLpmDisabled, StringPrintf("%s: LPM Disabled", __func__));
+  evidence::Record(AnchorType::kLpmDisabled, StringPrintf("%s: LPM Disabled", __func__));
 }
 
 bool BtHwControl::LpmWakeUp() {
@@ -266,7 +257,7 @@ bool BtHwControl::LpmWakeUp() {
     }
   }
   std::this_thread::sleep_for(kWakeTime);
-  Record(AnchorType::kLpmAssert, StringPrintf("%s: Assert", __func__));
+  evidence::Record(AnchorType::kLpmAssert, StringPrintf("%s: Assert", __func__));
   return true;
 }
 
@@ -275,7 +266,7 @@ bool BtHwControl::LpmSuspend() {
     std::lock_guard<std::mutex> guard(lpm_lock_);
     if (lpm_fd_.get() < 0) return true;
     if (WriteCharacter(lpm_fd_.get(), '0')) {
-      Record(AnchorType::kLpmDeassert, StringPrintf("%s: Deassert", __func__));
+      evidence::Record(AnchorType::kLpmDeassert, StringPrintf("%s: Deassert", __func__));
       return true;
     }
     ALOGE("%s: Unable to suspend LPM, %s (%d)", __func__, strerror(errno), errno);
@@ -288,7 +279,7 @@ bool BtHwControl::LpmSuspend() {
 }
 
 void BtHwControl::GetFsDebugDump(int fd, const std::string& path) {
-  V1_1::zvkbtlinux::debug::dump_debugfs_to_fd(fd, path);
+  evidence::dump_debugfs_to_fd(fd, path);
 }
 
 }  // namespace android::hardware::bluetooth::hwcontrol

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <string>
 
-#include "../uart_baud_rate.h"
+#include "base/uart_baud_rate.h"
 
 namespace android::hardware::bluetooth::hwcontrol {
 
@@ -22,9 +22,9 @@ class BtHwControl {
   // Switches the controller. True also where nothing of the kind is ours to switch.
   bool PowerControl(bool on);
 
-  // Opens the port of this userial type: 1 a tty, at 115200 bit/s with hardware flow control;
-  // anything else the HCI user channel.
-  bool UserialOpen(uint32_t userial_type);
+  // Opens the port of this userial type: 1 the tty uart_port, at 115200 bit/s with hardware flow
+  // control; anything else the HCI user channel.
+  bool UserialOpen(uint32_t userial_type, const std::string& uart_port);
   // Whoever watches or writes the descriptor has let it go before.
   void UserialClose();
   // The tty or HCI socket; -1 when closed.

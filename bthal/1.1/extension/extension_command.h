@@ -7,7 +7,7 @@
 #include <mutex>
 #include <vector>
 
-#include "hci_event_watcher.h"
+#include "hci/event_watcher.h"
 #include "hci_flow_control.h"
 
 namespace android::hardware::bluetooth {

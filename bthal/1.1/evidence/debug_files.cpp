@@ -1,10 +1,11 @@
 #define LOG_TAG "bthal.debug_central"
 
-#include "debug_files.h"
+#include "evidence/debug_files.h"
 
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
+#include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 #include <bthal/root.h>
 #include <dirent.h>
@@ -15,6 +16,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <mutex>
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 namespace {
@@ -47,7 +49,37 @@ std::string ToHexLines(const std::string& bytes) {
   return text;
 }
 
+struct DebugPort {
+  std::mutex lock;
+  std::string path GUARDED_BY(lock);
+};
+
+DebugPort& TheDebugPort() {
+  static auto* port = new DebugPort;
+  return *port;
+}
+
 }  // namespace
+
+void SetBtUartDebugPort(const std::string& uart_port) {
+  if (uart_port.empty()) {
+    ALOGE("%s: uart port is empty!", __func__);
+    return;
+  }
+  const size_t digit = uart_port.find_first_of("0123456789");
+  if (digit == std::string::npos) {
+    ALOGE("%s: cannot found uart port!", __func__);
+    return;
+  }
+  std::lock_guard<std::mutex> guard(TheDebugPort().lock);
+  TheDebugPort().path = "/dev/logbuffer_tty" + uart_port.substr(digit);
+  ALOGI("%s: serial debug port: %s", __func__, TheDebugPort().path.c_str());
+}
+
+std::string UartDebugPort() {
+  std::lock_guard<std::mutex> guard(TheDebugPort().lock);
+  return TheDebugPort().path;
+}
 
 void dump_debugfs_to_fd(int fd, const std::string& path) {
   std::string text = std::string(kRule) + "\nDebugfs:" + path + "\n" + kRule + "\n";

@@ -1,4 +1,4 @@
-#include "wake_lock.h"
+#include "base/wake_lock.h"
 
 #include <hardware_legacy/power.h>
 

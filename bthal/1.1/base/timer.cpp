@@ -1,4 +1,4 @@
-#include "timer.h"
+#include "base/timer.h"
 
 #include <android-base/thread_annotations.h>
 #include <pthread.h>
@@ -31,7 +31,8 @@ struct Timer::State {
         changed.wait_until(guard, until);
       } else {
         if (period.count() > 0) {
-          *expiry += period;
+          // From now: calls that a stall has delayed do not follow each other at once.
+          expiry = std::chrono::steady_clock::now() + period;
         } else {
           expiry.reset();
         }
@@ -70,15 +71,16 @@ Timer::~Timer() {
   }
 }
 
-void Timer::Arm(std::chrono::milliseconds first, std::chrono::milliseconds period) {
+bool Timer::Arm(std::chrono::milliseconds first, std::chrono::milliseconds period) {
   std::lock_guard<std::mutex> guard(state_->lock);
   const auto expiry = std::chrono::steady_clock::now() + first;
-  // Who sleeps until an earlier time than the new one looks again then: a timer that each packet
-  // puts off wakes nobody.
+  // A thread that sleeps until an earlier time than the new one looks again then: putting a timer
+  // off, as each packet may do, wakes no thread.
   const bool sooner = !state_->expiry || expiry < *state_->expiry;
   state_->expiry = expiry;
   state_->period = period;
   if (sooner) state_->changed.notify_all();
+  return !state_->stopped;
 }
 
 void Timer::Disarm() {

@@ -1,5 +1,6 @@
-// The firmware download of BtZvkProtocol.
 #define LOG_TAG "bthal.zvkproto"
+
+#include "bring_up/firmware_download.h"
 
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
@@ -10,20 +11,15 @@
 #include <cstring>
 #include <thread>
 
-#include "btzvk_command.h"
-#include "btzvk_protocol.h"
-#include "conf.h"
-#include "debug_central.h"
-#include "firmware_patch.h"
-#include "transport_shim.h"
+#include "bring_up/btzvk_command.h"
+#include "bring_up/firmware_patch.h"
+#include "evidence/record.h"
 
 namespace android::hardware::bluetooth {
 namespace {
 
 using ::android::base::StringPrintf;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugAnchor;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
+using evidence::AnchorType;
 
 constexpr uint16_t kOpcodeDownloadMinidriver = 0xFC2E;
 constexpr uint16_t kOpcodeLaunchRam = 0xFC4E;
@@ -34,81 +30,71 @@ constexpr uint8_t kFirstChipAskedForFastDownload = 0xAE;
 constexpr uint8_t kChipWithFastDownload = 0xAA;
 
 constexpr std::chrono::milliseconds kMinidriverTime{50};
-constexpr std::chrono::milliseconds kFirmwareStartTime{500};
 
 constexpr char kDownload[] = "firmware_download";
 
-void Record(AnchorType type, const std::string& text) {
-  DebugCentral::Get().UpdateRecord(type, text);
-}
-
 }  // namespace
 
-bool BtZvkProtocol::enable_fast_download() {
+bool FirmwareDownload::enable_fast_download() {
   LOG(INFO) << __func__ << ": Sending Set Download Config command";
   const uint8_t params[] = {0x00, 0x01};
-  const uint8_t status = send_and_wait(kOpcodeSetDownloadConfig, sizeof params, params);
+  const uint8_t status = Send(kOpcodeSetDownloadConfig, sizeof params, params);
   if (status == 0) return true;
   LOG(ERROR) << __func__ << ": Set Download Config command returned: " << static_cast<int>(status);
-  Record(AnchorType::kFastDownload,
-         StringPrintf("%s: Set Download Config command returned: 0x%2X", __func__, status));
+  evidence::Record(
+      AnchorType::kFastDownload,
+      StringPrintf("%s: Set Download Config command returned: 0x%2X", __func__, status));
   return false;
 }
 
-bool BtZvkProtocol::decide_fast_download(uint8_t chip_id) {
+bool FirmwareDownload::decide_fast_download() {
   bool fast = false;
-  if (conf::Config::GetInstance()->GetFastDownloadState()) {
-    if (chip_id >= kFirstChipAskedForFastDownload) {
+  if (fast_allowed_) {
+    if (chip_id_ >= kFirstChipAskedForFastDownload) {
       fast = enable_fast_download();
     } else {
-      fast = chip_id == kChipWithFastDownload;
+      fast = chip_id_ == kChipWithFastDownload;
     }
   }
   const char* verdict = fast ? "is" : "is not";
   LOG(INFO) << kDownload << ": Fast download " << verdict << " supported";
-  Record(AnchorType::kFastDownload,
-         StringPrintf("%s: fast download %s supported", kDownload, verdict));
+  evidence::Record(AnchorType::kFastDownload,
+                   StringPrintf("%s: fast download %s supported", kDownload, verdict));
   return fast;
 }
 
-bool BtZvkProtocol::firmware_download() {
-  const DebugAnchor anchor(AnchorType::kFirmwareDownload, kDownload, DebugCentral::Get());
-  if (!hci::shim::IsUserialReady()) {
-    LOG(ERROR) << kDownload << ": Userial is not ready";
-    return false;
-  }
-  std::string name;
-  const std::string path = FindFirmwarePatch(chip_id(), &name);
-  if (!name.empty()) {
-    Record(AnchorType::kFirmwareFile,
-           StringPrintf("%s: firmware file [%s] be used", kDownload, name.c_str()));
-  }
-  if (!send_firmware_records(path)) return false;
-  // The controller starts again at its default speed: only the host's side is switched.
-  baudrate_change(UartBaudRate::kRate115200, true);
-  std::this_thread::sleep_for(kFirmwareStartTime);
-  LOG(INFO) << kDownload << ": Done";
-  Record(AnchorType::kDownloadDone, StringPrintf("%s: Done", kDownload));
-  return true;
+uint8_t FirmwareDownload::Send(uint16_t opcode, uint8_t length, const uint8_t* params) {
+  return btzvk_send_command_wait_complete(flow_, opcode, length, params);
 }
 
-bool BtZvkProtocol::send_firmware_records(const std::string& path) {
+bool FirmwareDownload::Run() {
+  std::string name;
+  const std::string path = FindFirmwarePatch(chip_id_, &name);
+  if (!name.empty()) {
+    evidence::Record(AnchorType::kFirmwareFile,
+                     StringPrintf("%s: firmware file [%s] be used", kDownload, name.c_str()));
+  }
+  return SendRecords(path);
+}
+
+bool FirmwareDownload::SendRecords(const std::string& path) {
   FirmwarePatch patch;
   LOG(INFO) << kDownload << ": Looking for patchfile [" << path << "]";
   if (!patch.Open(path)) {
     LOG(ERROR) << kDownload << ": Unable to open patchfile [" << path << "]";
-    Record(AnchorType::kDownloadFailed,
-           StringPrintf("%s: Unable to open patchfile [%s]", kDownload, path.c_str()));
+    evidence::Record(AnchorType::kDownloadFailed,
+                     StringPrintf("%s: Unable to open patchfile [%s]", kDownload, path.c_str()));
     return false;
   }
-  const bool fast = decide_fast_download(chip_id());
+  const bool fast = decide_fast_download();
 
   LOG(INFO) << kDownload << ": Sending Download Minidrv command";
-  uint8_t status = send_and_wait(kOpcodeDownloadMinidriver);
+  uint8_t status = Send(kOpcodeDownloadMinidriver, 0, nullptr);
   if (status != 0) {
     LOG(ERROR) << kDownload << ": Download Minidrv command failed: " << static_cast<int>(status);
-    Record(AnchorType::kDownloadFailed,
-           StringPrintf("%s: UDownload Minidrv command failed: 0x%2X", kDownload, status));
+    evidence::Record(
+        AnchorType::kDownloadFailed,
+        StringPrintf("%s: UDownload Minidrv command failed: 0x%2X", kDownload, status));
     return false;
   }
   std::this_thread::sleep_for(kMinidriverTime);
@@ -125,15 +111,17 @@ bool BtZvkProtocol::send_firmware_records(const std::string& path) {
       LOG(DEBUG) << kDownload
                  << StringPrintf(": Sending 0x%04x 0x%02x", record.opcode, record.length);
       if (fast) {
-        btzvk_send_command_no_wait(flow().get(), record.opcode, record.length, record.params);
-        continue;
+        // A line that takes nothing any more ends the download, as a refused record does.
+        if (btzvk_send_command_no_wait(flow_, record.opcode, record.length, record.params)) {
+          continue;
+        }
       }
     }
-    status = send_and_wait(record.opcode, record.length, record.params);
+    status = Send(record.opcode, record.length, record.params);
     if (status != 0) {
       LOG(ERROR) << kDownload << ": Failed to write patchram: " << static_cast<int>(status);
-      Record(AnchorType::kDownloadFailed,
-             StringPrintf("%s: Failed to write patchram: 0x%x", kDownload, status));
+      evidence::Record(AnchorType::kDownloadFailed,
+                       StringPrintf("%s: Failed to write patchram: 0x%x", kDownload, status));
       return false;
     }
   }
@@ -146,11 +134,11 @@ bool BtZvkProtocol::send_firmware_records(const std::string& path) {
   if (record.opcode != kOpcodeLaunchRam) {
     LOG(INFO) << kDownload << ": Sending Launch Ram command";
     const uint8_t params[] = {0xFF, 0xFF, 0xFF, 0xFF};
-    status = send_and_wait(kOpcodeLaunchRam, sizeof params, params);
+    status = Send(kOpcodeLaunchRam, sizeof params, params);
     if (status != 0) {
       LOG(ERROR) << kDownload << ": Launch Ram command failed: " << static_cast<int>(status);
-      Record(AnchorType::kDownloadFailed,
-             StringPrintf("%s: Launch Ram command failed: 0x%x", kDownload, status));
+      evidence::Record(AnchorType::kDownloadFailed,
+                       StringPrintf("%s: Launch Ram command failed: 0x%x", kDownload, status));
       return false;
     }
   }

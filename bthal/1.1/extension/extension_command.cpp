@@ -1,4 +1,4 @@
-#include "extension_command.h"
+#include "extension/extension_command.h"
 
 #include <android-base/logging.h>
 

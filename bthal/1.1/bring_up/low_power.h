@@ -7,9 +7,11 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <utility>
 
-#include "bluetooth_Activity.h"
-#include "timer.h"
+#include "base/timer.h"
+#include "transport/transport.h"
 
 namespace android::hardware::bluetooth {
 
@@ -17,7 +19,17 @@ namespace android::hardware::bluetooth {
 // each transmission, and holds the wake lock while it is awake. Owned by BtZvkProtocol. Any thread.
 class LowPower {
  public:
-  LowPower() = default;
+  // One time that the controller was awake.
+  struct Awake {
+    std::string wake_time;   // local time, HH:MM:SS:mmm
+    std::string sleep_time;  // the same
+    uint32_t duration_ms = 0;
+    uint32_t transmissions = 0;
+  };
+
+  // transport: returns the one that is open. long_awake: told of each time of more than 10 s.
+  LowPower(std::function<hci::Transport&()> transport, std::function<void(const Awake&)> long_awake)
+      : transport_(std::move(transport)), long_awake_(std::move(long_awake)) {}
   LowPower(const LowPower&) = delete;
   LowPower& operator=(const LowPower&) = delete;
 
@@ -38,14 +50,17 @@ class LowPower {
   void wakelock_acquire() REQUIRES(lock_);
   void wakelock_release() REQUIRES(lock_);
 
+  const std::function<hci::Transport&()> transport_;
+  const std::function<void(const Awake&)> long_awake_;
+
   std::mutex lock_;
-  std::unique_ptr<Timer> timer_ GUARDED_BY(lock_);
-  bool active_ GUARDED_BY(lock_) = false;  // something was sent since the last tick
+  std::unique_ptr<Timer> timer_ GUARDED_BY(lock_);  // null: the low-power mode is off
+  bool active_ GUARDED_BY(lock_) = false;           // something was sent since the last tick
   bool awake_ GUARDED_BY(lock_) = false;
   bool wake_lock_held_ GUARDED_BY(lock_) = false;
   uint32_t transmissions_ GUARDED_BY(lock_) = 0;  // since the last suspend
-  std::chrono::steady_clock::time_point wake_time_ GUARDED_BY(lock_);
-  V1_1::zvkbtlinux::activity::bthal_wakelock_stat_t last_statistics_ GUARDED_BY(lock_);
+  std::chrono::steady_clock::time_point wake_start_ GUARDED_BY(lock_);
+  std::string wake_time_ GUARDED_BY(lock_);
 };
 
 }  // namespace android::hardware::bluetooth

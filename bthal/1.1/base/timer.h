@@ -17,8 +17,10 @@ class Timer {
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
 
-  // Calls back after first, then every period; once only when period is 0. Replaces what was armed.
-  void Arm(std::chrono::milliseconds first, std::chrono::milliseconds period);
+  // Calls back after first, then again when period has passed since the last call began; once only
+  // when period is 0. Replaces what was armed. Returns false only for a timer that is being
+  // deleted.
+  bool Arm(std::chrono::milliseconds first, std::chrono::milliseconds period);
   void Disarm();
 
  private:

@@ -1,6 +1,6 @@
 #define LOG_TAG "bthal.async_fd_watcher"
 
-#include "async_fd_watcher.h"
+#include "transport/async_fd_watcher.h"
 
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
@@ -18,7 +18,7 @@
 #include <system_error>
 #include <vector>
 
-#include "thread_role.h"
+#include "base/thread_role.h"
 
 namespace android::hardware::bluetooth::async {
 

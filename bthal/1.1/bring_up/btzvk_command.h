@@ -12,12 +12,12 @@ namespace android::hardware::bluetooth {
 inline constexpr uint8_t kCommandTimedOut = 3;
 
 // Sends a command through the queue and waits for its Command Complete, 2 s at most. Returns the
-// status; kCommandTimedOut also when flow is null or is halted meanwhile.
+// status; kCommandTimedOut also when flow is null or is halted meanwhile, or cannot send.
 uint8_t btzvk_send_command_wait_complete(hci::HciFlowControl* flow, uint16_t opcode, uint8_t length,
                                          const uint8_t* params);
 
-// Sends a command at once and does not wait.
-void btzvk_send_command_no_wait(hci::HciFlowControl* flow, uint16_t opcode, uint8_t length,
+// Sends a command at once and does not wait. Returns whether the transport took it.
+bool btzvk_send_command_no_wait(hci::HciFlowControl* flow, uint16_t opcode, uint8_t length,
                                 const uint8_t* params);
 
 // The whole Command Complete event of the last successful wait: return parameters from byte 6.

@@ -1,4 +1,4 @@
-#include "firmware_patch.h"
+#include "bring_up/firmware_patch.h"
 
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>

@@ -15,6 +15,12 @@ inline constexpr char kChreDumpPrefix[] = "coredump_bt_chredump_";
 // Relative on purpose: it lies below the service's working directory, the root.
 inline constexpr char kLpmLogBuffer[] = "dev/logbuffer_btlpm";
 
+// Remembers the kernel log buffer that belongs to a UART: its path up to the first digit is
+// replaced by "/dev/logbuffer_tty". Any thread.
+void SetBtUartDebugPort(const std::string& uart_port);
+// Its path; empty until it is known.
+std::string UartDebugPort();
+
 // Appends the content of a kernel log buffer under a heading, or why it cannot be read.
 void dump_debugfs_to_fd(int fd, const std::string& path);
 

@@ -1,4 +1,4 @@
-#include "anchor_records.h"
+#include "evidence/anchor_records.h"
 
 #include <android-base/stringprintf.h>
 
@@ -21,6 +21,8 @@ std::string FormatTimestamp(const timespec& time) {
   return base::StringPrintf("%02d:%02d:%02d:%03ld", local.tm_hour, local.tm_min, local.tm_sec,
                             time.tv_nsec / 1000000);
 }
+
+std::string TimestampNow() { return FormatTimestamp(Now()); }
 
 void AnchorRecords::Add(AnchorType type, const std::string& text) {
   std::lock_guard<std::mutex> guard(lock_);

@@ -5,16 +5,32 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "thread_role.h"
+#include "base/thread_role.h"
 
 namespace android::hardware::bluetooth {
 
-// Lets one tear-down run at a time. Any thread.
+// Lets one thread at a time open or close the transport. Any thread.
 class TeardownGate {
  public:
-  // True: the caller runs the tear-down and calls Leave(). A caller that comes while another one
-  // runs waits for its end first; on a thread that the other one may be joining it gets false at
-  // once and must return.
+  // The time that a thread spends inside. A thread that comes while another one is inside waits for
+  // its end first; a thread that the other one may be joining is refused at once and must return.
+  class Passage {
+   public:
+    explicit Passage(TeardownGate& gate) : gate_(gate), entered_(gate.Enter()) {}
+    ~Passage() {
+      if (entered_) gate_.Leave();
+    }
+    Passage(const Passage&) = delete;
+    Passage& operator=(const Passage&) = delete;
+
+    explicit operator bool() const { return entered_; }
+
+   private:
+    TeardownGate& gate_;
+    const bool entered_;
+  };
+
+ private:
   bool Enter() EXCLUDES(lock_) {
     std::unique_lock<std::mutex> lock(lock_);
     const base::ScopedLockAssertion locked(lock_);
@@ -32,7 +48,6 @@ class TeardownGate {
     idle_.notify_all();
   }
 
- private:
   std::mutex lock_;
   std::condition_variable idle_;
   bool busy_ GUARDED_BY(lock_) = false;

@@ -3,21 +3,23 @@
 #include <android-base/thread_annotations.h>
 #include <android/hardware/bluetooth/1.1/IBluetoothHciCallbacks.h>
 
+#include <condition_variable>
 #include <mutex>
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 
 // The stack's callback objects: one HAL a process, one stack at a time. Built on first use, never
 // destroyed. Any thread; its lock is a leaf.
-class StackLink {
+class AttachedStack {
  public:
   using Callbacks1_0 = sp<V1_0::IBluetoothHciCallbacks>;
   using Callbacks1_1 = sp<V1_1::IBluetoothHciCallbacks>;
 
-  static StackLink& Get();
+  static AttachedStack& Get();
 
-  // Stores the callbacks of a stack that attaches, unless there is one. v1_1 is null when the
-  // stack attached through 1.0. Returns whether it is attached now.
+  // Stores the callbacks of a stack that attaches, unless there is one that lives: the end of a
+  // dead one is waited for, 5 s at most. v1_1 is null when the stack attached through 1.0. Returns
+  // whether it is attached now.
   bool Attach(const Callbacks1_0& v1_0, const Callbacks1_1& v1_1);
   void Detach();
   // Detaches only if who is attached. Returns whether it was.
@@ -29,6 +31,7 @@ class StackLink {
 
  private:
   mutable std::mutex lock_;
+  std::condition_variable detached_;
   Callbacks1_0 g_cb_ GUARDED_BY(lock_);
   Callbacks1_1 g_cb_1_1_ GUARDED_BY(lock_);
 };

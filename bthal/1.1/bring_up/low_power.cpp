@@ -1,6 +1,6 @@
 #define LOG_TAG "bthal.zvkproto"
 
-#include "low_power.h"
+#include "bring_up/low_power.h"
 
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
@@ -9,33 +9,25 @@
 #include <cerrno>
 #include <cstring>
 
-#include "debug_central.h"
-#include "transport_shim.h"
-#include "wake_lock.h"
+#include "base/wake_lock.h"
+#include "evidence/record.h"
 
 namespace android::hardware::bluetooth {
 namespace {
 
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::AnchorType;
-using ::android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
-using V1_1::zvkbtlinux::activity::BtActivitiesLogger;
-using V1_1::zvkbtlinux::activity::log_message_timestamp;
+using evidence::AnchorType;
 
 constexpr uint32_t kLongAwakeMs = 10001;
-
-void Record(AnchorType type, const std::string& text) {
-  DebugCentral::Get().UpdateRecord(type, text);
-}
 
 }  // namespace
 
 void LowPower::Setup(const std::function<bool()>& set_sleep_mode) {
   ALOGI("lpm_setup");
-  if (!hci::shim::LpmSetup()) return;
+  if (!transport_().LpmSetup()) return;
   auto timer = Timer::Create("bthal_lpm", [this] { OnTimer(); });
   if (timer == nullptr) {
     LOG(ERROR) << "lpm_setup: cannot create lpm_wake_timer";
-    Record(AnchorType::kLpmTimerFailed, "lpm_setup: cannot create lpm_wake_timer");
+    evidence::Record(AnchorType::kLpmTimerFailed, "lpm_setup: cannot create lpm_wake_timer");
     Teardown();
     return;
   }
@@ -51,9 +43,9 @@ void LowPower::Setup(const std::function<bool()>& set_sleep_mode) {
   const int error = errno;
   LOG(ERROR) << "lpm_setup: Unable to enable LPM controller:" << strerror(error) << " (" << error
              << ")";
-  Record(AnchorType::kSleepModeFailed,
-         base::StringPrintf("lpm_setup: Unable to enable LPM controller: %s (%d)", strerror(error),
-                            error));
+  evidence::Record(AnchorType::kSleepModeFailed,
+                   base::StringPrintf("lpm_setup: Unable to enable LPM controller: %s (%d)",
+                                      strerror(error), error));
   Teardown();
 }
 
@@ -64,26 +56,31 @@ std::unique_ptr<Timer> LowPower::Reset() {
 }
 
 void LowPower::Teardown() {
-  hci::shim::LpmTeardown();
+  transport_().LpmTeardown();
   std::unique_ptr<Timer> timer;  // outlives the lock: deleting it waits for a running tick
   std::lock_guard<std::mutex> guard(lock_);
   timer = Reset();
 }
 
 bool LowPower::WakeUp() {
-  if (!hci::shim::IsLpmRunning()) return true;
   {
+    // A teardown comes wholly before or wholly after this.
     std::lock_guard<std::mutex> guard(lock_);
+    if (timer_ == nullptr || !transport_().IsLpmRunning()) return true;
     active_ = true;
     ++transmissions_;
     if (awake_) return true;
-    Record(AnchorType::kLpmWakeUp, "LpmWakeUp");
+    evidence::Record(AnchorType::kLpmWakeUp, "LpmWakeUp");
     wakelock_acquire();
-    if (hci::shim::LpmWakeUp()) {
+    if (transport_().LpmWakeUp()) {
       awake_ = true;
-      last_statistics_.wake_time = log_message_timestamp();
-      wake_time_ = std::chrono::steady_clock::now();
-      if (timer_ != nullptr) timer_->Arm(kPeriod, kPeriod);
+      wake_time_ = evidence::TimestampNow();
+      wake_start_ = std::chrono::steady_clock::now();
+      // A Timer that exists can be armed: this does not fail.
+      if (!timer_->Arm(kPeriod, kPeriod)) {
+        LOG(ERROR) << "LpmWakeUp: cannot arm lpm_wake_timer";
+        evidence::Record(AnchorType::kLpmTimerFailed, "LpmWakeUp: cannot arm lpm_wake_timer");
+      }
       return true;
     }
   }
@@ -99,17 +96,14 @@ void LowPower::OnTimer() {
       return;
     }
     if (!awake_) return;  // torn down while this tick was under way
-    Record(AnchorType::kLpmTimeout, "LpmWakeUpTimeout");
-    if (hci::shim::LpmSuspend()) {
+    evidence::Record(AnchorType::kLpmTimeout, "LpmWakeUpTimeout");
+    if (transport_().LpmSuspend()) {
       awake_ = false;
-      const auto duration = std::chrono::steady_clock::now() - wake_time_;
-      last_statistics_.sleep_time = log_message_timestamp();
-      last_statistics_.duration_ms = static_cast<uint32_t>(
-          std::chrono::duration_cast<std::chrono::milliseconds>(duration).count());
-      last_statistics_.transmissions = transmissions_;
-      if (last_statistics_.duration_ms >= kLongAwakeMs) {
-        BtActivitiesLogger::GetInstacne()->UpdateBthalWakelockStat(last_statistics_);
-      }
+      const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(
+          std::chrono::steady_clock::now() - wake_start_);
+      const Awake awake{wake_time_, evidence::TimestampNow(),
+                        static_cast<uint32_t>(duration.count()), transmissions_};
+      if (awake.duration_ms >= kLongAwakeMs) long_awake_(awake);
       transmissions_ = 0;
       if (timer_ != nullptr) timer_->Disarm();
       wakelock_release();
@@ -121,20 +115,22 @@ void LowPower::OnTimer() {
 
 void LowPower::wakelock_acquire() {
   if (wake_lock_held_) {
-    Record(AnchorType::kWakelockSkipped, base::StringPrintf("skip duplicated %s", __func__));
+    evidence::Record(AnchorType::kWakelockSkipped,
+                     base::StringPrintf("skip duplicated %s", __func__));
     return;
   }
-  Record(AnchorType::kWakelockAcquire, __func__);
+  evidence::Record(AnchorType::kWakelockAcquire, __func__);
   WakeLock::Get().Acquire();
   wake_lock_held_ = true;
 }
 
 void LowPower::wakelock_release() {
   if (!wake_lock_held_) {
-    Record(AnchorType::kWakelockSkipped, base::StringPrintf("skip duplicated %s", __func__));
+    evidence::Record(AnchorType::kWakelockSkipped,
+                     base::StringPrintf("skip duplicated %s", __func__));
     return;
   }
-  Record(AnchorType::kWakelockRelease, __func__);
+  evidence::Record(AnchorType::kWakelockRelease, __func__);
   WakeLock::Get().Release();
   wake_lock_held_ = false;
 }

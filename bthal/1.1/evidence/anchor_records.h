@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "anchor_type.h"
+#include "evidence/anchor_type.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 
@@ -55,5 +55,6 @@ class AnchorRecords {
 
 // HH:MM:SS:mmm of a wall-clock time, in local time.
 std::string FormatTimestamp(const timespec& time);
+std::string TimestampNow();
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug

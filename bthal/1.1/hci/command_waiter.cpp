@@ -1,0 +1,45 @@
+#include "hci/command_waiter.h"
+
+namespace android::hardware::bluetooth::hci {
+
+uint8_t CommandWaiter::SendAndWait(HciFlowControl& flow, const std::vector<uint8_t>& command,
+                                   std::optional<std::chrono::milliseconds> limit) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + limit.value_or(std::chrono::milliseconds(0));
+  flow.RegisterEventWatcher(this);
+  if (flow.Send(HCI_PACKET_TYPE_COMMAND, command.data(), command.size()) < command.size()) {
+    GiveUp();
+  }
+  {
+    std::unique_lock<std::mutex> guard(lock_);
+    const base::ScopedLockAssertion locked(lock_);
+    while (!result_) {
+      if (!limit) {
+        completed_.wait(guard);
+      } else if (completed_.wait_until(guard, deadline) == std::cv_status::timeout) {
+        break;
+      }
+    }
+  }
+  flow.UnregisterEventWatcher(this);
+  // An answer that came between the end of the wait and here counts.
+  GiveUp();
+  std::lock_guard<std::mutex> guard(lock_);
+  return *result_;
+}
+
+bool CommandWaiter::OnEventReceive(const hidl_vec<uint8_t>& event) {
+  const uint8_t status = CommandCompleteStatus(event);
+  const bool keep = OnAnswer(event, status);
+  Complete(status);
+  return keep;
+}
+
+void CommandWaiter::Complete(uint8_t status) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (result_) return;
+  result_ = status;
+  completed_.notify_all();
+}
+
+}  // namespace android::hardware::bluetooth::hci
