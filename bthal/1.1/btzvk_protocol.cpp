@@ -56,10 +56,13 @@ BtZvkProtocol* BtZvkProtocol::GetInstacne() {
 }
 
 BtZvkProtocol::BtZvkProtocol()
-    : low_power_(hci::shim::OpenTransport, [](const LowPower::Awake& awake) {
-        V1_1::zvkbtlinux::activity::BtActivitiesLogger::GetInstacne()->UpdateBthalWakelockStat(
-            {awake.wake_time, awake.sleep_time, awake.duration_ms, awake.transmissions});
-      }) {}
+    : low_power_(
+          {hci::shim::LpmSetup, hci::shim::LpmTeardown, hci::shim::LpmSuspend, hci::shim::LpmWakeUp,
+           hci::shim::IsLpmRunning},
+          [](const LowPower::Awake& awake) {
+            V1_1::zvkbtlinux::activity::BtActivitiesLogger::GetInstacne()->UpdateBthalWakelockStat(
+                {awake.wake_time, awake.sleep_time, awake.duration_ms, awake.transmissions});
+          }) {}
 
 std::shared_ptr<hci::HciFlowControl> BtZvkProtocol::flow() {
   std::lock_guard<std::mutex> guard(lock_);

@@ -96,8 +96,9 @@ struct CoexDevice::Poller {
     return alive;
   }
 
-  // Ends the thread and closes the device.
-  void DeviceClose() EXCLUDES(lock);
+  // Ends the thread and closes the device. Returns the result of closing; 0 if there was nothing to
+  // close.
+  int DeviceClose() EXCLUDES(lock);
   int ReadEvent();
   bool WriteEvent(const uint8_t* bytes, uint8_t length);
   void PollLoop();
@@ -242,8 +243,9 @@ bool CoexDevice::Poller::ClosePollThread() {
     timer = Timer::Create("bthal_coex", [this] { coex_close_timeout(); });
     if (timer == nullptr) {
       ALOGE("%s: cannot create coex_close_timer, ret:%d", "coex_close_timer_setup", -1);
-    } else {
-      timer->Arm(kCloseTimeout, std::chrono::milliseconds(0));
+    } else if (!timer->Arm(kCloseTimeout, std::chrono::milliseconds(0))) {
+      // A Timer that exists can be armed: this does not happen.
+      ALOGE("%s: Failed to set coex_close_timer, ret:%d", "coex_close_timer_setup", -1);
     }
   }
   ALOGI("%s: close socket fds_1", __func__);
@@ -261,11 +263,11 @@ bool CoexDevice::Poller::ClosePollThread() {
   return own_thread || JoinOrLetGo();
 }
 
-void CoexDevice::Poller::DeviceClose() {
+int CoexDevice::Poller::DeviceClose() {
   ALOGI("%s", __func__);
-  if (!ClosePollThread() || coex_fd.get() < 0) return;
+  if (!ClosePollThread() || coex_fd.get() < 0) return 0;
   ALOGI("%s: close(coex_fd_:%d)", __func__, coex_fd.get());
-  coex_fd.reset();
+  return close(coex_fd.release());
 }
 
 CoexDevice::CoexDevice() = default;
@@ -326,11 +328,8 @@ int CoexDevice::DeviceClose() {
     std::lock_guard<std::mutex> guard(lock_);
     poller.swap(poller_);
   }
-  if (poller == nullptr) {
-    ALOGI("%s", __func__);
-  } else {
-    poller->DeviceClose();
-  }
+  if (poller != nullptr) return poller->DeviceClose();
+  ALOGI("%s", __func__);
   return 0;
 }
 

@@ -25,7 +25,7 @@ class CoexDevice {
   bool DeviceOpen(const std::function<void()>& callback, int delay_ms) EXCLUDES(lock_);
 
   // Ends the thread and closes the device; on the thread itself, once that returns to its loop.
-  // Returns the result of the last close.
+  // Returns the result of closing; 0 if there was nothing to close.
   int DeviceClose() EXCLUDES(lock_);
 
  private:

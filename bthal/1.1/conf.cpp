@@ -86,10 +86,7 @@ void Config::LoadConfig(const char* path) {
   }
   size_t not_text = 0;
   for (std::string& line : SplitLines(content)) {
-    if (!IsText(line)) {
-      ++not_text;
-      continue;
-    }
+    if (!IsText(line)) ++not_text;
     if (line[0] == '#') continue;
     char* rest = nullptr;
     const char* name = strtok_r(line.data(), " =\n\r\t", &rest);
@@ -102,7 +99,7 @@ void Config::LoadConfig(const char* path) {
     StoreConfigValue(name, TrimBlanks(value).c_str());
   }
   if (not_text > 0) {
-    ALOGW("vnd_load_conf: %s is damaged: %zu lines that are no text are ignored", path, not_text);
+    ALOGW("vnd_load_conf: %s looks damaged: %zu lines have control characters", path, not_text);
   }
   if (userial_type_ != kUserialTty) uart_port_.clear();
 }

@@ -40,6 +40,8 @@ Shim& State() {
   return *shim;
 }
 
+Transport& OpenTransport() { return *State().transport.load(std::memory_order_acquire); }
+
 TransportSettings ReadSettings() {
   const auto* config = conf::Config::GetInstance();
   if (base::GetBoolProperty("persist.bluetooth.ulk.path.enabled", false)) {
@@ -69,8 +71,6 @@ void CloseTransport(Shim& state) {
 }  // namespace
 
 void SetOwner(Owner owner) { State().owner = std::move(owner); }
-
-Transport& OpenTransport() { return *State().transport.load(std::memory_order_acquire); }
 
 std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_cb,
                                                     const PacketReceiver& acl_cb,

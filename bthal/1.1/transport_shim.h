@@ -23,8 +23,6 @@ struct Owner {
 // Before anything is opened.
 void SetOwner(Owner owner);
 
-Transport& OpenTransport();
-
 // Selects the transport, power-cycles the controller, opens the port and starts reading. The
 // functions receive the controller's packets on the reader thread. Returns the flow control, which
 // is halted by Deinitialize(), or null after undoing what had been switched on.

@@ -23,7 +23,7 @@ constexpr uint32_t kLongAwakeMs = 10001;
 
 void LowPower::Setup(const std::function<bool()>& set_sleep_mode) {
   ALOGI("lpm_setup");
-  if (!transport_().LpmSetup()) return;
+  if (!line_.setup()) return;
   auto timer = Timer::Create("bthal_lpm", [this] { OnTimer(); });
   if (timer == nullptr) {
     LOG(ERROR) << "lpm_setup: cannot create lpm_wake_timer";
@@ -56,7 +56,7 @@ std::unique_ptr<Timer> LowPower::Reset() {
 }
 
 void LowPower::Teardown() {
-  transport_().LpmTeardown();
+  line_.teardown();
   std::unique_ptr<Timer> timer;  // outlives the lock: deleting it waits for a running tick
   std::lock_guard<std::mutex> guard(lock_);
   timer = Reset();
@@ -66,13 +66,13 @@ bool LowPower::WakeUp() {
   {
     // A teardown comes wholly before or wholly after this.
     std::lock_guard<std::mutex> guard(lock_);
-    if (timer_ == nullptr || !transport_().IsLpmRunning()) return true;
+    if (timer_ == nullptr || !line_.is_running()) return true;
     active_ = true;
     ++transmissions_;
     if (awake_) return true;
     evidence::Record(AnchorType::kLpmWakeUp, "LpmWakeUp");
     wakelock_acquire();
-    if (transport_().LpmWakeUp()) {
+    if (line_.wake_up()) {
       awake_ = true;
       wake_time_ = evidence::TimestampNow();
       wake_start_ = std::chrono::steady_clock::now();
@@ -97,7 +97,7 @@ void LowPower::OnTimer() {
     }
     if (!awake_) return;  // torn down while this tick was under way
     evidence::Record(AnchorType::kLpmTimeout, "LpmWakeUpTimeout");
-    if (transport_().LpmSuspend()) {
+    if (line_.suspend()) {
       awake_ = false;
       const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(
           std::chrono::steady_clock::now() - wake_start_);

@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "base/timer.h"
-#include "transport/transport.h"
 
 namespace android::hardware::bluetooth {
 
@@ -27,9 +26,18 @@ class LowPower {
     uint32_t transmissions = 0;
   };
 
-  // transport: returns the one that is open. long_awake: told of each time of more than 10 s.
-  LowPower(std::function<hci::Transport&()> transport, std::function<void(const Awake&)> long_awake)
-      : transport_(std::move(transport)), long_awake_(std::move(long_awake)) {}
+  // What the open transport does for it.
+  struct Line {
+    std::function<bool()> setup;
+    std::function<void()> teardown;
+    std::function<bool()> suspend;
+    std::function<bool()> wake_up;
+    std::function<bool()> is_running;
+  };
+
+  // long_awake: told of each time of more than 10 s.
+  LowPower(Line line, std::function<void(const Awake&)> long_awake)
+      : line_(std::move(line)), long_awake_(std::move(long_awake)) {}
   LowPower(const LowPower&) = delete;
   LowPower& operator=(const LowPower&) = delete;
 
@@ -50,7 +58,7 @@ class LowPower {
   void wakelock_acquire() REQUIRES(lock_);
   void wakelock_release() REQUIRES(lock_);
 
-  const std::function<hci::Transport&()> transport_;
+  const Line line_;
   const std::function<void(const Awake&)> long_awake_;
 
   std::mutex lock_;

@@ -30,6 +30,11 @@ struct AsyncFdWatcher::Run {
   bool running GUARDED_BY(lock) = true;
   int called_fd GUARDED_BY(lock) = -1;  // whose function is running
   base::unique_fd wake_read, wake_write;
+  // Of a wait without anything readable. Nothing in the service sets it: the thread waits without
+  // limit.
+  std::mutex timeout_lock;
+  int timeout_ms GUARDED_BY(timeout_lock) = 0;
+  std::function<void()> timeout_callback GUARDED_BY(timeout_lock);
 
   void Wake() {
     const char byte = 0;
@@ -40,6 +45,8 @@ struct AsyncFdWatcher::Run {
   // The descriptors to wait for, ascending; empty once the run is stopped.
   std::vector<int> Descriptors() EXCLUDES(lock);
   void DropClosedDescriptors() EXCLUDES(lock);
+  int TimeoutMs() EXCLUDES(timeout_lock);
+  void OnTimeout() EXCLUDES(timeout_lock);
   void Call(int fd) EXCLUDES(lock);
 };
 
@@ -62,6 +69,20 @@ void AsyncFdWatcher::Run::DropClosedDescriptors() {
       ++i;
     }
   }
+}
+
+int AsyncFdWatcher::Run::TimeoutMs() {
+  std::lock_guard<std::mutex> guard(timeout_lock);
+  return timeout_ms;
+}
+
+void AsyncFdWatcher::Run::OnTimeout() {
+  std::function<void()> callback;
+  {
+    std::lock_guard<std::mutex> guard(timeout_lock);
+    if (timeout_ms >= 1) callback = timeout_callback;
+  }
+  if (callback) callback();
 }
 
 void AsyncFdWatcher::Run::Call(int fd) {
@@ -95,8 +116,16 @@ void AsyncFdWatcher::Run::ThreadRoutine() {
     FD_ZERO(&readable);
     for (int fd : fds) FD_SET(fd, &readable);
     const int highest = *std::max_element(fds.begin(), fds.end());
-    if (select(highest + 1, &readable, nullptr, nullptr, nullptr) < 0) {
+    const int limit_ms = TimeoutMs();
+    timeval limit = {limit_ms / 1000, limit_ms % 1000 * 1000};
+    const int ready =
+        select(highest + 1, &readable, nullptr, nullptr, limit_ms > 0 ? &limit : nullptr);
+    if (ready < 0) {
       if (errno == EBADF) DropClosedDescriptors();
+      continue;
+    }
+    if (ready == 0) {
+      OnTimeout();
       continue;
     }
     if (FD_ISSET(wake_read.get(), &readable)) {
