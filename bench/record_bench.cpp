@@ -3,7 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <time.h>
 
-#include "debug_central.h"
+#include "evidence/record.h"
 
 namespace {
 
@@ -13,14 +13,14 @@ std::string Text(const AnchorValues& v) { return "event of " + std::to_string(v[
 
 void BM_AnchorPair(benchmark::State& state) {
   for (auto _ : state) {
-    const DebugAnchor anchor(AnchorType::kHciEventReceived, Text, {40}, DebugCentral::Get());
+    const ScopedRecord anchor(AnchorType::kHciEventReceived, Text, {40});
   }
 }
 BENCHMARK(BM_AnchorPair);
 
 void BM_AnchorPairByText(benchmark::State& state) {
   for (auto _ : state) {
-    const DebugAnchor anchor(AnchorType::kPerformInit, "perform_init", DebugCentral::Get());
+    const ScopedRecord anchor(AnchorType::kPerformInit, "perform_init");
   }
 }
 BENCHMARK(BM_AnchorPairByText);

@@ -157,7 +157,7 @@ class DeviceAddressWait : public testing::Test {
   }
   ~DeviceAddressWait() override {
     abandoned_ = true;
-    hci::ReconsiderProvisioning();
+    hci::AbandonProvisioning();
     if (thread_.joinable()) thread_.join();
   }
   bool WaitDone() {
@@ -179,7 +179,7 @@ TEST_F(DeviceAddressWait, EndsWhenHalted) {
 TEST_F(DeviceAddressWait, EndsWhenAbandoned) {
   Start();
   abandoned_ = true;
-  hci::ReconsiderProvisioning();
+  hci::AbandonProvisioning();
   EXPECT_TRUE(WaitDone());
   EXPECT_FALSE(accepted_);
 }

@@ -48,7 +48,9 @@ class LowPowerMode : public testing::Test {
   KernelFile driver_{"/proc/bluetooth/sleep/lpm"};
   KernelFile lock_{"/sys/power/wake_lock"};
   KernelFile unlock_{"/sys/power/wake_unlock"};
-  LowPower low_power_;
+  LowPower low_power_{
+      {shim::LpmSetup, shim::LpmTeardown, shim::LpmSuspend, shim::LpmWakeUp, shim::IsLpmRunning},
+      [](const LowPower::Awake&) {}};
 };
 
 TEST_F(LowPowerMode, Off_WakeUpTouchesNothing) {

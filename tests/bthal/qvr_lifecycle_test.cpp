@@ -45,7 +45,7 @@ class CoProcessorSelected {
 
 void Nothing(const hidl_vec<uint8_t>&) {}
 
-android::hardware::bluetooth::hci::HciFlowControl* Open() {
+std::shared_ptr<android::hardware::bluetooth::hci::HciFlowControl> Open() {
   return shim::InitializeHciHandle(Nothing, Nothing, Nothing, Nothing);
 }
 
@@ -271,11 +271,11 @@ CHILD_CASE(QvrLoss) {
         8, test::ScriptedController::Complete(command, 0, chip_id ? Bytes{0x99} : Bytes{})));
     return std::nullopt;
   });
-  auto* flow = Open();
+  const auto flow = Open();
   if (flow == nullptr) return 1;
   open = true;
   if (moment == "bring_up" || moment == "control") {
-    if (!BtZvkProtocol::GetInstacne()->Initialize(flow)) return 2;
+    if (!BtZvkProtocol::GetInstacne()->Initialize(flow.get())) return 2;
     printf("ready after %d packets\n", packets.load());
     BtZvkProtocol::GetInstacne()->Shutdown();
     shim::GetTlDebugDump(-1, "", "");

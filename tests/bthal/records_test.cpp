@@ -87,8 +87,7 @@ TEST(Records, ManyThreadsRecordWhileOthersDump_LinesStayWhole) {
         if (i % 2 == 0) {
           DebugCentral::Get().UpdateRecord(type, text);
         } else {
-          const DebugAnchor anchor(type, Numbered, {static_cast<uint32_t>(i), 0, 0},
-                                   DebugCentral::Get());
+          const ScopedRecord anchor(type, Numbered, {static_cast<uint32_t>(i), 0, 0});
         }
       }
     });

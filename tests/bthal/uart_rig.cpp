@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "bthal/child_case.h"
+#include "btzvk_protocol.h"
 #include "transport_shim.h"
 
 namespace test {
@@ -10,13 +11,17 @@ namespace {
 
 namespace shim = android::hardware::bluetooth::hci::shim;
 using android::hardware::hidl_vec;
+using android::hardware::bluetooth::BtZvkProtocol;
 
 // An event that the stack gets and nobody else cares for.
 const Bytes kMarkerEvent = {0x3E, 0x02, 0x7F, 0x7F};
 
 }  // namespace
 
-UartRig::UartRig() : pty_(RootFolder() + kUartPort) {}
+UartRig::UartRig() : pty_(RootFolder() + kUartPort) {
+  shim::SetOwner({[] { BtZvkProtocol::GetInstacne()->LpmWakeUp(); },
+                  [] { BtZvkProtocol::GetInstacne()->Shutdown(); }});
+}
 
 UartRig::~UartRig() { shim::Deinitialize(); }
 
@@ -24,10 +29,8 @@ bool UartRig::Open() {
   const auto receiver = [this](uint8_t type) {
     return [this, type](const hidl_vec<uint8_t>& packet) { Record(type, packet); };
   };
-  auto* flow = shim::InitializeHciHandle(receiver(4), receiver(2), receiver(3), receiver(5));
-  if (flow == nullptr) return false;
-  flow_ = flow->shared_from_this();
-  return true;
+  flow_ = shim::InitializeHciHandle(receiver(4), receiver(2), receiver(3), receiver(5));
+  return flow_ != nullptr;
 }
 
 void UartRig::Record(uint8_t type, const hidl_vec<uint8_t>& packet) {

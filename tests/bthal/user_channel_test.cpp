@@ -52,10 +52,10 @@ std::string NextFromHost() {
 
 CHILD_CASE(UserChannel) {
   const auto ignore = [](const hidl_vec<uint8_t>&) {};
-  auto* flow = shim::InitializeHciHandle(ignore, ignore, ignore, ignore);
+  const auto flow = shim::InitializeHciHandle(ignore, ignore, ignore, ignore);
   if (flow == nullptr) return 1;
   printf("type %u\n", shim::GetUserialType());
-  printf("initialized %d\n", BtZvkProtocol::GetInstacne()->Initialize(flow));
+  printf("initialized %d\n", BtZvkProtocol::GetInstacne()->Initialize(flow.get()));
   printf("bring-up wrote %s\n", NextFromHost().c_str());
   const test::Bytes reset = test::ParseHex("03 0C 00");
   flow->Send(1, reset.data(), reset.size());
