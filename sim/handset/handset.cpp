@@ -246,6 +246,11 @@ void Handset::Act(const Action& action) {
     case Action::Kind::kSilence:
       line_.BeSilent(action.time);
       break;
+    case Action::Kind::kHang:
+      trace_.Note("hang");
+      line_.BeSilent(action.time);
+      uart_.StopReading(action.time);
+      break;
     case Action::Kind::kStray:
       uart_.Send({&byte, 1});
       break;

@@ -45,6 +45,7 @@ Uart::Uart(EventLoop& loop, std::mt19937& random, const Options& options,
 Uart::~Uart() {
   loop_.Cancel(&rx_timer_);
   loop_.Cancel(&tx_timer_);
+  loop_.Cancel(&deaf_end_);
   loop_.Unwatch(pty_->fd());
 }
 
@@ -61,7 +62,21 @@ void Uart::HangUp() {
   OpenLine();
 }
 
+void Uart::StopReading(EventLoop::Duration time) {
+  deaf_ = true;
+  loop_.Cancel(&deaf_end_);
+  if (time > EventLoop::Duration::zero()) {
+    deaf_end_ = loop_.After(time, [this] {
+      deaf_ = false;
+      UpdateEvents();
+    });
+  }
+  UpdateEvents();
+}
+
 void Uart::Clear() {
+  deaf_ = false;
+  loop_.Cancel(&deaf_end_);
   tx_.clear();
   tx_head_ = 0;
   marks_.clear();
@@ -73,7 +88,7 @@ void Uart::Clear() {
 
 void Uart::UpdateEvents() {
   uint32_t wanted = 0;
-  if (rx_timer_ == EventLoop::kNoTimer && queued() < kTxHigh) wanted |= EPOLLIN;
+  if (rx_timer_ == EventLoop::kNoTimer && queued() < kTxHigh && !deaf_) wanted |= EPOLLIN;
   if (tx_blocked_) wanted |= EPOLLOUT;
   if (wanted == events_) return;
   events_ = wanted;
@@ -87,6 +102,7 @@ void Uart::OnReady(uint32_t events) {
 }
 
 bool Uart::ReadOnce(size_t limit) {
+  if (deaf_) return false;
   const size_t count = pty_->Read(rx_.data(), std::min(limit, rx_.size()));
   if (count == 0) return false;
   received_ += count;

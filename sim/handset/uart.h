@@ -47,7 +47,9 @@ class Uart {
   void SetSpeed(uint32_t bits_per_second) { speed_ = bits_per_second; }
   uint32_t speed() const { return speed_; }
   size_t queued() const { return tx_.size() - tx_head_; }
-  // Power off: forgets what is queued and what the host has not read.
+  // Reads nothing any more, for time or, without one, until power-off: the line fills up.
+  void StopReading(EventLoop::Duration time);
+  // Power off: forgets what is queued and what the host has not read, and reads again.
   void Clear();
   // The host's descriptor is hung up; the link leads to a fresh line.
   void HangUp();
@@ -101,6 +103,8 @@ class Uart {
   uint64_t sent_ = 0;
   std::deque<Mark> marks_;
   bool tx_blocked_ = false;  // the host does not read
+  bool deaf_ = false;        // reads nothing
+  EventLoop::TimerId deaf_end_ = EventLoop::kNoTimer;
   uint32_t events_ = 0;
   Budget rx_budget_;
   Budget tx_budget_;

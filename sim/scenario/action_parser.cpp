@@ -51,6 +51,7 @@ const std::vector<ActionSyntax>& Actions() {
       {"truncated", Kind::kTruncated, {}, 0},
       {"hangup", Kind::kHangUp, {}, 0},
       {"silence", Kind::kSilence, {A::kTime}, 0},
+      {"hang", Kind::kHang, {A::kTime}, 0},
       {"stray", Kind::kStray, {A::kByte}, 1},
       {"truncated-event", Kind::kTruncatedEvent, {}, 0},
       {"hardware-error", Kind::kHardwareError, {A::kByte}, 1},

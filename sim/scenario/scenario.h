@@ -55,6 +55,7 @@ struct Action {
     // By the handset, at any time.
     kHangUp,
     kSilence,
+    kHang,
     kStray,
     kTruncatedEvent,
     kHardwareError,

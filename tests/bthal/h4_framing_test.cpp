@@ -270,6 +270,24 @@ TEST_F(H4Descriptor, SendThatWaitsForRoom_EndsOnClose) {
   EXPECT_EQ(left, 0);
 }
 
+TEST_F(H4Descriptor, LineThatTakesNothing_IsStuckForGood) {
+  Framer framer(write_fd_);
+  std::string log;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(SendInto(
+                framer, Bytes(5000, 0x11), [] {}, &log),
+            4096u);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_THAT(log, HasSubstr("Send error writing to UART (Connection timed out)"));
+  // There is room again, but what comes now would be taken for the rest of that packet.
+  Read(4096);
+  const uint8_t byte = 0;
+  EXPECT_EQ(framer.h4.Send(1, &byte, 1), 0u);
+  int left = -1;
+  ASSERT_EQ(ioctl(read_fd_, FIONREAD, &left), 0);
+  EXPECT_EQ(left, 0);
+}
+
 TEST_F(H4Descriptor, SendToBrokenPort_ReturnsWhatWasWritten) {
   Framer framer(write_fd_);
   std::string log;

@@ -3,7 +3,8 @@
 //     WHERE       main: after NTH ms of traffic; init, event, acl, sco, iso: inside the NTH
 //                 callback of that kind
 //     ACTION      close; die (SIGKILL); die-in-close (main only: dies NTH µs after close() began);
-//                 cue (main only: Read Voice Setting, which a scenario may wait for)
+//                 cue (main only: Read Voice Setting, which a scenario may wait for); flood (main
+//                 only: the traffic is long ACL packets without a pause)
 //     TRAFFIC_MS  of data through the controller's loopback, then close
 // Prints "ready" once it is attached, "answered" when the controller answers commands. Exit codes:
 // 0 closed, 3 no service or it died, 5 stuck.
@@ -74,6 +75,14 @@ class Stack : public IBluetoothHciCallbacks {
     Send(&IBluetoothHci::sendHciCommand, {0x02, 0x18, 0x01, 0x01});  // Write Loopback Mode
     const auto start = steady_clock::now();
     bool acted = plan_.where != "main" || plan_.action == "die-in-close";
+    hidl_vec<uint8_t> longest(4 + 1021);
+    longest[0] = 0x01;
+    longest[2] = 1021 & 0xFF;
+    longest[3] = 1021 >> 8;
+    while (plan_.action == "flood" && alive_ &&
+           steady_clock::now() < start + milliseconds(plan_.traffic_ms)) {
+      Send(&IBluetoothHci::sendAclData, longest);
+    }
     for (uint8_t i = 0; alive_ && steady_clock::now() < start + milliseconds(plan_.traffic_ms);
          ++i) {
       Send(&IBluetoothHci::sendAclData, {0x01, 0x00, 0x02, 0x00, i, i});
