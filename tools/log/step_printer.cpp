@@ -25,7 +25,7 @@ std::string Padded(const std::string& name) {
 
 }  // namespace
 
-StepPrinter::StepPrinter() : live_(isatty(STDOUT_FILENO) == 1) {}
+StepPrinter::StepPrinter() : live_(IsRichTerminal(STDOUT_FILENO)) {}
 
 StepPrinter::~StepPrinter() {
   if (!open_line_.empty()) std::puts("");
