@@ -71,8 +71,8 @@ unique_fd ListenUnix(const std::string& path, int type) {
   // between would take it for one that nobody listens at.
   const unique_fd lock = where.ok() ? LockFolder(where.folder()) : unique_fd();
   if (!lock.ok()) throw Failure(WithErrno("cannot listen at " + path));
-  // EAGAIN: its queue of connections is full.
-  if (ConnectUnix(path, type).ok() || errno == EAGAIN) {
+  // EAGAIN: its queue of connections is full. EPROTOTYPE: it listens for another type.
+  if (ConnectUnix(path, type).ok() || errno == EAGAIN || errno == EPROTOTYPE) {
     throw PathInUse(path + " is in use by another program");
   }
   struct stat there = {};

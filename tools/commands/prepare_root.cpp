@@ -22,8 +22,10 @@ struct PrepareOptions {
   std::string address;
 };
 
-// Below the root folder.
+// Below the root folder. The service reads the file, and the property where there is no file.
 constexpr char kAddressFile[] = "proc/device-tree/chosen/config/bt_addr";
+constexpr char kPropertyFile[] = "vendor/build.prop";
+constexpr char kAddressProperty[] = "ro.vendor.bluetooth.evb_bdaddr=";
 
 void Write(const fs::path& path, const std::string& content) {
   std::ofstream out(path);
@@ -50,13 +52,18 @@ std::string CheckedAddress(const std::string& text) {
 
 // What the service will find as the controller's address.
 void TellAddress(const fs::path& root) {
-  std::string address;
-  std::ifstream in(root / kAddressFile);
-  std::getline(in, address);
-  if (!address.empty()) {
+  const auto tell = [&](const std::string& address, const char* file) {
     std::printf("The controller gets the address %s, out of %s.\n", address.c_str(),
-                (root / kAddressFile).c_str());
-    return;
+                (root / file).c_str());
+  };
+  std::string line;
+  std::ifstream file(root / kAddressFile);
+  if (std::getline(file, line)) return tell(line, kAddressFile);
+  std::ifstream properties(root / kPropertyFile);
+  while (std::getline(properties, line)) {
+    if (line.rfind(kAddressProperty, 0) == 0) {
+      return tell(line.substr(sizeof kAddressProperty - 1), kPropertyFile);
+    }
   }
   std::puts(
       "There is no address for the controller: without one the service ends with report 150 as\n"
@@ -85,7 +92,7 @@ void Prepare(const PrepareOptions& options) {
                   "# Settings of the Bluetooth service\n"
                   "UartPort = /dev/ttySAC16\n"
                   "UserialType = 1\n");
-    WriteIfAbsent(root / "vendor/build.prop", "");
+    WriteIfAbsent(root / kPropertyFile, "");
     if (!address.empty()) Write(root / kAddressFile, address + "\n");
     if (!options.firmware.empty()) {
       fs::copy(options.firmware, root / "vendor/firmware/tovu",
