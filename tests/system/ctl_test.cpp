@@ -204,7 +204,7 @@ TEST(PrepareRoot, RecipeOfTheReadme_BringsUpAControllerAtAPort) {
   EXPECT_EQ(test::Run({"sh", "-ec", set_up + recipe}, &output).exit_code, 0) << recipe << output;
   EXPECT_THAT(output, HasSubstr("gets the address 5A:56:4B:01:02:03"));
   EXPECT_THAT(output, HasSubstr("\naddress      5A:56:4B:01:02:03\n"));
-  EXPECT_THAT(output, HasSubstr("ZVK GATT"));
+  EXPECT_THAT(output, HasSubstr("ZVK Beacon"));
   EXPECT_THAT(output, HasSubstr("Bluetooth is down"));
 
   const std::vector<std::string> prepare = {ProgramDir() + "/bthalctl", "prepare-root",
