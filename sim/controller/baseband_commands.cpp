@@ -103,6 +103,8 @@ void BasebandCommands::RegisterSettings(CommandTable* table) {
       });
     }
   }
+  // Inquiry access codes that it can listen for at a time (Bluetooth Core 5.3, 4.E.7.3.43).
+  table->Complete(0x0C38, 0, [](ByteView) { return Packet{status::kSuccess}.U8(1); });
   // Stored link keys: there is room for none.
   table->Complete(0x0C0D, 7, [](ByteView) { return Packet{status::kSuccess}.U16(0).U16(0); });
   table->Complete(0x0C12, 7, [](ByteView) { return Packet{status::kSuccess}.U16(0); });

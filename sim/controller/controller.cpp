@@ -88,7 +88,7 @@ bool Controller::NeedsPatch(uint16_t opcode) const {
   return Group(opcode) == kLeGroup && chip_.preset->needs_patch && !chip_.patched;
 }
 
-void Controller::Run(uint16_t opcode, ByteView params) {
+void Controller::Run(uint16_t opcode, ByteView params, bool answer_given) {
   const CommandTable::Entry* entry = table_.Find(opcode);
   if (loopback_->Takes(opcode)) {
     loopback_->OnCommand(Packet().U16(opcode).U8(static_cast<unsigned>(params.size())).Raw(params));
@@ -99,7 +99,7 @@ void Controller::Run(uint16_t opcode, ByteView params) {
     board_.radio(PacketType::kCommand,
                  Packet().U16(opcode).U8(static_cast<unsigned>(params.size())).Raw(params));
   } else if (!Known(opcode)) {
-    if (Group(opcode) == kVendorGroup) {
+    if (Group(opcode) == kVendorGroup || answer_given) {
       out_.Complete(opcode, Packet{status::kUnknownCommand});
     } else {
       out_.Status(opcode, status::kUnknownCommand);
@@ -126,7 +126,7 @@ void Controller::OnCommand(ByteView packet, const AnswerChange& change) {
       out_.Complete(opcode, Packet{*change.status});
     }
   } else {
-    Run(opcode, packet.From(3));
+    Run(opcode, packet.From(3), change.parameters.has_value());
   }
   out_.ChangeAnswer({});
   const auto after = std::move(after_answer_);

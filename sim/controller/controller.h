@@ -43,7 +43,8 @@ class Controller {
   const RadioLimitCommands& radio_limits() const { return *radio_limits_; }
 
  private:
-  void Run(uint16_t opcode, ByteView params);
+  // answer_given: a scenario's return parameters replace those of Command Complete.
+  void Run(uint16_t opcode, ByteView params, bool answer_given);
   bool Known(uint16_t opcode) const;
   bool NeedsPatch(uint16_t opcode) const;
   void Reset();

@@ -14,6 +14,10 @@ constexpr uint16_t kNoCompany = 0xFFFF;  // reserved for tests
 constexpr uint8_t kFeatures[8] = {0xBF, 0xFE, 0x0F, 0xFE, 0xDB, 0xFF, 0x5B, 0x87};
 constexpr uint8_t kMaxFeaturePage = 2;
 
+constexpr uint8_t kCvsd = 0x02;
+constexpr uint8_t kMsbc = 0x05;
+constexpr uint8_t kOverSco = 0x02;  // bit 1 of a codec's transports: BR/EDR SCO and eSCO
+
 }  // namespace
 
 void InfoCommands::Register(CommandTable* table) {
@@ -45,9 +49,11 @@ void InfoCommands::Register(CommandTable* table) {
     const Address address = context_.chip.provisioned.value_or(context_.chip.address);
     return Packet{status::kSuccess}.Raw({address.data(), address.size()});
   });
-  table->Complete(0x100B, 0, [](ByteView) { return Packet{status::kSuccess}.U8(0); });
-  table->Complete(0x100D, 0, [](ByteView) {  // codecs: CVSD and mSBC, no vendor's
-    return Packet{status::kSuccess}.U8(2).U8(0x02).U8(0x05).U8(0);
+  // No vendor's codecs (Bluetooth Core 5.3, 4.E.7.4.8). Version 2 tells the transports besides.
+  table->Complete(
+      0x100B, 0, [](ByteView) { return Packet{status::kSuccess}.U8(2).U8(kCvsd).U8(kMsbc).U8(0); });
+  table->Complete(0x100D, 0, [](ByteView) {
+    return Packet{status::kSuccess}.U8(2).U8(kCvsd).U8(kOverSco).U8(kMsbc).U8(kOverSco).U8(0);
   });
 }
 

@@ -35,9 +35,10 @@ Bytes Name(const std::string& name) {
 }
 
 Bytes BeaconData() {
+  constexpr uint8_t kPayload[] = {0xFF, 0xFF, 0x01};  // the company reserved for tests, a byte
   Packet data;
-  return Add(data, kManufacturer, Packet().U16(0xFFFF).Raw(ByteView(std::string("ZVK Beacon"))))
-      .bytes();
+  Add(data, kCompleteName, ByteView(std::string("ZVK Beacon")));
+  return Add(data, kManufacturer, {kPayload, sizeof kPayload}).bytes();
 }
 
 Bytes GattData() {

@@ -127,6 +127,29 @@ TEST(SimulatorController, Reset_KeepsAddressSpeedAndSleepMode_PowerOffDoesNot) {
   EXPECT_EQ(host.Command(0x2003)[1], 0x0F) << "the patch is gone";
 }
 
+TEST(SimulatorController, WhatLinuxSends_IsAnsweredInFullAndAmongTheSupportedCommands) {
+  ReadyHost host;
+  const Bytes supported = host.Command(0x1002);
+  ASSERT_EQ(supported.size(), 7u + 64);
+  for (const Vector& row : LoadVectors("simulator_linux.txt")) {
+    const auto opcode = static_cast<uint16_t>(std::stoul(row.fields.at(0), nullptr, 16));
+    const Bytes answer = host.Command(opcode, B(row.fields.at(1)));
+    const size_t size = std::stoul(row.fields.at(3));
+    const Bytes start = {0x04,
+                         0x0E,
+                         static_cast<uint8_t>(3 + size),
+                         0x01,
+                         static_cast<uint8_t>(opcode),
+                         static_cast<uint8_t>(opcode >> 8),
+                         0x00};
+    EXPECT_EQ(Bytes(answer.begin(), answer.begin() + 7), start) << row.name << ToHex(answer);
+    EXPECT_EQ(answer.size(), 6 + size) << row.name;
+    const std::string& bit = row.fields.at(2);
+    const uint8_t octet = supported[7 + std::stoul(bit)];
+    EXPECT_NE(octet & 1u << std::stoul(bit.substr(bit.find('.') + 1)), 0u) << row.name;
+  }
+}
+
 TEST(SimulatorController, AnyCommandWithAnyParameters_IsSurvived) {
   std::mt19937 random(11);
   const unsigned groups[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x08, 0x3F};

@@ -33,6 +33,16 @@ TEST(SimulatorFaults, AnswerToOneCommand_IsChangedAndTheNextIsNot) {
   }
 }
 
+TEST(SimulatorFaults, AnswerToAnUnknownCommand_IsTheScenarios) {
+  Host host({},
+            "on 0x0C7E nth 1 answer 00 05\non 0x2003 nth 1 answer\non 0xFCAA nth 1 answer 0c\n");
+  host.PowerUp();  // the chip has no patch yet and knows no LE commands
+  EXPECT_EQ(host.Command(0x0C7E), B("04 0e 05 01 7e 0c 00 05"));
+  EXPECT_EQ(host.Command(0x2003), B("04 0e 03 01 03 20"));
+  EXPECT_EQ(host.Command(0xFCAA), B("04 0e 04 01 aa fc 0c"));
+  EXPECT_EQ(host.Command(0x0C7E), B("04 0f 04 01 01 7e 0c")) << "the first time only";
+}
+
 TEST(SimulatorFaults, LateAnswer_ComesAfterItsTime) {
   ReadyHost host("on 0x0C03 late 150ms\n");
   const auto start = steady_clock::now();

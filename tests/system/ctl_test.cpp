@@ -4,6 +4,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
+#include <map>
+
+#include "support/pty.h"
+#include "support/vectors.h"
 #include "support/wait.h"
 #include "system/handset.h"
 
@@ -135,19 +140,82 @@ TEST_F(Ctl, UpInTheForeground_EndsWithTheSignalAndLeavesTheServiceFree) {
   EXPECT_EQ(handset_.Ctl({"cmd", "reset"}).exit_code, 0) << handset_.Log();
 }
 
-TEST(PrepareRoot, MakesWhatTheServiceNeedsForARealPort) {
+TEST_F(Ctl, UpsAtOnce_OneHoldsBluetoothForAllAndDownEndsIt) {
+  for (int round = 0; round < 3; ++round) {
+    std::vector<std::unique_ptr<ChildProcess>> ups;
+    for (int i = 0; i < 4; ++i) {
+      ups.push_back(std::make_unique<ChildProcess>(handset_.CtlCommand({"up", "-q", "--detach"})));
+    }
+    size_t brought_up = 0;
+    for (const auto& up : ups) {
+      const auto end = up->Wait(kDeadline);
+      ASSERT_TRUE(end);
+      EXPECT_EQ(end->exit_code, 0) << up->Output();
+      brought_up += CountOf("Bluetooth is up after", up->Output());
+    }
+    EXPECT_EQ(brought_up, 1u);
+    EXPECT_EQ(handset_.Ctl({"down"}).exit_code, 0) << handset_.Log();
+    EXPECT_THAT(handset_.Ctl({"status"}).output, HasSubstr("not held by bthalctl"));
+  }
+}
+
+TEST_F(Ctl, ColoursAndProgressBars_AreForTerminalsThatTakeThem) {
+  ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
+  const struct {
+    const char* term;
+    const char* no_colour;
+    bool taken;
+  } rows[] = {{"xterm", "", true}, {"dumb", "", false}, {"", "", false}, {"xterm", "1", false}};
+  for (const auto& row : rows) {
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"status"}, {"echo", "ZVK Loop", "--bytes", "1k"}}) {
+      Pty terminal;
+      std::vector<std::string> command = {"sh", "-c", "exec \"$@\" >" + terminal.path() + " 2>&1",
+                                          "sh"};
+      for (const std::string& word : handset_.CtlCommand(arguments)) command.push_back(word);
+      std::string nothing;
+      const ChildResult end =
+          test::Run(command, &nothing, {{"TERM", row.term}, {"NO_COLOR", row.no_colour}});
+      EXPECT_EQ(end.exit_code, 0) << nothing;
+      const Bytes shown = terminal.TakeWritten();
+      EXPECT_FALSE(shown.empty());
+      EXPECT_EQ(std::count(shown.begin(), shown.end(), 0x1B) > 0, row.taken)
+          << arguments[0] << ", TERM=" << row.term << ", NO_COLOR=" << row.no_colour;
+    }
+  }
+}
+
+TEST(PrepareRoot, RecipeOfTheReadme_BringsUpAControllerAtAPort) {
+  const std::string readme = LoadData("../../README.md");
+  const size_t begin = readme.find("```\n", readme.find("## A real serial port")) + 4;
+  std::string recipe = readme.substr(begin, readme.find("```", begin) - begin);
+  Handset board(Mode::kAccelerated);  // of which only the port is used
+  WriteFile(board.Path("sys/class/rfkill/rfkill0/state"), "1");
   const TempDir folder;
+  for (const auto& [printed, here] : std::map<std::string, std::string>{
+           {"/srv/board", folder / "board"},
+           {"/dev/ttyUSB0", board.Path("dev/ttySAC16")},
+           {"ZVK_B5.hcd", board.Path("vendor/firmware/tovu/ZVK_B5.hcd")}}) {
+    ASSERT_THAT(recipe, HasSubstr(printed));
+    recipe = Replaced(recipe, printed, here);
+  }
+  const std::string set_up = "PATH=" + ProgramDir() + ":$PATH\ntrap 'kill -KILL $!' EXIT\n";
   std::string output;
-  const ChildResult result = test::Run(
-      {ProgramDir() + "/bthalctl", "prepare-root", folder / "board", "--uart", "/dev/null"},
-      &output);
-  EXPECT_EQ(result.exit_code, 0) << output;
-  EXPECT_THAT(output, HasSubstr("ready " + folder.path() + "/board"));
-  // The service finds the port, and ends because nothing answers there.
-  ChildProcess service({ServiceProgram()}, {{"BTHAL_ROOT", folder / "board"}});
-  EXPECT_TRUE(service.WaitForOutput("userial_tty_open: open /dev/ttySAC16", kDeadline))
-      << service.Output();
-  EXPECT_TRUE(service.WaitForOutput("open_coex_dev: return ret (1)", kDeadline));
+  EXPECT_EQ(test::Run({"sh", "-ec", set_up + recipe}, &output).exit_code, 0) << recipe << output;
+  EXPECT_THAT(output, HasSubstr("gets the address 5A:56:4B:01:02:03"));
+  EXPECT_THAT(output, HasSubstr("\naddress      5A:56:4B:01:02:03\n"));
+  EXPECT_THAT(output, HasSubstr("ZVK Beacon"));
+  EXPECT_THAT(output, HasSubstr("Bluetooth is down"));
+
+  const std::vector<std::string> prepare = {ProgramDir() + "/bthalctl", "prepare-root",
+                                            folder / "other", "--address"};
+  for (const char* const bad : {"5A:56:4B:01:02", "5A:56:4B:01:02:0G", "00:00:00:00:00:00"}) {
+    std::vector<std::string> command = prepare;
+    command.push_back(bad);
+    EXPECT_EQ(test::Run(command, &output).exit_code, 2) << output;
+  }
+  EXPECT_EQ(test::Run({prepare.begin(), prepare.end() - 1}, &output).exit_code, 0) << output;
+  EXPECT_THAT(output, HasSubstr("There is no address")) << "also after the refusals";
 }
 
 }  // namespace

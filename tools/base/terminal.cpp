@@ -8,8 +8,17 @@
 
 namespace bthalctl {
 
+bool IsRichTerminal(int fd) {
+  const auto variable = [](const char* name) {
+    const char* const value = std::getenv(name);
+    return std::string(value == nullptr ? "" : value);
+  };
+  const std::string kind = variable("TERM");
+  return isatty(fd) == 1 && !kind.empty() && kind != "dumb" && variable("NO_COLOR").empty();
+}
+
 std::string Paint(Colour colour, const std::string& text) {
-  static const bool coloured = isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
+  static const bool coloured = IsRichTerminal(STDOUT_FILENO);
   if (!coloured) return text;
   const char* code = "";
   switch (colour) {
@@ -51,7 +60,7 @@ std::string HumanBytes(uint64_t bytes) {
 ProgressBar::ProgressBar(std::string label, uint64_t total)
     : label_(std::move(label)),
       total_(std::max<uint64_t>(total, 1)),
-      visible_(isatty(STDERR_FILENO) == 1) {}
+      visible_(IsRichTerminal(STDERR_FILENO)) {}
 
 ProgressBar::~ProgressBar() {
   if (visible_) std::fputs("\r\x1b[K", stderr);

@@ -1,4 +1,4 @@
-// What is different on a terminal: colours and a progress bar that redraws itself.
+// What is different on a terminal: colours, and lines that redraw themselves.
 #pragma once
 
 #include <chrono>
@@ -11,12 +11,16 @@ namespace bthalctl {
 
 enum class Colour { kRed, kGreen, kYellow, kBlue, kGrey, kBold };
 
-// text in a colour when stdout is a terminal (and NO_COLOR is not set), else text.
+// Whether fd takes colours and lines that are drawn anew: a terminal that is not "dumb", whose user
+// has not set NO_COLOR.
+bool IsRichTerminal(int fd);
+
+// text in a colour where stdout takes it, else text.
 std::string Paint(Colour colour, const std::string& text);
 
 std::string HumanBytes(uint64_t bytes);
 
-// On stderr, and only if that is a terminal, so that it never gets into a script's output.
+// On stderr, and only if that is a rich terminal, so that it never gets into a script's output.
 class ProgressBar {
  public:
   ProgressBar(std::string label, uint64_t total);

@@ -1,6 +1,7 @@
 #include "tools/base/unix_socket.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -8,8 +9,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include "tools/base/failure.h"
+#include "tools/base/wait.h"
 
 namespace bthalctl {
 namespace {
@@ -31,6 +34,7 @@ class ShortPath {
     if (folder_.ok() && !fits_) errno = ENAMETOOLONG;
   }
   bool ok() const { return fits_; }
+  const unique_fd& folder() const { return folder_; }
   const sockaddr* address() const { return reinterpret_cast<const sockaddr*>(&address_); }
 
  private:
@@ -38,6 +42,18 @@ class ShortPath {
   sockaddr_un address_ = {};
   bool fits_ = false;
 };
+
+// A lock on the folder, released with the descriptor; invalid with errno set when another program
+// keeps it for long.
+unique_fd LockFolder(const unique_fd& folder) {
+  const TimePoint deadline = Clock::now() + std::chrono::seconds(2);
+  unique_fd lock(openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  while (lock.ok() && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EINTR && (errno != EWOULDBLOCK || Clock::now() > deadline)) return unique_fd();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return lock;
+}
 
 }  // namespace
 
@@ -50,15 +66,22 @@ unique_fd ConnectUnix(const std::string& path, int type) {
 }
 
 unique_fd ListenUnix(const std::string& path, int type) {
-  if (ConnectUnix(path, type).ok()) throw Failure(path + " is in use by another program");
+  const ShortPath where(path);
+  // Held from the look at what is there until the new socket listens: a program that looked in
+  // between would take it for one that nobody listens at.
+  const unique_fd lock = where.ok() ? LockFolder(where.folder()) : unique_fd();
+  if (!lock.ok()) throw Failure(WithErrno("cannot listen at " + path));
+  // EAGAIN: its queue of connections is full. EPROTOTYPE: it listens for another type.
+  if (ConnectUnix(path, type).ok() || errno == EAGAIN || errno == EPROTOTYPE) {
+    throw PathInUse(path + " is in use by another program");
+  }
   struct stat there = {};
   if (lstat(path.c_str(), &there) == 0) {
     if (!S_ISSOCK(there.st_mode)) throw Failure(path + " exists and is no socket");
     unlink(path.c_str());
   }
-  const ShortPath where(path);
   unique_fd fd(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!where.ok() || !fd.ok() || bind(fd.get(), where.address(), sizeof(sockaddr_un)) != 0 ||
+  if (!fd.ok() || bind(fd.get(), where.address(), sizeof(sockaddr_un)) != 0 ||
       chmod(path.c_str(), 0600) != 0 || listen(fd.get(), 16) != 0) {
     throw Failure(WithErrno("cannot listen at " + path));
   }

@@ -5,10 +5,18 @@
 
 #include <string>
 
+#include "tools/base/failure.h"
+
 namespace bthalctl {
 
+// Another program listens at the path.
+struct PathInUse : Failure {
+  using Failure::Failure;
+};
+
 // A listening socket at path, readable and writable for its user only; replaces what no program
-// listens at any more. Throws Failure.
+// listens at any more. Of several programs that ask at the same time one gets it, the others
+// PathInUse. Throws Failure.
 ::android::base::unique_fd ListenUnix(const std::string& path, int type);
 // Invalid with errno set when nobody listens at path.
 ::android::base::unique_fd ConnectUnix(const std::string& path, int type);

@@ -76,8 +76,11 @@ void Print(const json& status) {
   for (const auto& [type, counts] : holder["packets"].items()) {
     const auto to = counts["to_controller"].get<unsigned long long>();
     const auto from = counts["from_controller"].get<unsigned long long>();
-    if (to + from > 0) {
+    if (to > 0 && from > 0) {
       std::printf("%-10s %llu to the controller, %llu from it\n", type.c_str(), to, from);
+    } else if (to + from > 0) {
+      std::printf("%-10s %llu %s the controller\n", type.c_str(), to + from,
+                  to > 0 ? "to" : "from");
     }
   }
 }

@@ -133,12 +133,22 @@ void ShowEvidence(SystemTime start) {
   }
 }
 
-// Throws what the report says when it is no success.
-void Judge(const std::string& report, SystemTime started) {
+// Whether another "up" holds Bluetooth, once it has brought it up.
+bool IsUpAlready() {
+  if (!AskHolder(holder::kStatus, std::chrono::seconds(30))) return false;
+  std::puts("Bluetooth is up already");
+  return true;
+}
+
+// Whether the holder that reports has brought Bluetooth up; false when another did so at the same
+// time. Throws what the report says when it is no success.
+bool Judge(const std::string& report, SystemTime started) {
   if (report.empty()) throw Failure("the holder of the attachment died");
-  if (report.front() == 0) return;
+  const auto code = static_cast<ExitCode>(report.front());
+  if (code == ExitCode::kDone) return true;
+  if (code == ExitCode::kBusy && IsUpAlready()) return false;
   ShowEvidence(started);
-  throw Failure(static_cast<ExitCode>(report.front()), report.substr(1));
+  throw Failure(code, report.substr(1));
 }
 
 void BecomeDaemon() {
@@ -148,10 +158,7 @@ void BecomeDaemon() {
 }
 
 void Up(const Options& options, const UpOptions& up) {
-  if (HolderLink::Connect() != nullptr) {
-    std::puts("Bluetooth is up already");
-    return;
-  }
+  if (IsUpAlready()) return;
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw Failure(WithErrno("pipe"));
   const unique_fd report(ends[0]);
@@ -181,11 +188,11 @@ void Up(const Options& options, const UpOptions& up) {
       _exit(0);
     }
     reporter.reset();
-    Judge(FollowBringUp(log, report.get(), up), started);
-    up_line();
+    if (Judge(FollowBringUp(log, report.get(), up), started)) up_line();
     return;
   }
 
+  bool held = false;
   std::exception_ptr failure;
   std::exception_ptr holder_failure;
   std::thread holder([&] {
@@ -196,17 +203,19 @@ void Up(const Options& options, const UpOptions& up) {
     }
   });
   try {
-    Judge(FollowBringUp(log, report.get(), up), started);
-    up_line();
-    std::puts("Ctrl-C, or bthalctl down in another terminal, takes it down");
-    std::fflush(stdout);
+    held = Judge(FollowBringUp(log, report.get(), up), started);
+    if (held) {
+      up_line();
+      std::puts("Ctrl-C, or bthalctl down in another terminal, takes it down");
+      std::fflush(stdout);
+    }
   } catch (...) {
     failure = std::current_exception();
   }
   holder.join();
   if (holder_failure != nullptr) std::rethrow_exception(holder_failure);
   if (failure != nullptr) std::rethrow_exception(failure);
-  std::puts("Bluetooth is down");
+  if (held) std::puts("Bluetooth is down");
 }
 
 }  // namespace

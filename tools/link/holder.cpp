@@ -22,12 +22,27 @@ Bytes Message(uint8_t kind, const Bytes& content) {
   return Writer().U8(kind).Append(content).Done();
 }
 
+::android::base::unique_fd Listen(const std::string& path) {
+  try {
+    return ListenUnix(path, SOCK_SEQPACKET);
+  } catch (const PathInUse&) {
+    throw Failure(ExitCode::kBusy, "somebody else holds Bluetooth: another \"bthalctl up\"");
+  }
+}
+
 }  // namespace
 
 Holder::Holder(const std::string& socket_path)
-    : path_(socket_path), listener_(ListenUnix(socket_path, SOCK_SEQPACKET)) {}
+    : path_(socket_path), listener_(Listen(socket_path)) {}
 
-Holder::~Holder() { unlink(path_.c_str()); }
+Holder::~Holder() { StopListening(); }
+
+// The name goes first: while this socket listens nobody else takes its place, so it is still ours.
+void Holder::StopListening() {
+  if (!listener_.ok()) return;
+  unlink(path_.c_str());
+  listener_.reset();
+}
 
 void Holder::Run(HciLink& link) {
   for (;;) {
@@ -59,6 +74,7 @@ void Holder::Run(HciLink& link) {
 }
 
 void Holder::Finish() {
+  StopListening();
   for (const auto& client : clients_) {
     if (client->quitting) Queue(*client, Message(holder::kQuit, {}));
   }

@@ -16,7 +16,8 @@ namespace bthalctl {
 // on one thread. A client that does not read what it is sent is dropped.
 class Holder {
  public:
-  // Listens at once, so that clients can connect before Run().
+  // Listens at once, so that clients can connect before Run(). Throws Failure: kBusy when there is
+  // a holder at this path.
   explicit Holder(const std::string& socket_path);
   ~Holder();
   Holder(const Holder&) = delete;
@@ -25,7 +26,7 @@ class Holder {
   // Serves until a client asks to quit or a signal arrives. Throws Failure when the attachment
   // ends. The one that asked is told after link is closed: see Finish().
   void Run(HciLink& link);
-  // Tells whoever asked to quit that it is done.
+  // Makes room for another holder, then tells whoever asked to quit that it is done.
   void Finish();
 
  private:
@@ -44,6 +45,7 @@ class Holder {
     uint64_t client = 0;
   };
 
+  void StopListening();
   void Accept();
   void ReadFrom(Client& client, HciLink& link);
   void OnMessage(Client& client, const Bytes& message, HciLink& link);
@@ -54,7 +56,7 @@ class Holder {
   std::string StatusJson() const;
 
   const std::string path_;
-  const ::android::base::unique_fd listener_;
+  ::android::base::unique_fd listener_;  // invalid after Finish()
   const TimePoint start_ = Clock::now();
   uint64_t next_id_ = 1;
   uint64_t sent_[6] = {};  // packets by H4 type
@@ -63,7 +65,8 @@ class Holder {
   std::deque<Pending> pending_;
 };
 
-// Asks the holder of the root folder; each returns nothing when there is none.
+// Asks the holder of the root folder; nothing when there is none, or when it ended instead of
+// answering. Throws Failure when there is no answer in time.
 std::optional<std::string> AskHolder(uint8_t kind, std::chrono::milliseconds timeout);
 // A share in the holder's attachment; null when there is no holder. watching: everything that goes
 // by arrives as well, and is read with TakePassing().

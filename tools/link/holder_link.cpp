@@ -74,8 +74,7 @@ std::optional<std::string> AskHolder(uint8_t kind, std::chrono::milliseconds tim
   while (WaitReadable(fd.get(), deadline)) {
     const ssize_t size = recv(fd.get(), answer.data(), answer.size(), 0);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-    // A holder that ends on this question has given Bluetooth up as well.
-    if (size <= 0) break;
+    if (size <= 0) return std::nullopt;
     if (answer.front() == kind) return std::string(answer.begin() + 1, answer.begin() + size);
   }
   throw Failure("the holder of the attachment did not answer");

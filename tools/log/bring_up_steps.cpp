@@ -72,6 +72,29 @@ constexpr Rule kRules[] = {
     {"bthal.activity", "OnBluetoothEnabled", nullptr, Meaning::kMark, "the extensions are ready"},
 };
 
+// Troubles that a bring-up may well have, for whoever sees one for the first time.
+struct Explanation {
+  char priority;
+  const char* tag;
+  const char* begin;  // of the line's text
+  const char* meaning;
+};
+
+constexpr Explanation kExplanations[] = {
+    {'W', "bthal.hci_h4", "Send: ", "the port took the rest a moment later"},
+    {'E', "bthal.hwcontrol", "LpmSetup: Unable to open LPM control port",
+     "without low-power files the controller stays awake"},
+    {'W', "bthal.zvkbtlinux", "ActivityWatcher registering failure",
+     "no power-statistics service runs here"},
+};
+
+std::string Explain(const LogLine& line) {
+  for (const Explanation& row : kExplanations) {
+    if (line.priority == row.priority && DetailOf(line, row.tag, row.begin, "")) return row.meaning;
+  }
+  return "";
+}
+
 // What a detail means, where the log's own form does not say it.
 std::string Readable(std::string_view step, std::string_view detail) {
   if (step == "coexistence device" || step == "co-processor") {
@@ -121,7 +144,11 @@ std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
       End(Kind::kFailed, now, &out);
     }
     if (troubles_.insert(line.text).second) {
-      out.push_back({Kind::kTrouble, now, {}, std::string(1, line.priority) + " " + line.text, ""});
+      out.push_back({Kind::kTrouble,
+                     now,
+                     {},
+                     std::string(1, line.priority) + " " + line.text,
+                     Explain(line)});
     }
     return out;
   }

@@ -23,7 +23,7 @@ struct Progress {
   std::chrono::milliseconds at{};    // since the first line
   std::chrono::milliseconds took{};  // of a step that ended
   std::string name;                  // of the step; the text of a mark or of a line
-  std::string detail;                // what the step found
+  std::string detail;                // what the step found; what a line of trouble means, if known
 };
 
 // Makes the steps of a bring-up out of the service's log lines. A step that meets an error line has

@@ -25,7 +25,7 @@ std::string Padded(const std::string& name) {
 
 }  // namespace
 
-StepPrinter::StepPrinter() : live_(isatty(STDOUT_FILENO) == 1) {}
+StepPrinter::StepPrinter() : live_(IsRichTerminal(STDOUT_FILENO)) {}
 
 StepPrinter::~StepPrinter() {
   if (!open_line_.empty()) std::puts("");
@@ -65,7 +65,8 @@ void StepPrinter::Show(const Progress& progress) {
       const Colour colour = progress.kind == Kind::kMark ? Colour::kBold
                             : warning                    ? Colour::kYellow
                                                          : Colour::kRed;
-      std::printf("%s%s\n", at.c_str(), Paint(colour, progress.name).c_str());
+      const std::string meaning = progress.detail.empty() ? "" : "  (" + progress.detail + ")";
+      std::printf("%s%s%s\n", at.c_str(), Paint(colour, progress.name).c_str(), meaning.c_str());
       std::fputs(open_line_.c_str(), stdout);
       break;
     }
