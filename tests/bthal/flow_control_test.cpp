@@ -82,6 +82,15 @@ INSTANTIATE_TEST_SUITE_P(Vectors, FlowControlSequence,
                          testing::ValuesIn(test::LoadVectors("flow_control.txt")),
                          [](const auto& row) { return row.param.name; });
 
+TEST(FlowControlQueue, TooManyWaitingCommands_AreRefused) {
+  UartRig rig;
+  ASSERT_TRUE(rig.Open());
+  const size_t limit = HciFlowControl::kMaxWaiting;
+  EXPECT_EQ(Send(*rig.flow(), 1, "03 0C 00"), 4u) << "goes out, and is never answered";
+  for (size_t i = 0; i < limit; ++i) ASSERT_EQ(Send(*rig.flow(), 1, "09 10 00"), 3u);
+  EXPECT_EQ(Send(*rig.flow(), 1, "09 10 00"), 0u);
+}
+
 // What several watchers note, on the reader thread and on the test's.
 class Notes {
  public:

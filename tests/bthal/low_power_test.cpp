@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <filesystem>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "base/timer.h"
 #include "base/wake_lock.h"
@@ -121,7 +123,6 @@ TEST_F(LowPowerMode, WakeUpsAndTeardownsOfManyThreads_EndReleased) {
     std::thread closer([&] { low_power_.Teardown(); });
     sender.join();
     closer.join();
-    low_power_.Teardown();
   }
   EXPECT_EQ(test::CountOf("bthal_wakelock", lock_.Text()),
             test::CountOf("bthal_wakelock", unlock_.Text()));
@@ -145,6 +146,26 @@ TEST(TimerThread, FiresOnceOrPeriodicallyAndNotOnceDisarmed) {
   later->Arm(milliseconds(60), milliseconds(0));
   EXPECT_TRUE(test::WaitFor([&] { return other.load(); }));
   EXPECT_LE(fired, at_disarm + 1) << "one callback may have been under way";
+}
+
+// A stall of some periods: the calls that it has delayed do not follow each other at once.
+TEST(TimerThread, StalledCallback_IsNotMadeUpFor) {
+  constexpr milliseconds kPeriod{40};
+  std::mutex lock;
+  std::vector<steady_clock::time_point> starts;
+  const auto timer = Timer::Create("test", [&] {
+    const std::lock_guard<std::mutex> guard(lock);
+    starts.push_back(steady_clock::now());
+    if (starts.size() == 1) std::this_thread::sleep_for(5 * kPeriod);  // the stall itself
+  });
+  timer->Arm(milliseconds(1), kPeriod);
+  ASSERT_TRUE(test::WaitFor([&] {
+    const std::lock_guard<std::mutex> guard(lock);
+    return starts.size() >= 4;
+  }));
+  timer->Disarm();
+  const std::lock_guard<std::mutex> guard(lock);
+  EXPECT_GE(starts[3] - starts[2], kPeriod);
 }
 
 // How often the thread of a name has gone to sleep so far.

@@ -186,6 +186,25 @@ TEST(QvrLifecycle, CloseFromInsideAReceiver_NeitherHangsNorDeliversMore) {
   }
 }
 
+// What it sends before the service is ready for it is dropped, with a line at most.
+TEST(QvrLifecycle, ServerThatStreamsFromTheStart_IsNoTrouble) {
+  const CoProcessorSelected selected;
+  QvrServer server(test::RootFolder());
+  std::atomic<bool> stop{false};
+  std::thread stream([&] {
+    while (!stop) server.SendMessage(test::QvrEvent(8, {0x13, 0x01, 0x00}));
+  });
+  for (int i = 0; i < 20; ++i) {
+    std::atomic<int> received{0};
+    const auto count = [&](const hidl_vec<uint8_t>&) { ++received; };
+    ASSERT_NE(shim::InitializeHciHandle(count, count, count, count), nullptr);
+    EXPECT_TRUE(test::WaitFor([&] { return received > 0; }));
+    shim::Deinitialize();
+  }
+  stop = true;
+  stream.join();
+}
+
 // The server comes up while the service is trying.
 TEST(QvrLifecycle, ServerThatComesLate_IsFoundByALaterAttempt) {
   std::filesystem::remove(test::RootFolder() + "/run/qvr/transport");

@@ -1,5 +1,9 @@
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -123,6 +127,24 @@ TEST(Shim, StreamError_ClosesThePortAndTheNextOpenRecovers) {
   ASSERT_TRUE(rig.Open());
   rig.DeliverEvent({0x13, 0x01, 0x00});
   EXPECT_EQ(rig.TakeReceived().size(), 1u);
+}
+
+// select() cannot watch it: nothing would ever be read.
+TEST(Shim, PortWhoseDescriptorCannotBeWatched_IsNoOpenPort) {
+  UartRig rig;
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = std::min<rlim_t>(FD_SETSIZE + 64, limit.rlim_max);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<android::base::unique_fd> taken;
+  while (taken.empty() || taken.back().get() < FD_SETSIZE) {
+    taken.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    ASSERT_GE(taken.back().get(), 0);
+  }
+  EXPECT_FALSE(rig.Open());
+  EXPECT_FALSE(shim::IsUserialReady());
+  taken.clear();
+  EXPECT_TRUE(rig.Open());
 }
 
 // The controller is switched off and on again at each opening, off at the close.

@@ -1,5 +1,7 @@
 #include "hci/command_waiter.h"
 
+#include <cerrno>
+
 namespace android::hardware::bluetooth::hci {
 
 uint8_t CommandWaiter::SendAndWait(HciFlowControl& flow, const std::vector<uint8_t>& command,
@@ -17,6 +19,7 @@ uint8_t CommandWaiter::SendAndWait(HciFlowControl& flow, const std::vector<uint8
       if (!limit) {
         completed_.wait(guard);
       } else if (completed_.wait_until(guard, deadline) == std::cv_status::timeout) {
+        errno = ETIMEDOUT;
         break;
       }
     }

@@ -21,8 +21,9 @@ class CommandWaiter : public HciEventWatcher {
   CommandWaiter(const char* name, uint16_t opcode, uint8_t no_answer)
       : HciEventWatcher(name, kEventCommandComplete, opcode), no_answer_(no_answer) {}
 
-  // Returns the status of the answer. The wait ends without one after limit (none: no limit), when
-  // flow is halted, when the command cannot be sent, or by GiveUp().
+  // Returns the status of the answer; errno is ETIMEDOUT when it does not come. The wait ends
+  // without one after limit (none: no limit), when flow is halted, when the command cannot be sent,
+  // or by GiveUp().
   uint8_t SendAndWait(HciFlowControl& flow, const std::vector<uint8_t>& command,
                       std::optional<std::chrono::milliseconds> limit) EXCLUDES(lock_);
 
