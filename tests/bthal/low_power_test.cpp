@@ -129,6 +129,34 @@ TEST_F(LowPowerMode, WakeUpsAndTeardownsOfManyThreads_EndReleased) {
   EXPECT_FALSE(shim::IsLpmRunning());
 }
 
+// Low power is torn down between a sender's look at the line and the wake lock that it takes.
+TEST_F(LowPowerMode, TeardownInTheMiddleOfAWakeUp_LeavesNoWakeLock) {
+  std::atomic<bool> torn{false};
+  std::thread closer;
+  LowPower* tested = nullptr;
+  LowPower low_power(
+      {[] { return true; }, [&] { torn = true; }, [] { return true; }, [] { return true; },
+       [&] {
+         closer = std::thread([&] { tested->Teardown(); });
+         return test::WaitFor([&] { return torn.load(); });
+       }},
+      [](const LowPower::Awake&) {});
+  tested = &low_power;
+  low_power.Setup([] { return true; });
+  EXPECT_TRUE(low_power.WakeUp());
+  closer.join();
+  EXPECT_EQ(lock_.Text(), unlock_.Text());
+}
+
+TEST(LowPowerLine, FirstWriteFails_IsOffForTheSession) {
+  const std::string line = test::RootFolder() + "/proc/bluetooth/sleep/btwrite";
+  const KernelFile driver("/proc/bluetooth/sleep/lpm"), lock("/sys/power/wake_lock");
+  std::filesystem::create_symlink("/dev/full", line);
+  EXPECT_FALSE(shim::LpmSetup());
+  EXPECT_FALSE(shim::IsLpmRunning());
+  std::filesystem::remove(line);
+}
+
 TEST(TimerThread, FiresOnceOrPeriodicallyAndNotOnceDisarmed) {
   std::atomic<int> fired{0};
   const auto timer = Timer::Create("test", [&] { ++fired; });
