@@ -2,25 +2,18 @@
 #define LOG_TAG "bthal.debug_central"
 
 #include <android-base/stringprintf.h>
-#include <android-base/unique_fd.h>
-#include <bthal/root.h>
-#include <fcntl.h>
 #include <log/log.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
+#include <utility>
 
 #include "bluetooth_bqr.h"
 #include "debug_central.h"
-#include "evidence/debug_files.h"
 #include "hci/packet.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 namespace {
 
 using ::android::base::StringPrintf;
-using ::android::base::unique_fd;
 
 constexpr uint8_t kSubEventDebugInfo = 0x57;
 constexpr uint8_t kSubEventQualityReport = 0x58;
@@ -38,41 +31,6 @@ enum QualityReportId : uint8_t {
 };
 
 constexpr char kDumpWithoutCause[] = "ControllerDebugInfoDataDumpWithoutRootInflammed";
-
-unique_fd OpenDumpFile(const char* prefix, const std::string& timestamp, const char* kind,
-                       const char* operation) {
-  const std::string path = std::string(kCoreDumpDirectory) + prefix + timestamp + ".bin";
-  unique_fd fd(bthal::root::Open(path, O_WRONLY | O_CREAT | O_APPEND | O_SYNC, 0640));
-  if (fd.get() < 0) {
-    ALOGE("%s: Failed to open %s file: %s, failed: %s (%d)\n", operation, kind, path.c_str(),
-          strerror(errno), errno);
-  }
-  return fd;
-}
-
-unique_fd open_firmware_dump_file(const std::string& timestamp) {
-  return OpenDumpFile(kControllerDumpPrefix, timestamp, "socdump", __func__);
-}
-
-unique_fd open_ulk_chre_dump_file(const std::string& timestamp) {
-  return OpenDumpFile(kChreDumpPrefix, timestamp, "chredump", __func__);
-}
-
-// Writes the fragments front to back, each whole, and empties the queue.
-void WriteFragments(int fd, std::deque<hidl_vec<uint8_t>>* fragments, const char* operation) {
-  ssize_t total = 0;
-  for (const hidl_vec<uint8_t>& fragment : *fragments) {
-    const auto expected = static_cast<ssize_t>(fragment.size());
-    const ssize_t n = TEMP_FAILURE_RETRY(write(fd, fragment.data(), fragment.size()));
-    if (n != expected) {
-      ALOGE("%s: actual write (%zd bytes) is not the same with expected write (%zd bytes) size.",
-            operation, n, expected);
-    }
-    total += n;
-  }
-  fragments->clear();
-  ALOGI("%s: total written %zd bytes", operation, total);
-}
 
 }  // namespace
 
@@ -143,23 +101,16 @@ void DebugCentral::handle_root_inflammation(const hidl_vec<uint8_t>& event) {
   suppress_forward_ = 0;
 }
 
-std::string DebugCentral::crash_timestamp() {
-  RecursiveLock guard(lock_);
-  return crash_timestamp_;
-}
-
 void DebugCentral::handle_bqr_fw_debug_data_dump(const hidl_vec<uint8_t>& event) {
   if (event.size() < 4) {
     ALOGW("%s: Invalid length of bqr debug firmware dump event!", __func__);
     return;
   }
-  if (crash_timestamp().empty()) {
+  if (!evidence_.crash_dump.Started()) {
     ALOGE("%s: did not receive Root Inflammation event before FW Dump!", __func__);
     start_crash_dump(kDumpWithoutCause);
   }
-  const unique_fd fd = open_firmware_dump_file(crash_timestamp());
-  if (fd.get() < 0) return;
-  (void)!TEMP_FAILURE_RETRY(write(fd.get(), event.data(), event.size()));
+  evidence_.crash_dump.AppendToControllerDump(event);
 }
 
 void DebugCentral::handle_debug_info_event(const hidl_vec<uint8_t>& event) {
@@ -168,14 +119,9 @@ void DebugCentral::handle_debug_info_event(const hidl_vec<uint8_t>& event) {
     return;
   }
   start_crash_dump("Debug Info Event");
-  RecursiveLock guard(lock_);
-  firmware_dump_.push_back(event);
-  if (event[5] == 0) return;
-  ALOGE("%s: Last soc dump fragment has been received", __func__);
-  const unique_fd fd = open_firmware_dump_file(crash_timestamp_);
-  if (fd.get() < 0) return;
-  WriteFragments(fd.get(), &firmware_dump_, __func__);
-  suppress_forward_ = 1;
+  const bool last = event[5] != 0;
+  if (last) ALOGE("%s: Last soc dump fragment has been received", __func__);
+  if (evidence_.crash_dump.AddToControllerDump(event, last)) suppress_forward_ = 1;
 }
 
 void DebugCentral::handle_bqr_chre_debug_data_dump(const hidl_vec<uint8_t>& event) {
@@ -183,17 +129,13 @@ void DebugCentral::handle_bqr_chre_debug_data_dump(const hidl_vec<uint8_t>& even
     ALOGW("%s: Invalid length of bqr chre debug dump event!", __func__);
     return;
   }
-  if (crash_timestamp().empty()) {
+  if (!evidence_.crash_dump.Started()) {
     ALOGE("%s: did not receive Root Inflammation event before CHRE Dump!", __func__);
     start_crash_dump(kDumpWithoutCause);
   }
-  RecursiveLock guard(lock_);
-  chre_dump_.push_back(event);
-  if (hci::ByteAt(event, 4) != 0x5A || hci::ByteAt(event, 5) != 0x00) return;
-  ALOGI("%s: Last Chre dump packet has been received", __func__);
-  const unique_fd fd = open_ulk_chre_dump_file(crash_timestamp_);
-  if (fd.get() < 0) return;
-  WriteFragments(fd.get(), &chre_dump_, __func__);
+  const bool last = hci::ByteAt(event, 4) == 0x5A && hci::ByteAt(event, 5) == 0x00;
+  if (last) ALOGI("%s: Last Chre dump packet has been received", __func__);
+  evidence_.crash_dump.AddToCoProcessorDump(event, last);
 }
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug

@@ -3,15 +3,14 @@
 #include <android-base/thread_annotations.h>
 #include <hidl/HidlSupport.h>
 
-#include <atomic>
-#include <deque>
-#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "base/recursive_mutex.h"
 #include "evidence/debug_files.h"
+#include "evidence/evidence.h"
 #include "evidence/record.h"
 #include "evidence/report.h"
 
@@ -22,23 +21,24 @@ class HciEventWatcher;
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 
-// The process-wide diagnostics hub: keeps the records, watches the controller's error events,
-// writes crash files, prints everything into the HAL's debug output, and ends the process on a
-// fatal error. Built on first use, never destroyed. Any thread.
+// The process-wide diagnostics hub: watches the controller's error events, and is the one door to
+// records, debug report, crash files and fatal errors under the names that others know them by.
+// Registers what the report and the core dump show of the layers above the evidence. Built on first
+// use, never destroyed. Any thread.
 class DebugCentral {
  public:
-  using EventSink = std::function<void(const hidl_vec<uint8_t>& event)>;
-
   static DebugCentral& Get();
 
-  void UpdateRecord(AnchorType type, const std::string& text) { Record(type, text); }
+  void UpdateRecord(AnchorType type, const std::string& text) { Records().Add(type, text); }
 
   // Where events that the hub makes itself go: the stack.
-  void SetEventSink(EventSink sink) EXCLUDES(lock_);
+  void SetEventSink(FatalReporter::EventSink sink) {
+    evidence_.fatal.SetEventSink(std::move(sink));
+  }
 
   // Watches the events of flow until StopMonitor().
   void StartMonitor(hci::HciFlowControl* flow) EXCLUDES(lock_);
-  // Also re-arms the crash dump.
+  // When it returns no event is being handled, and the crash dump is armed again.
   void StopMonitor() EXCLUDES(lock_);
 
   // Whether a command packet is the controller's debug dump command, which is not answered.
@@ -47,18 +47,20 @@ class DebugCentral {
   void SetBtUartDebugPort(const std::string& uart_port) { debug::SetBtUartDebugPort(uart_port); }
 
   // The whole diagnostic picture, as text.
-  void Dump(int fd);
+  void Dump(int fd) { evidence_.report.Write(fd); }
   // Firmware description and records.
   void dump_hal_log(int fd);
 
   // See Report().
-  void ReportBqrError(BqrErrorCode code, const std::string& extra);
+  void ReportBqrError(BqrErrorCode code, const std::string& extra) {
+    evidence_.fatal.Report(code, extra);
+  }
 
   // Writes core dump and crash information, once per enable cycle.
-  void start_crash_dump(const std::string& reason) EXCLUDES(lock_);
+  void start_crash_dump(const std::string& reason) { evidence_.crash_dump.Start(reason); }
 
  private:
-  DebugCentral() = default;
+  DebugCentral();
 
   bool handle_hardware_error(const hidl_vec<uint8_t>& event);
   // Returns whether the event must be kept from the stack.
@@ -66,22 +68,15 @@ class DebugCentral {
   void handle_bqr_event(const hidl_vec<uint8_t>& event);
   void handle_root_inflammation(const hidl_vec<uint8_t>& event);
   void handle_bqr_fw_debug_data_dump(const hidl_vec<uint8_t>& event);
-  void handle_bqr_chre_debug_data_dump(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
-  void handle_debug_info_event(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
+  void handle_bqr_chre_debug_data_dump(const hidl_vec<uint8_t>& event);
+  void handle_debug_info_event(const hidl_vec<uint8_t>& event);
   bool handle_capability(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
-  std::string crash_timestamp() EXCLUDES(lock_);
   bool handle_scan_enable(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
-  void write_core_dump(int fd, const std::string& reason, const std::string& timestamp);
 
+  Evidence& evidence_;
   uint32_t suppress_forward_ = 0;  // the event being handled stays here; reader thread only
-  RecursiveMutex lock_;
-  EventSink event_sink_ GUARDED_BY(lock_);
-  std::string crash_timestamp_ GUARDED_BY(lock_);  // empty: armed
+  std::mutex lock_;
   std::vector<std::unique_ptr<hci::HciEventWatcher>> watchers_ GUARDED_BY(lock_);
-  // Fragments of the dumps that the controller and the co-processor stream, in order of arrival.
-  std::deque<hidl_vec<uint8_t>> firmware_dump_ GUARDED_BY(lock_);
-  std::deque<hidl_vec<uint8_t>> chre_dump_ GUARDED_BY(lock_);
-  std::atomic<uint32_t> crash_count_{0};
 };
 
 // A scoped record of the hub.

@@ -1,7 +1,12 @@
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -9,6 +14,7 @@
 #include "bthal/child_case.h"
 #include "bthal/report_check.h"
 #include "debug_central.h"
+#include "evidence/crash_dump.h"
 #include "stack_trace_helper.h"
 #include "support/temp_dir.h"
 #include "support/vectors.h"
@@ -111,6 +117,17 @@ CHILD_CASE(ReportFromManyThreads) {
   return 0;
 }
 
+// No thread can be made any more: none has a stack of this size.
+CHILD_CASE(ReportWithoutThreads) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, size_t{1} << 46);
+  pthread_setattr_default_np(&attributes);
+  test::PrintReports();
+  DebugCentral::Get().ReportBqrError(BqrErrorCode::HostDownloadFw, "");
+  return 0;
+}
+
 TEST(FatalErrors, WhateverTheStackDoes_TheProcessEnds) {
   const struct {
     const char* name;
@@ -122,6 +139,7 @@ TEST(FatalErrors, WhateverTheStackDoes_TheProcessEnds) {
       {"LogFatal", {"5"}, "Bluetooth HAL crash with error code 0, vendor error code 5\n", 0},
       {"ReportToStuckStack", {}, "vendor error code 148\n", 1},
       {"ReportFromManyThreads", {}, "vendor error code 130\n", 1},
+      {"ReportWithoutThreads", {}, "vendor error code 148\n", 1},
       // A code that no row has: the look-up ends it.
       {"Report", {"250", ""}, "", 0},
   };
@@ -205,6 +223,49 @@ TEST(CrashDump, FoldersThatAreMissing_AreNamedInOneLine) {
                                     "/data/vendor/ssrdump/coredump/coredump_bt_"));
   EXPECT_THAT(run.output, HasSubstr("failed: No such file or directory (2)"));
   EXPECT_THAT(run.output, Not(HasSubstr("crashinfo file")));
+}
+
+// Argument: the bytes that a file may have. The log goes to a pipe, which may have more.
+CHILD_CASE(DumpToFullDisk) {
+  signal(SIGXFSZ, SIG_IGN);
+  android::base::unique_fd out, in, log(dup(STDERR_FILENO));
+  if (!android::base::Pipe(&out, &in)) return 1;
+  dup2(in.get(), STDERR_FILENO);
+  rlimit limit{std::stoul(arguments[0]), RLIM_INFINITY};
+  setrlimit(RLIMIT_FSIZE, &limit);
+  CrashDump dump([] { return std::string(200, 'r'); });
+  dump.Start("FullDisk");
+  const hidl_vec<uint8_t> fragment = {0xFF, 0x03, 0x58, 0x13, 0x00};
+  for (int i = 0; i < 50; ++i) dump.AppendToControllerDump(fragment);
+  limit.rlim_cur = RLIM_INFINITY;
+  setrlimit(RLIMIT_FSIZE, &limit);
+  dup2(log.get(), STDERR_FILENO);
+  in.reset();
+  std::string text;
+  android::base::ReadFdToString(out, &text);
+  return android::base::WriteStringToFd(text, log) ? 0 : 1;
+}
+
+TEST(CrashDump, FileThatCannotBeWrittenWhole_IsOneLineAndNotLeftEmpty) {
+  const struct {
+    const char* limit;
+    size_t core_dumps;   // and dumps of the controller that are left
+    size_t crash_infos;  // whole, where there is one
+  } cases[] = {{"0", 0, 0}, {"120", 2, 1}};
+  const auto not_whole = [](const std::string& path) {
+    return "start_crash_dump: /data/vendor/ssrdump/" + path;
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.limit);
+    CrashRoot root;
+    const std::string log = test::RunChild("DumpToFullDisk", root.path(), {c.limit}).output;
+    EXPECT_EQ(root.CoreDumps().size(), c.core_dumps);
+    EXPECT_EQ(root.CrashInfos().size(), c.crash_infos);
+    EXPECT_EQ(test::CountOf(not_whole("coredump/coredump_bt_"), log), 1u) << log;
+    EXPECT_EQ(test::CountOf(not_whole("crashinfo_bt_"), log), 1 - c.crash_infos) << log;
+    // One line for the dump of the controller, however many fragments it has.
+    EXPECT_EQ(test::CountOf(" is not whole: File too large (27)\n", log), 3 - c.crash_infos) << log;
+  }
 }
 
 TEST(CrashDump, MonitorWithoutFlowControl_IsRefused) {

@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "bthal/child_case.h"
 #include "bthal/report_check.h"
@@ -11,6 +14,7 @@
 #include "debug_central.h"
 #include "support/temp_dir.h"
 #include "support/vectors.h"
+#include "support/wait.h"
 
 namespace {
 
@@ -32,12 +36,69 @@ CHILD_CASE(DebugEvents) {
   return 0;
 }
 
+// Holds up the first hardware error until a thread sleeps.
+class HeldUp final : public android::hardware::bluetooth::hci::HciEventWatcher {
+ public:
+  HeldUp() : HciEventWatcher("held up", 0x10, 0) {}
+  bool OnEventReceive(const android::hardware::hidl_vec<uint8_t>& /*event*/) override {
+    if (!begun.exchange(true)) {
+      EXPECT_TRUE(test::WaitFor([this] { return sleeper != 0 && test::IsAsleep(sleeper); }));
+    }
+    return false;
+  }
+  std::atomic<bool> begun{false};
+  std::atomic<pid_t> sleeper{0};
+};
+
+// Two enable cycles. In the first, dumps are under way when the monitor stops, and the controller
+// fails at that moment. The second has a dump of its own.
+CHILD_CASE(DumpsOfTwoCycles) {
+  test::UartRig rig;
+  if (!rig.Open()) return 1;
+  HeldUp held_up;
+  rig.flow()->RegisterEventWatcher(&held_up);
+  DebugCentral::Get().StartMonitor(rig.flow().get());
+  rig.DeliverEvent(test::ParseHex("FF 05 58 14 00 5A 01"));
+  rig.DeliverEvent(test::ParseHex("FF 07 57 01 02 00 03 04 05"));
+  std::thread stop([&] {
+    test::WaitFor([&] { return held_up.begun.load(); });
+    held_up.sleeper = gettid();
+    DebugCentral::Get().StopMonitor();
+  });
+  rig.DeliverEvent(test::ParseHex("10 01 2A"));
+  stop.join();
+  // Names of files have seconds.
+  const time_t end = time(nullptr);
+  test::WaitFor([&] { return time(nullptr) > end; });
+  DebugCentral::Get().StartMonitor(rig.flow().get());
+  rig.DeliverEvent(test::ParseHex("FF 07 57 01 02 01 06 07 08"));
+  rig.DeliverEvent(test::ParseHex("FF 04 58 14 5A 00"));
+  DebugCentral::Get().StopMonitor();
+  rig.flow()->UnregisterEventWatcher(&held_up);
+  return 0;
+}
+
 // The content of the one file in folder whose name begins so; "none" when there is none.
 std::string FileLike(const std::string& folder, const std::string& prefix) {
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     if (entry.path().filename().string().rfind(prefix, 0) == 0) return test::ReadFile(entry.path());
   }
   return "none";
+}
+
+TEST(CrashDump, OfTheNextCycle_HasFilesOfItsOwnWithItsFragmentsOnly) {
+  test::CrashRoot root;
+  test::WriteConfiguration(root.path());
+  std::filesystem::create_directories(root / "dev");
+  const test::ChildRun run = test::RunChild("DumpsOfTwoCycles", root.path());
+  ASSERT_EQ(run.result.exit_code, 0) << run.output;
+  const std::vector<std::string> infos = root.CrashInfos();
+  ASSERT_EQ(infos.size(), 2u) << run.output;
+  EXPECT_THAT(test::ReadFile(infos[1]), HasSubstr("crash_reason: Debug Info Event\n"));
+  const std::string dumps = root / "data/vendor/ssrdump/coredump";
+  EXPECT_EQ(FileLike(dumps, "coredump_bt_socdump_"),
+            std::string("\xFF\x07\x57\x01\x02\x01\x06\x07\x08"));
+  EXPECT_EQ(FileLike(dumps, "coredump_bt_chredump_"), std::string("\xFF\x04\x58\x14\x5A\0", 6));
 }
 
 class DebugEvents : public testing::TestWithParam<test::Vector> {};

@@ -192,13 +192,6 @@ class H4Descriptor : public testing::Test {
   int write_fd_ = -1;
 };
 
-// The state of a thread of this process, as the kernel tells it.
-bool IsAsleep(pid_t thread) {
-  const std::string stat = test::ReadFile("/proc/self/task/" + std::to_string(thread) + "/stat");
-  const size_t name_end = stat.rfind(')');
-  return name_end != std::string::npos && stat.substr(name_end + 2, 1) == "S";
-}
-
 // A Send() on a thread of its own.
 struct Sending {
   Sending(H4Protocol& h4, const Bytes& data)
@@ -210,7 +203,7 @@ struct Sending {
   ~Sending() { thread.join(); }
   // In poll, not in a loop.
   bool WaitUntilAsleep() {
-    return test::WaitFor([this] { return tid != 0 && !done && IsAsleep(tid); });
+    return test::WaitFor([this] { return tid != 0 && !done && test::IsAsleep(tid); });
   }
   std::atomic<pid_t> tid{0};
   std::atomic<bool> done{false};
@@ -358,7 +351,7 @@ TEST_F(H4Descriptor, PauseAfterHangUpOrReadError_EndsOnClose) {
       framer.h4.OnDataReady(number);
       done = true;
     });
-    EXPECT_TRUE(test::WaitFor([&] { return tid != 0 && IsAsleep(tid); }));
+    EXPECT_TRUE(test::WaitFor([&] { return tid != 0 && test::IsAsleep(tid); }));
     EXPECT_FALSE(done);
     framer.h4.Close();
     reader.join();

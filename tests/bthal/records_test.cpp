@@ -68,6 +68,12 @@ TEST(Records, LastAppearance_IsOneEntryATypeInOrderOfType) {
   EXPECT_THAT(texts, ElementsAre("number 0 [ IN]", "43", "93"));
 }
 
+TEST(Records, TextOfAMoment_IsCutToABufferOf128Bytes) {
+  const std::string fits(127, 'x');
+  Record(AnchorType::kClose, fits + "tail");
+  EXPECT_EQ(Records().History().back().text, fits);
+}
+
 TEST(Records, Timestamp_HasMillisecondsCutOff) {
   timespec time{};
   time.tv_sec = 1700000000;

@@ -5,6 +5,8 @@
 #include <string>
 #include <thread>
 
+#include "support/temp_dir.h"
+
 namespace test {
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline) {
@@ -14,6 +16,12 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds d
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
+}
+
+bool IsAsleep(pid_t thread) {
+  const std::string stat = ReadFile("/proc/self/task/" + std::to_string(thread) + "/stat");
+  const size_t name_end = stat.rfind(')');
+  return name_end != std::string::npos && stat.substr(name_end + 2, 1) == "S";
 }
 
 int Count(const char* what, int full) {

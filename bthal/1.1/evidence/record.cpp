@@ -9,6 +9,15 @@ AnchorRecords& Records() {
   return *records;
 }
 
+void Record(AnchorType type, const std::string& text) {
+  constexpr size_t kLongestText = 127;
+  if (text.size() <= kLongestText) {
+    Records().Add(type, text);
+  } else {
+    Records().Add(type, text.substr(0, kLongestText));
+  }
+}
+
 ScopedRecord::ScopedRecord(AnchorType type, std::string name)
     : name_(std::move(name)), type_(type) {
   Records().Add(type_, name_ + " [ IN]");

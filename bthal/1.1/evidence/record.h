@@ -10,8 +10,8 @@ namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 // The process's one store, built on first use, never destroyed.
 AnchorRecords& Records();
 
-// Adds a record. Any thread.
-inline void Record(AnchorType type, const std::string& text) { Records().Add(type, text); }
+// Adds a record of one moment, cut to what a buffer of 128 bytes holds. Any thread.
+void Record(AnchorType type, const std::string& text);
 
 // Records that a scope is entered (" [ IN]") and left (" [OUT]").
 class ScopedRecord {
