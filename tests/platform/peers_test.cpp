@@ -78,6 +78,7 @@ TEST_F(Peers, DeathOfService_IsTold_CallsFail_LinkingSaysSo) {
   EXPECT_TRUE(service_->unlinkToDeath(unlinked));
   EXPECT_FALSE(service_->unlinkToDeath(unlinked)) << "it was not linked any more";
 
+  const int descriptors = test::CountDescriptors(getpid());
   std::atomic<bool> failed{false};
   std::thread blocked([&] { failed = service_->block().isDeadObject(); });
   process_->Signal(SIGKILL);
@@ -88,6 +89,9 @@ TEST_F(Peers, DeathOfService_IsTold_CallsFail_LinkingSaysSo) {
   EXPECT_EQ(unlinked->deaths, 0);
   EXPECT_TRUE(service_->ping().isDeadObject());
   EXPECT_FALSE(service_->linkToDeath(death, 5)) << "of an object that is known to be dead";
+  service_ = nullptr;
+  EXPECT_TRUE(WaitFor([&] { return test::CountDescriptors(getpid()) == descriptors - 1; }))
+      << "the connection to a dead service is kept";
   EXPECT_EQ(ITest::tryGetService("default"), nullptr);
 
   process_ = StartService();

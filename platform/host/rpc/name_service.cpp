@@ -77,16 +77,27 @@ class Names {
     const std::string target = folder.Target(FileName(name));
     if (target.empty()) return nullptr;
     const std::lock_guard<std::mutex> lock(mutex_);
-    std::shared_ptr<Connection>& connection = connections_[target];
-    if (connection != nullptr && !connection->ended()) return connection;
-    connection = nullptr;
+    const auto known = connections_.find(target);
+    if (known != connections_.end() && !known->second->ended()) return known->second;
     android::base::unique_fd socket = folder.Connect(target);
     if (socket.get() < 0) return nullptr;
-    connection = Connection::Start(std::move(socket), Connection::Side::kService, [] {});
+    std::shared_ptr<Connection>& connection = connections_[target];
+    connection = Connection::Start(std::move(socket), Connection::Side::kService,
+                                   [this, target] { Forget(target); });
     return connection;
   }
 
  private:
+  // Drops the connection to a process that has gone, unless there is a new one already.
+  void Forget(const std::string& target) {
+    std::shared_ptr<Connection> ended;  // dropped after the lock is free
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = connections_.find(target);
+    if (found == connections_.end() || !found->second->ended()) return;
+    ended = std::move(found->second);
+    connections_.erase(found);
+  }
+
   std::mutex mutex_;
   std::string socket_name_ GUARDED_BY(mutex_);
   std::map<std::string, sp<IBinder>> objects_ GUARDED_BY(mutex_);
