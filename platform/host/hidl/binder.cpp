@@ -46,6 +46,12 @@ std::unique_ptr<bthal::rpc::IncomingCall> BHwBinder::nextOneway() {
   return call;
 }
 
+void BHwBinder::dropObsoleteOneway() {
+  std::vector<std::unique_ptr<bthal::rpc::IncomingCall>> dropped;  // after the lock is free
+  const std::lock_guard<std::mutex> lock(oneway_mutex_);
+  dropped = bthal::rpc::TakeObsolete(oneway_calls_);
+}
+
 ProcessState* ProcessState::self() {
   static ProcessState state;
   return &state;

@@ -35,6 +35,8 @@ class CallThread {
   // Gives call to the thread that is blocked in its chain; false, and call stays, when there is
   // none.
   static bool DeliverNested(std::unique_ptr<IncomingCall>& call);
+  // Destroys the calls that became obsolete before a blocked thread took them.
+  static void DropObsolete();
   // The next call for this thread while it is blocked, or null.
   std::unique_ptr<IncomingCall> TakeNested();
 

@@ -18,6 +18,7 @@
 
 #include "rpc/connection.h"
 #include "rpc/io_loop.h"
+#include "rpc/load.h"
 
 namespace bthal::rpc {
 namespace {

@@ -14,7 +14,7 @@ namespace bthal::rpc {
 constexpr uint32_t kWireVersion = 0x62740001;
 
 constexpr size_t kMaxMessageBytes = 192 * 1024;  // below the socket's default send buffer
-constexpr size_t kMaxDescriptors = 64;
+constexpr size_t kMaxDescriptors = 16;
 constexpr size_t kMaxReferences = 64;
 
 enum class MessageType : uint32_t { kCall = 1, kReply = 2, kRelease = 3 };
