@@ -170,24 +170,42 @@ TEST_F(Peers, SlowClient_GetsAllNoticesInOrder) {
 
 TEST_F(Peers, FloodOfCalls_IsNotTakenInWithoutBound) {
   Serve();
-  RawPeer flood(kLink);
-  const uint32_t object = flood.Find(kName);
+  RawPeer blocker(kLink);
   BodyWriter body;
   body.Text("test.platform@1.0::ITest");
-  std::vector<uint8_t> call = RawPeer::Message(1, object, 15, body.bytes());  // block()
-  ASSERT_TRUE(flood.Send(call));
-  // The pool's one thread is busy: the rest waits, in the sender in the end.
-  std::atomic<int> sent{0};
-  std::thread sender([&] {
-    while (sent < 100000 && flood.Send(call)) ++sent;
-  });
-  int last = -1;
-  EXPECT_TRUE(
-      WaitFor([&] { return std::exchange(last, sent.load()) == sent && sent > 100; }, kDeadline));
-  EXPECT_LT(sent, 5000);
+  ASSERT_TRUE(blocker.Send(RawPeer::Message(1, blocker.Find(kName), 15, body.bytes())));  // block()
+  ASSERT_TRUE(process_->WaitForOutput("blocked", kDeadline));
+  // The pool's one thread is busy: the rest waits, in the senders in the end.
+  std::vector<std::unique_ptr<RawPeer>> peers;
+  std::vector<std::thread> senders;
+  const auto flood = [&](int count, size_t size) {
+    auto sent = std::make_shared<std::atomic<int>>(0);
+    std::vector<uint8_t> bytes = body.bytes();
+    bytes.resize(bytes.size() + size);
+    for (int i = 0; i < count; ++i) {
+      peers.push_back(std::make_unique<RawPeer>(kLink));
+      senders.emplace_back([=, peer = peers.back().get()] {
+        const std::vector<uint8_t> call = RawPeer::Message(1, peer->Find(kName), 15, bytes);
+        while (*sent < 100000 && peer->Send(call)) ++*sent;
+      });
+    }
+    int last = 0;
+    int unchanged = 0;
+    EXPECT_TRUE(WaitFor(
+        [&] {
+          unchanged = *sent == last ? unchanged + 1 : 0;
+          last = *sent;
+          return last > 50 && unchanged == 50;
+        },
+        kDeadline));
+    return last;
+  };
+  EXPECT_LT(flood(1, 0), 5000) << "of one peer";
+  // 16 MiB of all are taken in, then half a MiB of each; some more fill the sockets.
+  EXPECT_LT(flood(20, 70000), 500) << "of all peers";
   EXPECT_NE(ITest::tryGetService("default"), nullptr) << "others have to wait, too";
   process_->Signal(SIGKILL);
-  sender.join();
+  for (std::thread& sender : senders) sender.join();
 }
 
 // Clients that come, leave calls behind the one that the pool is busy with, and go.
