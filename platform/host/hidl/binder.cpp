@@ -89,5 +89,7 @@ sp<IBinder> getServiceBinder(const std::string& interface, const std::string& in
   return bthal::rpc::Find(interface + "/" + instance, wait);
 }
 
+int lastLookUpError() { return bthal::rpc::LastFindError(); }
+
 }  // namespace details
 }  // namespace android::hardware

@@ -119,7 +119,8 @@ status_t Connection::Call(uint32_t object, uint32_t code, const Parcel& data, Pa
     reading = StartReading();                // before a reply can wake somebody else
   }
   const status_t sent = Send(header, data);
-  if (sent != android::OK) {
+  // Of a peer that has gone, what it had sent is read first.
+  if (sent != android::OK && (sent != android::DEAD_OBJECT || ended())) {
     const std::lock_guard<std::mutex> lock(mutex_);
     pending_.erase(header.serial);
     if (overfull_ && pending_.empty()) Watch(kOverfull, true);
@@ -210,8 +211,9 @@ status_t Connection::Send(MessageHeader header, const Parcel& parcel) {
 
   const int error = SendOrQueue(header, names, parcel);
   if (error == 0) return android::OK;
-  if (IsGone(error) || error == EAGAIN) {
-    End(IsGone(error) ? nullptr : "it does not read what is sent to it");
+  if (IsGone(error)) return android::DEAD_OBJECT;  // the reader comes to the end of what it sent
+  if (error == EAGAIN) {
+    End("it does not read what is sent to it");
     return android::DEAD_OBJECT;
   }
   // The message's own fault, as a descriptor that is not open.
@@ -327,6 +329,10 @@ const char* Connection::Handle(ReceivedMessage message) {
       return HandleReply(header, std::move(parcel));
     case MessageType::kRelease:
       return HandleRelease(header);
+    case MessageType::kRefusal:
+      if (peer_side_ != Side::kService) break;
+      refusal_ = header.status;
+      return nullptr;
   }
   return "a message of unknown type";
 }

@@ -53,6 +53,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
 
   const Identity& peer() const { return peer_; }
   bool ended() const { return ended_.load(std::memory_order_acquire); }
+  // errno of the service that did not take this connection; 0 otherwise. Known when it has ended.
+  int refusal() const { return refusal_; }
 
   // Calls the peer's object and waits for the reply; oneway calls return once queued. Returns
   // TIMED_OUT after limit, when there is one: a reply that still comes is dropped.
@@ -133,6 +135,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   const std::function<void()> on_end_;
   const uint64_t io_key_;
   std::atomic<bool> ended_{false};
+  std::atomic<int> refusal_{0};
   std::unique_ptr<uint8_t[]> buffer_;  // the reader's
 
   std::mutex mutex_;

@@ -117,7 +117,11 @@ int SocketFolder::Link(const std::string& name, const std::string& socket_name) 
 std::string SocketFolder::Target(const std::string& name) const {
   char target[NAME_MAX + 1];
   const ssize_t size = readlinkat(folder_.get(), name.c_str(), target, sizeof target);
-  if (size <= 0 || memchr(target, '/', static_cast<size_t>(size)) != nullptr) return "";
+  if (size < 0) return "";
+  if (size == 0 || memchr(target, '/', static_cast<size_t>(size)) != nullptr) {
+    errno = EINVAL;
+    return "";
+  }
   return std::string(target, static_cast<size_t>(size));
 }
 
