@@ -66,8 +66,9 @@ bool ReplaceFile(const char* path, const std::vector<std::string>& lines) {
   const std::string text = android::base::Join(lines, '\n') + "\n";
   mkdir(bthal::root::Resolve("/data").c_str(), 0771);
   mkdir(bthal::root::Resolve("/data/property").c_str(), 0700);
+  unlink(fresh.c_str());  // of a process that died, or a link that would be followed
   const android::base::unique_fd file(
-      open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+      open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   return file.get() >= 0 && android::base::WriteStringToFd(text, file) && fsync(file.get()) == 0 &&
          rename(fresh.c_str(), target.c_str()) == 0;
 }
