@@ -88,15 +88,11 @@ class PropertyStore {
   }
 
   bool Set(const std::string& name, const std::string& value) {
-    const bool read_only = android::base::StartsWith(name, "ro.");
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (!Parse(name + "=") || name.find('\n') != std::string::npos ||
-        value.find('\n') != std::string::npos || name.find('=') != std::string::npos ||
-        (!read_only && value.size() >= PROP_VALUE_MAX) || (read_only && values_.count(name) != 0)) {
+    const std::lock_guard<std::mutex> turn(set_mutex_);
+    if (!Change(name, value)) {
       LOG(WARNING) << "cannot set property \"" << name << "\" to \"" << value << "\"";
       return false;
     }
-    values_[name] = value;
     if (android::base::StartsWith(name, "persist.") && !WriteBack(name, value)) {
       PLOG(ERROR) << kPersistentFile;
     }
@@ -107,6 +103,19 @@ class PropertyStore {
   PropertyStore() {
     Load(kBuildFile);
     Load(kPersistentFile);
+  }
+
+  // False when it may not be set.
+  bool Change(const std::string& name, const std::string& value) {
+    const bool read_only = android::base::StartsWith(name, "ro.");
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!Parse(name + "=") || name.find('\n') != std::string::npos ||
+        value.find('\n') != std::string::npos || name.find('=') != std::string::npos ||
+        (!read_only && value.size() >= PROP_VALUE_MAX) || (read_only && values_.count(name) != 0)) {
+      return false;
+    }
+    values_[name] = value;
+    return true;
   }
 
   void Load(const char* path) NO_THREAD_SAFETY_ANALYSIS {  // from the constructor
@@ -136,7 +145,8 @@ class PropertyStore {
     return ReplaceFile(kPersistentFile, lines);
   }
 
-  std::mutex mutex_;
+  std::mutex set_mutex_;  // one change at a time, with its file; taken before mutex_
+  std::mutex mutex_;      // a leaf: whoever asks does not wait for a disk
   std::map<std::string, std::string> values_ GUARDED_BY(mutex_);
 };
 
