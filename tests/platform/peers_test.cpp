@@ -238,6 +238,7 @@ TEST_F(Peers, CallsOfClientsThatHaveGone_AreDroppedAtOnce) {
       ASSERT_NE(object, 0u);
       EXPECT_TRUE(client.Send(call(object, 12, push, round % 2 == 0)));
       for (int i = 0; i < 40; ++i) client.Send(call(object, 1, echo, i % 2 == 0));
+      if (round < 10) client.Send(RawPeer::Message(3, object, 1, {}));  // lets go of it
     }
     {
       RawPeer client(kLink);  // so many that some are not even read

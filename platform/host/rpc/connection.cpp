@@ -354,9 +354,9 @@ const char* Connection::HandleCall(const MessageHeader& header, Parcel parcel) {
     if (waiting_.Reaches(TotalLoad::Get().Allowance() * kGiveUpFactor)) {
       return "too many calls of its wait";
     }
-    if (found != exports_.end()) {
+    if (found != exports_.end() && found->second.references != 0) {
       target = found->second.object;
-      ++found->second.references;
+      ++found->second.calls;
     }
   }
   if (target == nullptr) return ended() ? nullptr : "a call to an unknown object";
@@ -400,11 +400,17 @@ bool Connection::DropReferences(uint32_t object, uint32_t count, sp<IBinder>* dr
   const auto found = exports_.find(object);
   if (found == exports_.end() || found->second.references < count) return false;
   found->second.references -= count;
-  if (found->second.references != 0) return true;
-  *dropped = std::move(found->second.object);
-  export_ids_.erase(dropped->get());
-  exports_.erase(found);
+  *dropped = DropUnused(object);
   return true;
+}
+
+sp<IBinder> Connection::DropUnused(uint32_t object) {
+  const auto found = exports_.find(object);
+  if (found->second.references != 0 || found->second.calls != 0) return nullptr;
+  sp<IBinder> dropped = std::move(found->second.object);
+  export_ids_.erase(dropped.get());
+  exports_.erase(found);
+  return dropped;
 }
 
 void Connection::CallArrived(const Load& call) {
@@ -421,7 +427,10 @@ void Connection::CallDone(uint32_t object, const Load& call) {
   sp<IBinder> dropped;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    DropReferences(object, 1, &dropped);
+    if (const auto found = exports_.find(object); found != exports_.end()) {
+      --found->second.calls;
+      dropped = DropUnused(object);
+    }
     waiting_ -= call;
     if (overfull_ && !waiting_.Exceeds(TotalLoad::Get().Allowance() / 2)) {
       overfull_ = false;
@@ -455,7 +464,8 @@ bool Connection::ToObjects(const std::vector<ObjectReference>& references,
       objects->push_back(proxy);
     } else {
       const auto found = exports_.find(reference.id);
-      if (reference.owner != ObjectReference::Owner::kReceiver || found == exports_.end()) {
+      if (reference.owner != ObjectReference::Owner::kReceiver || found == exports_.end() ||
+          found->second.references == 0) {
         return false;
       }
       objects->push_back(found->second.object);

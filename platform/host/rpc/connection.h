@@ -67,8 +67,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   // Ends the connection; reason is null for an orderly end, else one log line. Once.
   void End(const char* reason);
 
-  // For IncomingCall: one more, one less waiting or running. A call holds a reference to the object
-  // that it is for.
+  // For IncomingCall: one more, one less waiting or running. The object that a call is for is kept
+  // until then.
   void CallArrived(const Load& call);
   void CallDone(uint32_t object, const Load& call);
   // For Proxy: the last reference to a peer's object has gone; received is how often it came.
@@ -85,7 +85,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   };
   struct Export {
     android::sp<android::hardware::IBinder> object;
-    uint32_t references = 0;
+    uint32_t references = 0;  // of the peer's
+    uint32_t calls = 0;       // of the peer's that wait or run
   };
   struct Import {
     android::wp<Proxy> proxy;
@@ -122,6 +123,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   // Takes count references away; the object, when none is left. False when there are not as many.
   bool DropReferences(uint32_t object, uint32_t count,
                       android::sp<android::hardware::IBinder>* dropped) REQUIRES(mutex_);
+  // Takes the object away when nothing of the peer's needs it.
+  android::sp<android::hardware::IBinder> DropUnused(uint32_t object) REQUIRES(mutex_);
 
   // Why the I/O loop reads or writes, or does not. Each flag is changed under the lock of what it
   // follows. Every event is reported once only, until Watch() or Rearm().

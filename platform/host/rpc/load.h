@@ -44,9 +44,9 @@ struct Load {
 // unless somebody waits for a reply of its; at kGiveUpFactor times that it is given up.
 constexpr Load kMaxWaiting{1024, 4 << 20, 32};
 constexpr size_t kGiveUpFactor = 4;
-// The calls of all peers that wait, at which each peer may only have its share of them waiting: who
-// has none is still served, and all of them together stay below twice the bytes and calls, and
-// below the 1024 descriptors that a process has by default.
+// The calls of all peers that wait, at which each peer may only have its share of them waiting. A
+// peer that has none is still served; all of them together come to little more than twice the calls
+// and bytes, and to fewer descriptors than the 1024 that a process has by default.
 constexpr Load kMaxWaitingOfAll{4096, 16 << 20, 128};
 constexpr Load kShare = kMaxWaitingOfAll / kMaxPeers;
 static_assert(kMaxWaitingOfAll.descriptors + kMaxPeers * (kShare.descriptors + kMaxDescriptors) <
