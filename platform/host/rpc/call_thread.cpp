@@ -102,7 +102,7 @@ const std::shared_ptr<CallThread>& CallThread::Current() {
 }
 
 CallThread::CallThread() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (wake_.get() < 0) PLOG(FATAL) << "eventfd";
+  if (wake_.get() < 0) PLOG(ERROR) << "a thread calls without a descriptor of its own";
 }
 
 CallThread::~CallThread() = default;

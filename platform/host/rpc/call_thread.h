@@ -40,7 +40,9 @@ class CallThread {
   // The next call for this thread while it is blocked, or null.
   std::unique_ptr<IncomingCall> TakeNested();
 
-  // Ends this thread's poll() on wake_descriptor(); from any thread.
+  // Ends this thread's poll() on wake_descriptor(); from any thread. The descriptor is -1 when
+  // there was none left for it: the thread then looks by itself every kLookPeriodMs.
+  static constexpr int kLookPeriodMs = 10;
   void Wake() const;
   void ClearWake() const;
   int wake_descriptor() const { return wake_.get(); }

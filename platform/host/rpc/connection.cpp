@@ -161,11 +161,15 @@ void Connection::Wait(PendingReply* pending, uint64_t serial, bool reading,
       continue;
     }
     pollfd ready[] = {{thread.wake_descriptor(), POLLIN, 0}, {socket_.get(), POLLIN, 0}};
-    const int count = poll(ready, reading ? 2 : 1, PollTime(deadline));
+    int poll_time = PollTime(deadline);
+    if (thread.wake_descriptor() < 0 && (poll_time < 0 || poll_time > CallThread::kLookPeriodMs)) {
+      poll_time = CallThread::kLookPeriodMs;
+    }
+    const int count = poll(ready, reading ? 2 : 1, poll_time);
     if (count < 0) continue;  // a signal
     if (ready[0].revents != 0) thread.ClearWake();
     if (reading && ready[1].revents != 0) ReadMessage();
-    if (count != 0) continue;
+    if (count != 0 || PollTime(deadline) != 0) continue;
     if (!limit) {
       End("a call to it was not answered for 10 s");
       continue;
