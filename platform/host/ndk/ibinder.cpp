@@ -162,8 +162,9 @@ uid_t AIBinder_getCallingUid() {
 
 namespace {
 
-// A link to the death of an object's process, which it does not keep: it goes with its notice, or
-// when nobody holds the object any more.
+// A link to the death of an object's process. It does not keep the object, and leaves the
+// recipient's list when the process dies or, at the latest when the recipient is linked again, when
+// nobody holds the object any more.
 struct Link : public IBinder::DeathRecipient {
   struct List {
     std::mutex mutex;

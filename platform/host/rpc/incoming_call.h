@@ -28,7 +28,7 @@ class IncomingCall : public Task {
   static void Post(std::unique_ptr<IncomingCall> call);
 
   void Run() override;
-  // Its client has gone.
+  // Whether its client has gone.
   bool IsObsolete() const override;
 
   uint64_t chain() const { return header_.chain; }

@@ -24,7 +24,7 @@ class Task {
   virtual bool IsObsolete() const { return false; }
 };
 
-// Takes the obsolete ones out of a queue of tasks, for the caller to destroy without a lock.
+// Takes the obsolete tasks out of a queue. The caller destroys them once it holds no lock.
 template <typename T>
 std::vector<std::unique_ptr<T>> TakeObsolete(std::deque<std::unique_ptr<T>>& queue) {
   const auto first =
