@@ -10,8 +10,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <future>
 #include <string>
 #include <system_error>
+#include <thread>
 
 #include "hci/packet.h"
 
@@ -32,6 +34,10 @@ constexpr size_t kBlockSize = 24;
 constexpr char kProviderName[] = "power.stats-vendor";
 constexpr char kEntityName[] = "Bluetooth";
 constexpr std::chrono::seconds kLookUpPeriod{1};
+// How long the provider is waited for.
+constexpr std::chrono::seconds kAnswerTime{2};
+
+const char* OperationName(bool is_on) { return is_on ? "startWatcher" : "stopWatcher"; }
 
 int64_t BootTimeMs() {
   timespec now{};
@@ -142,13 +148,14 @@ void ControllerActivityWatcher::FindProvider() {
     const std::shared_ptr<Provider> found = Provider::fromBinder(binder);
     if (found != nullptr &&
         AIBinder_linkToDeath(binder.get(), death_recipient_.get(), this) != STATUS_DEAD_OBJECT) {
-      std::lock_guard<std::mutex> registration(registration_lock_);
+      std::shared_ptr<Registration> registration;
       {
         std::lock_guard<std::mutex> guard(lock_);
         provider_ = found;
+        if (bluetooth_on_) registration = Ask(true);
       }
-      if (bluetooth_on_.exchange(false)) {
-        Start();
+      if (registration != nullptr) {
+        Wait(registration);
       } else {
         LOG(DEBUG) << kOperation
                    << ": Wait for controller enabled before registering to PowerStats service";
@@ -165,59 +172,110 @@ void ControllerActivityWatcher::FindProvider() {
 }
 
 bool ControllerActivityWatcher::startWatcher() {
-  std::lock_guard<std::mutex> registration(registration_lock_);
-  return Start();
-}
-
-bool ControllerActivityWatcher::Start() {
-  constexpr char kOperation[] = "startWatcher";
-  if (!enabled_) {
-    LOG(WARNING) << kOperation << ": ActivityWatcher not enabled";
-    return false;
-  }
-  if (bluetooth_on_.exchange(true)) return true;
+  std::shared_ptr<Registration> registration;
   {
     std::lock_guard<std::mutex> guard(lock_);
+    if (!enabled_) {
+      LOG(WARNING) << __func__ << ": ActivityWatcher not enabled";
+      return false;
+    }
+    if (bluetooth_on_.exchange(true)) return true;
     if (boot_time_offset_ms_ == 0) boot_time_offset_ms_ = BootTimeMs();
+    registration = Ask(true);
   }
-  const std::shared_ptr<Provider> provider = this->provider();
-  if (provider == nullptr) {
-    LOG(INFO) << kOperation << ": PowerStats service not ready";
-    return false;
-  }
-  LOG(INFO) << kOperation << ": Registering to PowerStats service";
-  if (!provider->registerCallback(kEntityName, ref<ControllerActivityWatcher>()).isOk()) {
-    LOG(ERROR) << kOperation << ": Failed to register";
-    return false;
-  }
-  return true;
+  return Wait(registration);
 }
 
 bool ControllerActivityWatcher::stopWatcher() {
-  std::lock_guard<std::mutex> registration(registration_lock_);
-  if (!enabled_) {
-    LOG(WARNING) << __func__ << ": ActivityWatcher not enabled";
-    return false;
-  }
-  if (!bluetooth_on_.exchange(false)) return true;
+  std::shared_ptr<Registration> registration;
   {
     std::lock_guard<std::mutex> guard(lock_);
+    if (!enabled_) {
+      LOG(WARNING) << __func__ << ": ActivityWatcher not enabled";
+      return false;
+    }
+    if (!bluetooth_on_.exchange(false)) return true;
     for (size_t id = 0; id < base_.size(); ++id) base_[id] = Sum(base_[id], live_[id]);
     query_pending_ = false;
     live_ = NoStates();
     boot_time_offset_ms_ = 0;
+    registration = Ask(false);
   }
-  const std::shared_ptr<Provider> provider = this->provider();
-  if (provider == nullptr) {
-    LOG(INFO) << __func__ << ": PowerStats service not ready";
-    return false;
+  return Wait(registration);
+}
+
+std::shared_ptr<ControllerActivityWatcher::Registration> ControllerActivityWatcher::Ask(
+    bool is_on) {
+  if (provider_ == nullptr) {
+    LOG(INFO) << OperationName(is_on) << ": PowerStats service not ready";
+    return nullptr;
   }
-  LOG(INFO) << __func__ << ": Unregistering to PowerStats service";
-  if (!provider->unregisterCallback(ref<ControllerActivityWatcher>()).isOk()) {
-    LOG(ERROR) << __func__ << ": Failed to unregister";
-    return false;
+  LOG(INFO) << OperationName(is_on)
+            << (is_on ? ": Registering to PowerStats service"
+                      : ": Unregistering to PowerStats service");
+  const auto now = std::chrono::steady_clock::now();
+  // A call behind one that is under way gets the deadline of that one: a provider that has been
+  // silent for two seconds is not waited for again.
+  const std::shared_ptr<Registration> asked(
+      new Registration{provider_, is_on, (is_calling_ ? call_began_ : now) + kAnswerTime, {}});
+  if (next_ != nullptr) next_->done.set_value(false);
+  next_ = asked;
+  if (is_calling_) return asked;
+  call_began_ = now;
+  try {
+    // The thread holds the watcher: a provider that does not answer keeps it.
+    std::thread thread(&ControllerActivityWatcher::CallProvider, ref<ControllerActivityWatcher>());
+    pthread_setname_np(thread.native_handle(), "bthal_provider");
+    thread.detach();
+    is_calling_ = true;
+  } catch (const std::system_error&) {
+    LOG(ERROR) << "thread constructor failed";
+    next_ = nullptr;
+    asked->done.set_value(false);
   }
-  return true;
+  return asked;
+}
+
+bool ControllerActivityWatcher::Wait(const std::shared_ptr<Registration>& registration) {
+  if (registration == nullptr) return false;
+  std::future<bool> done = registration->done.get_future();
+  if (done.wait_until(registration->deadline) == std::future_status::ready && done.get()) {
+    return true;
+  }
+  registration->given_up = true;
+  LOG(ERROR) << OperationName(registration->is_on)
+             << (registration->is_on ? ": Failed to register" : ": Failed to unregister");
+  return false;
+}
+
+void ControllerActivityWatcher::CallProvider() {
+  const auto self = ref<ControllerActivityWatcher>();
+  for (;;) {
+    std::shared_ptr<Registration> call;
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      if (next_ == nullptr) {
+        is_calling_ = false;
+        return;
+      }
+      call.swap(next_);
+      call_began_ = std::chrono::steady_clock::now();
+    }
+    const bool done = (call->is_on ? call->provider->registerCallback(kEntityName, self)
+                                   : call->provider->unregisterCallback(self))
+                          .isOk();
+    if (call->given_up) {
+      LOG(INFO) << OperationName(call->is_on) << ": Late call to PowerStats service "
+                << (done ? "succeeded" : "failed");
+    }
+    call->done.set_value(done);
+    std::lock_guard<std::mutex> guard(lock_);
+    if (done && next_ != nullptr && next_->is_on == call->is_on &&
+        next_->provider == call->provider) {
+      next_->done.set_value(true);  // off and on again meanwhile, or the reverse
+      next_ = nullptr;
+    }
+  }
 }
 
 void ControllerActivityWatcher::binderDied() {

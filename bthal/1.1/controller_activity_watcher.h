@@ -7,7 +7,9 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -26,7 +28,9 @@ std::ostream& operator<<(std::ostream& out, const StateResidency& state);
 // receiving (states 0 to 3) since the process started. Each time it is asked, it answers with what
 // it knows and asks the controller for what has come since. One a process, owned by the HAL object.
 // The provider asks on the binder thread, the controller answers on the reader thread; while there
-// is no provider, a thread of its own looks for one every second.
+// is no provider, a thread of its own looks for one every second. The provider is called on one
+// more thread, a call at a time: one that does not answer holds up nobody for longer than two
+// seconds, and hears what holds then once it answers again.
 class ControllerActivityWatcher final
     : public ::aidl::android::vendor::powerstats::BnTavioStateResidencyCallback,
       public hci::HciEventWatcher {
@@ -38,9 +42,9 @@ class ControllerActivityWatcher final
   bool initialize() EXCLUDES(thread_lock_) EXCLUDES(lock_);
 
   // Bluetooth is on or off: registers with the provider, if there is one, or takes that back.
-  // Return whether it was done, or there was nothing to do.
-  bool startWatcher() EXCLUDES(registration_lock_) EXCLUDES(lock_);
-  bool stopWatcher() EXCLUDES(registration_lock_) EXCLUDES(lock_);
+  // Return whether it was done within two seconds, or there was nothing to do.
+  bool startWatcher() EXCLUDES(lock_);
+  bool stopWatcher() EXCLUDES(lock_);
 
   // The provider's question: the totals so far.
   ::ndk::ScopedAStatus getStateResidency(std::vector<StateResidency>* states) override
@@ -65,11 +69,25 @@ class ControllerActivityWatcher final
   using Provider = ::aidl::android::vendor::powerstats::ITavioStateResidencyProvider;
   using States = std::array<StateResidency, 4>;
 
+  // A call to the provider: registers, or takes that back.
+  struct Registration {
+    const std::shared_ptr<Provider> provider;
+    const bool is_on;
+    const std::chrono::steady_clock::time_point deadline;
+    std::promise<bool> done;
+    std::atomic<bool> given_up{false};  // nobody waits for it any more
+  };
+
   static States NoStates();
   void JoinThread() EXCLUDES(thread_lock_);
-  void FindProvider() EXCLUDES(registration_lock_) EXCLUDES(lock_);
+  void FindProvider() EXCLUDES(lock_);
   std::shared_ptr<Provider> provider() const EXCLUDES(lock_);
-  bool Start() REQUIRES(registration_lock_) EXCLUDES(lock_);
+  // Hands a call to the thread that calls the provider, in place of one that it has not begun. Null
+  // when there is no provider.
+  std::shared_ptr<Registration> Ask(bool is_on) REQUIRES(lock_);
+  // Waits for Ask()'s outcome, until its deadline; false for null.
+  static bool Wait(const std::shared_ptr<Registration>& registration);
+  void CallProvider() EXCLUDES(lock_);
   void Add(const char* operation, size_t id, const StateResidency& residency) EXCLUDES(lock_);
 
   const sp<V1_1::IBluetoothHci> hci_;
@@ -80,15 +98,15 @@ class ControllerActivityWatcher final
   std::mutex thread_lock_;                       // a leaf
   std::thread thread_ GUARDED_BY(thread_lock_);  // looks for the provider
 
-  // One registration at a time; held while the provider is called, never by its callbacks.
-  std::mutex registration_lock_;
-
   mutable std::mutex lock_;
   std::condition_variable disabled_;
   std::shared_ptr<Provider> provider_ GUARDED_BY(lock_);
   States base_ GUARDED_BY(lock_) = NoStates();  // of earlier times that Bluetooth was on
   States live_ GUARDED_BY(lock_) = NoStates();  // of this one
   int64_t boot_time_offset_ms_ GUARDED_BY(lock_) = 0;
+  std::shared_ptr<Registration> next_ GUARDED_BY(lock_);  // asked for and not begun
+  bool is_calling_ GUARDED_BY(lock_) = false;             // the thread runs
+  std::chrono::steady_clock::time_point call_began_ GUARDED_BY(lock_);
 
   // Last: it unlinks itself before anything else goes.
   const ::ndk::ScopedAIBinder_DeathRecipient death_recipient_;

@@ -5,8 +5,11 @@
 #include <android/binder_process.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <memory>
 #include <mutex>
 #include <sstream>
+#include <string>
 
 #include "bthal/command_sender.h"
 #include "bthal/sequence_runner.h"
@@ -30,22 +33,31 @@ class Provider : public BnTavioStateResidencyProvider {
     EXPECT_EQ(name, "Bluetooth");
     EXPECT_EQ(callback_, nullptr) << "registered twice";
     callback_ = callback;
+    ++calls_;
     return ndk::ScopedAStatus::ok();
   }
   ndk::ScopedAStatus unregisterCallback(const Callback& callback) override {
     const std::lock_guard<std::mutex> guard(lock_);
     EXPECT_EQ(callback_, callback);
     callback_ = nullptr;
+    ++calls_;
     return ndk::ScopedAStatus::ok();
   }
   Callback callback() {
     const std::lock_guard<std::mutex> guard(lock_);
     return callback_;
   }
+  int calls() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return calls_;
+  }
+  // Answers nobody while it is locked.
+  std::mutex& lock() { return lock_; }
 
  private:
   std::mutex lock_;
   Callback callback_;
+  int calls_ = 0;
 };
 
 std::string ToText(const StateResidency& state) {
@@ -124,6 +136,48 @@ TEST(Residency, BootTime_IsTakenAtEachStart) {
     EXPECT_LE(watcher->boot_time_offset_ms(), boot_time_ms());
     EXPECT_FALSE(watcher->stopWatcher()) << "without a provider";
   }
+}
+
+// A provider that does not answer: the first call is given up after two seconds, the next ones at
+// once. When it answers again, it is told what holds by then, and no more than that.
+TEST(Residency, FrozenProvider_HoldsNobodyUpAndIsToldLater) {
+  ABinderProcess_setThreadPoolMaxThreadCount(1);
+  ABinderProcess_startThreadPool();
+  const auto provider = ndk::SharedRefBase::make<Provider>();
+  ASSERT_EQ(AServiceManager_addService(provider->asBinder().get(), "power.stats-vendor"), EX_NONE);
+  auto watcher = ndk::SharedRefBase::make<ControllerActivityWatcher>(nullptr);
+  ASSERT_TRUE(watcher->initialize());
+  ASSERT_TRUE(test::WaitFor([&] {
+    watcher->stopWatcher();
+    return watcher->startWatcher();
+  }));
+
+  const struct {
+    std::string steps;  // + on, - off
+    int calls;
+    bool registered;
+  } rows[] = {{"-+", 2, true}, {"-+-", 1, false}, {"+-", 2, false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.steps);
+    const int before = provider->calls();
+    {
+      const std::lock_guard<std::mutex> frozen(provider->lock());
+      const auto start = std::chrono::steady_clock::now();
+      for (const char step : row.steps) {
+        EXPECT_FALSE(step == '+' ? watcher->startWatcher() : watcher->stopWatcher());
+      }
+      const auto time = std::chrono::steady_clock::now() - start;
+      EXPECT_GE(time, std::chrono::milliseconds(1900));
+      EXPECT_LT(time, std::chrono::milliseconds(3500));
+    }
+    EXPECT_TRUE(test::WaitFor([&] { return provider->calls() == before + row.calls; }));
+    EXPECT_EQ(provider->callback() != nullptr, row.registered);
+  }
+  const int calls = provider->calls();
+  const std::weak_ptr<ControllerActivityWatcher> left = watcher;
+  watcher = nullptr;
+  EXPECT_TRUE(test::WaitFor([&] { return left.expired(); })) << "its thread still runs";
+  EXPECT_EQ(provider->calls(), calls);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -292,6 +293,25 @@ TEST_F(Calls, LookUp_IsAnsweredWhileThePoolIsBusy) {
   process_->Wait(kDeadline);
   blocked.join();
   waiting.join();
+}
+
+// What a thread needs for its first call is a descriptor: without one it still calls.
+TEST_F(Calls, ThreadsWhenDescriptorsHaveRunOut_StillCall) {
+  Serve("2");
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit used_up{3, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &used_up), 0);
+  std::atomic<int> answered{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int call = 0; call < 50; ++call) answered += service_->ping().isOk() ? 1 : 0;
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  EXPECT_EQ(answered, 200);
 }
 
 #ifndef BTHAL_SANITIZED  // whose own threads run

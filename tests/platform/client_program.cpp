@@ -2,7 +2,9 @@
 //   attach  attaches a callback, prints "attached", and answers
 //   silent  as attach, but its event() never returns
 //   hammer  as attach, then calls without end
+//   find    looks it up once, prints "error" and why it was not found, and ends
 #include <hidl/HidlTransportSupport.h>
+#include <hidl/ServiceManagement.h>
 #include <test/platform/1.0/ITest.h>
 #include <unistd.h>
 
@@ -33,6 +35,11 @@ class Callback : public ICallback {
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "attach";
+  if (mode == "find") {
+    ITest::tryGetService("default");
+    printf("error %d\n", details::lastLookUpError());
+    return 0;
+  }
   const sp<ITest> service = ITest::getService("default");
   if (service == nullptr) {
     printf("no service\n");

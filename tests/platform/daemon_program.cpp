@@ -1,9 +1,12 @@
-// A daemon. usage: platform_test_daemon idle | log COUNT | wake | fatal | segv | terminate
+// A daemon. usage: platform_test_daemon idle | log COUNT | wake | property | fatal | segv
+// Logs "a signal" on each SIGUSR1.
 #define LOG_TAG "test.daemon"
 
 #include <android-base/logging.h>
+#include <android-base/properties.h>
 #include <hardware_legacy/power.h>
 #include <log/log.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -23,6 +26,8 @@ int main(int argc, char** argv) {
   ALOGD("not to be seen at level info");
   LOG(ERROR) << "two\nlines";
   if (mode == "wake") acquire_wake_lock(PARTIAL_WAKE_LOCK, "a_lock");
+  if (mode == "property") android::base::SetProperty("persist.a", "b");
+  signal(SIGUSR1, [](int) {});
   printf("ready\n");
   fflush(stdout);
   if (mode == "log") {
@@ -31,5 +36,8 @@ int main(int argc, char** argv) {
   }
   if (mode == "fatal") FatalErrorNamed("the reason of the end");
   if (mode == "segv") std::thread([] { ReadThroughNull(nullptr); }).join();
-  for (;;) pause();
+  for (;;) {
+    pause();
+    LOG(INFO) << "a signal";
+  }
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -77,6 +78,61 @@ TEST_F(Daemon, Log_IsBoundedToTwoFiles) {
   EXPECT_THAT(ReadFile(log_), HasSubstr("line 3999"));
   const std::string older = ReadFile(log_ + ".1");
   EXPECT_EQ(older.substr(older.size() - 4), "xxx\n") << "a line was cut at the change of files";
+}
+
+TEST_F(Daemon, LogThatIsRemoved_IsMadeAgain) {
+  ChildProcess daemon = Start({"idle"});
+  ASSERT_TRUE(daemon.WaitForOutput("ready", kDeadline));
+  std::filesystem::remove(log_);
+  daemon.Signal(SIGUSR1);
+  EXPECT_TRUE(test::WaitFor([&] { return ReadFile(log_).find("a signal") != std::string::npos; }));
+}
+
+TEST_F(Daemon, StandardErrorThatNobodyReads_HoldsNothingUp) {
+  int pipe_ends[2];
+  ASSERT_EQ(pipe(pipe_ends), 0);  // which the daemon inherits
+  const ChildProcess daemon({"sh", "-c",
+                             "exec " + test::TestProgram("platform_test_daemon") + " log 300 2>&" +
+                                 std::to_string(pipe_ends[1])},
+                            {{"BTHAL_ROOT", root_.path()}});
+  EXPECT_TRUE(test::WaitFor([&] { return ReadFile(log_).find("line 299") != std::string::npos; }));
+  for (const int end : pipe_ends) close(end);
+}
+
+// A link in the place of a file that the daemon writes: what it points at stays as it is. What the
+// daemon cannot do without ends it, with a line.
+TEST_F(Daemon, PlantedLinks_AreNotFollowed) {
+  const std::string victim = root_ / "victim";
+  const struct {
+    const char* path;
+    const char* mode;
+    const char* output;
+    const char* kept;  // in the file that takes the link's place
+  } rows[] = {
+      {"run/bthal/log", "idle", "Too many levels of symbolic links", nullptr},
+      {"run/bthal/lock", "idle", "Too many levels of symbolic links", nullptr},
+      {"run/bthal/wake_locks", "wake", "ready", "a_lock\n"},
+      {"data/property/persistent.prop.new", "property", "ready", nullptr},
+      {"data/tombstones/tombstone_00", "fatal", "tombstone_01", nullptr},
+  };
+  for (const auto& row : rows) {
+    for (const bool dangling : {false, true}) {
+      SCOPED_TRACE(row.path);
+      const std::filesystem::path link = root_ / row.path;
+      std::filesystem::create_directories(link.parent_path());
+      std::filesystem::remove(link);
+      std::filesystem::create_symlink(victim, link);
+      if (!dangling) test::WriteFile(victim, "precious");
+      ChildProcess daemon = Start({row.mode});
+      EXPECT_TRUE(daemon.WaitForOutput(row.output, kDeadline)) << daemon.Output();
+      EXPECT_EQ(std::filesystem::exists(victim), !dangling);
+      EXPECT_TRUE(dangling || ReadFile(victim) == "precious");
+      EXPECT_TRUE(row.kept == nullptr || ReadFile(link) == row.kept);
+      std::filesystem::remove_all(root_ / "run");
+      std::filesystem::remove_all(root_ / "data");
+      std::filesystem::remove(victim);
+    }
+  }
 }
 
 TEST_F(Daemon, WakeLockOfAKilledOne_IsReleasedByTheNextAndOnce) {

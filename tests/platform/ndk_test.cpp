@@ -4,6 +4,7 @@
 #include <android/binder_process.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <map>
@@ -46,6 +47,10 @@ class Provider : public BnTavioStateResidencyProvider {
     return ndk::ScopedAStatus::fromExceptionCode(EX_ILLEGAL_ARGUMENT);
   }
 
+  void Clear() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    callbacks_.clear();
+  }
   std::map<std::string, std::shared_ptr<ITavioStateResidencyCallback>> callbacks() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return callbacks_;
@@ -72,9 +77,9 @@ TEST(NdkBinder, ProviderAndCallback_FindCallAndOutliveEachOther) {
   // It waited for the service; it registers two callbacks and takes one back.
   ASSERT_TRUE(client.WaitForOutput("registered 1", kDeadline)) << client.Output();
   EXPECT_EQ(provider->caller(), client.pid());
-  const auto callbacks = provider->callbacks();
+  auto callbacks = provider->callbacks();
   ASSERT_EQ(callbacks.size(), 1u);
-  const std::shared_ptr<ITavioStateResidencyCallback> callback = callbacks.at("Bluetooth");
+  std::shared_ptr<ITavioStateResidencyCallback> callback = callbacks.at("Bluetooth");
   EXPECT_TRUE(callback->isRemote());
 
   std::vector<StateResidency> states;
@@ -107,6 +112,13 @@ TEST(NdkBinder, ProviderAndCallback_FindCallAndOutliveEachOther) {
   EXPECT_FALSE(AIBinder_isAlive(binder));
   EXPECT_EQ(callback->getStateResidency(&states).getStatus(), STATUS_DEAD_OBJECT);
   EXPECT_EQ(AIBinder_linkToDeath(binder, recipient.get(), &linked), STATUS_DEAD_OBJECT);
+
+  const int descriptors = test::CountDescriptors(getpid());
+  provider->Clear();
+  callbacks.clear();
+  callback = nullptr;
+  EXPECT_TRUE(WaitFor([&] { return test::CountDescriptors(getpid()) == descriptors - 1; }))
+      << "a link to its death keeps the connection";
 }
 
 }  // namespace

@@ -5,9 +5,11 @@
 #include <android/hardware/bluetooth/1.1/IBluetoothHciCallbacks.h>
 #include <bthal/root.h>
 #include <hidl/HidlTransportSupport.h>
+#include <hidl/ServiceManagement.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -108,6 +110,29 @@ class StackCallbacks : public ::android::hardware::bluetooth::V1_1::IBluetoothHc
   std::string end_ GUARDED_BY(mutex_);  // why there will be no more packets; empty while there may
 };
 
+namespace {
+
+// Why there is no service to talk to, as a look-up tells it.
+Failure NotFound(int error) {
+  const std::string root = ::bthal::root::Folder().empty() ? "/" : ::bthal::root::Folder();
+  const std::string service = "the Bluetooth service in " + root;
+  switch (error) {
+    case EUSERS:
+      return Failure(service + " has as many clients as it takes: end one of them");
+    case EMFILE:
+      return Failure(service + " has no file descriptor left for another client");
+    case EACCES:
+      return Failure(service + " is not for this user: be in the group of " +
+                     ::bthal::root::Resolve("/run/bthal"));
+    case ETIMEDOUT:
+      return Failure(ExitCode::kNoService, service + " does not answer");
+    default:
+      return Failure(ExitCode::kNoService, "no Bluetooth service in " + root + ": is it running?");
+  }
+}
+
+}  // namespace
+
 sp<Hci> FindService(std::chrono::milliseconds wait) {
   ::android::hardware::configureRpcThreadpool(1, false);
   const TimePoint deadline = Clock::now() + wait;
@@ -116,11 +141,7 @@ sp<Hci> FindService(std::chrono::milliseconds wait) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     service = Hci::tryGetService();
   }
-  if (service == nullptr) {
-    const std::string& root = ::bthal::root::Folder();
-    throw Failure(ExitCode::kNoService,
-                  "no Bluetooth service in " + (root.empty() ? "/" : root) + ": is it running?");
-  }
+  if (service == nullptr) throw NotFound(::android::hardware::details::lastLookUpError());
   return service;
 }
 

@@ -46,6 +46,12 @@ std::unique_ptr<bthal::rpc::IncomingCall> BHwBinder::nextOneway() {
   return call;
 }
 
+void BHwBinder::dropObsoleteOneway() {
+  std::vector<std::unique_ptr<bthal::rpc::IncomingCall>> dropped;  // after the lock is free
+  const std::lock_guard<std::mutex> lock(oneway_mutex_);
+  dropped = bthal::rpc::TakeObsolete(oneway_calls_);
+}
+
 ProcessState* ProcessState::self() {
   static ProcessState state;
   return &state;
@@ -82,6 +88,8 @@ status_t registerAsServiceInternal(const sp<IBase>& service, const std::string& 
 sp<IBinder> getServiceBinder(const std::string& interface, const std::string& instance, bool wait) {
   return bthal::rpc::Find(interface + "/" + instance, wait);
 }
+
+int lastLookUpError() { return bthal::rpc::LastFindError(); }
 
 }  // namespace details
 }  // namespace android::hardware

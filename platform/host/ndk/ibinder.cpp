@@ -4,10 +4,12 @@
 #include <android/binder_interface_utils.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "ndk/parcel.h"
 #include "rpc/call_thread.h"
@@ -158,24 +160,51 @@ uid_t AIBinder_getCallingUid() {
 
 // ---- death
 
-struct AIBinder_DeathRecipient {
- public:
-  struct Link : public IBinder::DeathRecipient {
-    Link(AIBinder_DeathRecipient_onBinderDied function, void* argument, sp<IBinder> linked)
-        : on_died(function), cookie(argument), binder(std::move(linked)) {}
-    void binderDied(const wp<IBinder>& /*who*/) override { on_died(cookie); }
+namespace {
 
-    const AIBinder_DeathRecipient_onBinderDied on_died;
-    void* const cookie;
-    const sp<IBinder> binder;
+// A link to the death of an object's process. It does not keep the object, and leaves the
+// recipient's list when the process dies or, at the latest when the recipient is linked again, when
+// nobody holds the object any more.
+struct Link : public IBinder::DeathRecipient {
+  struct List {
+    std::mutex mutex;
+    std::vector<sp<Link>> links GUARDED_BY(mutex);
   };
 
+  Link(AIBinder_DeathRecipient_onBinderDied function, void* argument, const sp<IBinder>& object,
+       std::weak_ptr<List> list)
+      : on_died(function), cookie(argument), binder(object), owner(std::move(list)) {}
+
+  void binderDied(const wp<IBinder>& /*who*/) override {
+    if (const std::shared_ptr<List> list = owner.lock(); list != nullptr) {
+      const std::lock_guard<std::mutex> lock(list->mutex);
+      list->links.erase(std::remove(list->links.begin(), list->links.end(), this),
+                        list->links.end());
+    }
+    on_died(cookie);
+  }
+
+  const AIBinder_DeathRecipient_onBinderDied on_died;
+  void* const cookie;
+  const wp<IBinder> binder;
+  const std::weak_ptr<List> owner;
+};
+
+// Of an object that nobody holds there is nothing to unlink.
+status_t Unlink(const sp<Link>& link) {
+  const sp<IBinder> binder = link->binder.promote();
+  return binder == nullptr ? android::DEAD_OBJECT : binder->unlinkToDeath(link);
+}
+
+}  // namespace
+
+struct AIBinder_DeathRecipient {
+ public:
   explicit AIBinder_DeathRecipient(AIBinder_DeathRecipient_onBinderDied function)
       : on_died(function) {}
 
   const AIBinder_DeathRecipient_onBinderDied on_died;
-  std::mutex mutex;
-  std::vector<sp<Link>> links GUARDED_BY(mutex);
+  const std::shared_ptr<Link::List> list = std::make_shared<Link::List>();
 };
 
 AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
@@ -184,38 +213,44 @@ AIBinder_DeathRecipient* AIBinder_DeathRecipient_new(
 }
 
 void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient* recipient) {
-  std::vector<sp<AIBinder_DeathRecipient::Link>> links;
+  std::vector<sp<Link>> links;
   {
-    const std::lock_guard<std::mutex> lock(recipient->mutex);
-    links.swap(recipient->links);
+    const std::lock_guard<std::mutex> lock(recipient->list->mutex);
+    links.swap(recipient->list->links);
   }
-  for (const auto& link : links) link->binder->unlinkToDeath(link);
+  for (const sp<Link>& link : links) Unlink(link);
   delete recipient;
 }
 
 binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
                                      void* cookie) {
-  const sp<AIBinder_DeathRecipient::Link> link =
-      new AIBinder_DeathRecipient::Link(recipient->on_died, cookie, binder->binder());
-  const std::lock_guard<std::mutex> lock(recipient->mutex);
-  const status_t status = link->binder->linkToDeath(link);
-  if (status == android::OK) recipient->links.push_back(link);
+  const sp<IBinder> object = binder->binder();
+  const sp<Link> link = new Link(recipient->on_died, cookie, object, recipient->list);
+  const std::lock_guard<std::mutex> lock(recipient->list->mutex);
+  std::vector<sp<Link>>& links = recipient->list->links;
+  links.erase(std::remove_if(links.begin(), links.end(),
+                             [](const sp<Link>& old) { return old->binder.promote() == nullptr; }),
+              links.end());
+  const status_t status = object->linkToDeath(link);
+  if (status == android::OK) links.push_back(link);
   return status;
 }
 
 binder_status_t AIBinder_unlinkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
                                        void* cookie) {
-  sp<AIBinder_DeathRecipient::Link> link;
+  sp<Link> link;
   {
-    const std::lock_guard<std::mutex> lock(recipient->mutex);
-    for (auto i = recipient->links.begin(); i != recipient->links.end(); ++i) {
-      if ((*i)->cookie != cookie || (*i)->binder != binder->binder()) continue;
-      link = *i;
-      recipient->links.erase(i);
-      break;
+    const std::lock_guard<std::mutex> lock(recipient->list->mutex);
+    std::vector<sp<Link>>& links = recipient->list->links;
+    const auto found = std::find_if(links.begin(), links.end(), [&](const sp<Link>& candidate) {
+      return candidate->cookie == cookie && candidate->binder == binder->binder();
+    });
+    if (found != links.end()) {
+      link = *found;
+      links.erase(found);
     }
   }
-  return link == nullptr ? STATUS_NAME_NOT_FOUND : link->binder->unlinkToDeath(link);
+  return link == nullptr ? STATUS_NAME_NOT_FOUND : Unlink(link);
 }
 
 // ---- C++ interfaces

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "rpc/incoming_call.h"
 
@@ -63,6 +64,17 @@ struct Chains {
     thread.Wake();
     return true;
   }
+  static std::vector<std::unique_ptr<IncomingCall>> TakeAllObsolete() {
+    Chains& chains = Get();
+    std::vector<std::unique_ptr<IncomingCall>> taken;
+    const std::lock_guard<std::mutex> lock(chains.mutex);
+    for (const auto& [chain, thread] : chains.threads) {
+      for (std::unique_ptr<IncomingCall>& call : TakeObsolete(thread->nested_)) {
+        taken.push_back(std::move(call));
+      }
+    }
+    return taken;
+  }
   static std::unique_ptr<IncomingCall> Take(CallThread& thread) {
     Chains& chains = Get();
     const std::lock_guard<std::mutex> lock(chains.mutex);
@@ -90,7 +102,7 @@ const std::shared_ptr<CallThread>& CallThread::Current() {
 }
 
 CallThread::CallThread() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (wake_.get() < 0) PLOG(FATAL) << "eventfd";
+  if (wake_.get() < 0) PLOG(ERROR) << "a thread calls without a descriptor of its own";
 }
 
 CallThread::~CallThread() = default;
@@ -98,6 +110,8 @@ CallThread::~CallThread() = default;
 bool CallThread::DeliverNested(std::unique_ptr<IncomingCall>& call) {
   return Chains::Deliver(call);
 }
+
+void CallThread::DropObsolete() { Chains::TakeAllObsolete(); }
 
 std::unique_ptr<IncomingCall> CallThread::TakeNested() { return Chains::Take(*this); }
 

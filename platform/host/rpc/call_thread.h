@@ -35,10 +35,14 @@ class CallThread {
   // Gives call to the thread that is blocked in its chain; false, and call stays, when there is
   // none.
   static bool DeliverNested(std::unique_ptr<IncomingCall>& call);
+  // Destroys the calls that became obsolete before a blocked thread took them.
+  static void DropObsolete();
   // The next call for this thread while it is blocked, or null.
   std::unique_ptr<IncomingCall> TakeNested();
 
-  // Ends this thread's poll() on wake_descriptor(); from any thread.
+  // Ends this thread's poll() on wake_descriptor(); from any thread. The descriptor is -1 when
+  // there was none left for it: the thread then looks by itself every kLookPeriodMs.
+  static constexpr int kLookPeriodMs = 10;
   void Wake() const;
   void ClearWake() const;
   int wake_descriptor() const { return wake_.get(); }

@@ -14,12 +14,14 @@
 #include "rpc/name_service.h"
 #include "rpc/obituaries.h"
 #include "rpc/proxy.h"
+#include "rpc/thread_pool.h"
 
 namespace bthal::rpc {
 namespace {
 
 using android::sp;
 using android::status_t;
+using android::hardware::BHwBinder;
 using android::hardware::IBinder;
 using android::hardware::Parcel;
 using std::chrono::steady_clock;
@@ -38,6 +40,32 @@ int PollTime(std::optional<steady_clock::time_point> deadline) {
   if (left <= steady_clock::duration::zero()) return 0;
   return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
 }
+
+// The calls of all peers that wait or run.
+class TotalLoad {
+ public:
+  static TotalLoad& Get() {
+    static auto* const total = new TotalLoad;
+    return *total;
+  }
+  void Add(const Load& call) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    load_ += call;
+  }
+  void Remove(const Load& call) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    load_ -= call;
+  }
+  // What one peer may have waiting at present.
+  const Load& Allowance() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return load_.Reaches(kMaxWaitingOfAll) ? kShare : kMaxWaiting;
+  }
+
+ private:
+  std::mutex mutex_;  // a leaf
+  Load load_ GUARDED_BY(mutex_);
+};
 
 // Whether errno of a send says that the peer has closed its end.
 bool IsGone(int error) { return error == EPIPE || error == ECONNRESET || error == ENOTCONN; }
@@ -91,7 +119,8 @@ status_t Connection::Call(uint32_t object, uint32_t code, const Parcel& data, Pa
     reading = StartReading();                // before a reply can wake somebody else
   }
   const status_t sent = Send(header, data);
-  if (sent != android::OK) {
+  // Of a peer that has gone, what it had sent is read first.
+  if (sent != android::OK && (sent != android::DEAD_OBJECT || ended())) {
     const std::lock_guard<std::mutex> lock(mutex_);
     pending_.erase(header.serial);
     if (overfull_ && pending_.empty()) Watch(kOverfull, true);
@@ -132,11 +161,15 @@ void Connection::Wait(PendingReply* pending, uint64_t serial, bool reading,
       continue;
     }
     pollfd ready[] = {{thread.wake_descriptor(), POLLIN, 0}, {socket_.get(), POLLIN, 0}};
-    const int count = poll(ready, reading ? 2 : 1, PollTime(deadline));
+    int poll_time = PollTime(deadline);
+    if (thread.wake_descriptor() < 0 && (poll_time < 0 || poll_time > CallThread::kLookPeriodMs)) {
+      poll_time = CallThread::kLookPeriodMs;
+    }
+    const int count = poll(ready, reading ? 2 : 1, poll_time);
     if (count < 0) continue;  // a signal
     if (ready[0].revents != 0) thread.ClearWake();
     if (reading && ready[1].revents != 0) ReadMessage();
-    if (count != 0) continue;
+    if (count != 0 || PollTime(deadline) != 0) continue;
     if (!limit) {
       End("a call to it was not answered for 10 s");
       continue;
@@ -182,14 +215,17 @@ status_t Connection::Send(MessageHeader header, const Parcel& parcel) {
 
   const int error = SendOrQueue(header, names, parcel);
   if (error == 0) return android::OK;
-  if (IsGone(error) || error == EAGAIN) {
-    End(IsGone(error) ? nullptr : "it does not read what is sent to it");
+  if (IsGone(error)) return android::DEAD_OBJECT;  // the reader comes to the end of what it sent
+  if (error == EAGAIN) {
+    End("it does not read what is sent to it");
     return android::DEAD_OBJECT;
   }
   // The message's own fault, as a descriptor that is not open.
   for (const ObjectReference& name : names) {
     sp<IBinder> dropped;
-    if (name.owner == ObjectReference::Owner::kSender) DropReferences(name.id, 1, &dropped);
+    if (name.owner != ObjectReference::Owner::kSender) continue;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    DropReferences(name.id, 1, &dropped);
   }
   LOG(WARNING) << "a message cannot be sent: " << strerror(error);
   return android::FAILED_TRANSACTION;
@@ -241,13 +277,17 @@ void Connection::Rearm() {
 
 void Connection::OnReady(uint32_t events) {
   if ((events & EPOLLOUT) != 0) Flush();
+  bool unread = false;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if ((events & ~uint32_t{EPOLLOUT}) == 0 || ended() || reader_ != Reader::kNobody ||
-        (overfull_ && pending_.empty())) {
-      return;
-    }
-    reader_ = Reader::kPoller;
+    if ((events & ~uint32_t{EPOLLOUT}) == 0 || ended() || reader_ != Reader::kNobody) return;
+    unread = overfull_ && pending_.empty();
+    if (!unread) reader_ = Reader::kPoller;
+  }
+  if (unread) {
+    // What it has still sent would be dropped with the rest.
+    if ((events & EPOLLHUP) != 0) End(nullptr);
+    return;
   }
   ReadMessage();
   {
@@ -293,6 +333,10 @@ const char* Connection::Handle(ReceivedMessage message) {
       return HandleReply(header, std::move(parcel));
     case MessageType::kRelease:
       return HandleRelease(header);
+    case MessageType::kRefusal:
+      if (peer_side_ != Side::kService) break;
+      refusal_ = header.status;
+      return nullptr;
   }
   return "a message of unknown type";
 }
@@ -311,9 +355,12 @@ const char* Connection::HandleCall(const MessageHeader& header, Parcel parcel) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = exports_.find(header.object);
-    if (found != exports_.end()) target = found->second.object;
-    if (waiting_calls_ >= kMaxCalls || waiting_bytes_ >= kMaxCallBytes) {
+    if (waiting_.Reaches(TotalLoad::Get().Allowance() * kGiveUpFactor)) {
       return "too many calls of its wait";
+    }
+    if (found != exports_.end() && found->second.references != 0) {
+      target = found->second.object;
+      ++found->second.calls;
     }
   }
   if (target == nullptr) return ended() ? nullptr : "a call to an unknown object";
@@ -343,44 +390,58 @@ const char* Connection::HandleReply(const MessageHeader& header, Parcel parcel) 
 
 const char* Connection::HandleRelease(const MessageHeader& header) {
   sp<IBinder> dropped;
-  if (!DropReferences(header.object, header.code, &dropped)) {
-    return ended() ? nullptr : "a release of what it does not hold";
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!DropReferences(header.object, header.code, &dropped)) {
+      return ended() ? nullptr : "a release of what it does not hold";
+    }
   }
   if (dropped != nullptr) DropOnPool(std::move(dropped));
   return nullptr;
 }
 
 bool Connection::DropReferences(uint32_t object, uint32_t count, sp<IBinder>* dropped) {
-  const std::lock_guard<std::mutex> lock(mutex_);
   const auto found = exports_.find(object);
   if (found == exports_.end() || found->second.references < count) return false;
   found->second.references -= count;
-  if (found->second.references != 0) return true;
-  *dropped = std::move(found->second.object);
-  export_ids_.erase(dropped->get());
-  exports_.erase(found);
+  *dropped = DropUnused(object);
   return true;
 }
 
-void Connection::CallArrived(size_t bytes) {
+sp<IBinder> Connection::DropUnused(uint32_t object) {
+  const auto found = exports_.find(object);
+  if (found->second.references != 0 || found->second.calls != 0) return nullptr;
+  sp<IBinder> dropped = std::move(found->second.object);
+  export_ids_.erase(dropped.get());
+  exports_.erase(found);
+  return dropped;
+}
+
+void Connection::CallArrived(const Load& call) {
+  TotalLoad::Get().Add(call);
   const std::lock_guard<std::mutex> lock(mutex_);
-  ++waiting_calls_;
-  waiting_bytes_ += bytes;
-  if (overfull_ || (waiting_calls_ < kMaxWaitingCalls && waiting_bytes_ < kMaxWaitingBytes)) return;
+  waiting_ += call;
+  if (overfull_ || !waiting_.Reaches(TotalLoad::Get().Allowance())) return;
   overfull_ = true;
   if (pending_.empty()) Watch(kOverfull, true);
 }
 
-void Connection::CallDone(size_t bytes) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  --waiting_calls_;
-  waiting_bytes_ -= bytes;
-  if (!overfull_ || waiting_calls_ > kMaxWaitingCalls / 2 ||
-      waiting_bytes_ > kMaxWaitingBytes / 2) {
-    return;
+void Connection::CallDone(uint32_t object, const Load& call) {
+  TotalLoad::Get().Remove(call);
+  sp<IBinder> dropped;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (const auto found = exports_.find(object); found != exports_.end()) {
+      --found->second.calls;
+      dropped = DropUnused(object);
+    }
+    waiting_ -= call;
+    if (overfull_ && !waiting_.Exceeds(TotalLoad::Get().Allowance() / 2)) {
+      overfull_ = false;
+      Watch(kOverfull, false);
+    }
   }
-  overfull_ = false;
-  Watch(kOverfull, false);
+  if (dropped != nullptr) DropOnPool(std::move(dropped));
 }
 
 // ---- objects
@@ -407,7 +468,8 @@ bool Connection::ToObjects(const std::vector<ObjectReference>& references,
       objects->push_back(proxy);
     } else {
       const auto found = exports_.find(reference.id);
-      if (reference.owner != ObjectReference::Owner::kReceiver || found == exports_.end()) {
+      if (reference.owner != ObjectReference::Owner::kReceiver || found == exports_.end() ||
+          found->second.references == 0) {
         return false;
       }
       objects->push_back(found->second.object);
@@ -451,7 +513,7 @@ void Connection::Release(const Proxy* proxy, uint32_t object, uint32_t received)
 void Connection::End(const char* reason) {
   std::vector<sp<Proxy>> orphans;
   std::vector<std::shared_ptr<CallThread>> callers;
-  decltype(exports_) dropped;
+  decltype(exports_) dropped;  // with the objects of all calls that wait
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (ended_.exchange(true)) return;
@@ -477,6 +539,14 @@ void Connection::End(const char* reason) {
   for (const std::shared_ptr<CallThread>& thread : callers) thread->Wake();
   on_end_();
   PostObituaries(std::move(orphans));
+  for (const auto& [id, exported] : dropped) {
+    if (BHwBinder* local = exported.object->localBinder(); local != nullptr) {
+      local->dropObsoleteOneway();
+    }
+  }
+  CallThread::DropObsolete();
+  HidlThreadPool().DropObsolete();
+  NdkThreadPool().DropObsolete();
   for (auto& [id, exported] : dropped) DropOnPool(std::move(exported.object));
 }
 

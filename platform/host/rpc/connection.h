@@ -20,6 +20,7 @@
 
 #include "rpc/call_thread.h"
 #include "rpc/io_loop.h"
+#include "rpc/load.h"
 #include "rpc/wire.h"
 
 namespace bthal::rpc {
@@ -31,12 +32,6 @@ constexpr std::chrono::seconds kClientAnswerTime{10};
 // Messages that a peer leaves unread before it is given up.
 constexpr size_t kMaxQueuedMessages = 256;
 constexpr size_t kMaxQueuedBytes = 8 << 20;
-// Calls of a peer that wait to be served, and their bytes, above which nothing more is read from
-// it, unless somebody waits for a reply of its; and above which it is given up.
-constexpr size_t kMaxWaitingCalls = 1024;
-constexpr size_t kMaxWaitingBytes = 4 << 20;
-constexpr size_t kMaxCalls = 4 * kMaxWaitingCalls;
-constexpr size_t kMaxCallBytes = 4 * kMaxWaitingBytes;
 
 // Safe on any thread; no call blocks but Call(), and none holds a lock while user code runs.
 // Messages are read by one thread at a time: the first caller that waits for a reply (which then
@@ -46,6 +41,7 @@ constexpr size_t kMaxCallBytes = 4 * kMaxWaitingBytes;
 // A peer that breaks a rule (a malformed message, an unknown object, too much left unread, a client
 // that does not answer) costs its connection and nothing else: one log line, calls into it fail
 // with DEAD_OBJECT, death notices go out. Its descriptor stays open until the last user has gone.
+// When a connection ends, for whatever reason, the peer's calls that have not begun are dropped.
 class Connection : public IoHandler, public std::enable_shared_from_this<Connection> {
  public:
   enum class Side { kService, kClient };  // what the peer is to us
@@ -57,6 +53,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
 
   const Identity& peer() const { return peer_; }
   bool ended() const { return ended_.load(std::memory_order_acquire); }
+  // errno of the service that did not take this connection; 0 otherwise. Known when it has ended.
+  int refusal() const { return refusal_; }
 
   // Calls the peer's object and waits for the reply; oneway calls return once queued. Returns
   // TIMED_OUT after limit, when there is one: a reply that still comes is dropped.
@@ -69,9 +67,10 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   // Ends the connection; reason is null for an orderly end, else one log line. Once.
   void End(const char* reason);
 
-  // For IncomingCall: one more, one less waiting or running.
-  void CallArrived(size_t bytes);
-  void CallDone(size_t bytes);
+  // For IncomingCall: one more, one less waiting or running. The object that a call is for is kept
+  // until then.
+  void CallArrived(const Load& call);
+  void CallDone(uint32_t object, const Load& call);
   // For Proxy: the last reference to a peer's object has gone; received is how often it came.
   void Release(const Proxy* proxy, uint32_t object, uint32_t received);
 
@@ -86,7 +85,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   };
   struct Export {
     android::sp<android::hardware::IBinder> object;
-    uint32_t references = 0;
+    uint32_t references = 0;  // of the peer's
+    uint32_t calls = 0;       // of the peer's that wait or run
   };
   struct Import {
     android::wp<Proxy> proxy;
@@ -122,7 +122,9 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
 
   // Takes count references away; the object, when none is left. False when there are not as many.
   bool DropReferences(uint32_t object, uint32_t count,
-                      android::sp<android::hardware::IBinder>* dropped);
+                      android::sp<android::hardware::IBinder>* dropped) REQUIRES(mutex_);
+  // Takes the object away when nothing of the peer's needs it.
+  android::sp<android::hardware::IBinder> DropUnused(uint32_t object) REQUIRES(mutex_);
 
   // Why the I/O loop reads or writes, or does not. Each flag is changed under the lock of what it
   // follows. Every event is reported once only, until Watch() or Rearm().
@@ -136,6 +138,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   const std::function<void()> on_end_;
   const uint64_t io_key_;
   std::atomic<bool> ended_{false};
+  std::atomic<int> refusal_{0};
   std::unique_ptr<uint8_t[]> buffer_;  // the reader's
 
   std::mutex mutex_;
@@ -147,8 +150,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   std::unordered_map<const android::hardware::IBinder*, uint32_t> export_ids_ GUARDED_BY(mutex_);
   uint32_t last_export_ GUARDED_BY(mutex_) = 0;
   std::unordered_map<uint32_t, Import> imports_ GUARDED_BY(mutex_);
-  size_t waiting_calls_ GUARDED_BY(mutex_) = 0;
-  size_t waiting_bytes_ GUARDED_BY(mutex_) = 0;
+  Load waiting_ GUARDED_BY(mutex_);
   bool overfull_ GUARDED_BY(mutex_) = false;  // too many calls wait: nothing more is read
 
   std::mutex out_mutex_;

@@ -46,11 +46,14 @@ IncomingCall::IncomingCall(std::shared_ptr<Connection> connection, sp<IBinder> t
     : connection_(std::move(connection)),
       target_(std::move(target)),
       header_(header),
-      data_(std::move(data)) {
-  connection_->CallArrived(data_.byteCount());
+      data_(std::move(data)),
+      load_{1, data_.byteCount(), data_.descriptors().size()} {
+  connection_->CallArrived(load_);
 }
 
-IncomingCall::~IncomingCall() { connection_->CallDone(data_.byteCount()); }
+IncomingCall::~IncomingCall() { connection_->CallDone(header_.object, load_); }
+
+bool IncomingCall::IsObsolete() const { return connection_->ended(); }
 
 void IncomingCall::Dispatch(std::unique_ptr<IncomingCall> call) {
   BHwBinder* local = call->target_->localBinder();
@@ -71,6 +74,7 @@ void IncomingCall::Post(std::unique_ptr<IncomingCall> call) {
 }
 
 void IncomingCall::Run() {
+  if (IsObsolete()) return;
   const CallThread::Serving serving(header_.chain, connection_->peer());
   Parcel reply;
   const status_t status = target_->transact(header_.code, data_, &reply, header_.flags,

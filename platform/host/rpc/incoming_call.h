@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "rpc/load.h"
 #include "rpc/thread_pool.h"
 #include "rpc/wire.h"
 
@@ -13,7 +14,7 @@ namespace bthal::rpc {
 class Connection;
 
 // A call from another process, from its arrival to its reply. Run once, on a thread of the target's
-// pool or on a thread that is blocked in the call's chain.
+// pool or on a thread that is blocked in the call's chain; or not at all, when its client has gone.
 class IncomingCall : public Task {
  public:
   IncomingCall(std::shared_ptr<Connection> connection,
@@ -27,6 +28,8 @@ class IncomingCall : public Task {
   static void Post(std::unique_ptr<IncomingCall> call);
 
   void Run() override;
+  // Whether its client has gone.
+  bool IsObsolete() const override;
 
   uint64_t chain() const { return header_.chain; }
   bool is_oneway() const { return (header_.flags & android::hardware::IBinder::FLAG_ONEWAY) != 0; }
@@ -38,6 +41,7 @@ class IncomingCall : public Task {
   const android::sp<android::hardware::IBinder> target_;
   const MessageHeader header_;
   const android::hardware::Parcel data_;
+  const Load load_;
   bool replied_ = false;
 };
 

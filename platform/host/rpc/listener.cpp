@@ -18,6 +18,8 @@
 
 #include "rpc/connection.h"
 #include "rpc/io_loop.h"
+#include "rpc/load.h"
+#include "rpc/wire.h"
 
 namespace bthal::rpc {
 namespace {
@@ -63,6 +65,7 @@ class Listener : public IoHandler {
       PLOG(ERROR) << "cannot accept a connection";
       spare_.reset();
       peer.reset(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (peer.get() >= 0) Refuse(peer.get(), EMFILE);
       peer.reset();
       spare_ = OpenSpare();
     }
@@ -73,13 +76,25 @@ class Listener : public IoHandler {
         !MayConnect(peer.get(), group_, credentials)) {
       LOG(ERROR) << "process " << credentials.pid << " of user " << credentials.uid
                  << " may not connect";
+      Refuse(peer.get(), EACCES);
     } else if (*peers_ >= kMaxPeers) {
-      LOG(ERROR) << "process " << credentials.pid << " cannot connect: there are " << kMaxPeers
-                 << " peers already";
+      if (!std::exchange(told_full_, true)) {  // it may try again and again
+        LOG(ERROR) << "process " << credentials.pid << " cannot connect: there are " << kMaxPeers
+                   << " peers already";
+      }
+      Refuse(peer.get(), EUSERS);
     } else {
+      told_full_ = false;
       ++*peers_;
       Connection::Start(std::move(peer), Connection::Side::kClient, [peers = peers_] { --*peers; });
     }
+  }
+
+  static void Refuse(int peer, int error) {
+    MessageHeader header;
+    header.type = MessageType::kRefusal;
+    header.status = error;
+    SendMessage(peer, header, {}, android::hardware::Parcel());
   }
 
   static unique_fd OpenSpare() { return unique_fd(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
@@ -88,6 +103,7 @@ class Listener : public IoHandler {
   const gid_t group_;
   const uint64_t io_key_;
   unique_fd spare_;  // makes room for one accept when descriptors have run out
+  bool told_full_ = false;
   const std::shared_ptr<std::atomic<int>> peers_ = std::make_shared<std::atomic<int>>(0);
 };
 

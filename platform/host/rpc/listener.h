@@ -6,9 +6,6 @@
 
 namespace bthal::rpc {
 
-// Processes that may be connected to this one at a time.
-constexpr int kMaxPeers = 32;
-
 // Opens this process's socket in folder and accepts connections on the I/O thread, for good. A peer
 // must be of this process's user, or root, or in the socket's group. False with errno on failure.
 bool StartListening(const SocketFolder& folder, std::string* socket_name);

@@ -7,6 +7,7 @@
 #include <android-base/thread_annotations.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -70,42 +71,59 @@ class Names {
     return found == objects_.end() ? nullptr : found->second;
   }
 
-  // The connection to the process that serves name; null when nobody does.
+  // The connection to the process that serves name; null, with errno, when there is none.
   std::shared_ptr<Connection> ConnectionTo(const std::string& name) {
     const SocketFolder folder(/*create=*/false);
     if (!folder.ok()) return nullptr;
     const std::string target = folder.Target(FileName(name));
     if (target.empty()) return nullptr;
     const std::lock_guard<std::mutex> lock(mutex_);
-    std::shared_ptr<Connection>& connection = connections_[target];
-    if (connection != nullptr && !connection->ended()) return connection;
-    connection = nullptr;
+    const auto known = connections_.find(target);
+    if (known != connections_.end() && !known->second->ended()) return known->second;
     android::base::unique_fd socket = folder.Connect(target);
     if (socket.get() < 0) return nullptr;
-    connection = Connection::Start(std::move(socket), Connection::Side::kService, [] {});
+    std::shared_ptr<Connection>& connection = connections_[target];
+    connection = Connection::Start(std::move(socket), Connection::Side::kService,
+                                   [this, target] { Forget(target); });
     return connection;
   }
 
  private:
+  // Drops the connection to a process that has gone, unless there is a new one already.
+  void Forget(const std::string& target) {
+    std::shared_ptr<Connection> ended;  // dropped after the lock is free
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = connections_.find(target);
+    if (found == connections_.end() || !found->second->ended()) return;
+    ended = std::move(found->second);
+    connections_.erase(found);
+  }
+
   std::mutex mutex_;
   std::string socket_name_ GUARDED_BY(mutex_);
   std::map<std::string, sp<IBinder>> objects_ GUARDED_BY(mutex_);
   std::map<std::string, std::shared_ptr<Connection>> connections_ GUARDED_BY(mutex_);
 };
 
-sp<IBinder> FindNow(const std::string& name, milliseconds answer_time) {
-  if (sp<IBinder> own = Names::Get().Own(name); own != nullptr) return own;
+thread_local int last_find_error = 0;
+
+// 0 or what LastFindError() tells.
+int FindNow(const std::string& name, milliseconds answer_time, sp<IBinder>* object) {
+  *object = Names::Get().Own(name);
+  if (*object != nullptr) return 0;
   const std::shared_ptr<Connection> connection = Names::Get().ConnectionTo(name);
-  if (connection == nullptr) return nullptr;
+  if (connection == nullptr) {
+    if (errno == EAGAIN) return ETIMEDOUT;  // as many connections wait as the socket holds
+    return errno == EACCES ? EACCES : ENOENT;
+  }
   Parcel data;
   Parcel reply;
-  sp<IBinder> object;
-  if (data.writeCString(name.c_str()) != android::OK ||
-      connection->Call(0, kFindByName, data, &reply, 0, answer_time) != android::OK ||
-      reply.readNullableStrongBinder(&object) != android::OK) {
-    return nullptr;
-  }
-  return object;
+  data.writeCString(name.c_str());
+  const status_t status = connection->Call(0, kFindByName, data, &reply, 0, answer_time);
+  if (status == android::TIMED_OUT) return ETIMEDOUT;
+  if (connection->refusal() != 0) return connection->refusal();
+  if (status == android::OK) reply.readNullableStrongBinder(object);
+  return *object == nullptr ? ENOENT : 0;
 }
 
 }  // namespace
@@ -116,14 +134,20 @@ status_t Publish(const std::string& name, const sp<IBinder>& object) {
 
 sp<IBinder> Find(const std::string& name, bool wait) {
   const milliseconds time = LookupTime();
-  if (!wait) return FindNow(name, time);
   sp<IBinder> object;
-  SocketFolder::WaitUntil(std::chrono::steady_clock::now() + time, [&] {
-    object = FindNow(name, time);
+  const auto find = [&] {
+    last_find_error = FindNow(name, time, &object);
     return object != nullptr;
-  });
+  };
+  if (!wait) {
+    find();
+  } else {
+    SocketFolder::WaitUntil(std::chrono::steady_clock::now() + time, find);
+  }
   return object;
 }
+
+int LastFindError() { return last_find_error; }
 
 bool AnswerNameCall(uint32_t code, const Parcel& data, Parcel* reply) {
   const char* name = data.readCString();

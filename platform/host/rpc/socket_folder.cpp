@@ -82,8 +82,9 @@ unique_fd SocketFolder::Listen(std::string* socket_name, gid_t* group) const {
   unlinkat(folder_.get(), unborn.c_str(), 0);
   struct stat status;
   if (bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      fchmodat(folder_.get(), unborn.c_str(), 0660, 0) != 0 ||
-      fstatat(folder_.get(), unborn.c_str(), &status, 0) != 0 || listen(listener.get(), 64) != 0 ||
+      fchmodat(folder_.get(), unborn.c_str(), 0660, AT_SYMLINK_NOFOLLOW) != 0 ||
+      fstatat(folder_.get(), unborn.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+      listen(listener.get(), 64) != 0 ||
       renameat(folder_.get(), unborn.c_str(), folder_.get(), socket_name->c_str()) != 0) {
     return unique_fd();
   }
@@ -117,7 +118,11 @@ int SocketFolder::Link(const std::string& name, const std::string& socket_name) 
 std::string SocketFolder::Target(const std::string& name) const {
   char target[NAME_MAX + 1];
   const ssize_t size = readlinkat(folder_.get(), name.c_str(), target, sizeof target);
-  if (size <= 0 || memchr(target, '/', static_cast<size_t>(size)) != nullptr) return "";
+  if (size < 0) return "";
+  if (size == 0 || memchr(target, '/', static_cast<size_t>(size)) != nullptr) {
+    errno = EINVAL;
+    return "";
+  }
   return std::string(target, static_cast<size_t>(size));
 }
 

@@ -23,9 +23,9 @@ class SocketFolder {
   android::base::unique_fd Listen(std::string* socket_name, gid_t* group) const;
   // Points name at the socket, in place of whatever it pointed at. 0 or errno.
   int Link(const std::string& name, const std::string& socket_name) const;
-  // The socket that name points at; empty when it points at none.
+  // The socket that name points at; empty, with errno, when it points at none.
   std::string Target(const std::string& name) const;
-  // Connects; invalid when nobody listens.
+  // Connects; invalid, with errno, when nobody listens.
   android::base::unique_fd Connect(const std::string& socket_name) const;
 
   // Asks done until it is true, now and whenever the folder (or what is missing of its path)

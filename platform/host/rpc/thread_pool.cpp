@@ -80,6 +80,13 @@ void ThreadPool::Post(std::unique_ptr<Task> task) {
   if (wake) Wake();
 }
 
+void ThreadPool::DropObsolete() {
+  std::vector<std::unique_ptr<Task>> dropped;  // destroyed after the lock is free
+  const std::lock_guard<std::mutex> lock(mutex_);
+  dropped = TakeObsolete(tasks_);
+  if (aside_ > 0) changed_.notify_all();
+}
+
 void ThreadPool::StartThreadIfNeeded() {
   const size_t limit = max_threads_ - (awaits_join_ ? 1 : 0);
   if (!started_ || tasks_.size() <= idle_ || threads_ >= limit) return;

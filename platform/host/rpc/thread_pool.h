@@ -4,12 +4,15 @@
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace bthal::rpc {
 
@@ -17,7 +20,21 @@ class Task {
  public:
   virtual ~Task() = default;
   virtual void Run() = 0;
+  // Whether nobody needs it any more. Once true, it stays true.
+  virtual bool IsObsolete() const { return false; }
 };
+
+// Takes the obsolete tasks out of a queue. The caller destroys them once it holds no lock.
+template <typename T>
+std::vector<std::unique_ptr<T>> TakeObsolete(std::deque<std::unique_ptr<T>>& queue) {
+  const auto first =
+      std::stable_partition(queue.begin(), queue.end(),
+                            [](const std::unique_ptr<T>& task) { return !task->IsObsolete(); });
+  std::vector<std::unique_ptr<T>> taken(std::make_move_iterator(first),
+                                        std::make_move_iterator(queue.end()));
+  queue.erase(first, queue.end());
+  return taken;
+}
 
 // Runs tasks in the order of their posting, on threads that it starts when there is work for them.
 // Lives as long as the process, and so do its threads: none is ever joined. Safe on any thread.
@@ -38,6 +55,8 @@ class ThreadPool {
   // Runs tasks on the calling thread; does not return.
   [[noreturn]] void Join();
   void Post(std::unique_ptr<Task> task);
+  // Destroys the tasks that have become obsolete while they wait.
+  void DropObsolete();
 
  private:
   class WakeHandler;

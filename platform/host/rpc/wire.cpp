@@ -123,7 +123,8 @@ ReceiveResult ReceiveMessage(int socket, uint8_t* buffer, ReceivedMessage* messa
   ssize_t size;
   do {
     size = recvmsg(socket, &incoming, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-  } while (size < 0 && errno == EINTR);
+    // A reset is told once, before what the peer had sent until then.
+  } while (size < 0 && (errno == EINTR || errno == ECONNRESET));
   if (size < 0) return errno == EAGAIN ? ReceiveResult::kNothingYet : ReceiveResult::kEnd;
   message->descriptors = TakeDescriptors(&incoming);
   // A message without bytes reads like the end of the connection, which it then is.

@@ -14,10 +14,11 @@ namespace bthal::rpc {
 constexpr uint32_t kWireVersion = 0x62740001;
 
 constexpr size_t kMaxMessageBytes = 192 * 1024;  // below the socket's default send buffer
-constexpr size_t kMaxDescriptors = 64;
+constexpr size_t kMaxDescriptors = 16;
 constexpr size_t kMaxReferences = 64;
 
-enum class MessageType : uint32_t { kCall = 1, kReply = 2, kRelease = 3 };
+// A refusal is the one message of a service that does not take the connection.
+enum class MessageType : uint32_t { kCall = 1, kReply = 2, kRelease = 3, kRefusal = 4 };
 
 struct MessageHeader {
   uint32_t version = kWireVersion;
@@ -25,7 +26,7 @@ struct MessageHeader {
   uint32_t object = 0;  // call, release: id of the receiver's object
   uint32_t code = 0;    // call: the method; release: how many references
   uint32_t flags = 0;   // call: IBinder::FLAG_ONEWAY
-  int32_t status = 0;   // reply
+  int32_t status = 0;   // reply; refusal: errno
   uint64_t serial = 0;  // pairs a reply with its call
   uint64_t chain = 0;   // call: which chain of nested calls it belongs to; 0 for oneway
   uint32_t references = 0;

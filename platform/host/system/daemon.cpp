@@ -36,7 +36,7 @@ void MakeFolder(const char* path, mode_t mode) {
 // Held until the process ends; the descriptor is meant to stay open.
 void TakeLock() {
   const std::string path = root::Resolve("/run/bthal/lock");
-  const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+  const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
   if (lock < 0) RefuseWithError(path);
   if (flock(lock, LOCK_EX | LOCK_NB) == 0) return;
   if (errno != EWOULDBLOCK) RefuseWithError(path);

@@ -9,12 +9,14 @@
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <log/log.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +27,9 @@
 
 namespace bthal::log {
 namespace {
+
+// How long a line waits for the reader of standard error.
+constexpr int kReaderTimeMs = 1000;
 
 char abort_message[1024];
 
@@ -67,8 +72,8 @@ class Log {
     } while (!message.empty());
 
     const std::lock_guard<std::mutex> lock(mutex_);
-    android::base::WriteFully(STDERR_FILENO, text.data(), text.size());
-    if (file_.get() < 0) return;
+    WriteToStandardError(text);
+    if (path_.empty() || (!IsThere() && !Reopen())) return;
     if (size_ + text.size() > kMaxFileBytes) StartNewFile();
     android::base::WriteFully(file_, text.data(), text.size());
     size_ += text.size();
@@ -81,6 +86,35 @@ class Log {
   }
 
  private:
+  Log() {
+    struct stat status {};
+    waits_for_reader_ = fstat(STDERR_FILENO, &status) == 0 &&
+                        (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
+  }
+
+  // A reader that takes nothing is waited for once; then it gets what there is room for.
+  void WriteToStandardError(std::string_view text) REQUIRES(mutex_) {
+    while (!text.empty()) {
+      pollfd room{STDERR_FILENO, POLLOUT, 0};
+      if (waits_for_reader_ &&
+          TEMP_FAILURE_RETRY(poll(&room, 1, reader_is_stuck_ ? 0 : kReaderTimeMs)) == 0) {
+        reader_is_stuck_ = true;
+        return;
+      }
+      // As much as never blocks where there is room.
+      const std::string_view piece = text.substr(0, PIPE_BUF);
+      if (!android::base::WriteFully(STDERR_FILENO, piece.data(), piece.size())) return;
+      text.remove_prefix(piece.size());
+    }
+    reader_is_stuck_ = false;
+  }
+
+  // Whether the file is open and has a name.
+  bool IsThere() REQUIRES(mutex_) {
+    struct stat status {};
+    return file_.get() >= 0 && fstat(file_.get(), &status) == 0 && status.st_nlink > 0;
+  }
+
   bool Reopen() REQUIRES(mutex_) {
     file_.reset(open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0640));
     struct stat status {};
@@ -95,6 +129,8 @@ class Log {
   }
 
   std::mutex mutex_;
+  bool waits_for_reader_ = false;  // standard error is a pipe or a socket
+  bool reader_is_stuck_ GUARDED_BY(mutex_) = false;
   android::base::unique_fd file_ GUARDED_BY(mutex_);
   std::string path_ GUARDED_BY(mutex_);
   size_t size_ GUARDED_BY(mutex_) = 0;

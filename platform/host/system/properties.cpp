@@ -66,8 +66,9 @@ bool ReplaceFile(const char* path, const std::vector<std::string>& lines) {
   const std::string text = android::base::Join(lines, '\n') + "\n";
   mkdir(bthal::root::Resolve("/data").c_str(), 0771);
   mkdir(bthal::root::Resolve("/data/property").c_str(), 0700);
+  unlink(fresh.c_str());  // of a process that died, or a link that would be followed
   const android::base::unique_fd file(
-      open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+      open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   return file.get() >= 0 && android::base::WriteStringToFd(text, file) && fsync(file.get()) == 0 &&
          rename(fresh.c_str(), target.c_str()) == 0;
 }
@@ -87,15 +88,11 @@ class PropertyStore {
   }
 
   bool Set(const std::string& name, const std::string& value) {
-    const bool read_only = android::base::StartsWith(name, "ro.");
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (!Parse(name + "=") || name.find('\n') != std::string::npos ||
-        value.find('\n') != std::string::npos || name.find('=') != std::string::npos ||
-        (!read_only && value.size() >= PROP_VALUE_MAX) || (read_only && values_.count(name) != 0)) {
+    const std::lock_guard<std::mutex> turn(set_mutex_);
+    if (!Change(name, value)) {
       LOG(WARNING) << "cannot set property \"" << name << "\" to \"" << value << "\"";
       return false;
     }
-    values_[name] = value;
     if (android::base::StartsWith(name, "persist.") && !WriteBack(name, value)) {
       PLOG(ERROR) << kPersistentFile;
     }
@@ -106,6 +103,19 @@ class PropertyStore {
   PropertyStore() {
     Load(kBuildFile);
     Load(kPersistentFile);
+  }
+
+  // False when it may not be set.
+  bool Change(const std::string& name, const std::string& value) {
+    const bool read_only = android::base::StartsWith(name, "ro.");
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!Parse(name + "=") || name.find('\n') != std::string::npos ||
+        value.find('\n') != std::string::npos || name.find('=') != std::string::npos ||
+        (!read_only && value.size() >= PROP_VALUE_MAX) || (read_only && values_.count(name) != 0)) {
+      return false;
+    }
+    values_[name] = value;
+    return true;
   }
 
   void Load(const char* path) NO_THREAD_SAFETY_ANALYSIS {  // from the constructor
@@ -135,7 +145,8 @@ class PropertyStore {
     return ReplaceFile(kPersistentFile, lines);
   }
 
-  std::mutex mutex_;
+  std::mutex set_mutex_;  // one change at a time, with its file; taken before mutex_
+  std::mutex mutex_;      // a leaf: whoever asks does not wait for a disk
   std::map<std::string, std::string> values_ GUARDED_BY(mutex_);
 };
 

@@ -72,19 +72,20 @@ std::string Path(int number) {
   return root::Resolve(StringPrintf("/data/tombstones/tombstone_%02d", number));
 }
 
-// The first free name, else that of the oldest file.
+// The first free name, else that of the oldest file, which goes.
 std::string FreePath() {
   std::string oldest = Path(0);
   time_t oldest_time = 0;
   for (int i = 0; i < kFiles; ++i) {
     struct stat status;
     std::string path = Path(i);
-    if (stat(path.c_str(), &status) != 0) return path;
+    if (lstat(path.c_str(), &status) != 0) return path;
     if (i == 0 || status.st_mtime < oldest_time) {
       oldest = path;
       oldest_time = status.st_mtime;
     }
   }
+  unlink(oldest.c_str());
   return oldest;
 }
 
@@ -142,7 +143,7 @@ std::string Text() {
 void WriteTombstone() {
   const std::string path = FreePath();
   const android::base::unique_fd file(
-      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640));
+      open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0640));
   if (file.get() < 0) {
     PLOG(ERROR) << path;
   } else if (android::base::WriteStringToFd(Text(), file)) {

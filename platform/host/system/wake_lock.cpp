@@ -51,8 +51,12 @@ void Remember(const std::string& name) {
   const std::lock_guard<std::mutex> lock(mutex);
   if (!known->insert(name).second) return;
   const android::base::unique_fd names(
-      bthal::root::Open(kNamesFile, O_WRONLY | O_CREAT | O_APPEND, 0640));
-  if (names.get() >= 0) android::base::WriteStringToFd(name + "\n", names);
+      bthal::root::Open(kNamesFile, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, 0640));
+  if (names.get() >= 0) {
+    android::base::WriteStringToFd(name + "\n", names);
+  } else if (errno != ENOENT) {
+    PLOG(ERROR) << kNamesFile;
+  }
 }
 
 int Change(const char* file, const char* name, int change) {
@@ -78,7 +82,7 @@ int release_wake_lock(const char* id) { return Change(kUnlockFile, id, -1); }
 void bthal::ReleaseWakeLocksOfTheDead() {
   const std::string path = root::Resolve(kNamesFile);
   std::string names;
-  if (!android::base::ReadFileToString(path, &names)) return;
+  android::base::ReadFileToString(path, &names);  // not through a link
   for (const std::string& name : android::base::Split(names, "\n")) {
     if (!name.empty()) Tell(kUnlockFile, name.c_str());  // most were released: no error
   }

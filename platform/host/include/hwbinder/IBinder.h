@@ -76,6 +76,8 @@ class BHwBinder : public IBinder {
   // task that runs nextOneway() until it is null.
   bool queueOneway(std::unique_ptr<bthal::rpc::IncomingCall> call);
   std::unique_ptr<bthal::rpc::IncomingCall> nextOneway();
+  // Destroys those whose client has gone.
+  void dropObsoleteOneway();
 
  protected:
   int mSchedPolicy = 0;
