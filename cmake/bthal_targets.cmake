@@ -15,7 +15,7 @@ target_compile_options(bthal_options INTERFACE -Wall -Wextra -Wshadow -Wconversi
 # g++ does not know the attributes of thread-safety analysis.
 target_compile_options(bthal_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-attributes>)
 if(BTHAL_COMPILE_ONLY)
-  target_compile_options(bthal_options INTERFACE -Wthread-safety)
+  target_compile_options(bthal_options INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()
 if(BTHAL_SANITIZE)
   add_compile_options(-fsanitize=${BTHAL_SANITIZE} -fno-omit-frame-pointer)

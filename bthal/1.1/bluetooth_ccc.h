@@ -77,7 +77,7 @@ class BluetoothCcc final : public IBluetoothCcc,
   uint64_t ReadingOf(uint8_t count);
 
   // One call, death, on or off at a time, with the commands it sends; above the flow-control lock.
-  std::mutex calls_;
+  std::mutex calls_ ACQUIRED_BEFORE(lock_);
   BluetoothCccCallbackMap callbacks_;
   TimesyncEventWatcher timesync_watcher_;
   std::atomic<int32_t> toggle_count_{0};  // readings taken since Bluetooth was turned off

@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "base/thread_role.h"
-#include "bluetooth_Activity.h"
 #include "bluetooth_address.h"
 #include "btzvk_protocol.h"
 #include "conf.h"
@@ -25,21 +24,9 @@ namespace {
 using ::android::base::StringPrintf;
 using ::android::hardware::bluetooth::V1_0::Status;
 using debug::AnchorType;
-using debug::AnchorValues;
 using debug::BqrErrorCode;
+using debug::DebugAnchor;
 using debug::DebugCentral;
-
-// The count shown includes the packet type byte.
-uint32_t ShownSize(const hidl_vec<uint8_t>& packet) {
-  return static_cast<uint32_t>(packet.size() + 1);
-}
-
-std::string CommandText(const AnchorValues& v) {
-  return StringPrintf("sendHciCommand: 0x%02X%02X - %u bytes", v[0], v[1], v[2]);
-}
-std::string AclText(const AnchorValues& v) { return StringPrintf("sendAclData: %u bytes", v[0]); }
-std::string ScoText(const AnchorValues& v) { return StringPrintf("sendScoData: %u bytes", v[0]); }
-std::string IsoText(const AnchorValues& v) { return StringPrintf("sendIsoData: %u bytes", v[0]); }
 
 }  // namespace
 
@@ -81,7 +68,7 @@ Return<void> BluetoothHci::initialize_1_1(const sp<V1_1::IBluetoothHciCallbacks>
 void BluetoothHci::initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
                                    const sp<V1_1::IBluetoothHciCallbacks>& cb_1_1) {
   ALOGI("%s", __func__);
-  const evidence::ScopedRecord anchor(AnchorType::kInitialize, __func__);
+  const DebugAnchor anchor(AnchorType::kInitialize, __func__, DebugCentral::Get());
   if (cb == nullptr) {
     ALOGE("cb == nullptr! -> Unable to call initializationComplete(ERR)");
     return;
@@ -153,49 +140,6 @@ void BluetoothHci::unlink_from_death() {
     unlink = unlink_cb_;
   }
   unlink(death_recipient_);
-}
-
-void BluetoothHci::SendPacket(hci::HciPacketType type, const hidl_vec<uint8_t>& packet) {
-  const std::shared_ptr<hci::HciFlowControl> handle = lifecycle_.hci_handle();
-  if (handle == nullptr) return;
-  if (!hci::LengthIsRight(type, packet.data(), packet.size())) {
-    ALOGW("%s: a packet of type %d with %zu bytes does not have the length in its header, dropped",
-          __func__, type, packet.size());
-    return;
-  }
-  if (type == hci::HCI_PACKET_TYPE_COMMAND &&
-      DebugCentral::Get().IsControllerDebugDumpOpcode(packet)) {
-    handle->SendNoAck(type, packet.data(), packet.size());
-  } else {
-    handle->Send(type, packet.data(), packet.size());
-  }
-}
-
-Return<void> BluetoothHci::sendHciCommand(const hidl_vec<uint8_t>& packet) {
-  const evidence::ScopedRecord anchor(
-      AnchorType::kSendHciCommand, CommandText,
-      {hci::ByteAt(packet, 1), hci::ByteAt(packet, 0), ShownSize(packet)});
-  activity::BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_COMMAND, packet);
-  SendPacket(hci::HCI_PACKET_TYPE_COMMAND, packet);
-  return Void();
-}
-
-Return<void> BluetoothHci::sendAclData(const hidl_vec<uint8_t>& packet) {
-  const evidence::ScopedRecord anchor(AnchorType::kSendAclData, AclText, {ShownSize(packet)});
-  SendPacket(hci::HCI_PACKET_TYPE_ACL_DATA, packet);
-  return Void();
-}
-
-Return<void> BluetoothHci::sendScoData(const hidl_vec<uint8_t>& packet) {
-  const evidence::ScopedRecord anchor(AnchorType::kSendScoData, ScoText, {ShownSize(packet)});
-  SendPacket(hci::HCI_PACKET_TYPE_SCO_DATA, packet);
-  return Void();
-}
-
-Return<void> BluetoothHci::sendIsoData(const hidl_vec<uint8_t>& packet) {
-  const evidence::ScopedRecord anchor(AnchorType::kSendIsoData, IsoText, {ShownSize(packet)});
-  SendPacket(hci::HCI_PACKET_TYPE_ISO_DATA, packet);
-  return Void();
 }
 
 Return<void> BluetoothHci::close() {

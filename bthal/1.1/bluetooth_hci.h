@@ -83,6 +83,13 @@ class BluetoothHci : public IBluetoothHci {
   void HandleTermination(int signum);
 
   void SendPacket(hci::HciPacketType type, const hidl_vec<uint8_t>& packet);
+  // The four functions that the transport calls for the controller's packets, on the reader thread.
+  static void OnEvent(const hidl_vec<uint8_t>& event);
+  static void OnAclData(const hidl_vec<uint8_t>& data);
+  static void OnScoData(const hidl_vec<uint8_t>& data);
+  static void OnIsoData(const hidl_vec<uint8_t>& data);
+  // Takes the events that the diagnostics make themselves.
+  static void notify_cb(const hidl_vec<uint8_t>& event);
 
   Lifecycle lifecycle_;
   coex_device::CoexDevice coex_device_;

@@ -11,8 +11,6 @@
 #include <chrono>
 #include <thread>
 
-#include "bluetooth_Activity.h"
-#include "bluetooth_ewp.h"
 #include "bluetooth_hci.h"
 #include "btzvk_protocol.h"
 #include "conf.h"
@@ -24,100 +22,15 @@
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 namespace {
 
-using activity::BtActivitiesLogger;
 using ::android::base::StringPrintf;
 using ::android::hardware::bluetooth::V1_0::Status;
-using debug::AnchorFormatter;
 using debug::AnchorType;
-using debug::AnchorValues;
 using debug::BqrErrorCode;
+using debug::DebugAnchor;
 using debug::DebugCentral;
-using ::hardware::nuvexa::bluetooth::ewp::V1_0::implementation::BluetoothEwp;
-
-// Kinds of packets, as PrintEwpLogging() takes them.
-constexpr int kEwpAcl = 1;
-constexpr int kEwpIso = 2;
 
 constexpr int kCoexAttempts = 10;
 constexpr std::chrono::milliseconds kCoexRetryPause{100};
-
-std::string EventText(const AnchorValues& v) {
-  return StringPrintf("cb->hciEventReceived: %u bytes", v[0]);
-}
-std::string AclText(const AnchorValues& v) {
-  return StringPrintf("cb->aclDataReceived: %u bytes", v[0]);
-}
-std::string ScoText(const AnchorValues& v) {
-  return StringPrintf("cb->scoDataReceived: %u bytes", v[0]);
-}
-std::string IsoText(const AnchorValues& v) {
-  return StringPrintf("cb->isoDataReceived: %u bytes", v[0]);
-}
-
-AnchorValues SizeOf(const hidl_vec<uint8_t>& packet) {
-  return {static_cast<uint32_t>(packet.size())};
-}
-
-// The four functions that the transport calls for the controller's packets, on the reader thread.
-
-void OnEvent(const hidl_vec<uint8_t>& event) {
-  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
-  if (cb == nullptr) {
-    ALOGW("hciEvent: g_cb == nullptr");
-    return;
-  }
-  const evidence::ScopedRecord anchor(AnchorType::kHciEventReceived, EventText, SizeOf(event));
-  BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_EVENT, event);
-  if (!cb->hciEventReceived(event).isOk()) ALOGW("Unable to callback hciEvent to Stack");
-}
-
-void OnAclData(const hidl_vec<uint8_t>& data) {
-  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
-  if (cb == nullptr) {
-    ALOGW("aclData: g_cb == nullptr");
-    return;
-  }
-  const evidence::ScopedRecord anchor(AnchorType::kAclDataReceived, AclText, SizeOf(data));
-  BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_ACL_DATA, data);
-  BluetoothEwp::PrintEwpLogging(kEwpAcl, data);
-  if (!cb->aclDataReceived(data).isOk()) ALOGW("Unable to callback aclData to Stack");
-}
-
-void OnScoData(const hidl_vec<uint8_t>& data) {
-  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
-  if (cb == nullptr) {
-    ALOGW("scoData: g_cb == nullptr");
-    return;
-  }
-  const evidence::ScopedRecord anchor(AnchorType::kScoDataReceived, ScoText, SizeOf(data));
-  if (!cb->scoDataReceived(data).isOk()) ALOGW("Unable to callback scoData to Stack");
-}
-
-void OnIsoData(const hidl_vec<uint8_t>& data) {
-  if (AttachedStack::Get().g_cb() == nullptr) {
-    ALOGW("isoData: g_cb == nullptr");
-    return;
-  }
-  const evidence::ScopedRecord anchor(AnchorType::kIsoDataReceived, IsoText, SizeOf(data));
-  BluetoothEwp::PrintEwpLogging(kEwpIso, data);
-  // Null for a stack that attached through 1.0, which knows no ISO data.
-  const AttachedStack::Callbacks1_1 cb = AttachedStack::Get().g_cb_1_1();
-  if (cb == nullptr || !cb->isoDataReceived(data).isOk()) {
-    ALOGW("Unable to callback isoData to Stack");
-  }
-}
-
-// Takes the events that the diagnostics make themselves.
-void notify_cb(const hidl_vec<uint8_t>& event) {
-  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
-  if (cb == nullptr) {
-    ALOGW("%s: g_cb == nullptr", __func__);
-    return;
-  }
-  if (!cb->hciEventReceived(event).isOk()) {
-    ALOGW("Unable to callback bqr root inflamed event to Stack");
-  }
-}
 
 // What a failed bring-up leaves to do: tells the stack, or, without one, ends the process.
 // undelivered: the record when the stack cannot be told; null for none.
@@ -153,7 +66,7 @@ void BluetoothHci::OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who
 void BluetoothHci::perform_init(Lifecycle::Turn& turn) {
   turn.Become(Lifecycle::State::kComingUp);
   ALOGI("%s", __func__);
-  const evidence::ScopedRecord anchor(AnchorType::kPerformInit, __func__);
+  const DebugAnchor anchor(AnchorType::kPerformInit, __func__, DebugCentral::Get());
   if (lifecycle_.hci_handle() != nullptr) {
     ALOGE("%s: hci_handle != nullptr! -> Double attempt to initialize the HAL", __func__);
     ReportFailedInit("perform_init: Calling kill due to error", nullptr);
