@@ -1,6 +1,7 @@
 #include "sim/handset/handset.h"
 
 #include <cstdio>
+#include <utility>
 
 #include "sim/base/log.h"
 #include "sim/co_processor/co_actions.h"
@@ -113,6 +114,7 @@ void Handset::OnPower(bool on, bool more) {
   if (!on) {
     // Of a power cycle that is seen as a whole, what the host wrote after it is kept.
     if (!more) uart_.Drain();
+    after_power_on_ = uart_.DropBacklog();
     if (controller_) trace_.Note("power off");
     StopController();
     if (radio_) radio_->Disconnect();
@@ -125,6 +127,7 @@ void Handset::OnPower(bool on, bool more) {
   uart_.DropStale();
   PowerOn();
   scenario_.OnPowerOn();
+  OnHostBytes(std::exchange(after_power_on_, {}));
 }
 
 void Handset::PowerOn() {

@@ -74,6 +74,18 @@ void Uart::StopReading(EventLoop::Duration time) {
   UpdateEvents();
 }
 
+Bytes Uart::DropBacklog() {
+  static const Bytes kReset = {0x01, 0x03, 0x0C, 0x00};
+  if (!deaf_) return {};
+  Bytes backlog;
+  while (const size_t count = pty_->Read(rx_.data(), rx_.size())) {
+    backlog.insert(backlog.end(), rx_.begin(), rx_.begin() + static_cast<ptrdiff_t>(count));
+  }
+  const bool reset = backlog.size() >= kReset.size() &&
+                     std::equal(kReset.rbegin(), kReset.rend(), backlog.rbegin());
+  return reset ? kReset : Bytes();
+}
+
 void Uart::Clear() {
   deaf_ = false;
   loop_.Cancel(&deaf_end_);

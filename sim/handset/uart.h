@@ -49,6 +49,9 @@ class Uart {
   size_t queued() const { return tx_.size() - tx_head_; }
   // Reads nothing any more, for time or, without one, until power-off: the line fills up.
   void StopReading(EventLoop::Duration time);
+  // Power off: what was not read meanwhile is lost. Returns a reset at its end, which a host that
+  // has switched the power on again wrote after that; empty: there is none.
+  Bytes DropBacklog();
   // Power off: forgets what is queued and what the host has not read, and reads again.
   void Clear();
   // The host's descriptor is hung up; the link leads to a fresh line.

@@ -78,7 +78,10 @@ class SleepyHandset {
       }
       return cues == cues_ && released > cue;  // a line may come later than its packet
     };
-    if (!WaitFor(asleep)) throw std::runtime_error("the controller is not put to sleep");
+    if (!WaitFor(asleep)) {
+      throw std::runtime_error("the controller is not put to sleep: " + std::to_string(cues_) +
+                               " cues, the trace ends with\n" + Tail(ReadFile(trace_file())));
+    }
     return {released - cue, released - asserted};
   }
 

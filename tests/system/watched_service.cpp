@@ -14,6 +14,19 @@
 namespace test {
 namespace {
 
+// By name. A thread may end while they are listed.
+std::vector<std::string> Threads(pid_t pid) {
+  std::vector<std::string> names;
+  std::error_code gone;
+  const std::string folder = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(folder, gone)) {
+    const std::string name = ReadFile((task.path() / "comm").string());
+    names.push_back(name.substr(0, name.find('\n')));
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 std::vector<std::string> Descriptors(pid_t pid) {
   std::vector<std::string> all;
   std::error_code ignored;
@@ -81,19 +94,20 @@ std::string WatchedService::WaitForEnd() {
 
 WatchedService::Possessions WatchedService::Owns() {
   const pid_t pid = handset_.service().pid();
-  return {CountThreads(pid), Descriptors(pid)};
+  return {Threads(pid), Descriptors(pid)};
 }
 
 std::string WatchedService::WaitForNoMoreThan(const Possessions& before) {
   Possessions now{};
   if (WaitFor([&] {
         now = Owns();
-        return now.threads <= before.threads && now.descriptors.size() <= before.descriptors.size();
+        return now.threads.size() <= before.threads.size() &&
+               now.descriptors.size() <= before.descriptors.size();
       })) {
     return "";
   }
-  return std::to_string(now.threads) + " threads, before " + std::to_string(before.threads) + "; " +
-         ::testing::PrintToString(now.descriptors) + "\nbefore\n" +
+  return ::testing::PrintToString(now.threads) + "; " + ::testing::PrintToString(now.descriptors) +
+         "\nbefore\n" + ::testing::PrintToString(before.threads) + "; " +
          ::testing::PrintToString(before.descriptors) + "\n" + Tail(handset_.Log());
 }
 

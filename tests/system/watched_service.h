@@ -21,7 +21,7 @@ class WatchedService {
 
   // Threads and descriptors of the process.
   struct Possessions {
-    int threads;
+    std::vector<std::string> threads;
     std::vector<std::string> descriptors;
   };
   Possessions Owns();
