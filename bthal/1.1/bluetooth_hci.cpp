@@ -79,16 +79,18 @@ void BluetoothHci::initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
     if (!cb->initializationComplete(Status::INITIALIZATION_ERROR).isOk()) {
       ALOGE("%s: VendorInterface -> Unable to call initializationComplete(ERR)", __func__);
     }
-    if (initialization.End()) close();  // the attached stack's
-    return;
+  } else if (Lifecycle::Turn turn(lifecycle_, Lifecycle::State::kComingUp); turn) {
+    attach(cb, std::move(turn));
+  } else {
+    ALOGE("%s: called from inside a callback while Bluetooth goes on or off, refused", __func__);
+    AttachedStack::Get().DetachIf(cb);
+    (void)cb->initializationComplete(Status::INITIALIZATION_ERROR).isOk();
   }
-  attach(cb);
-  if (initialization.End() && AttachedStack::Get().IsAttached(cb)) close();
+  if (initialization.End() && AttachedStack::Get().g_cb() != nullptr) close();
 }
 
-void BluetoothHci::attach(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
+void BluetoothHci::attach(const sp<V1_0::IBluetoothHciCallbacks>& cb, Lifecycle::Turn turn) {
   constexpr char kOperation[] = "initialize_impl";
-  Lifecycle::Turn turn(lifecycle_, Lifecycle::State::kComingUp);
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported() && hci::shim::IsUserialReady()) {
     if (!BtZvkProtocol::GetInstacne()->AcceleratedReset()) {
       ALOGE("%s: Accelerated Init failed", kOperation);

@@ -59,7 +59,7 @@ class BluetoothHci : public IBluetoothHci {
   void initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
                        const sp<V1_1::IBluetoothHciCallbacks>& cb_1_1);
   // Brings the controller up for a stack that has been attached.
-  void attach(const sp<V1_0::IBluetoothHciCallbacks>& cb);
+  void attach(const sp<V1_0::IBluetoothHciCallbacks>& cb, Lifecycle::Turn turn);
   void link_to_death(const sp<V1_0::IBluetoothHciCallbacks>& cb) EXCLUDES(link_lock_);
   void unlink_from_death() EXCLUDES(link_lock_);
 

@@ -36,19 +36,20 @@ void Lifecycle::Turn::Become(State state) {
 
 Lifecycle::Initialization::Initialization(Lifecycle& lifecycle) : lifecycle_(lifecycle) {
   std::lock_guard<std::mutex> guard(lifecycle_.lock_);
-  lifecycle_.initializing_ = true;
+  ++lifecycle_.initializing_;
 }
 
 bool Lifecycle::Initialization::End() {
+  if (std::exchange(ended_, true)) return false;
   std::lock_guard<std::mutex> guard(lifecycle_.lock_);
-  lifecycle_.initializing_ = false;
+  if (--lifecycle_.initializing_ > 0) return false;
   return std::exchange(lifecycle_.close_wanted_, false);
 }
 
 bool Lifecycle::DeferClose() {
   std::lock_guard<std::mutex> guard(lock_);
-  if (initializing_) close_wanted_ = true;
-  return initializing_;
+  if (initializing_ > 0) close_wanted_ = true;
+  return initializing_ > 0;
 }
 
 std::shared_ptr<hci::HciFlowControl> Lifecycle::hci_handle() const {

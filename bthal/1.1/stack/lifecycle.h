@@ -53,11 +53,12 @@ class Lifecycle {
     Initialization(const Initialization&) = delete;
     Initialization& operator=(const Initialization&) = delete;
 
-    // Returns whether a close has come.
+    // Returns whether a close has come, and is the caller's now.
     bool End();
 
    private:
     Lifecycle& lifecycle_;
+    bool ended_ = false;
   };
 
   // Leaves a close to the running initialize. Returns whether there is one.
@@ -75,7 +76,7 @@ class Lifecycle {
   std::condition_variable turn_ended_;
   State state_ GUARDED_BY(lock_) = State::kOff;
   std::shared_ptr<hci::HciFlowControl> hci_handle_ GUARDED_BY(lock_);
-  bool initializing_ GUARDED_BY(lock_) = false;
+  int initializing_ GUARDED_BY(lock_) = 0;  // more than one: called from inside a callback, too
   bool close_wanted_ GUARDED_BY(lock_) = false;
 };
 
