@@ -27,7 +27,10 @@ int main(int argc, char** argv) {
   LOG(ERROR) << "two\nlines";
   if (mode == "wake") acquire_wake_lock(PARTIAL_WAKE_LOCK, "a_lock");
   if (mode == "property") android::base::SetProperty("persist.a", "b");
-  signal(SIGUSR1, [](int) {});
+  sigset_t awaited;
+  sigemptyset(&awaited);
+  sigaddset(&awaited, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
   printf("ready\n");
   fflush(stdout);
   if (mode == "log") {
@@ -36,8 +39,5 @@ int main(int argc, char** argv) {
   }
   if (mode == "fatal") FatalErrorNamed("the reason of the end");
   if (mode == "segv") std::thread([] { ReadThroughNull(nullptr); }).join();
-  for (;;) {
-    pause();
-    LOG(INFO) << "a signal";
-  }
+  for (int signal_number = 0; sigwait(&awaited, &signal_number) == 0;) LOG(INFO) << "a signal";
 }
