@@ -216,7 +216,7 @@ std::shared_ptr<ControllerActivityWatcher::Registration> ControllerActivityWatch
   const auto now = std::chrono::steady_clock::now();
   // A call behind one that is under way gets the deadline of that one: a provider that has been
   // silent for two seconds is not waited for again.
-  const std::shared_ptr<Registration> asked(
+  std::shared_ptr<Registration> asked(
       new Registration{provider_, is_on, (is_calling_ ? call_began_ : now) + kAnswerTime, {}});
   if (next_ != nullptr) next_->done.set_value(false);
   next_ = asked;
