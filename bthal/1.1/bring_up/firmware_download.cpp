@@ -103,21 +103,23 @@ bool FirmwareDownload::SendRecords(const std::string& path) {
   FirmwarePatch::Record record;
   FirmwarePatch::Result result;
   while ((result = patch.Next(&record)) == FirmwarePatch::Result::kRecord) {
-    if (record.opcode == kOpcodeLaunchRam) {
+    const bool launch = record.opcode == kOpcodeLaunchRam;
+    if (launch) {
       LOG(INFO) << kDownload
                 << StringPrintf(": Sending 0x%04x 0x%02x Launch Ram command", record.opcode,
                                 record.length);
     } else {
       LOG(DEBUG) << kDownload
                  << StringPrintf(": Sending 0x%04x 0x%02x", record.opcode, record.length);
-      if (fast) {
-        // A line that takes nothing any more ends the download, as a refused record does.
-        if (btzvk_send_command_no_wait(flow_, record.opcode, record.length, record.params)) {
-          continue;
-        }
-      }
     }
-    status = Send(record.opcode, record.length, record.params);
+    if (fast && !launch) {
+      // A line that takes nothing any more ends the download, as a refused record does.
+      const bool sent =
+          btzvk_send_command_no_wait(flow_, record.opcode, record.length, record.params);
+      status = sent ? 0 : kCommandTimedOut;
+    } else {
+      status = Send(record.opcode, record.length, record.params);
+    }
     if (status != 0) {
       LOG(ERROR) << kDownload << ": Failed to write patchram: " << static_cast<int>(status);
       evidence::Record(AnchorType::kDownloadFailed,
