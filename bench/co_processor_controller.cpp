@@ -5,7 +5,7 @@ namespace {
 
 constexpr uint32_t kHciMessage = 8;
 constexpr uint32_t kEvent = 8;
-constexpr uint8_t kCommand = 0x01;
+constexpr uint8_t kCommandPacket = 0x01;
 
 // Before the command in the payload: whether flow control counts it, H4 packet type.
 constexpr size_t kPrefix = 2;
@@ -16,7 +16,7 @@ CoProcessorController::CoProcessorController(const std::string& root)
     : server_(root, [this](const test::QvrRequest& request) -> std::optional<uint32_t> {
         const Bytes& payload = request.payload;
         if (request.message_type == kHciMessage && payload.size() >= kPrefix + 2 &&
-            payload[1] == kCommand) {
+            payload[1] == kCommandPacket) {
           SendEvent(Success(&payload[kPrefix]));
         }
         return 0;

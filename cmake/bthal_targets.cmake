@@ -14,6 +14,9 @@ add_library(bthal_options INTERFACE)
 target_compile_options(bthal_options INTERFACE -Wall -Wextra -Wshadow -Wconversion -Werror)
 # g++ does not know the attributes of thread-safety analysis.
 target_compile_options(bthal_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-attributes>)
+# A unity file includes sources, which g++ then takes for headers when it warns of this.
+target_compile_options(bthal_options INTERFACE
+                       $<$<AND:$<BOOL:${CMAKE_UNITY_BUILD}>,$<CXX_COMPILER_ID:GNU>>:-Wno-subobject-linkage>)
 if(BTHAL_COMPILE_ONLY)
   target_compile_options(bthal_options INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()

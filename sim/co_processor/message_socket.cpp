@@ -17,8 +17,8 @@ namespace {
 
 constexpr size_t kMostBytes = 192 * 1024;  // of a datagram
 constexpr size_t kHeaderBytes = 16;
-constexpr size_t kMostQueued = 1048576;  // bytes that wait for the host; more are dropped
-constexpr int kReceivesPerTurn = 64;     // then everybody else has a turn
+constexpr size_t kMostWaitingBytes = 1048576;  // bytes that wait for the host; more are dropped
+constexpr int kReceivesPerTurn = 64;           // then everybody else has a turn
 
 [[noreturn]] void Fail(const std::string& what) {
   throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -130,7 +130,7 @@ void MessageSocket::Send(const CoMessage& message) {
 
 void MessageSocket::SendRaw(const Bytes& datagram) {
   if (!host_.ok()) return;
-  if (queued_bytes_ + datagram.size() > kMostQueued) {
+  if (queued_bytes_ + datagram.size() > kMostWaitingBytes) {
     Log("co-processor: the host does not read; a message is dropped");
     return;
   }

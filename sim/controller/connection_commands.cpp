@@ -4,6 +4,7 @@
 
 #include "sim/base/log.h"
 #include "sim/controller/event_codes.h"
+#include "sim/controller/info_commands.h"
 
 namespace zvk {
 namespace {
@@ -15,8 +16,6 @@ constexpr size_t kMostConnections = 8;
 constexpr auto kAirTime = std::chrono::milliseconds(5);  // until a peer has answered
 constexpr size_t kConnectBytes = 34;                     // CONNECT_IND
 constexpr auto kIntervalUnit = std::chrono::microseconds(1250);
-constexpr uint8_t kCore53 = 0x0C;
-constexpr uint16_t kNoCompany = 0xFFFF;
 constexpr uint64_t kPeerFeatures = 0x01 | 0x20;  // encryption, data length
 constexpr uint16_t kMaxOctets = 251;
 constexpr uint8_t kPhy1M = 1;

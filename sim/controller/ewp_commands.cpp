@@ -7,8 +7,8 @@ constexpr uint16_t kEwpOpcode = 0xFE20;
 constexpr uint8_t kSwitch = 0x14;
 constexpr uint8_t kAllSources = 0xFF;
 
-constexpr unsigned kAclHandle = 0x2E00;  // 0xE00, first fragment
-constexpr unsigned kIsoHandle = 0x2D00;  // 0xD00, a complete one
+constexpr unsigned kEwpAclHandle = 0x2E00;  // 0xE00, first fragment
+constexpr unsigned kEwpIsoHandle = 0x2D00;  // 0xD00, a complete one
 constexpr size_t kRecordBytes = 40;
 
 }  // namespace
@@ -49,7 +49,7 @@ void EwpCommands::Record(PacketType type, size_t bytes) {
   record.U32(records_++).U32(static_cast<uint32_t>(uptime.count()));
   for (unsigned i = 0; record.bytes().size() < bytes; ++i) record.U8(i & 0xFF);
   context_.out.Data(type, Packet()
-                              .U16(type == PacketType::kIso ? kIsoHandle : kAclHandle)
+                              .U16(type == PacketType::kIso ? kEwpIsoHandle : kEwpAclHandle)
                               .U16(static_cast<unsigned>(bytes))
                               .Raw(ByteView(record).Sub(0, bytes)));
 }

@@ -6,9 +6,6 @@
 namespace zvk {
 namespace {
 
-constexpr uint8_t kCore53 = 0x0C;
-constexpr uint16_t kNoCompany = 0xFFFF;  // reserved for tests
-
 // Dual mode: EDR, extended inquiry response, LE and BR/EDR at a time, simple pairing, extended
 // features (Bluetooth Core 5.3, Vol 2, Part C, 3.3).
 constexpr uint8_t kFeatures[8] = {0xBF, 0xFE, 0x0F, 0xFE, 0xDB, 0xFF, 0x5B, 0x87};

@@ -10,7 +10,7 @@ namespace {
 
 // Encryption, extended reject, peripheral-initiated features, data length, privacy, 2M PHY,
 // extended advertising, channel selection 2 (Bluetooth Core 5.3, Vol 6, Part B, 4.6).
-constexpr uint64_t kFeatures = 0x1 | 0x4 | 0x8 | 0x20 | 0x40 | 0x100 | 0x1000 | 0x4000;
+constexpr uint64_t kLeFeatures = 0x1 | 0x4 | 0x8 | 0x20 | 0x40 | 0x100 | 0x1000 | 0x4000;
 constexpr uint64_t kStates = 0x000003FFFFFFFFFF;
 constexpr uint8_t kAcceptListSize = 16;
 constexpr uint8_t kResolvingListSize = 8;
@@ -45,7 +45,7 @@ void LeCommands::RegisterInformation(CommandTable* table) {
   table->Complete(0x2060, 0, [](ByteView) {
     return Success().U16(kLeAclBytes).U8(kLeAclBuffers).U16(kIsoBytes).U8(kIsoBuffers);
   });
-  table->Complete(0x2003, 0, [](ByteView) { return Success().U64(kFeatures); });
+  table->Complete(0x2003, 0, [](ByteView) { return Success().U64(kLeFeatures); });
   table->Complete(0x201C, 0, [](ByteView) { return Success().U64(kStates); });
   table->Complete(0x202F, 0, [](ByteView) {
     return Success().U16(kMaxOctets).U16(kMaxTime).U16(kMaxOctets).U16(kMaxTime);

@@ -3,10 +3,10 @@
 namespace zvk {
 namespace {
 
-constexpr uint8_t kRead = 0x02;
-constexpr uint8_t kWriteCommand = 0x04;
-constexpr uint8_t kWrite = 0x08;
-constexpr uint8_t kNotify = 0x10;
+constexpr uint8_t kMayRead = 0x02;
+constexpr uint8_t kMayWriteCommand = 0x04;
+constexpr uint8_t kMayWrite = 0x08;
+constexpr uint8_t kMayNotify = 0x10;
 
 Bytes Uuid16(uint16_t uuid) { return Packet().U16(uuid).bytes(); }
 
@@ -34,13 +34,13 @@ Bytes CharacteristicUuid() { return Uuid128(2); }
 std::vector<Attribute> MakeGattDatabase() {
   return {
       Service(1, Uuid16(0x1800), 5),
-      Characteristic(2, kRead, Uuid16(0x2A00)),
+      Characteristic(2, kMayRead, Uuid16(0x2A00)),
       {kNameHandle, Uuid16(0x2A00), Text("ZVK GATT")},
-      Characteristic(4, kRead, Uuid16(0x2A01)),
+      Characteristic(4, kMayRead, Uuid16(0x2A01)),
       {5, Uuid16(0x2A01), {0x00, 0x00}},
       Service(6, Uuid16(0x1801), 6),
       Service(7, ServiceUuid(), kValueConfigHandle),
-      Characteristic(8, kRead | kWriteCommand | kWrite | kNotify, CharacteristicUuid()),
+      Characteristic(8, kMayRead | kMayWriteCommand | kMayWrite | kMayNotify, CharacteristicUuid()),
       {kValueHandle, CharacteristicUuid(), Text("hello"), true, true},
       {kValueConfigHandle, Uuid16(0x2902), {0x00, 0x00}, true, true},
   };

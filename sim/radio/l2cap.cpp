@@ -5,7 +5,7 @@
 namespace zvk {
 namespace {
 
-constexpr size_t kHeaderBytes = 4;  // length, channel
+constexpr size_t kL2capHeaderBytes = 4;  // length, channel
 
 }  // namespace
 
@@ -17,8 +17,8 @@ void L2cap::OnFragment(bool first, ByteView fragment) {
   }
   if (fragment.empty()) return;
   frame_.insert(frame_.end(), fragment.begin(), fragment.end());
-  if (frame_.size() < kHeaderBytes) return;
-  const size_t whole = kHeaderBytes + ByteView(frame_).U16(0);
+  if (frame_.size() < kL2capHeaderBytes) return;
+  const size_t whole = kL2capHeaderBytes + ByteView(frame_).U16(0);
   if (frame_.size() < whole) return;
   const Bytes frame = std::move(frame_);
   frame_.clear();
@@ -26,7 +26,7 @@ void L2cap::OnFragment(bool first, ByteView fragment) {
     Log("L2CAP: a frame of %zu bytes came as %zu", whole, frame.size());
     return;
   }
-  on_frame_(ByteView(frame).U16(2), ByteView(frame).From(kHeaderBytes));
+  on_frame_(ByteView(frame).U16(2), ByteView(frame).From(kL2capHeaderBytes));
 }
 
 void L2cap::Send(uint16_t channel, ByteView payload, size_t fragment_bytes) {

@@ -18,7 +18,7 @@ namespace zvk {
 namespace {
 
 constexpr auto kRetryPeriod = std::chrono::milliseconds(200);
-constexpr size_t kMostQueued = 1000;  // packets
+constexpr size_t kMostQueuedPackets = 1000;  // packets
 constexpr char kUnix[] = "unix:";
 constexpr char kTcp[] = "tcp:";
 
@@ -149,7 +149,7 @@ void RadioBridge::Read() {
 }
 
 void RadioBridge::Send(PacketType type, ByteView packet) {
-  if (queue_.size() >= kMostQueued) {
+  if (queue_.size() >= kMostQueuedPackets) {
     if (!complained_) Log("radio %s does not read; packets are dropped", endpoint_.c_str());
     complained_ = true;
     return;

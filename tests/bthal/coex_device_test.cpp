@@ -32,8 +32,6 @@ struct Driver : test::LinkedPty {
   void Notify(const std::string& hex) { WriteToHost(test::ParseHex(hex)); }
 };
 
-int ThreadCount() { return test::CountThreads(getpid()); }
-
 // Arguments: messages, delay in ms, whether the process ends of them.
 CHILD_CASE(CoexMessage) {
   Driver driver;
@@ -103,7 +101,7 @@ TEST(CoexDevice, WithoutTheDevice_OpenFails) {
 TEST(CoexDevice, OpenAndCloseManyTimes_LeavesNothing) {
   Driver driver;
   CoexDevice device;
-  const int threads = ThreadCount(), descriptors = test::CountDescriptors(getpid());
+  const int threads = test::CountThreads(getpid()), descriptors = test::CountDescriptors(getpid());
   const int rounds = test::Count("openings of the coexistence device", 200);
   const auto start = steady_clock::now();
   for (int i = 0; i < rounds; ++i) {
@@ -114,20 +112,20 @@ TEST(CoexDevice, OpenAndCloseManyTimes_LeavesNothing) {
   }
   // A close that had to use force would have taken a second.
   EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(rounds));
-  EXPECT_TRUE(test::WaitFor([&] { return ThreadCount() <= threads; }));
+  EXPECT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads; }));
   EXPECT_EQ(test::CountDescriptors(getpid()), descriptors);
 }
 
 // The driver goes away: the thread ends by itself, and the device can be opened again.
 TEST(CoexDevice, HangUp_EndsTheThreadAndANewOpenStartsOne) {
   CoexDevice device;
-  const int threads = ThreadCount();
+  const int threads = test::CountThreads(getpid());
   const int rounds = test::Count("hang-ups of the driver", 20);
   for (int i = 0; i < rounds; ++i) {
     Driver driver;
     ASSERT_TRUE(device.DeviceOpen([] {}, 0));
     driver.HangUp();
-    ASSERT_TRUE(test::WaitFor([&] { return ThreadCount() <= threads; }));
+    ASSERT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads; }));
   }
   EXPECT_EQ(device.DeviceClose(), 0);
 }

@@ -45,8 +45,6 @@ struct Source {
   std::atomic<int> taken{0};
 };
 
-int ThreadCount() { return test::CountThreads(getpid()); }
-
 // Stops the watcher whatever the test does.
 struct Stopper {
   AsyncFdWatcher& watcher;
@@ -56,7 +54,7 @@ struct Stopper {
 TEST(FdWatcher, StartAndStopManyTimes_LeavesNothing) {
   AsyncFdWatcher watcher;
   Source source;
-  const int threads = ThreadCount();
+  const int threads = test::CountThreads(getpid());
   const int descriptors = test::CountDescriptors(getpid());
   const int rounds = test::Count("starts of the watcher", 500);
   for (int i = 1; i <= rounds; ++i) {
@@ -66,7 +64,7 @@ TEST(FdWatcher, StartAndStopManyTimes_LeavesNothing) {
     watcher.StopWatchingFileDescriptors();
     watcher.StopWatchingFileDescriptors();
   }
-  EXPECT_TRUE(test::WaitFor([&] { return ThreadCount() <= threads; }));
+  EXPECT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads; }));
   EXPECT_EQ(test::CountDescriptors(getpid()), descriptors);
   source.Signal();
   EXPECT_EQ(source.taken, rounds);
@@ -79,13 +77,13 @@ TEST(FdWatcher, SecondDescriptor_SharesTheThreadAndIsServedAtOnce) {
   ASSERT_EQ(watcher.WatchFdForNonBlockingReads(first.read_fd, first.Taker()), 0);
   first.Signal();
   ASSERT_TRUE(first.WaitTaken(1));
-  const int threads = ThreadCount();
+  const int threads = test::CountThreads(getpid());
   ASSERT_EQ(watcher.WatchFdForNonBlockingReads(second.read_fd, second.Taker()), 0);
   second.Signal();
   EXPECT_TRUE(second.WaitTaken(1));
   first.Signal();
   EXPECT_TRUE(first.WaitTaken(2));
-  EXPECT_EQ(ThreadCount(), threads);
+  EXPECT_EQ(test::CountThreads(getpid()), threads);
 
   watcher.StopWatchingFileDescriptor(first.read_fd);
   first.Signal();
@@ -116,7 +114,7 @@ TEST(FdWatcher, WatchingAgain_ReplacesTheFunction) {
 TEST(FdWatcher, StopFromInsideTheCallback_EndsTheRunAndAllowsANewOne) {
   AsyncFdWatcher watcher;
   Source first, second;
-  const int threads = ThreadCount();
+  const int threads = test::CountThreads(getpid());
   const int rounds = test::Count("stops from inside a callback", 300);
   for (int i = 1; i <= rounds; ++i) {
     // Both are readable, so the second one's turn would come in the same pass.
@@ -137,7 +135,7 @@ TEST(FdWatcher, StopFromInsideTheCallback_EndsTheRunAndAllowsANewOne) {
               0);
     ASSERT_TRUE(test::WaitFor([&] { return stopped.load(); }));
     ASSERT_TRUE(first.WaitTaken(i));
-    ASSERT_TRUE(test::WaitFor([&] { return ThreadCount() <= threads; }));
+    ASSERT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads; }));
   }
 }
 
@@ -166,7 +164,7 @@ TEST(FdWatcher, StartsAndStopsFromManyThreads_AgreeOnOneOwner) {
   AsyncFdWatcher watcher;
   Source source;
   const int rounds = test::Count("starts and stops a thread", 300);
-  const int threads_before = ThreadCount();
+  const int threads_before = test::CountThreads(getpid());
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
@@ -182,7 +180,7 @@ TEST(FdWatcher, StartsAndStopsFromManyThreads_AgreeOnOneOwner) {
   }
   for (std::thread& thread : threads) thread.join();
   watcher.StopWatchingFileDescriptors();
-  EXPECT_TRUE(test::WaitFor([&] { return ThreadCount() <= threads_before; }));
+  EXPECT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads_before; }));
 }
 
 // A watcher that spun on it would have used all of the time; it takes none.
@@ -223,13 +221,13 @@ TEST(FdWatcher, DescriptorOutOfRange_IsRefused) {
   Source source;
   const int high = fcntl(source.read_fd, F_DUPFD_CLOEXEC, FD_SETSIZE);
   ASSERT_GE(high, FD_SETSIZE);
-  const int threads = ThreadCount();
+  const int threads = test::CountThreads(getpid());
   for (const int fd : {high, -1}) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(watcher.WatchFdForNonBlockingReads(fd, [](int) {}), -1);
     EXPECT_FALSE(testing::internal::GetCapturedStderr().empty());
   }
-  EXPECT_EQ(ThreadCount(), threads);
+  EXPECT_EQ(test::CountThreads(getpid()), threads);
   close(high);
   // The watcher still works.
   ASSERT_EQ(watcher.WatchFdForNonBlockingReads(source.read_fd, source.Taker()), 0);

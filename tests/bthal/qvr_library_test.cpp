@@ -27,8 +27,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr char kTag[] = "bthal.qvrhelper";
-
 void Nothing(const hidl_vec<uint8_t>&) {}
 
 class QvrLibrary : public testing::Test {
@@ -39,7 +37,7 @@ class QvrLibrary : public testing::Test {
   // Error lines of the log since the last call.
   std::vector<std::string> Errors() {
     std::vector<std::string> errors;
-    lines_ = capture_.Take(kTag);
+    lines_ = capture_.Take("bthal.qvrhelper");
     for (const std::string& line : lines_) {
       if (line[0] == 'E') errors.push_back(line.substr(2));
     }
@@ -74,7 +72,7 @@ TEST_F(QvrLibrary, StepOfTheConnectionThatFails_IsToldReleasedAndTriedAgain) {
     EXPECT_EQ(fake_.calls["ReleaseClientManager"], 1);
     helper_.Deinitialize();
     EXPECT_EQ(fake_.calls["ReleaseClientManager"], 2);
-    capture_.Take(kTag);
+    capture_.Take("bthal.qvrhelper");
   }
 }
 

@@ -32,7 +32,6 @@ using test::QvrRequest;
 using test::QvrServer;
 using testing::ElementsAre;
 
-constexpr char kTag[] = "bthal.qvrhelper";
 constexpr char kPathProperty[] = "persist.bluetooth.ulk.path.enabled";
 const Bytes kReset = {0x03, 0x0C, 0x00};
 
@@ -118,7 +117,7 @@ TEST(QvrLifecycle, ConnectionLostWhilePowering_FailsTheOpeningOnly) {
     return std::nullopt;
   });
   EXPECT_EQ(Open(), nullptr);
-  const std::vector<std::string> logged = lines.Take(kTag);
+  const std::vector<std::string> logged = lines.Take("bthal.qvrhelper");
   EXPECT_EQ(CountLines(logged,
                        "E handle_qvr_connection_event: QVR transport disconnected from "
                        "ULK...exiting"),
@@ -215,7 +214,7 @@ TEST(QvrLifecycle, ServerThatComesLate_IsFoundByALaterAttempt) {
   const std::string failed =
       "E InitQvrTransport: Failed to connect to QVR transport server: err 11";
   const auto collect = [&] {
-    const std::vector<std::string> more = lines.Take(kTag);
+    const std::vector<std::string> more = lines.Take("bthal.qvrhelper");
     logged.insert(logged.end(), more.begin(), more.end());
   };
   EXPECT_TRUE(test::WaitFor([&] {

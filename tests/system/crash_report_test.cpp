@@ -95,11 +95,11 @@ const std::vector<Spoilt>& SpoiltBoards() {
 }
 
 TEST(CrashReport, OfABoardWithAPartMissing_NamesThePart) {
-  struct Row {
+  struct BoardRow {
     const Spoilt* board;
     bool stack;
   };
-  std::vector<Row> rows;
+  std::vector<BoardRow> rows;
   for (const Spoilt& board : SpoiltBoards()) {
     rows.push_back({&board, true});
     if (!board.needs_stack) rows.push_back({&board, false});

@@ -20,7 +20,7 @@ using std::chrono::milliseconds;
 
 constexpr int kClosed = 0;
 constexpr int kServiceDied = 3;
-constexpr int kHandsets = 10;
+constexpr int kHandsetsAtOnce = 10;
 constexpr int kRoundsBetweenCounts = 8;
 
 // A stack that does as it should.
@@ -184,10 +184,10 @@ TEST(StartStopSlow, AnyThreadAtAnyMoment_NothingHangsAndNothingIsLeft) {
   const int rounds = Count("rounds of starting and stopping", 1000);
   StallMeter stalls;
   std::atomic<int> ends{0};
-  OnEach(kHandsets, [&](int index) {
+  OnEach(kHandsetsAtOnce, [&](int index) {
     StartStop run(index % 2 == 0 ? Mode::kAccelerated : Mode::kPlain,
                   seed + static_cast<unsigned>(index), stalls);
-    run.Run((rounds + kHandsets - 1) / kHandsets);
+    run.Run((rounds + kHandsetsAtOnce - 1) / kHandsetsAtOnce);
     ends += run.ends();
   });
   printf("the service ended %d times\n", ends.load());

@@ -10,13 +10,13 @@
 namespace bthalctl {
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 using Period = ActivityReport::Period;
 
-json ToJson(const std::vector<Period>& periods, bool with_handle) {
-  json out = json::array();
+Json ToJson(const std::vector<Period>& periods, bool with_handle) {
+  Json out = Json::array();
   for (const Period& period : periods) {
-    json row = {{"start", period.start},
+    Json row = {{"start", period.start},
                 {"end", period.end},
                 {"ms", period.milliseconds},
                 {"count", period.count}};
@@ -57,12 +57,12 @@ void Activity(const Options& options, bool as_json) {
   if (section.empty()) throw Failure("this service's report has no activity section");
   const ActivityReport report = ParseActivityReport(section);
   if (as_json) {
-    json devices = json::array();
+    Json devices = Json::array();
     for (const ActivityReport::Device& device : report.devices) {
       devices.push_back(
           {{"handle", device.handle}, {"address", device.address}, {"since", device.since}});
     }
-    const json out = {{"devices", devices},
+    const Json out = {{"devices", devices},
                       {"wake_locks", ToJson(report.wake_locks, false)},
                       {"acl_received", ToJson(report.acl, true)},
                       {"advertising", ToJson(report.advertising, false)}};

@@ -7,10 +7,10 @@
 namespace bthalctl {
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
-json ToJson(const Crash& crash) {
-  json out = {{"time", std::chrono::system_clock::to_time_t(crash.time)}};
+Json ToJson(const Crash& crash) {
+  Json out = {{"time", std::chrono::system_clock::to_time_t(crash.time)}};
   if (crash.info) {
     out["reason"] = crash.info->reason;
     out["count"] = crash.info->count;
@@ -35,10 +35,10 @@ json ToJson(const Crash& crash) {
 void Crashes(bool as_json) {
   const std::vector<Crash> crashes = CollectCrashes();
   if (as_json) {
-    json out = json::array();
+    Json out = Json::array();
     for (const Crash& crash : crashes) out.push_back(ToJson(crash));
     // A file may hold anything: what is no UTF-8 is replaced.
-    std::puts(out.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+    std::puts(out.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
     return;
   }
   if (crashes.empty()) std::puts("no crashes");

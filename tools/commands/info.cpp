@@ -9,7 +9,7 @@
 namespace bthalctl {
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 Reader Returns(const CommandAnswer& answer) {
   Reader in(answer.parameters);
@@ -17,8 +17,8 @@ Reader Returns(const CommandAnswer& answer) {
   return in;
 }
 
-json Info(Exchange& exchange) {
-  json info;
+Json Info(Exchange& exchange) {
+  Json info;
   const CommandAnswer version = exchange.Demand(opcode::kReadLocalVersion);
   Reader in = Returns(version);
   info["core_version"] = CoreVersion(in.U8());
@@ -45,8 +45,8 @@ json Info(Exchange& exchange) {
   return info;
 }
 
-void Print(const json& info) {
-  const json& buffers = info["buffers"];
+void Print(const Json& info) {
+  const Json& buffers = info["buffers"];
   std::printf("name         %s\n", info["name"].get<std::string>().c_str());
   std::printf("address      %s\n", info["address"].get<std::string>().c_str());
   std::printf(
@@ -69,7 +69,7 @@ void AddInfo(CLI::App& app, const Options& options) {
   command->callback([&options, as_json] {
     const auto link = OpenLink(options);
     Exchange exchange(*link);
-    const json info = Info(exchange);
+    const Json info = Info(exchange);
     if (*as_json) {
       std::puts(info.dump(2).c_str());
     } else {

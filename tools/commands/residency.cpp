@@ -10,7 +10,7 @@
 namespace bthalctl {
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 struct ResidencyOptions {
   uint64_t count = 1;  // 0: no end
@@ -21,15 +21,15 @@ struct ResidencyOptions {
 // The service looks for a provider once a second.
 constexpr std::chrono::seconds kRegistrationTime{5};
 // For the controller's answer to the query that a reading sets off.
-constexpr std::chrono::milliseconds kAnswerTime{500};
+constexpr std::chrono::milliseconds kSettleTime{500};
 
 std::string StateName(int id) {
   const char* const names[] = {"idle", "active", "transmit", "receive"};
   return id >= 0 && id < 4 ? names[id] : "state " + std::to_string(id);
 }
 
-json ToJson(const std::vector<StateResidency>& states) {
-  json out = json::array();
+Json ToJson(const std::vector<StateResidency>& states) {
+  Json out = Json::array();
   for (const StateResidency& state : states) {
     out.push_back({{"id", state.id},
                    {"state", StateName(state.id)},
@@ -67,7 +67,7 @@ void Residency(const Options& options, const ResidencyOptions& residency) {
   try {
     reader.WaitForBluetooth(kRegistrationTime);
     reader.Read();  // makes the service ask
-    Pause(kAnswerTime);
+    Pause(kSettleTime);
     for (uint64_t i = 0; residency.count == 0 || i < residency.count; ++i) {
       if (i > 0) {
         Pause(std::chrono::milliseconds(static_cast<int64_t>(residency.interval_seconds * 1000)));

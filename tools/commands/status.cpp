@@ -16,10 +16,10 @@
 namespace bthalctl {
 namespace {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 // No call of the service tells of it. Its log does, as far as it reaches back, else its records.
-json Transport(int pid, const Options& options) {
+Json Transport(int pid, const Options& options) {
   TransportState state(pid);
   ReadWholeLog(::bthal::root::Resolve("/run/bthal/log"), [&](const std::string& text) {
     if (const std::optional<LogLine> line = ParseLogLine(text)) state.Feed(*line);
@@ -30,9 +30,9 @@ json Transport(int pid, const Options& options) {
     }
   }
   const auto text_or_null = [](const std::string& text) {
-    return text.empty() ? json() : json(text);
+    return text.empty() ? Json() : Json(text);
   };
-  json transport = {{"kind", text_or_null(state.KindText())},
+  Json transport = {{"kind", text_or_null(state.KindText())},
                     {"state", text_or_null(state.PhaseText())},
                     {"text", state.Describe()}};
   if (!state.path().empty()) transport["path"] = state.path();
@@ -42,9 +42,9 @@ json Transport(int pid, const Options& options) {
 }
 
 // Throws Failure(kNoService) when there is no service.
-json Status(const Options& options) {
+Json Status(const Options& options) {
   const std::string& root = ::bthal::root::Folder();
-  json status = {{"root", root.empty() ? "/" : root}};
+  Json status = {{"root", root.empty() ? "/" : root}};
   const auto service = FindService(options.wait());
   service
       ->getDebugInfo([&](const ::android::hidl::base::V1_0::DebugInfo& info) {
@@ -55,11 +55,11 @@ json Status(const Options& options) {
   CatchStopSignals();
   const auto holder = AskHolder(holder::kStatus, std::chrono::seconds(5));
   status["up"] = holder.has_value();
-  if (holder) status["holder"] = json::parse(*holder);
+  if (holder) status["holder"] = Json::parse(*holder);
   return status;
 }
 
-void Print(const json& status) {
+void Print(const Json& status) {
   std::printf("root       %s\n", status["root"].get<std::string>().c_str());
   std::printf("service    running, process %d\n", status["service"].value("pid", 0));
   if (status.contains("transport")) {
@@ -69,7 +69,7 @@ void Print(const json& status) {
     std::puts("bluetooth  not held by bthalctl");
     return;
   }
-  const json& holder = status["holder"];
+  const Json& holder = status["holder"];
   std::printf("bluetooth  %s for %lld s, held by process %d, %d clients\n",
               Paint(Colour::kGreen, "up").c_str(), holder["seconds"].get<long long>(),
               holder["pid"].get<int>(), holder["clients"].get<int>() - 1);
@@ -93,7 +93,7 @@ void AddStatus(CLI::App& app, const Options& options) {
       app.add_subcommand("status", "the service, its transport, the holder and its counters");
   command->add_flag("--json", *as_json, "for a script");
   command->callback([&options, as_json] {
-    const json status = Status(options);
+    const Json status = Status(options);
     if (*as_json) {
       std::puts(status.dump(2).c_str());
     } else {

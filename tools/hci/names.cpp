@@ -149,7 +149,7 @@ constexpr Row kEvents[] = {
     {0xFF, "Vendor"},
 };
 
-constexpr Row kLeEvents[] = {
+constexpr Row kLeEventNames[] = {
     {0x01, "LE Connection Complete"},
     {0x02, "LE Advertising Report"},
     {0x03, "LE Connection Update Complete"},
@@ -234,7 +234,7 @@ const char* Find(const Row (&table)[n], uint16_t code) {
   return nullptr;
 }
 
-std::string Hex(unsigned value, int digits) {
+std::string HexCode(unsigned value, int digits) {
   char text[16];
   std::snprintf(text, sizeof text, "0x%0*X", digits, value);
   return text;
@@ -243,7 +243,7 @@ std::string Hex(unsigned value, int digits) {
 template <size_t n>
 std::string NameOr(const Row (&table)[n], uint8_t code, const char* kind) {
   const char* name = Find(table, code);
-  return name != nullptr ? name : kind + (" " + Hex(code, 2));
+  return name != nullptr ? name : kind + (" " + HexCode(code, 2));
 }
 
 // Letters and digits only, in lower case: "Read BD_ADDR" is "readbdaddr".
@@ -260,8 +260,8 @@ std::string Folded(const std::string& text) {
 
 std::string OpcodeText(uint16_t opcode) {
   const char* name = Find(kCommands, opcode);
-  return name != nullptr ? std::string(name) + " (" + Hex(opcode, 4) + ")"
-                         : "command " + Hex(opcode, 4);
+  return name != nullptr ? std::string(name) + " (" + HexCode(opcode, 4) + ")"
+                         : "command " + HexCode(opcode, 4);
 }
 
 std::optional<uint16_t> ParseOpcode(const std::string& text) {
@@ -281,12 +281,12 @@ std::optional<uint16_t> ParseOpcode(const std::string& text) {
 std::string StatusText(uint8_t status) {
   if (status == 0) return "Success";
   const char* name = Find(kStatuses, status);
-  return name != nullptr ? std::string(name) + " (" + Hex(status, 2) + ")"
-                         : "status " + Hex(status, 2);
+  return name != nullptr ? std::string(name) + " (" + HexCode(status, 2) + ")"
+                         : "status " + HexCode(status, 2);
 }
 
 std::string EventName(uint8_t code) { return NameOr(kEvents, code, "event"); }
-std::string LeEventName(uint8_t subevent) { return NameOr(kLeEvents, subevent, "LE event"); }
+std::string LeEventName(uint8_t subevent) { return NameOr(kLeEventNames, subevent, "LE event"); }
 std::string VendorEventName(uint8_t subevent) {
   return NameOr(kVendorEvents, subevent, "vendor event");
 }
@@ -295,7 +295,7 @@ std::string AttName(uint8_t opcode) { return NameOr(kAttOpcodes, opcode, "ATT op
 std::string CoreVersion(uint8_t version) {
   constexpr const char* kVersions[] = {"1.0b", "1.1", "1.2", "2.0", "2.1", "3.0", "4.0",
                                        "4.1",  "4.2", "5.0", "5.1", "5.2", "5.3", "5.4"};
-  return version < std::size(kVersions) ? kVersions[version] : "version " + Hex(version, 2);
+  return version < std::size(kVersions) ? kVersions[version] : "version " + HexCode(version, 2);
 }
 
 }  // namespace bthalctl

@@ -10,7 +10,7 @@ namespace bthalctl {
 namespace {
 
 constexpr std::chrono::seconds kFindTime{10};
-constexpr std::chrono::seconds kAnswerTime{10};
+constexpr std::chrono::seconds kPeerAnswerTime{10};
 constexpr uint16_t kAttChannel = 4;
 constexpr uint16_t kSignallingChannel = 5;
 constexpr uint16_t kDeviceName = 0x2A00;
@@ -20,7 +20,7 @@ constexpr uint8_t kErrorResponse = 0x01;
 constexpr uint8_t kByUser = 0x13;
 constexpr uint64_t kAllEvents = 0x3FFF'FFFF'FFFF'FFFF;
 // Up to LE Extended Advertising Report, but the plain LE Connection Complete, not the enhanced one.
-constexpr uint64_t kLeEvents = 0x1DFF;
+constexpr uint64_t kLeEventMask = 0x1DFF;
 
 }  // namespace
 
@@ -31,7 +31,7 @@ void ResetController(Exchange& exchange) {
 
 void UnmaskEvents(Exchange& exchange) {
   exchange.Demand(opcode::kSetEventMask, Writer().Little(kAllEvents, 8).Done());
-  exchange.Demand(opcode::kLeSetEventMask, Writer().Little(kLeEvents, 8).Done());
+  exchange.Demand(opcode::kLeSetEventMask, Writer().Little(kLeEventMask, 8).Done());
 }
 
 void Scan(Exchange& exchange, bool active, TimePoint deadline,
@@ -76,7 +76,7 @@ LePeer::LePeer(Exchange& exchange, const std::string& target) : exchange_(exchan
   parameters.U16(6).U16(12).U16(0).U16(400).U16(0).U16(0);  // 7.5 to 15 ms, supervision 4 s
   exchange.Demand(opcode::kLeCreateConnection, parameters.Done());
   const std::optional<Packet> done =
-      exchange.NextEvent(event::kLeMeta, Clock::now() + kAnswerTime, le::kConnectionComplete);
+      exchange.NextEvent(event::kLeMeta, Clock::now() + kPeerAnswerTime, le::kConnectionComplete);
   if (!done) {
     exchange.Command(opcode::kLeCreateConnectionCancel);
     throw Failure("\"" + target + "\" does not answer");
@@ -95,7 +95,7 @@ LePeer::~LePeer() {
     const CommandAnswer answer =
         exchange_.Command(opcode::kDisconnect, Writer().U16(handle_).U8(kByUser).Done());
     if (answer.status == 0) {
-      exchange_.NextEvent(event::kDisconnectionComplete, Clock::now() + kAnswerTime);
+      exchange_.NextEvent(event::kDisconnectionComplete, Clock::now() + kPeerAnswerTime);
     }
   } catch (const Failure&) {
     // The link is gone, and with it the connection.
@@ -107,7 +107,7 @@ Bytes LePeer::AttRequest(const Bytes& request) {
   Writer frame;
   frame.U16(static_cast<unsigned>(request.size())).U16(kAttChannel).Append(request);
   exchange_.link().Send(DataPacket(PacketType::kAcl, handle_, 0, frame.Done()));
-  const TimePoint deadline = Clock::now() + kAnswerTime;
+  const TimePoint deadline = Clock::now() + kPeerAnswerTime;
   Bytes frame_in;
   while (const std::optional<Packet> packet = exchange_.Next(deadline)) {
     if (packet->type != PacketType::kAcl || HandleOf(*packet) != handle_) continue;

@@ -20,14 +20,14 @@ enum class Event {
 };
 
 // What a line tells: see DetailOf.
-struct Rule {
+struct StateRule {
   const char* tag;
   const char* before;
   const char* after;
   Event event;
 };
 
-constexpr Rule kRules[] = {
+constexpr StateRule kStateRules[] = {
     {"bthal.zvkbtlinux", "BluetoothHci", nullptr, Event::kServiceStarts},
     {"bthal.hwcontrol", "userial_tty_open: open ", "", Event::kOpensSerialLine},
     {"bthal.hwcontrol", "UserialOpen: USERIAL (", ") Ready", Event::kPortReady},
@@ -73,8 +73,8 @@ void TransportState::Assume(Kind kind, Phase phase, const std::string& path) {
 void TransportState::Feed(const LogLine& line) {
   if (line.pid != pid_) return;
   std::optional<std::string> detail;
-  const Rule* rule = kRules;
-  for (; rule != std::end(kRules); ++rule) {
+  const StateRule* rule = kStateRules;
+  for (; rule != std::end(kStateRules); ++rule) {
     if ((detail = DetailOf(line, rule->tag, rule->before, rule->after))) break;
   }
   if (!detail) return;
