@@ -10,10 +10,10 @@
 #include <iterator>
 #include <utility>
 
-#include "debug_event_watcher.h"
 #include "evidence/anchor_records.h"
 #include "evidence/debug_files.h"
 #include "hci/packet.h"
+#include "hci/scoped_event_watcher.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::activity {
 namespace {
@@ -80,10 +80,10 @@ void BtActivitiesLogger::OnBluetoothEnabled(hci::HciFlowControl* flow) {
   if (acl_data_timer == nullptr) ALOGE("%s: cannot create %s!", __func__, kAclDataTimer);
   // Made outside the lock: a watcher registers itself, which takes the flow control's.
   std::vector<std::unique_ptr<hci::HciEventWatcher>> watchers;
-  watchers.push_back(std::make_unique<DebugEventWatcher>(
+  watchers.push_back(std::make_unique<hci::ScopedEventWatcher>(
       "CreateConnectCompleteEvent", flow, kEventConnectionComplete, kOpcodeCreateConnection,
       [this](const hidl_vec<uint8_t>& event) { return OnConnection(event); }));
-  watchers.push_back(std::make_unique<DebugEventWatcher>(
+  watchers.push_back(std::make_unique<hci::ScopedEventWatcher>(
       "DisConnectCompleteEvent", flow, kEventDisconnectionComplete, kOpcodeDisconnect,
       [this](const hidl_vec<uint8_t>& event) { return OnDisconnection(event); }));
 

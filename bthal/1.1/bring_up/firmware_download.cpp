@@ -128,7 +128,7 @@ bool FirmwareDownload::SendRecords(const std::string& path) {
     }
   }
   if (result != FirmwarePatch::Result::kEnd) {
-    const char* part = result == FirmwarePatch::Result::kShortPreamble ? "preamble" : "parameters";
+    const char* part = result == FirmwarePatch::Result::kShortHeader ? "preamble" : "parameters";
     LOG(ERROR) << kDownload << ": Failed to read patchram " << part << " (" << patch.count()
                << "): " << strerror(errno) << " (" << errno << ")";
     return false;
