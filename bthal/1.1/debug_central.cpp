@@ -6,12 +6,10 @@
 #include <log/log.h>
 
 #include <algorithm>
-#include <mutex>
 
 #include "bluetooth_Activity.h"
 #include "bluetooth_bqr.h"
 #include "btzvk_protocol.h"
-#include "evidence/debug_files.h"
 #include "hci/packet.h"
 #include "hci/scoped_event_watcher.h"
 #include "transport_shim.h"

@@ -9,8 +9,8 @@
 #include <mutex>
 
 #include "base/teardown_gate.h"
+#include "chre/qvr_helper.h"
 #include "conf.h"
-#include "transport/co_processor_transport.h"
 #include "transport/uart_transport.h"
 
 namespace android::hardware::bluetooth::hci::shim {
@@ -20,8 +20,9 @@ constexpr uint16_t kOpcodeSetExtendedScanEnable = 0x2042;
 
 // Built on first use, never destroyed.
 struct Shim {
+  Shim() { QvrHelper::Get().SetLostHandler(CatchException); }
+
   UartTransport uart{{CatchException, IsInitialized}};
-  CoProcessorTransport co_processor{{CatchException, IsInitialized}};
   std::atomic<Transport*> transport{&uart};
   std::atomic<uint32_t> userial_type{kUserialClosed};
   TeardownGate gate;  // opening and closing, one at a time
@@ -31,7 +32,7 @@ struct Shim {
 
   void Select(uint32_t type) {
     userial_type = type;
-    transport = type == kUserialCoProcessor ? static_cast<Transport*>(&co_processor) : &uart;
+    transport = type == kUserialCoProcessor ? static_cast<Transport*>(&QvrHelper::Get()) : &uart;
   }
 };
 
@@ -85,12 +86,12 @@ std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_
   if (!transport.Open(settings)) return nullptr;
 
   std::shared_ptr<HciFlowControl> flow =
-      HciFlowControl::Create(event_cb, acl_cb, sco_cb, iso_cb, {Send, state.owner.wake_up});
+      HciFlowControl::Create({event_cb, acl_cb, sco_cb, iso_cb}, {Send, state.owner.wake_up});
   {
     std::lock_guard<std::mutex> guard(state.lock);
     state.flow_control = flow;
   }
-  flow->Connect(InitializeCallback);
+  flow->Connect([](const PacketReceivers& receivers) { OpenTransport().Connect(receivers); });
   if (transport.Start()) return flow;
   ALOGE("%s: the port cannot be read, Bluetooth stays off", __func__);
   CloseTransport(state);
@@ -105,7 +106,7 @@ void Deinitialize() {
 
 void InitializeCallback(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
                         const PacketReceiver& sco_cb, const PacketReceiver& iso_cb) {
-  OpenTransport().Connect(event_cb, acl_cb, sco_cb, iso_cb);
+  OpenTransport().Connect({event_cb, acl_cb, sco_cb, iso_cb});
 }
 
 void DeinitializeCallback() { OpenTransport().Disconnect(); }
@@ -141,7 +142,7 @@ bool GetTlDebugDump(int fd, const std::string& first, const std::string& second)
   return OpenTransport().DebugDump(fd, first, second);
 }
 
-void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason) {
+void CatchException(BqrErrorCode code, const std::string& reason) {
   State().owner.shut_down();
   if (OpenTransport().Abandon(code, reason)) Deinitialize();
 }

@@ -7,7 +7,7 @@
 
 namespace android::hardware::bluetooth::hci {
 
-// Reassembles one packet after the other from a byte stream cut at any place: a pure push parser.
+// Reassembles one packet after the other from a byte stream that is cut at any place.
 // Owned by H4Protocol, used on the reader thread only.
 class HciPacketizer {
  public:
@@ -29,7 +29,7 @@ class HciPacketizer {
   State state_ = HCI_PREAMBLE;
   size_t bytes_read_ = 0;       // of the header
   size_t bytes_remaining_ = 0;  // of the payload
-  // Holds the longest packet there is, so that none needs an allocation of its own.
+  // As long as the longest possible packet: no packet needs an allocation of its own.
   const std::unique_ptr<uint8_t[]> buffer_;
   hidl_vec<uint8_t> packet_;  // a view of buffer_
 };

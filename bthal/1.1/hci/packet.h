@@ -1,5 +1,5 @@
 // HCI packets as bytes: types, headers, checked access, the builder of outgoing commands.
-// Formats: Bluetooth Core 5.3, Vol 4, Part E, 5.4 (packets), 7.7 (events); Part A, 2 (type byte).
+// Formats: Core 5.3, 4.E.5.4 (packets), 4.E.7.7 (events), 4.A.2 (type byte).
 #pragma once
 
 #include <hidl/HidlSupport.h>
@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <vector>
 
 namespace android::hardware::bluetooth::hci {
@@ -24,6 +23,14 @@ enum HciPacketType : uint8_t {
 
 // Takes one packet without its type byte. The bytes live until the function returns.
 using PacketReceiver = std::function<void(const hidl_vec<uint8_t>&)>;
+
+// The receivers of what a controller sends.
+struct PacketReceivers {
+  PacketReceiver event;
+  PacketReceiver acl;
+  PacketReceiver sco;
+  PacketReceiver iso;
+};
 
 // Where the payload length stands in a packet's fixed header.
 struct HeaderFormat {
