@@ -22,7 +22,7 @@ function resolve(from, name, quoted,    dir, candidate, i) {
   if (name in tracked) return name
   for (i = 1; i <= count; i++)
     if (substr(header[i], length(header[i]) - length(name)) == "/" name) {
-      if (quoted || header[i] == "platform/root/include/" name || header[i] == "platform/host/include/" name || header[i] == "platform/qvr/include/" name) return header[i]
+      if (quoted || header[i] == "platform/root_folder/include/" name || header[i] == "platform/host/include/" name || header[i] == "platform/qvr/include/" name) return header[i]
     }
   return ""
 }
