@@ -4,9 +4,9 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
-#include <bthal/root.h>
 #include <fcntl.h>
 #include <log/log.h>
+#include <root_folder/root_folder.h>
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
@@ -49,7 +49,7 @@ std::string rfkill_state_finder() {
   for (int index = 0;; ++index) {
     const std::string entry = "/sys/class/rfkill/rfkill" + std::to_string(index);
     const std::string path = entry + "/type";
-    const unique_fd fd(bthal::root::Open(path, O_RDONLY));
+    const unique_fd fd(root_folder::Open(path, O_RDONLY));
     if (fd.get() < 0) {
       LOG(INFO) << __func__ << ": Open(" << path << "): " << strerror(errno) << " (" << errno
                 << ")";
@@ -85,7 +85,7 @@ bool ConfigureTty(int fd) {
 unique_fd userial_tty_open(const std::string& port) {
   BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kTtyOpened, "%s: open %s", __func__, port.c_str());
   evidence::SetBtUartDebugPort(port);
-  unique_fd fd(bthal::root::Open(port, O_RDWR | O_NOCTTY | O_NONBLOCK));
+  unique_fd fd(root_folder::Open(port, O_RDWR | O_NOCTTY | O_NONBLOCK));
   if (fd.get() < 0 || !ConfigureTty(fd.get())) {
     LOG(ERROR) << __func__ << ": Can't open Bluetooth UART port: " << strerror(errno);
     return {};
@@ -136,7 +136,7 @@ bool BtHwControl::PowerControl(bool on) {
   BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kPowerState, "%s: %s, state_path: %s", __func__,
                        on ? "Enabling" : "Disabling", state_path.c_str());
 
-  const unique_fd fd(bthal::root::Open(state_path, O_WRONLY | O_NOCTTY));
+  const unique_fd fd(root_folder::Open(state_path, O_WRONLY | O_NOCTTY));
   if (fd.get() < 0) {
     LOG(ERROR) << __func__ << ": Unable to open rfkill state {" << state_path
                << "}: " << strerror(errno) << " (" << errno << ")";
@@ -195,7 +195,7 @@ bool BtHwControl::IsLpmRunning() {
 bool BtHwControl::LpmSetup() {
   BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kLpmEnabling, "%s: LPM enabling", __func__);
   std::lock_guard<std::mutex> guard(lpm_lock_);
-  unique_fd control(bthal::root::Open(kLpmControlPort, O_WRONLY | O_NOCTTY));
+  unique_fd control(root_folder::Open(kLpmControlPort, O_WRONLY | O_NOCTTY));
   lpm_fd_.reset();
   if (!control.ok()) {
     ALOGE("%s: Unable to open LPM control port, %s (%d)", __func__, strerror(errno), errno);
@@ -203,7 +203,7 @@ bool BtHwControl::LpmSetup() {
                << "): " << strerror(errno);
     return false;
   }
-  const unique_fd driver(bthal::root::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
+  const unique_fd driver(root_folder::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
   if (!driver.ok()) {
     ALOGE("%s: Unable to open LPM driver, %s (%d)", __func__, strerror(errno), errno);
   } else if (!WriteCharacter(driver.get(), '1')) {
@@ -221,7 +221,7 @@ void BtHwControl::LpmTeardown() {
   BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kLpmDisabling, "%s: LPM disabling", __func__);
   std::lock_guard<std::mutex> guard(lpm_lock_);
   lpm_fd_.reset();
-  const unique_fd driver(bthal::root::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
+  const unique_fd driver(root_folder::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
   if (driver.get() < 0) {
     ALOGE("%s: Unable to close LPM driver, %s (%d)", __func__, strerror(errno), errno);
   } else if (!WriteCharacter(driver.get(), '0')) {
