@@ -87,7 +87,7 @@ bool Apply(HciFlowControl& flow, const Address& address, CommandWaiter& waiter) 
       BuildCommand(kOpcodeWriteAddress, static_cast<uint8_t>(address.size()), address.data());
   LOG(DEBUG) << __func__ << ": Send VSC <" << toString(hidl_vec<uint8_t>(command)) << ">";
   const bool accepted = waiter.SendAndWait(flow, command, std::nullopt) == 0;
-  if (waiter.answer().size() == 0) {
+  if (waiter.answer().empty()) {
     LOG(WARNING) << __func__ << ": gave up waiting for the controller's answer";
   }
   return accepted;

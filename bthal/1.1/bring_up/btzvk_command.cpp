@@ -36,7 +36,7 @@ uint8_t SendAndWait(hci::HciFlowControl& flow, const std::vector<uint8_t>& comma
   hci::CommandWaiter waiter(LOG_TAG, opcode, kCommandTimedOut, base::VERBOSE);
   const uint8_t result = waiter.SendAndWait(flow, command, kBringUpCommandTimeout);
   const hidl_vec<uint8_t> answer = waiter.answer();
-  if (answer.size() != 0) {
+  if (!answer.empty()) {
     std::lock_guard<std::mutex> guard(Last().lock);
     Last().event = answer;
   }

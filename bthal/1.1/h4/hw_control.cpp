@@ -16,6 +16,7 @@
 #include <cstring>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "evidence/debug_files.h"
 #include "evidence/report.h"

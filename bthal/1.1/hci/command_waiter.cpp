@@ -36,7 +36,7 @@ bool CommandWaiter::OnEventReceive(const hidl_vec<uint8_t>& event) {
   bool first = false;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    first = answer_.size() == 0;
+    first = answer_.empty();
     answer_ = event;
   }
   Complete(CommandCompleteStatus(event));
