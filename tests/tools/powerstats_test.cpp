@@ -32,8 +32,8 @@ TEST(PowerStats, Provider_ReadsDropsTheDeadAndComesBack) {
   EXPECT_TRUE(provider.WaitForOutput(
       "Bluetooth idle: 4294967296 ms, entered 0 times, last at 1 ms\n"
       "Bluetooth active: 8589934592 ms, entered -1 times, last at 1 ms\n"
-      "Bluetooth transmitting: 17179869184 ms, entered -2 times, last at 1 ms\n"
-      "Bluetooth receiving: 34359738368 ms, entered -3 times, last at 1 ms\n",
+      "Bluetooth transmit: 17179869184 ms, entered -2 times, last at 1 ms\n"
+      "Bluetooth receive: 34359738368 ms, entered -3 times, last at 1 ms\n",
       kDeadline))
       << provider.Output();
   provider.Signal(SIGUSR1);  // the client refuses its second reading
@@ -48,7 +48,7 @@ TEST(PowerStats, Provider_ReadsDropsTheDeadAndComesBack) {
   ChildProcess next({program, "--interval", "0.05"}, environment);
   EXPECT_TRUE(next.WaitForOutput("ready\nnobody has registered\n", kDeadline)) << next.Output();
   ChildProcess again({client_program}, environment);
-  EXPECT_TRUE(next.WaitForOutput("receiving: 34359738368 ms", kDeadline)) << next.Output();
+  EXPECT_TRUE(next.WaitForOutput("receive: 34359738368 ms", kDeadline)) << next.Output();
   next.Signal(SIGTERM);
   EXPECT_EQ(next.Wait(kDeadline)->exit_code, 0);
 }

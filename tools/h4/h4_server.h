@@ -5,14 +5,16 @@
 #include <functional>
 #include <string>
 
+#include "tools/base/outbox.h"
 #include "tools/h4/endpoint.h"
 #include "tools/h4/h4_framer.h"
 #include "tools/link/hci_link.h"
 
 namespace bthalctl {
 
-// Offers a link as an H4 stream to one host at a time. What arrives while there is no host is
-// dropped. A host that sends what is not H4, or that does not read, is disconnected. One thread.
+// Offers a link as an H4 stream to one host at a time. Packets that arrive while there is no host
+// are dropped. A host that sends what is not H4, or that does not read, is disconnected. One
+// thread.
 class H4Server {
  public:
   // say gets one line for people whenever a host comes or goes.
@@ -26,8 +28,10 @@ class H4Server {
   bool has_host() const { return host_.ok(); }
 
  private:
+  static constexpr size_t kMaxUnsent = 1 << 20;
+
   void ReadHost();
-  void WriteHost();
+  void DropFor(const char* mistake);  // null: keeps the host
   void Disconnect(const std::string& why);
 
   HciLink& link_;
@@ -35,8 +39,7 @@ class H4Server {
   const std::function<void(const std::string&)> say_;
   ::android::base::unique_fd host_;
   H4Framer framer_;
-  Bytes unsent_;        // to the host
-  size_t written_ = 0;  // of unsent_
+  Outbox outbox_{kMaxUnsent};
 };
 
 }  // namespace bthalctl

@@ -48,7 +48,9 @@ void Scan(Exchange& exchange, bool active, TimePoint deadline,
       for (const Advertisement& report : Advertisements(*packet)) done = heard(report) || done;
     }
   } catch (const Interrupted&) {
-    // Listening ends early; what was heard counts.
+    ForgetStopSignal();
+    exchange.Command(opcode::kLeSetScanEnable, {0, 0});
+    throw;
   }
   exchange.Command(opcode::kLeSetScanEnable, {0, 0});
 }

@@ -13,7 +13,7 @@ void ResetController(Exchange& exchange);
 // The second half of it: leaves what others have set as it is.
 void UnmaskEvents(Exchange& exchange);
 
-// Listens for advertisers until deadline, or until heard returns true.
+// Listens for advertisers until deadline, or until heard returns true. Throws Interrupted.
 void Scan(Exchange& exchange, bool active, TimePoint deadline,
           const std::function<bool(const Advertisement&)>& heard);
 
