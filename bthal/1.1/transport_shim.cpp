@@ -43,11 +43,6 @@ struct Shim {
     userial_type = type;
     transport = type == kUserialCoProcessor ? static_cast<Transport*>(&co_processor) : &uart;
   }
-
-  void Lose(const std::string& reason) {
-    std::lock_guard<std::mutex> guard(lock);
-    told.loss = reason;
-  }
 };
 
 Shim& State() {
@@ -97,10 +92,7 @@ std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_
   const TransportSettings settings = ReadSettings();
   state.Select(settings);
   Transport& transport = OpenTransport();
-  if (!transport.Open(settings)) {
-    state.Lose("it could not be opened");
-    return nullptr;
-  }
+  if (!transport.Open(settings)) return nullptr;
 
   std::shared_ptr<HciFlowControl> flow =
       HciFlowControl::Create(event_cb, acl_cb, sco_cb, iso_cb, {Send, state.owner.wake_up});
@@ -179,7 +171,10 @@ bool GetTlDebugDump(int fd, const std::string& first, const std::string& second)
 
 void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason) {
   State().owner.shut_down();
-  State().Lose(reason);
+  {
+    std::lock_guard<std::mutex> guard(State().lock);
+    State().told.loss = reason;
+  }
   if (OpenTransport().Abandon(code, reason)) Deinitialize();
 }
 

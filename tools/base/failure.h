@@ -1,4 +1,4 @@
-// How a command ends: what the user is told and the exit code.
+// How a command ends: its exit code, and the line that the user reads.
 #pragma once
 
 #include <stdexcept>

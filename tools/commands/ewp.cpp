@@ -1,5 +1,5 @@
-#include <bthal/root.h>
 #include <hardware/nuvexa/bluetooth/ewp/1.0/IBluetoothEwp.h>
+#include <root_folder/root_folder.h>
 
 #include <cstdio>
 
@@ -53,7 +53,7 @@ void ShowRecord(const std::string& text, bool bytes) {
 }
 
 void WatchRecords(const Options& options, const EwpOptions& ewp) {
-  LogFollower log(::bthal::root::Resolve("/run/bthal/log"), false);
+  LogFollower log(root_folder::Resolve("/run/bthal/log"), false);
   Enable(options, ewp);
   const TimePoint deadline = EndAfter(ewp.seconds);
   try {

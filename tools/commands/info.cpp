@@ -2,8 +2,8 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/commands/commands.h"
-#include "tools/hci/codes.h"
 #include "tools/hci/names.h"
+#include "tools/hci/packet.h"
 #include "tools/link/exchange.h"
 
 namespace bthalctl {

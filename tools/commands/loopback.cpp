@@ -6,13 +6,13 @@
 #include "tools/base/terminal.h"
 #include "tools/commands/commands.h"
 #include "tools/commands/transfer_options.h"
-#include "tools/hci/codes.h"
+#include "tools/hci/packet.h"
 #include "tools/link/le_peer.h"
 
 namespace bthalctl {
 namespace {
 
-// ISO data in local loopback needs no connection; any handle that is not one serves.
+// ISO data in local loopback needs no connection: any handle without one will do.
 constexpr uint16_t kIsoHandle = 0x0E00;
 constexpr std::chrono::seconds kConnectTime{5};
 
@@ -57,7 +57,7 @@ std::map<PacketType, Stream> Buffers(Exchange& exchange, bool iso) {
   return streams;
 }
 
-// The loopback's connections announce themselves.
+// The controller announces the connections of the loopback by events.
 void TakeHandles(Exchange& exchange, std::map<PacketType, Stream>& streams) {
   const TimePoint deadline = Clock::now() + kConnectTime;
   bool acl = false;

@@ -3,7 +3,7 @@
 
 #include "tools/commands/commands.h"
 #include "tools/commands/transfer_options.h"
-#include "tools/hci/codes.h"
+#include "tools/hci/packet.h"
 #include "tools/link/le_peer.h"
 
 namespace bthalctl {

@@ -33,12 +33,12 @@ void Write(const fs::path& path, const std::string& content) {
   if (!out.flush()) throw Failure("cannot write " + path.string());
 }
 
-// Leaves what is there already: a second run repairs, it does not overwrite a board's settings.
+// A second run completes a folder and keeps a board's settings.
 void WriteIfAbsent(const fs::path& path, const std::string& content) {
   if (!fs::exists(path)) Write(path, content);
 }
 
-// In the form in which it is shown everywhere. Throws Failure.
+// The address in capitals. Throws Failure.
 std::string CheckedAddress(const std::string& text) {
   const std::optional<Bytes> address = ParseAddress(text);
   if (!address) {

@@ -1,5 +1,5 @@
 #include <android-base/strings.h>
-#include <bthal/root.h>
+#include <root_folder/root_folder.h>
 
 #include <cstdio>
 #include <map>
@@ -51,7 +51,7 @@ Json Transport(const Options& options) {
 
 // Throws Failure(kNoService) when there is no service.
 Json Status(const Options& options) {
-  const std::string& root = ::bthal::root::Folder();
+  const std::string& root = root_folder::Path();
   Json status = {{"root", root.empty() ? "/" : root}};
   const auto service = FindService(options.wait());
   service

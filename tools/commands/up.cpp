@@ -1,5 +1,5 @@
-#include <bthal/root.h>
 #include <fcntl.h>
+#include <root_folder/root_folder.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,7 +32,7 @@ struct UpOptions : CommandValues {
   bool quiet = false;
 };
 
-// The report that the holder makes through a pipe when bring-up has ended: exit code, then a text.
+// What the holder writes to a pipe when the bring-up has ended: an exit code, then a text.
 void SendReport(int fd, ExitCode code, const std::string& text) {
   const std::string message = static_cast<char>(code) + text;
   [[maybe_unused]] const ssize_t ignored = write(fd, message.data(), message.size());
@@ -41,9 +41,9 @@ void SendReport(int fd, ExitCode code, const std::string& text) {
 // Attaches, reports, serves clients to the end. Returns when asked to quit.
 void Hold(const Options& options, unique_fd report) {
   try {
-    // First the socket: of two holders that start together, one stops here.
+    // First the socket: of two holders that start at the same time, one fails here.
     const auto service = FindService(options.wait());
-    auto holder = std::make_unique<Holder>(::bthal::root::Resolve(holder::kSocket));
+    auto holder = std::make_unique<Holder>(root_folder::Resolve(holder::kSocket));
     {
       Attachment attachment(service);
       CatchStopSignals();
@@ -79,19 +79,18 @@ void ShowLine(const LogLine& line) {
   std::fflush(stdout);
 }
 
-// Whether this line says that the extensions take calls from now on, which is a moment after the
-// end of initialize.
+// The extensions take calls a moment after the end of initialize: whether this line tells so.
 bool TellsOfExtensions(const LogLine& line) {
   return line.tag == "bthal.activity" && line.text == "OnBluetoothEnabled";
 }
 
-// What the holder reports: an exit code, then a text. Empty when it died.
+// Empty when the holder died before it wrote a report.
 std::string ReadReport(int fd) {
   std::string report;
   char buffer[1024];
   for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
     report.append(buffer, static_cast<size_t>(n));
-    if (report.front() == 0) break;  // the pipe stays open behind a success
+    if (report.front() == 0) break;  // success: the holder lives on, its end of the pipe too
   }
   return report;
 }
@@ -125,15 +124,15 @@ std::string FollowBringUp(LogFollower& log, int report, const UpOptions& up) {
   return verdict;
 }
 
-// Whether another "up" holds Bluetooth, once it has brought it up.
+// Whether another "up" holds Bluetooth; waits until it has brought it up.
 bool IsUpAlready() {
   if (!AskHolder(holder::kStatus, std::chrono::seconds(30))) return false;
   std::puts("Bluetooth is up already");
   return true;
 }
 
-// Whether the holder that reports has brought Bluetooth up; false when another did so at the same
-// time. Throws what the report says when it is no success.
+// Whether the holder that reports has brought Bluetooth up; false when another one did so at the
+// same time. Throws Failure with the report's text when the bring-up failed.
 bool Judge(const std::string& report, time_t started) {
   if (report.empty()) throw Failure("the holder of the attachment died");
   const auto code = static_cast<ExitCode>(report.front());
@@ -156,7 +155,7 @@ void Up(const Options& options, const UpOptions& up) {
   if (pipe2(ends, O_CLOEXEC) != 0) throw Failure(WithErrno("pipe"));
   const unique_fd report(ends[0]);
   unique_fd reporter(ends[1]);
-  LogFollower log(::bthal::root::Resolve("/run/bthal/log"), up.whole_log);
+  LogFollower log(root_folder::Resolve("/run/bthal/log"), up.whole_log);
   const time_t started = std::time(nullptr);
   const TimePoint start = Clock::now();
   const auto up_line = [&] {

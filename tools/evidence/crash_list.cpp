@@ -1,7 +1,7 @@
 #include "tools/evidence/crash_list.h"
 
 #include <android-base/parseint.h>
-#include <bthal/root.h>
+#include <root_folder/root_folder.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -28,7 +28,7 @@ constexpr char kTombstoneFolder[] = "/data/tombstones";
 std::vector<fs::path> Files(const std::string& folder, const std::string& prefix) {
   std::vector<fs::path> files;
   std::error_code error;
-  for (fs::directory_iterator entry(::bthal::root::Resolve(folder), error), end;
+  for (fs::directory_iterator entry(root_folder::Resolve(folder), error), end;
        !error && entry != end; entry.increment(error)) {
     const bool fits = entry->path().filename().string().rfind(prefix, 0) == 0;
     if (fits && !entry->is_directory(error)) files.push_back(entry->path());

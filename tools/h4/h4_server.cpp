@@ -40,12 +40,11 @@ void H4Server::ReadHost() {
   if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
   // A pseudo-terminal whose host is gone reads as EIO.
   if (size <= 0) return Disconnect("it left");
-  const bool good = framer_.Push(buffer, static_cast<size_t>(size),
-                                 [this](const Packet& packet) { link_.Send(packet); });
-  if (!good) {
+  bad_type_.reset();
+  framer_.Push({buffer, static_cast<size_t>(size)});
+  if (bad_type_) {
     char why[64];
-    std::snprintf(why, sizeof why, "it sent 0x%02X where a packet type belongs",
-                  framer_.bad_type());
+    std::snprintf(why, sizeof why, "it sent 0x%02X where a packet type belongs", *bad_type_);
     Disconnect(why);
   }
 }

@@ -7,8 +7,8 @@
 
 #include "tools/base/outbox.h"
 #include "tools/h4/endpoint.h"
-#include "tools/h4/h4_framer.h"
 #include "tools/link/hci_link.h"
+#include "tools/wire/h4_framer.h"
 
 namespace bthalctl {
 
@@ -17,7 +17,7 @@ namespace bthalctl {
 // thread.
 class H4Server {
  public:
-  // say gets one line for people whenever a host comes or goes.
+  // say gets a line for the user when a host comes or goes.
   H4Server(HciLink& link, Endpoint& endpoint, std::function<void(const std::string&)> say)
       : link_(link), endpoint_(endpoint), say_(std::move(say)) {}
 
@@ -38,7 +38,12 @@ class H4Server {
   Endpoint& endpoint_;
   const std::function<void(const std::string&)> say_;
   ::android::base::unique_fd host_;
-  H4Framer framer_;
+  std::optional<uint8_t> bad_type_;  // in what was read last
+  wire::H4Framer framer_{wire::H4Framer::From::kHost,
+                         [this](PacketType type, ByteView packet) {
+                           link_.Send({type, packet.Copy()});
+                         },
+                         [this](uint8_t bad) { bad_type_ = bad; }};
   Outbox outbox_{kMaxUnsent};
 };
 

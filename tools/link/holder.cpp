@@ -25,7 +25,7 @@ Bytes Message(uint8_t kind, const Bytes& content) {
   try {
     return ListenUnix(path, SOCK_SEQPACKET);
   } catch (const PathInUse&) {
-    throw Failure(ExitCode::kBusy, "somebody else holds Bluetooth: another \"bthalctl up\"");
+    throw Failure(ExitCode::kBusy, "another program holds Bluetooth: a \"bthalctl up\"");
   }
 }
 
@@ -36,7 +36,7 @@ Holder::Holder(const std::string& socket_path)
 
 Holder::~Holder() { StopListening(); }
 
-// The name goes first: while this socket listens nobody else takes its place, so it is still ours.
+// The name goes first: no other holder replaces it while this socket listens.
 void Holder::StopListening() {
   if (!listener_.ok()) return;
   unlink(path_.c_str());

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "tools/base/failure.h"
-#include "tools/hci/codes.h"
+#include "tools/hci/packet.h"
 
 namespace bthalctl {
 namespace {
@@ -59,7 +59,7 @@ void Compare(StreamState& state, const Packet& packet) {
       std::string(TypeName(packet.type)) + " packet " + std::to_string(state.result.packets + 1);
   if (state.result.packets == state.sent) throw Failure(what + " came back but was never sent");
   Reader in(packet.bytes);
-  in.Skip(*HeaderSize(static_cast<uint8_t>(packet.type)));
+  in.Skip(wire::LayoutOf(static_cast<uint8_t>(packet.type))->header);
   if (packet.type == PacketType::kIso) in.Skip(kIsoDataHeader);
   const Bytes expected = state.back.Next();
   const Bytes got = in.Rest();
@@ -82,7 +82,7 @@ void OnPacket(std::vector<StreamState>& states, const Packet& packet) {
         return Compare(state, packet);
       }
     }
-    return;  // somebody else's
+    return;  // of another connection
   }
   Reader in(packet.bytes);
   const uint8_t code = in.U8();
@@ -102,7 +102,7 @@ void OnPacket(std::vector<StreamState>& states, const Packet& packet) {
     for (const StreamState& state : states) {
       if (state.stream.handle == handle) throw Failure("the connection was lost");
     }
-  } else if (code == 0x1A) {
+  } else if (code == event::kDataBufferOverflow) {
     throw Failure("the controller's buffers overflowed");
   }
 }

@@ -10,10 +10,10 @@
 
 namespace bthalctl {
 
-// What payloads are made of.
+// The bytes of payloads.
 enum class Pattern {
   kRandom,
-  kControl,  // only 0A 0D 11 13 FF, the bytes that a terminal would spoil
+  kControl,  // only 0A 0D 11 13 FF, which a terminal that is not raw would change
   kCounter,
 };
 
