@@ -14,8 +14,8 @@ namespace test {
 namespace {
 
 namespace opcode = bthalctl::opcode;
-using bthalctl::Stream;
 using bthalctl::PacketType;
+using bthalctl::Stream;
 
 // The handles of the simulator's local loopback; ISO data is returned on any other one.
 const std::vector<Stream> kLoopbackStreams = {
