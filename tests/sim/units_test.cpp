@@ -1,0 +1,67 @@
+// Bad input to the parts that read it: scenario files, firmware downloads.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "sim/firmware/download.h"
+#include "sim/firmware/image.h"
+#include "sim/handset/handset.h"
+#include "support/vectors.h"
+
+namespace zvk {
+namespace {
+
+TEST(Scenario, Mistakes_AreNamedByFileLineAndReason) {
+  for (const test::Vector& row : test::LoadVectors("scenario_mistakes.txt")) {
+    try {
+      ParseScenario(*test::ParseText(row.name), "f", Handset::ActionTypes());
+      ADD_FAILURE() << row.name;
+    } catch (const std::runtime_error& caught) {
+      EXPECT_EQ(caught.what(), row.fields[0]);
+    }
+  }
+}
+
+using Records = std::vector<std::pair<uint16_t, Bytes>>;  // opcode, parameters
+
+TEST(FirmwareDownload, AnythingWrong_VoidsIt) {
+  ImageOptions image;
+  image.size = 2000;
+  image.chip_id = 0xB5;
+  const Bytes file = MakeFirmware(image);
+  Records good;
+  for (ByteView rest(file); !rest.empty(); rest = rest.From(3u + rest[2])) {
+    good.emplace_back(rest.U16(0), rest.Sub(3, rest[2]).Copy());
+  }
+  const struct {
+    const char* fault;
+    uint8_t launch;  // status of Launch RAM
+    void (*change)(Records& records);
+  } rows[] = {
+      {"", 0, [](Records&) {}},
+      {"no image header", 0x1F, [](Records& r) { r.erase(r.begin()); }},
+      {"was next", 0x1F, [](Records& r) { std::swap(r[2], r[3]); }},
+      {"was next", 0x1F, [](Records& r) { r.insert(r.begin() + 2, r[2]); }},
+      {"was next", 0x1F, [](Records& r) { r.erase(r.begin() + 3); }},
+      {"are missing", 0x1F, [](Records& r) { r.erase(r.end() - 2); }},
+      {"more data", 0x1F,
+       [](Records& r) {
+         r.insert(r.end() - 1, {kWriteRamOpcode, {0xD0, 0x07, 0x20, 0x00, 0x01}});
+       }},
+      {"checksum", 0x1F, [](Records& r) { r[4].second[50] ^= 1; }},
+      {"without data", 0x1F, [](Records& r) { r[1].second.resize(4); }},
+      {"another chip", 0x1F, [](Records& r) { r[0].second[4 + 10] = 0xAE; }},
+      {"unknown address", 0x1F, [](Records& r) { r.back().second[0] = 0; }},
+  };
+  for (const auto& row : rows) {
+    Records records = good;
+    row.change(records);
+    Download download(0xB5);
+    for (size_t i = 0; i + 1 < records.size(); ++i) download.Write(records[i].second);
+    EXPECT_EQ(download.Launch(records.back().second), row.launch) << row.fault;
+    EXPECT_NE(download.fault().find(row.fault), std::string::npos) << download.fault();
+  }
+}
+
+}  // namespace
+}  // namespace zvk
