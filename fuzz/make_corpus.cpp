@@ -16,7 +16,7 @@ std::string Framed(const std::string& type, const std::string& packet) {
 
 std::string EventsOf(const std::string& steps) {
   std::string events;
-  for (const std::string& step : test::SplitTrimmed(steps, '/')) {
+  for (const std::string& step : test::SplitTrimmed(steps, ';')) {
     if (step.rfind("event ", 0) != 0) continue;
     events += ToText(test::ParseHex(step.substr(6)));
   }

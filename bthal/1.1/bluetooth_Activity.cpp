@@ -208,7 +208,7 @@ void BtActivitiesLogger::LogCommand(const hidl_vec<uint8_t>& command) {
 void BtActivitiesLogger::CountPacket(Burst& burst, uint16_t handle, const char* timer_name) {
   if (!burst.active) {
     burst.active = true;
-    burst.start_time = std::chrono::steady_clock::now();
+    burst.start_time = clock_();
     burst.start = log_message_timestamp();
     burst.count = 0;
     burst.handle = handle;
@@ -225,7 +225,7 @@ bool BtActivitiesLogger::EndBurst(Burst& burst, Ended* ended) {
   if (burst.timer != nullptr) burst.timer->Disarm();
   if (!burst.active) return false;
   burst.active = false;
-  const auto duration = std::chrono::steady_clock::now() - burst.start_time;
+  const auto duration = clock_() - burst.start_time;
   ended->duration_ms = static_cast<uint32_t>(
       std::chrono::duration_cast<std::chrono::milliseconds>(duration).count());
   ended->end = log_message_timestamp();

@@ -5,11 +5,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/timer.h"
@@ -56,10 +58,16 @@ struct bthal_wakelock_stat_t {
 // Remembers what kept the radio and the host busy: connected devices, bursts of advertising reports
 // and of received ACL data that lasted longer than 5 s, and long awake periods; 512 of each, the
 // oldest go first. It sees the packets that pass the HAL while Bluetooth is on, and what it
-// remembers survives off and on. Built on first use, never destroyed. Any thread.
+// remembers survives off and on. The service's one is built on first use and never destroyed. Any
+// thread.
 class BtActivitiesLogger {
  public:
+  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
   static BtActivitiesLogger* GetInstacne();
+  // clock: by which the length of a burst is measured. Any thread calls it.
+  explicit BtActivitiesLogger(Clock clock = std::chrono::steady_clock::now)
+      : clock_(std::move(clock)) {}
 
   void OnBluetoothEnabled(hci::HciFlowControl* flow) EXCLUDES(lock_);
   void OnBluetoothDisabled() EXCLUDES(lock_);
@@ -90,8 +98,6 @@ class BtActivitiesLogger {
     std::string end;
   };
 
-  BtActivitiesLogger() = default;
-
   void CountPacket(Burst& burst, uint16_t handle, const char* timer_name) REQUIRES(lock_);
   // Ends an active burst. Returns whether it lasted long enough to be remembered.
   bool EndBurst(Burst& burst, Ended* ended) REQUIRES(lock_);
@@ -103,6 +109,7 @@ class BtActivitiesLogger {
   bool OnConnection(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
   bool OnDisconnection(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
 
+  const Clock clock_;
   std::mutex lock_;
   std::vector<std::unique_ptr<hci::HciEventWatcher>> watchers_ GUARDED_BY(lock_);
   std::list<ble_adv_activities_t> le_adv_history_ GUARDED_BY(lock_);  // oldest first, as all

@@ -1,11 +1,12 @@
-// The co-processor transport against a scripted message server on the real socket.
-#include "chre/qvr_helper.h"
-
+// The co-processor transport against a scripted message server on the real socket, alone and
+// through the shim.
+#include <android-base/properties.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -14,11 +15,15 @@
 #include "bthal/child_case.h"
 #include "bthal/log_capture.h"
 #include "bthal/qvr_server.h"
+#include "bthal/report_check.h"
 #include "bthal/uart_rig.h"
+#include "chre/qvr_helper.h"
 #include "support/vectors.h"
+#include "transport_shim.h"
 
 namespace {
 
+namespace shim = android::hardware::bluetooth::hci::shim;
 using android::hardware::hidl_vec;
 using android::hardware::bluetooth::UartBaudRate;
 using android::hardware::bluetooth::hci::PacketReceiver;
@@ -30,9 +35,11 @@ using test::QvrRequest;
 using test::QvrServer;
 using test::ToHex;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr char kTag[] = "bthal.qvrhelper";
+const Bytes kReset = {0x03, 0x0C, 0x00};
 
 struct Received {
   std::string receiver;
@@ -136,18 +143,6 @@ TEST_F(QvrTransport, EveryRequest_HasTheLiteralPayloadAndFieldsInOrder) {
   }
 }
 
-TEST_F(QvrTransport, DumpRequest_IsLoggedBeforeAndAfter) {
-  EXPECT_TRUE(helper_.GetChreDebugDump());
-  const std::string line = "I GetChreDebugDump send QvrMsgReqType_BT_DEBUG_DUMP msg";
-  EXPECT_THAT(lines_.Take(kTag), ElementsAre(line, line + " Done"));
-  server_.SetScript([](const QvrRequest&) { return 2; });
-  EXPECT_FALSE(helper_.GetChreDebugDump());
-  EXPECT_THAT(lines_.Take(kTag),
-              ElementsAre(line,
-                          "E GetChreDebugDump Attempt failed to deliver message to CHRE: "
-                          "send err 0, resp err 2"));
-}
-
 TEST_F(QvrTransport, PowerOn_TakesFiftyMillisecondsAndPowerOffDoesNot) {
   const auto takes = [this](bool on) {
     const auto start = steady_clock::now();
@@ -161,40 +156,51 @@ TEST_F(QvrTransport, PowerOn_TakesFiftyMillisecondsAndPowerOffDoesNot) {
 
 TEST_F(QvrTransport, RequestAnsweredWithAnError_FailsWithOneLine) {
   const std::string failed = "Attempt failed to deliver message to CHRE: send err";
+  const std::string dump = "GetChreDebugDump send QvrMsgReqType_BT_DEBUG_DUMP msg";
   const struct {
     const char* operation;
-    std::string line;
+    std::vector<std::string> lines;
   } cases[] = {
-      {"power on", "E PowerControl " + failed + " 0, resp err "},
-      {"power off", "E PowerControl " + failed + " 0, resp err "},
-      {"low_power on", "E LpmEnable " + failed + " 0, resp err "},
-      {"low_power off", "E LpmEnable " + failed + " 0, resp err "},
-      {"speed 6000000", "E BaudrateChange: " + failed + ": 0, resp err: "},
+      {"power on", {"E PowerControl " + failed + " 0, resp err 16"}},
+      {"power off", {"E PowerControl " + failed + " 0, resp err 16"}},
+      {"low_power on", {"E LpmEnable " + failed + " 0, resp err 16"}},
+      {"low_power off", {"E LpmEnable " + failed + " 0, resp err 16"}},
+      {"speed 6000000", {"E BaudrateChange: " + failed + ": 0, resp err: 16"}},
+      {"dump", {"I " + dump, "E GetChreDebugDump " + failed + " 0, resp err 16"}},
   };
+  server_.SetScript([](const QvrRequest&) { return 16; });
   for (const auto& c : cases) {
-    for (uint32_t error : {1u, 16u, 20u}) {
-      SCOPED_TRACE(c.operation);
-      server_.SetScript([error](const QvrRequest&) { return error; });
-      const bool reports = std::string(c.operation).rfind("speed", 0) != 0;
-      EXPECT_EQ(Perform(helper_, c.operation), !reports);
-      EXPECT_THAT(lines_.Take(kTag), ElementsAre(c.line + std::to_string(error)));
-    }
+    SCOPED_TRACE(c.operation);
+    const bool reports = std::string(c.operation).rfind("speed", 0) != 0;
+    EXPECT_EQ(Perform(helper_, c.operation), !reports);
+    EXPECT_EQ(lines_.Take(kTag), c.lines);
   }
+  server_.SetScript(nullptr);
+  EXPECT_TRUE(Perform(helper_, "dump"));
+  EXPECT_THAT(lines_.Take(kTag), ElementsAre("I " + dump, "I " + dump + " Done"));
 }
 
+// Low power is on once the co-processor has said so, and ends with the connection.
 TEST_F(QvrTransport, LowPowerFlag_FollowsWhatTheCoProcessorHasDone) {
+  const auto refuse = [](const QvrRequest&) { return 14; };
   EXPECT_FALSE(helper_.IsLpmEnabled());
   EXPECT_TRUE(helper_.LpmEnable(true));
   EXPECT_TRUE(helper_.IsLpmEnabled());
-  server_.SetScript([](const QvrRequest&) { return 14; });
+  server_.SetScript(refuse);
   EXPECT_FALSE(helper_.LpmEnable(false));
   EXPECT_TRUE(helper_.IsLpmEnabled());
   server_.SetScript(nullptr);
   EXPECT_TRUE(helper_.LpmEnable(false));
   EXPECT_FALSE(helper_.IsLpmEnabled());
-  server_.SetScript([](const QvrRequest&) { return 14; });
+  server_.SetScript(refuse);
   EXPECT_FALSE(helper_.LpmEnable(true));
   EXPECT_FALSE(helper_.IsLpmEnabled());
+  server_.SetScript(nullptr);
+  EXPECT_TRUE(helper_.LpmEnable(true));
+  helper_.Deinitialize();
+  EXPECT_FALSE(helper_.IsLpmEnabled());
+  ASSERT_TRUE(helper_.PrepareQvrTransport());
+  EXPECT_FALSE(helper_.IsLpmEnabled()) << "nobody has asked for it yet";
 }
 
 // The answer that comes too late is for the request before: the next one waits for its own.
@@ -223,42 +229,15 @@ TEST_F(QvrTransport, RequestWithoutAnAnswer_FailsAfter800MillisecondsAndALateOne
 TEST_F(QvrTransport, PacketThatTheCoProcessorRefuses_IsOneErrorLineAndTheNextGoesOut) {
   std::atomic<int> seen{0};
   server_.SetScript([&](const QvrRequest&) { return seen++ == 0 ? 17 : 0; });
-  const Bytes reset = {0x03, 0x0C, 0x00};
-  EXPECT_EQ(helper_.SendHciToQvr(1, reset.data(), reset.size(), true), reset.size());
-  EXPECT_EQ(helper_.SendHciToQvr(1, reset.data(), reset.size(), true), reset.size());
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(helper_.SendHciToQvr(1, kReset.data(), kReset.size(), true), kReset.size());
+  }
   EXPECT_EQ(server_.WaitForRequests(2).size(), 2u);
   EXPECT_TRUE(helper_.PowerControl(false)) << "what came before has been answered";
   const std::vector<std::string> lines = lines_.Take(kTag);
   ASSERT_EQ(lines.size(), 1u) << testing::PrintToString(lines);
   EXPECT_THAT(lines[0], testing::StartsWith("E SendHciToQvr: "));
-  EXPECT_THAT(lines[0], testing::HasSubstr("17"));
-}
-
-TEST_F(QvrTransport, PacketsFromManyThreads_ArriveWholeAndInTheOrderOfEachThread) {
-  const int each = test::Count("packets of each of four threads", 5000);
-  std::vector<std::thread> threads;
-  for (uint8_t t = 0; t < 4; ++t) {
-    threads.emplace_back([this, t, each] {
-      for (int i = 0; i < each; ++i) {
-        Bytes packet = {t, static_cast<uint8_t>(i), static_cast<uint8_t>(i >> 8)};
-        packet.resize(3 + static_cast<size_t>(i % 1000), t);
-        if (helper_.SendHciToQvr(2, packet.data(), packet.size(), false) != packet.size()) return;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  const auto total = static_cast<size_t>(4 * each);
-  const std::vector<QvrRequest> requests = server_.WaitForRequests(total);
-  ASSERT_EQ(requests.size(), total);
-  int next[4] = {};
-  for (const QvrRequest& request : requests) {
-    ASSERT_GE(request.payload.size(), 5u);
-    const uint8_t t = request.payload[2];
-    const int number = request.payload[3] | request.payload[4] << 8;
-    ASSERT_LT(t, 4);
-    ASSERT_EQ(number, next[t]++);
-    ASSERT_EQ(request.payload.size(), 5u + static_cast<size_t>(number % 1000));
-  }
+  EXPECT_THAT(lines[0], HasSubstr("17"));
 }
 
 TEST_F(QvrTransport, Message_ReachesItsReceiverOrIsRefusedWithALine) {
@@ -299,20 +278,14 @@ TEST_F(QvrTransport, OtherMessageTypesAndNoReceiver_DisturbNothing) {
   EXPECT_THAT(PacketsUpToMarker(), IsEmpty());
   EXPECT_THAT(lines_.Take(kTag), IsEmpty());
   helper_.DeinitializeCallback();
+  server_.SendMessage(test::QvrEvent(8, {0x0E, 0x00}));
+  EXPECT_TRUE(helper_.PowerControl(false)) << "whose answer comes behind it";
   helper_.InitializeCallback(Receiver("event"), nullptr, nullptr, nullptr);
   lines_.Take(kTag);
   for (uint32_t kind : {9u, 10u, 11u}) server_.SendMessage(test::QvrEvent(kind, {1, 2, 3, 4}));
   EXPECT_THAT(PacketsUpToMarker(), IsEmpty());
   const std::string line = "E hci_packet_handler: no callback.";
   EXPECT_THAT(lines_.Take(kTag), ElementsAre(line, line, line));
-}
-
-TEST_F(QvrTransport, AfterTheReceiversAreGone_NothingIsDelivered) {
-  helper_.DeinitializeCallback();
-  for (int i = 0; i < 100; ++i) server_.SendMessage(test::QvrEvent(8, {0x0E, 0x00}));
-  EXPECT_TRUE(helper_.PowerControl(false)) << "whose answer comes behind them";
-  helper_.InitializeCallback(Receiver("event"), nullptr, nullptr, nullptr);
-  EXPECT_THAT(PacketsUpToMarker(), IsEmpty());
 }
 
 // Closed, it refuses everything with the same line.
@@ -327,19 +300,204 @@ TEST(QvrTransportClosed, EveryOperation_IsRefusedWithALine) {
                {"power off", "PowerControl", false},
                {"low_power on", "LpmEnable", false},
                {"speed 3000000", "BaudrateChange", true},
+               {"dump", "GetChreDebugDump", false},
                {"packet 1 flow 03 0C 00", "SendHciToQvr", false}};
   for (const auto& c : cases) {
     EXPECT_EQ(Perform(helper, c.operation), c.result);
     EXPECT_THAT(lines.Take(kTag),
                 ElementsAre(std::string("E ") + c.name + "QVR transport is not ready."));
   }
-  EXPECT_FALSE(helper.GetChreDebugDump());
-  EXPECT_THAT(lines.Take(kTag), ElementsAre("E GetChreDebugDumpQVR transport is not ready."));
   for (bool open : {true, false}) {
     EXPECT_FALSE(helper.UserialOpen(open));
     EXPECT_FALSE(helper.IsTransportOpen());
     EXPECT_THAT(lines.Take(kTag), ElementsAre("E UserialOpenQVR transport is not ready."));
   }
+}
+
+// --- through the shim ---
+
+void Nothing(const hidl_vec<uint8_t>&) {}
+
+// The property decides, whatever the configuration says (a UART, in this process).
+class QvrShim : public testing::Test {
+ protected:
+  void SetUp() override { Select("true"); }
+  void TearDown() override {
+    shim::Deinitialize();
+    Select("false");
+  }
+  static void Select(const char* value) {
+    android::base::SetProperty("persist.bluetooth.ulk.path.enabled", value);
+  }
+  static bool Open(const PacketReceiver& receiver = Nothing) {
+    return shim::InitializeHciHandle(receiver, receiver, receiver, receiver) != nullptr;
+  }
+  std::vector<std::string> Payloads(size_t count) {
+    std::vector<std::string> payloads;
+    for (const QvrRequest& request : server_.WaitForRequests(count)) {
+      payloads.push_back(ToHex(request.payload));
+    }
+    return payloads;
+  }
+  void ExpectClosed() {
+    EXPECT_TRUE(server_.WaitForConnection(false));
+    EXPECT_FALSE(shim::IsInitialized());
+    EXPECT_FALSE(shim::IsUserialReady());
+    EXPECT_FALSE(QvrHelper::Get().IsLpmEnabled());
+  }
+
+  QvrServer server_{test::RootFolder()};
+};
+
+TEST_F(QvrShim, Open_CyclesThePowerAndCloseSwitchesItOff) {
+  ASSERT_TRUE(Open());
+  EXPECT_EQ(shim::GetUserialType(), 2u);
+  EXPECT_TRUE(shim::IsInitialized());
+  EXPECT_FALSE(shim::IsUserialAutoInit());
+  EXPECT_TRUE(shim::SupportBaudRateChange());
+  EXPECT_EQ(shim::RequiredBaudRate(), 6000000u);
+  EXPECT_FALSE(shim::IsLpmRunning());
+  EXPECT_TRUE(shim::LpmSuspend());
+  EXPECT_TRUE(shim::LpmWakeUp());
+  EXPECT_TRUE(shim::LpmSetup());
+  EXPECT_TRUE(shim::IsLpmRunning());
+  EXPECT_TRUE(shim::GetTlDebugDump(-1, "", ""));
+  EXPECT_EQ(shim::Send(1, kReset.data(), kReset.size(), true), kReset.size());
+  shim::Deinitialize();
+  EXPECT_THAT(Payloads(6),
+              ElementsAre("00 01", "00 00", "01 00 18", "03", "01 01 03 0C 00", "00 01"));
+  EXPECT_EQ(shim::GetUserialType(), 3u);
+  ExpectClosed();
+}
+
+// The power-off before the power-on is only an attempt.
+TEST_F(QvrShim, PowerOnRefusedOrCutOff_UndoesTheOpening) {
+  test::LogCapture lines;
+  server_.SetScript([](const QvrRequest&) { return 12; });
+  EXPECT_FALSE(Open());
+  EXPECT_THAT(Payloads(2), ElementsAre("00 01", "00 00"));
+  ExpectClosed();
+  // While it is not open for packets yet, a lost connection fails what runs, and no more.
+  server_.SetScript([&](const QvrRequest& request) -> std::optional<uint32_t> {
+    if (ToHex(request.payload) == "00 01") return 0;
+    server_.Disconnect();
+    return std::nullopt;
+  });
+  EXPECT_FALSE(Open());
+  ExpectClosed();
+  const std::vector<std::string> logged = lines.Take(kTag);
+  for (const char* line :
+       {"E handle_qvr_connection_event: QVR transport disconnected from ULK...exiting",
+        "E PowerControl Attempt failed to deliver message to CHRE: send err 0, resp err 11"}) {
+    EXPECT_EQ(std::count(logged.begin(), logged.end(), line), 1) << line;
+  }
+  server_.SetScript(nullptr);
+  EXPECT_TRUE(Open()) << "the next one succeeds";
+}
+
+// The server cannot be found for a while.
+TEST_F(QvrShim, ServerThatComesLate_IsFoundByALaterAttempt) {
+  test::LogCapture lines;
+  server_.SetFindError(7);
+  bool opened = false;
+  std::thread opener([&] { opened = Open(); });
+  std::string log;
+  const auto failures = [&] {
+    log += testing::PrintToString(lines.Take(kTag));
+    return test::CountOf("E InitQvrTransport: Failed to find CHRE message server: err 7", log);
+  };
+  EXPECT_TRUE(test::WaitFor([&] { return failures() == 2; }));
+  server_.SetFindError(0);
+  opener.join();
+  EXPECT_TRUE(opened);
+  const std::string count = std::to_string(failures());
+  EXPECT_THAT(log, HasSubstr("I PrepareQvrTransport: return ret (1), count:" + count + "\""));
+}
+
+TEST_F(QvrShim, OpenAndCloseManyTimes_LeavesNothing) {
+  int round = 0;
+  test::ExpectNothingLeft("openings of the co-processor transport", 40, [&] {
+    std::atomic<int> received{0};
+    ASSERT_TRUE(Open([&](const hidl_vec<uint8_t>&) { ++received; }));
+    // SCO data, which pass the flow control.
+    for (int i = 0; i < 4; ++i) server_.SendMessage(test::QvrEvent(10, {1, 2, 1, 3}));
+    ASSERT_EQ(shim::Send(1, kReset.data(), kReset.size(), true), kReset.size());
+    if (++round % 2 == 0) {
+      ASSERT_TRUE(test::WaitFor([&] { return received == 4; }));
+    }
+    shim::Deinitialize();
+    ASSERT_TRUE(server_.WaitForConnection(false));
+  });
+}
+
+// A stack that calls back from its own callback: "BtMsgHandler" closes what it runs on, while more
+// packets wait, and every other time while another thread closes, too.
+TEST_F(QvrShim, CloseFromInsideAReceiver_NeitherHangsNorDeliversMore) {
+  uint32_t round = 0;
+  test::ExpectNothingLeft("closings from inside a receiver", 40, [&] {
+    const uint32_t kind = 8 + ++round / 2 % 4;
+    std::atomic<int> entered{0}, closed{0};
+    ASSERT_TRUE(Open([&](const hidl_vec<uint8_t>&) {
+      ++entered;
+      shim::Deinitialize();
+      ++closed;
+    }));
+    for (int n = 0; n < 3; ++n) server_.SendMessage(test::QvrEvent(kind, {0x13, 0x01, 0x00}));
+    if (round % 2 == 0) {
+      ASSERT_TRUE(test::WaitFor([&] { return entered > 0; }));
+    }
+    shim::Deinitialize();
+    ASSERT_TRUE(test::WaitFor([&] { return shim::GetUserialType() == 3 && entered == closed; }));
+    ASSERT_LE(closed, 1);
+    ASSERT_TRUE(server_.WaitForConnection(false));
+  });
+}
+
+// --- what ends the process ---
+
+// Argument: "prepare"; "idle", the connection ends while nothing is sent; or how long a packet is.
+CHILD_CASE(QvrFails) {
+  test::PrintReports();
+  if (arguments[0] == "prepare") return QvrHelper::Get().PrepareQvrTransport() ? 1 : 2;
+  QvrServer server(test::RootFolder());
+  if (shim::InitializeHciHandle(Nothing, Nothing, Nothing, Nothing) == nullptr) return 3;
+  if (arguments[0] == "idle") {
+    server.Disconnect();
+    for (;;) pause();
+  }
+  const Bytes packet(std::stoul(arguments[0]));
+  return static_cast<int>(shim::Send(2, packet.data(), packet.size(), false));
+}
+
+TEST(QvrReports, EachFailure_EndsTheProcessWithItsOwnCode) {
+  const std::string send = "SendHciToQvr: error sending packet via QVR, err: ";
+  const struct {
+    const char* moment;
+    int code;
+    std::string reason;
+    std::string line;  // and how often it is logged
+    size_t count;
+  } rows[] = {
+      // Ten times five attempts: 50 ms after each of the five, 100 ms after each of the ten.
+      {"prepare", 192, "Prepare CHRE QVR transport failed!",
+       " InitQvrTransport: Failed to connect to QVR transport server: err 11\n", 10},
+      {"idle", 214, "QVR transport disconnected from ULK...exiting",
+       " handle_qvr_connection_event: QVR transport disconnected from ULK...exiting\n", 1},
+      // The library's error and 192: it takes no packet of that length.
+      {"200000", 192 + qvr::kValueTooBig, send + std::to_string(qvr::kValueTooBig),
+       " bthal.qvrhelper: " + send + std::to_string(qvr::kValueTooBig) + "\n", 1},
+  };
+  std::vector<test::ReportRoot> roots(std::size(rows));
+  const auto start = steady_clock::now();
+  test::RunSideBySide(
+      roots.size(),
+      [&](size_t i) { return test::StartChild("QvrFails", roots[i].path(), {rows[i].moment}); },
+      [&](size_t i, const test::ChildRun& run) {
+        SCOPED_TRACE(rows[i].moment);
+        EXPECT_EQ(test::CountOf(rows[i].line, run.output), rows[i].count) << run.output;
+        test::ExpectReport(rows[i].code, rows[i].reason, run, roots[i]);
+        EXPECT_GE(steady_clock::now() - start, milliseconds(i == 0 ? 3500 : 0));
+      });
 }
 
 }  // namespace
