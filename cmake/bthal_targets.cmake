@@ -36,8 +36,9 @@ function(bthal_executable name)
   target_link_libraries(${name} PRIVATE bthal_options)
 endfunction()
 
-# bthal_test(NAME SOURCES… [LABELS LABEL]): a GoogleTest program, one ctest entry a case. What takes
-# more than five seconds of real time is labelled slow.
+# bthal_test(NAME SOURCES… [LABELS LABEL]): a GoogleTest program, one ctest entry per case. A case that
+# takes more than five seconds of real time is labelled slow. ctest starts what has a cost first: the
+# quick cases, which find most faults, then the slow ones.
 include(GoogleTest)
 function(bthal_test name)
   cmake_parse_arguments(PARSE_ARGV 1 test "" "LABELS" "")
@@ -47,6 +48,9 @@ function(bthal_test name)
   set(properties TIMEOUT 300)
   if(test_LABELS)
     list(APPEND properties LABELS ${test_LABELS})
+  endif()
+  if(NOT test_LABELS STREQUAL "slow")
+    list(APPEND properties COST 1000)
   endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
                        PROPERTIES ${properties})

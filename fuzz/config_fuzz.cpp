@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "bthal/root.h"
 #include "conf.h"
+#include "root_folder/root_folder.h"
 #include "support/temp_dir.h"
 
 using android::hardware::bluetooth::conf::Config;

@@ -8,8 +8,8 @@
 #include <android-base/stringprintf.h>
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
-#include <bthal/root.h>
 #include <fcntl.h>
+#include <root_folder/root_folder.h>
 
 #include <array>
 #include <cstdio>
@@ -47,7 +47,7 @@ Waiting& TheWaiting() {
 }
 
 std::string ReadAddressText() {
-  const base::unique_fd fd(bthal::root::Open(kDeviceTreeAddress, O_RDONLY));
+  const base::unique_fd fd(root_folder::Open(kDeviceTreeAddress, O_RDONLY));
   if (fd.get() < 0) return base::GetProperty(kBoardAddressProperty, "");
   std::string text;
   base::ReadFdToString(fd, &text);

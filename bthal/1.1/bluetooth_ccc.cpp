@@ -5,8 +5,8 @@
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
-#include <bthal/root.h>
 #include <fcntl.h>
+#include <root_folder/root_folder.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -120,7 +120,7 @@ std::vector<uint8_t> buildAddCommand(const Address& address,
 
 uint64_t getSystemTime() {
   const ::android::base::unique_fd fd(
-      bthal::root::Open(kTimesyncFile, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+      root_folder::Open(kTimesyncFile, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   if (fd.get() < 0) {
     LOG(WARNING) << __func__ << "Unable to open Timesync";
     return 0;

@@ -3,11 +3,11 @@
 #include "coex_device.h"
 
 #include <android-base/stringprintf.h>
-#include <bthal/root.h>
 #include <fcntl.h>
 #include <log/log.h>
 #include <poll.h>
 #include <pthread.h>
+#include <root_folder/root_folder.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -287,7 +287,7 @@ bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms)
   }
   auto poller = std::make_shared<Poller>();
   poller->coex_fd.reset(
-      static_cast<int>(TEMP_FAILURE_RETRY(bthal::root::Open(kDevice, O_RDWR | O_NOCTTY))));
+      static_cast<int>(TEMP_FAILURE_RETRY(root_folder::Open(kDevice, O_RDWR | O_NOCTTY))));
   if (poller->coex_fd.get() < 0) {
     ALOGE("Failed to open the coex device!! Error: %s", strerror(errno));
     return false;

@@ -5,9 +5,9 @@
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
-#include <bthal/root.h>
 #include <fcntl.h>
 #include <log/log.h>
+#include <root_folder/root_folder.h>
 
 #include <algorithm>
 #include <cctype>
@@ -79,7 +79,7 @@ Config::Config() {
 void Config::LoadConfig(const char* path) {
   ALOGI("Attempt to load conf from %s", path);
   std::string content;
-  const base::unique_fd fd(bthal::root::Open(path, O_RDONLY));
+  const base::unique_fd fd(root_folder::Open(path, O_RDONLY));
   if (fd.get() < 0 || !base::ReadFdToString(fd, &content)) {
     ALOGI("config file >%s< not found", path);
     return;

@@ -1,5 +1,5 @@
-#include <bthal/root.h>
 #include <hardware/nuvexa/bluetooth/ewp/1.0/IBluetoothEwp.h>
+#include <root_folder/root_folder.h>
 
 #include <cstdio>
 
@@ -37,7 +37,7 @@ void Disable(const ::android::sp<IBluetoothEwp>& service, const EwpOptions& ewp)
 
 void Watch(const Options& options, const EwpOptions& ewp) {
   const auto service = FindExtension<IBluetoothEwp>(options.wait());
-  LogFollower log(::bthal::root::Resolve("/run/bthal/log"), false);
+  LogFollower log(root_folder::Resolve("/run/bthal/log"), false);
   Enable(service, ewp);
   const TimePoint deadline =
       ewp.seconds > 0

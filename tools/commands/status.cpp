@@ -1,4 +1,4 @@
-#include <bthal/root.h>
+#include <root_folder/root_folder.h>
 
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -21,7 +21,7 @@ using Json = nlohmann::json;
 // No call of the service tells of it. Its log does, as far as it reaches back, else its records.
 Json Transport(int pid, const Options& options) {
   TransportState state(pid);
-  ReadWholeLog(::bthal::root::Resolve("/run/bthal/log"), [&](const std::string& text) {
+  ReadWholeLog(root_folder::Resolve("/run/bthal/log"), [&](const std::string& text) {
     if (const std::optional<LogLine> line = ParseLogLine(text)) state.Feed(*line);
   });
   if (state.phase() == TransportState::Phase::kUnknown) {
@@ -43,7 +43,7 @@ Json Transport(int pid, const Options& options) {
 
 // Throws Failure(kNoService) when there is no service.
 Json Status(const Options& options) {
-  const std::string& root = ::bthal::root::Folder();
+  const std::string& root = root_folder::Path();
   Json status = {{"root", root.empty() ? "/" : root}};
   const auto service = FindService(options.wait());
   service

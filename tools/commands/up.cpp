@@ -1,5 +1,5 @@
-#include <bthal/root.h>
 #include <fcntl.h>
+#include <root_folder/root_folder.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,7 +42,7 @@ void Hold(const Options& options, unique_fd report) {
   try {
     // First the socket: of two holders that start together, one stops here.
     const auto service = FindService(options.wait());
-    auto holder = std::make_unique<Holder>(::bthal::root::Resolve(holder::kSocket));
+    auto holder = std::make_unique<Holder>(root_folder::Resolve(holder::kSocket));
     {
       Attachment attachment(service);
       CatchStopSignals();
@@ -163,7 +163,7 @@ void Up(const Options& options, const UpOptions& up) {
   if (pipe2(ends, O_CLOEXEC) != 0) throw Failure(WithErrno("pipe"));
   const unique_fd report(ends[0]);
   unique_fd reporter(ends[1]);
-  LogFollower log(::bthal::root::Resolve("/run/bthal/log"), up.whole_log);
+  LogFollower log(root_folder::Resolve("/run/bthal/log"), up.whole_log);
   const SystemTime started = std::chrono::system_clock::now();
   const TimePoint start = Clock::now();
   const auto up_line = [&] {

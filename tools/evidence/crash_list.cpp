@@ -1,6 +1,6 @@
 #include "tools/evidence/crash_list.h"
 
-#include <bthal/root.h>
+#include <root_folder/root_folder.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -31,7 +31,7 @@ constexpr size_t kMaxTombstoneBytes = 4 << 20;
 std::vector<std::string> Names(const std::string& folder, const std::string& prefix) {
   std::vector<std::string> names;
   std::error_code error;
-  for (fs::directory_iterator entry(::bthal::root::Resolve(folder), error), end;
+  for (fs::directory_iterator entry(root_folder::Resolve(folder), error), end;
        !error && entry != end; entry.increment(error)) {
     const std::string name = entry->path().filename().string();
     if (name.rfind(prefix, 0) == 0 && !entry->is_directory(error)) names.push_back(name);
@@ -88,14 +88,14 @@ std::vector<Crash> CollectCrashes() {
     for (const char* prefix : kDumpPrefixes) {
       if (name.rfind(prefix, 0) != 0) continue;
       dumps[Timestamp(name, prefix, ".bin")].push_back(
-          FileAt(::bthal::root::Resolve(std::string(kDumpFolder) + "/" + name)));
+          FileAt(root_folder::Resolve(std::string(kDumpFolder) + "/" + name)));
       break;
     }
   }
 
   std::vector<Crash> crashes;
   for (const std::string& name : Names(kInfoFolder, kInfoPrefix)) {
-    Crash crash = ReadCrash(::bthal::root::Resolve(std::string(kInfoFolder) + "/" + name), false);
+    Crash crash = ReadCrash(root_folder::Resolve(std::string(kInfoFolder) + "/" + name), false);
     if (const auto own = dumps.find(Timestamp(name, kInfoPrefix, ".txt")); own != dumps.end()) {
       crash.files.insert(crash.files.end(), own->second.begin(), own->second.end());
       dumps.erase(own);
@@ -111,7 +111,7 @@ std::vector<Crash> CollectCrashes() {
   }
   for (const std::string& name : Names(kTombstoneFolder, kTombstonePrefix)) {
     crashes.push_back(
-        ReadCrash(::bthal::root::Resolve(std::string(kTombstoneFolder) + "/" + name), true));
+        ReadCrash(root_folder::Resolve(std::string(kTombstoneFolder) + "/" + name), true));
   }
   for (Crash& crash : crashes) {
     std::sort(crash.files.begin() + 1, crash.files.end(),

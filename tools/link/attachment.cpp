@@ -3,9 +3,9 @@
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 #include <android/hardware/bluetooth/1.1/IBluetoothHciCallbacks.h>
-#include <bthal/root.h>
 #include <hidl/HidlTransportSupport.h>
 #include <hidl/ServiceManagement.h>
+#include <root_folder/root_folder.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -114,7 +114,7 @@ namespace {
 
 // Why there is no service to talk to, as a look-up tells it.
 Failure NotFound(int error) {
-  const std::string root = ::bthal::root::Folder().empty() ? "/" : ::bthal::root::Folder();
+  const std::string root = root_folder::Path().empty() ? "/" : root_folder::Path();
   const std::string service = "the Bluetooth service in " + root;
   switch (error) {
     case EUSERS:
@@ -123,7 +123,7 @@ Failure NotFound(int error) {
       return Failure(service + " has no file descriptor left for another client");
     case EACCES:
       return Failure(service + " is not for this user: be in the group of " +
-                     ::bthal::root::Resolve("/run/bthal"));
+                     root_folder::Resolve("/run/bthal"));
     case ETIMEDOUT:
       return Failure(ExitCode::kNoService, service + " does not answer");
     default:
@@ -150,7 +150,7 @@ Attachment::Attachment(const sp<Hci>& service) : service_(service), callbacks_(n
   const bool answered = service_->initialize_1_1(callbacks_).isOk();
   if (!answered || !callbacks_->end().empty()) {
     throw Failure(ExitCode::kNoService, "the service died while it brought Bluetooth up; see " +
-                                            ::bthal::root::Resolve("/run/bthal/log"));
+                                            root_folder::Resolve("/run/bthal/log"));
   }
   // A stack that is refused hears INITIALIZATION_ERROR and nothing more. After a bring-up that
   // failed, the service reports its end as well.
@@ -161,8 +161,7 @@ Attachment::Attachment(const sp<Hci>& service) : service_(service), callbacks_(n
     throw Failure(ExitCode::kBusy, "another Bluetooth stack is attached to the service");
   }
   if (!statuses.empty()) service_->close().isOk();
-  throw Failure("Bluetooth could not be brought up; see " +
-                ::bthal::root::Resolve("/run/bthal/log"));
+  throw Failure("Bluetooth could not be brought up; see " + root_folder::Resolve("/run/bthal/log"));
 }
 
 Attachment::~Attachment() {

@@ -1,6 +1,6 @@
 #include "tools/link/extension.h"
 
-#include <bthal/root.h>
+#include <root_folder/root_folder.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -29,7 +29,7 @@ std::optional<uint8_t> StatusIn(const std::string& text) {
 }  // namespace
 
 CallOutcome::CallOutcome(const std::string& tag)
-    : path_(::bthal::root::Resolve("/run/bthal/log")), tag_(tag), log_(path_, false) {
+    : path_(root_folder::Resolve("/run/bthal/log")), tag_(tag), log_(path_, false) {
   CatchStopSignals();
 }
 

@@ -1,4 +1,4 @@
-#include <bthal/root.h>
+#include <root_folder/root_folder.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -11,7 +11,7 @@
 namespace bthalctl {
 
 std::unique_ptr<HolderLink> HolderLink::Connect() {
-  auto fd = ConnectUnix(::bthal::root::Resolve(holder::kSocket), SOCK_SEQPACKET);
+  auto fd = ConnectUnix(root_folder::Resolve(holder::kSocket), SOCK_SEQPACKET);
   if (!fd.ok()) return nullptr;
   return std::unique_ptr<HolderLink>(new HolderLink(std::move(fd)));
 }
@@ -67,7 +67,7 @@ std::optional<HolderLink::Passing> HolderLink::TakePassing() {
 }
 
 std::optional<std::string> AskHolder(uint8_t kind, std::chrono::milliseconds timeout) {
-  const auto fd = ConnectUnix(::bthal::root::Resolve(holder::kSocket), SOCK_SEQPACKET);
+  const auto fd = ConnectUnix(root_folder::Resolve(holder::kSocket), SOCK_SEQPACKET);
   if (!fd.ok() || send(fd.get(), &kind, 1, MSG_NOSIGNAL) != 1) return std::nullopt;
   const TimePoint deadline = Clock::now() + timeout;
   Bytes answer(holder::kMaxMessage);

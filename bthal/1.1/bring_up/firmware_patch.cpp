@@ -2,8 +2,8 @@
 
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>
-#include <bthal/root.h>
 #include <fcntl.h>
+#include <root_folder/root_folder.h>
 #include <unistd.h>
 
 #include <vector>
@@ -38,7 +38,7 @@ std::vector<std::string> Candidates(uint8_t chip_id) {
 
 std::string FindFirmwarePatch(uint8_t chip_id, std::string* name) {
   for (const std::string& candidate : Candidates(chip_id)) {
-    if (bthal::root::Exists(kFirmwareDirectory + candidate)) {
+    if (root_folder::Exists(kFirmwareDirectory + candidate)) {
       *name = candidate;
       return kFirmwareDirectory + candidate;
     }
@@ -47,7 +47,7 @@ std::string FindFirmwarePatch(uint8_t chip_id, std::string* name) {
 }
 
 bool FirmwarePatch::Open(const std::string& path) {
-  fd_.reset(bthal::root::Open(path, O_RDONLY));
+  fd_.reset(root_folder::Open(path, O_RDONLY));
   return fd_.get() >= 0;
 }
 

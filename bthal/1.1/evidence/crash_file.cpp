@@ -2,8 +2,8 @@
 
 #include "evidence/crash_file.h"
 
-#include <bthal/root.h>
 #include <log/log.h>
+#include <root_folder/root_folder.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,7 +15,7 @@ namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 
 CrashFile::CrashFile(std::string path, int flags, mode_t mode, const char* kind,
                      const char* operation)
-    : path_(std::move(path)), operation_(operation), fd_(bthal::root::Open(path_, flags, mode)) {
+    : path_(std::move(path)), operation_(operation), fd_(root_folder::Open(path_, flags, mode)) {
   if (!ok()) {
     ALOGE("%s: Failed to open %s file: %s, failed: %s (%d)\n", operation_, kind, path_.c_str(),
           strerror(errno), errno);
@@ -29,7 +29,7 @@ CrashFile::~CrashFile() {
   }
   struct stat status {};
   if (fstat(fd_.get(), &status) == 0 && status.st_size == 0) {
-    unlink(bthal::root::Resolve(path_).c_str());
+    unlink(root_folder::Resolve(path_).c_str());
   }
 }
 

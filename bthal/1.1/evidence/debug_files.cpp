@@ -7,10 +7,10 @@
 #include <android-base/strings.h>
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
-#include <bthal/root.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <log/log.h>
+#include <root_folder/root_folder.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -29,14 +29,14 @@ const std::string kStars(45, '*');
 
 bool ReadWholeFile(const std::string& path, std::string* content) {
   // O_NONBLOCK: a kernel log buffer that has nothing more to say must not hold up the report.
-  const base::unique_fd fd(bthal::root::Open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+  const base::unique_fd fd(root_folder::Open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY));
   if (fd.get() < 0) return false;
   return base::ReadFdToString(fd, content) || errno == EAGAIN;
 }
 
 bool IsRegularFile(const std::string& path) {
   struct stat status {};
-  return stat(bthal::root::Resolve(path).c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  return stat(root_folder::Resolve(path).c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 std::string ToHexLines(const std::string& bytes) {
@@ -94,7 +94,7 @@ void dump_debugfs_to_fd(int fd, const std::string& path) {
 }
 
 void collect_sscd_logs(int fd, const std::string& prefix, const std::string& dir) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(bthal::root::OpenDirectory(dir), closedir);
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(root_folder::OpenDirectory(dir), closedir);
   if (directory == nullptr) {
     ALOGW("%s: Failed to open directory, skip %s", __func__, prefix.c_str());
     return;

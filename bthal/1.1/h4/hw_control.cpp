@@ -4,9 +4,9 @@
 
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
-#include <bthal/root.h>
 #include <fcntl.h>
 #include <log/log.h>
+#include <root_folder/root_folder.h>
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
@@ -52,7 +52,7 @@ std::string rfkill_state_finder() {
   for (int index = 0;; ++index) {
     const std::string entry = "/sys/class/rfkill/rfkill" + std::to_string(index);
     const std::string path = entry + "/type";
-    const unique_fd fd(bthal::root::Open(path, O_RDONLY));
+    const unique_fd fd(root_folder::Open(path, O_RDONLY));
     if (fd.get() < 0) {
       LOG(INFO) << __func__ << ": Open(" << path << "): " << strerror(errno) << " (" << errno
                 << ")";
@@ -91,7 +91,7 @@ unique_fd userial_tty_open(const std::string& port) {
   ALOGI("%s", text.c_str());
   evidence::Record(AnchorType::kTtyOpened, text);
   evidence::SetBtUartDebugPort(port);
-  unique_fd fd(bthal::root::Open(port, O_RDWR | O_NOCTTY | O_NONBLOCK));
+  unique_fd fd(root_folder::Open(port, O_RDWR | O_NOCTTY | O_NONBLOCK));
   if (fd.get() < 0 || !ConfigureTty(fd.get())) {
     LOG(ERROR) << __func__ << ": Can't open Bluetooth UART port: " << strerror(errno);
     return {};
@@ -144,7 +144,7 @@ bool BtHwControl::PowerControl(bool on) {
   ALOGI("%s", text.c_str());
   evidence::Record(AnchorType::kPowerState, text);
 
-  const unique_fd fd(bthal::root::Open(state_path, O_WRONLY | O_NOCTTY));
+  const unique_fd fd(root_folder::Open(state_path, O_WRONLY | O_NOCTTY));
   if (fd.get() < 0) {
     LOG(ERROR) << __func__ << ": Unable to open rfkill state {" << state_path
                << "}: " << strerror(errno) << " (" << errno << ")";
@@ -204,14 +204,14 @@ bool BtHwControl::LpmSetup() {
   ALOGI("%s: LPM enabling", __func__);
   evidence::Record(AnchorType::kLpmEnabling, StringPrintf("%s: LPM enabling", __func__));
   std::lock_guard<std::mutex> guard(lpm_lock_);
-  lpm_fd_.reset(bthal::root::Open(kLpmControlPort, O_WRONLY | O_NOCTTY));
+  lpm_fd_.reset(root_folder::Open(kLpmControlPort, O_WRONLY | O_NOCTTY));
   if (lpm_fd_.get() < 0) {
     ALOGE("%s: Unable to open LPM control port, %s (%d)", __func__, strerror(errno), errno);
     LOG(ERROR) << __func__ << ": Unable to open LPM control port (" << kLpmControlPort
                << "): " << strerror(errno);
     return false;
   }
-  const unique_fd driver(bthal::root::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
+  const unique_fd driver(root_folder::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
   if (driver.get() < 0) {
     ALOGE("%s: Unable to open LPM driver, %s (%d)", __func__, strerror(errno), errno);
     lpm_fd_.reset();
@@ -236,7 +236,7 @@ void BtHwControl::LpmTeardown() {
   evidence::Record(AnchorType::kLpmDisabling, StringPrintf("%s: LPM disabling", __func__));
   std::lock_guard<std::mutex> guard(lpm_lock_);
   lpm_fd_.reset();
-  const unique_fd driver(bthal::root::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
+  const unique_fd driver(root_folder::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
   if (driver.get() < 0) {
     ALOGE("%s: Unable to close LPM driver, %s (%d)", __func__, strerror(errno), errno);
   } else if (!WriteCharacter(driver.get(), '0')) {

@@ -5,10 +5,10 @@
 #include <android-base/logging.h>
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
-#include <bthal/root.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <root_folder/root_folder.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -54,7 +54,7 @@ struct Header {
 
 // The socket's folder is named through /proc/self/fd: an address holds 107 bytes at most.
 unique_fd ConnectSocket() {
-  const unique_fd folder(bthal::root::Open(kFolder, O_PATH | O_DIRECTORY));
+  const unique_fd folder(root_folder::Open(kFolder, O_PATH | O_DIRECTORY));
   if (folder.get() < 0) return {};
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

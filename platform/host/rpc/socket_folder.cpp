@@ -18,7 +18,7 @@
 #include <memory>
 #include <vector>
 
-#include "bthal/root.h"
+#include "root_folder/root_folder.h"
 
 namespace bthal::rpc {
 namespace {
@@ -28,7 +28,7 @@ using std::chrono::steady_clock;
 
 constexpr char kSocketPrefix[] = "socket.";
 
-std::string FolderPath() { return root::Resolve("/run/bthal"); }
+std::string FolderPath() { return root_folder::Resolve("/run/bthal"); }
 
 unique_fd NewSocket() {
   return unique_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -61,7 +61,7 @@ std::string NearestFolder() {
 SocketFolder::SocketFolder(bool create) {
   const std::string path = FolderPath();
   if (create) {
-    mkdir(root::Resolve("/run").c_str(), 0755);
+    mkdir(root_folder::Resolve("/run").c_str(), 0755);
     mkdir(path.c_str(), 0750);
   }
   folder_.reset(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));

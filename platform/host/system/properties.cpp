@@ -27,7 +27,7 @@
 #include <utility>
 #include <vector>
 
-#include "bthal/root.h"
+#include "root_folder/root_folder.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ std::optional<std::pair<std::string, std::string>> Parse(const std::string& line
 
 std::vector<std::string> ReadLines(const char* path) {
   std::string text;
-  if (!android::base::ReadFileToString(bthal::root::Resolve(path), &text)) {
+  if (!android::base::ReadFileToString(root_folder::Resolve(path), &text)) {
     if (errno != ENOENT) PLOG(ERROR) << path;
     return {};
   }
@@ -61,11 +61,11 @@ std::vector<std::string> ReadLines(const char* path) {
 
 // As a whole or not at all, whenever the machine stops.
 bool ReplaceFile(const char* path, const std::vector<std::string>& lines) {
-  const std::string target = bthal::root::Resolve(path);
+  const std::string target = root_folder::Resolve(path);
   const std::string fresh = target + ".new";
   const std::string text = android::base::Join(lines, '\n') + "\n";
-  mkdir(bthal::root::Resolve("/data").c_str(), 0771);
-  mkdir(bthal::root::Resolve("/data/property").c_str(), 0700);
+  mkdir(root_folder::Resolve("/data").c_str(), 0771);
+  mkdir(root_folder::Resolve("/data/property").c_str(), 0700);
   unlink(fresh.c_str());  // of a process that died, or a link that would be followed
   const android::base::unique_fd file(
       open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));

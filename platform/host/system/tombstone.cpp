@@ -27,7 +27,7 @@
 #define BACKWARD_HAS_DW 1
 #include <backward.hpp>
 
-#include "bthal/root.h"
+#include "root_folder/root_folder.h"
 #include "system/log.h"
 
 namespace bthal {
@@ -69,7 +69,7 @@ uintptr_t InstructionOf(const void* context) {
 }
 
 std::string Path(int number) {
-  return root::Resolve(StringPrintf("/data/tombstones/tombstone_%02d", number));
+  return root_folder::Resolve(StringPrintf("/data/tombstones/tombstone_%02d", number));
 }
 
 // The first free name, else that of the oldest file, which goes.
@@ -176,8 +176,8 @@ void OnFatalSignal(int signal, siginfo_t* info, void* context) {
 }  // namespace
 
 void InstallTombstones() {
-  mkdir(root::Resolve("/data").c_str(), 0771);
-  mkdir(root::Resolve("/data/tombstones").c_str(), 0771);
+  mkdir(root_folder::Resolve("/data").c_str(), 0771);
+  mkdir(root_folder::Resolve("/data/tombstones").c_str(), 0771);
   sem_init(&crash.happened, 0, 0);
   sem_init(&crash.written, 0, 0);
   void* warm_up[1];

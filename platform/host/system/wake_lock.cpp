@@ -18,7 +18,7 @@
 #include <set>
 #include <string>
 
-#include "bthal/root.h"
+#include "root_folder/root_folder.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ constexpr char kNamesFile[] = "/run/bthal/wake_locks";
 
 // Writes name to one of the kernel's files. 0 or errno.
 int Tell(const char* file, const char* name) {
-  const android::base::unique_fd kernel(bthal::root::Open(file, O_WRONLY | O_NONBLOCK | O_NOCTTY));
+  const android::base::unique_fd kernel(root_folder::Open(file, O_WRONLY | O_NONBLOCK | O_NOCTTY));
   if (kernel.get() < 0) return errno;
   const auto size = static_cast<ssize_t>(strlen(name));
   return write(kernel.get(), name, static_cast<size_t>(size)) == size ? 0 : errno;
@@ -51,7 +51,7 @@ void Remember(const std::string& name) {
   const std::lock_guard<std::mutex> lock(mutex);
   if (!known->insert(name).second) return;
   const android::base::unique_fd names(
-      bthal::root::Open(kNamesFile, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, 0640));
+      root_folder::Open(kNamesFile, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, 0640));
   if (names.get() >= 0) {
     android::base::WriteStringToFd(name + "\n", names);
   } else if (errno != ENOENT) {
@@ -80,7 +80,7 @@ int acquire_wake_lock(int lock, const char* id) {
 int release_wake_lock(const char* id) { return Change(kUnlockFile, id, -1); }
 
 void bthal::ReleaseWakeLocksOfTheDead() {
-  const std::string path = root::Resolve(kNamesFile);
+  const std::string path = root_folder::Resolve(kNamesFile);
   std::string names;
   android::base::ReadFileToString(path, &names);  // not through a link
   for (const std::string& name : android::base::Split(names, "\n")) {

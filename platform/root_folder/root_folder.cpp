@@ -1,11 +1,11 @@
-#include "bthal/root.h"
+#include "root_folder/root_folder.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdlib>
 
-namespace bthal::root {
+namespace root_folder {
 namespace {
 
 std::string FolderFromEnvironment() {
@@ -22,13 +22,13 @@ std::string FolderFromEnvironment() {
 
 }  // namespace
 
-const std::string& Folder() {
+const std::string& Path() {
   static const auto* folder = new std::string(FolderFromEnvironment());
   return *folder;
 }
 
 std::string Resolve(const std::string& path) {
-  return Folder() + (path.empty() || path.front() != '/' ? "/" : "") + path;
+  return Path() + (path.empty() || path.front() != '/' ? "/" : "") + path;
 }
 
 int Open(const std::string& path, int flags, mode_t mode) {
@@ -39,4 +39,4 @@ DIR* OpenDirectory(const std::string& path) { return opendir(Resolve(path).c_str
 
 bool Exists(const std::string& path) { return access(Resolve(path).c_str(), F_OK) == 0; }
 
-}  // namespace bthal::root
+}  // namespace root_folder

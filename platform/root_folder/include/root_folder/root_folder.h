@@ -9,10 +9,10 @@
 
 #include <string>
 
-namespace bthal::root {
+namespace root_folder {
 
 // The folder, absolute, without a slash at its end; empty for "/". Read once, at first use.
-const std::string& Folder();
+const std::string& Path();
 
 // Where path really lies: "/vendor/x" and "vendor/x" are both FOLDER/vendor/x.
 std::string Resolve(const std::string& path);
@@ -26,4 +26,4 @@ DIR* OpenDirectory(const std::string& path);
 // access(2) with F_OK below the folder.
 bool Exists(const std::string& path);
 
-}  // namespace bthal::root
+}  // namespace root_folder
