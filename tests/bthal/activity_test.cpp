@@ -55,7 +55,8 @@ TEST(Activity, PacketsAndReportAreExact) {
   // All of it survives off, and the one advertising report was no burst.
   logger.OnBluetoothDisabled();
   runner.Run("log I OnBluetoothDisabled");
-  EXPECT_EQ(test::WithoutTimes(Report(logger), ", ", "\n"), test::LoadExpected("activity_report.txt"));
+  EXPECT_EQ(test::WithoutTimes(Report(logger), ", ", "\n"),
+            test::LoadExpected("activity_report.txt"));
   runner.Run(
       "log I DumpBtActivitiesStatistics: HCI_ACL: conn_handle: 00b, bda: aa:bb:cc:dd:ee:ff, "
       "created_timestamp: ... ; log I DumpBtActivitiesStatistics: HCI_ACL: conn_handle: 040, bda: "

@@ -110,16 +110,15 @@ TEST(BringUp, StepThatFails_ShutsDownAndIsReported) {
   const struct {
     test::Arguments fault;
     const char* report;
-  } rows[] = {
-      {{"0C03", "1"}, "147, extra info: HCI Reset error before downloading firmware\n"},
-      {{"FC79", "1"}, "147, extra info: HCI Reset error before downloading firmware\n"},
-      {{"FC18", "1"},
-       "146, extra info: Unable to change to 4M baud rate before downloading firmware\n"},
-      {{"FC2E", "1"}, "148, extra info: Unable to download firmware patchram\n"},
-      {{"0C03", "2"}, "149, extra info: HCI Reset error after firmware downloaded\n"},
-      {{"FC79", "2"}, "149, extra info: HCI Reset error after firmware downloaded\n"},
-      {{"FC18", "2"},
-       "146, extra info: Unable to change to 4M baud rate after firmware downloaded\n"}};
+  } rows[] = {{{"0C03", "1"}, "147, extra info: HCI Reset error before downloading firmware\n"},
+              {{"FC79", "1"}, "147, extra info: HCI Reset error before downloading firmware\n"},
+              {{"FC18", "1"},
+               "146, extra info: Unable to change to 4M baud rate before downloading firmware\n"},
+              {{"FC2E", "1"}, "148, extra info: Unable to download firmware patchram\n"},
+              {{"0C03", "2"}, "149, extra info: HCI Reset error after firmware downloaded\n"},
+              {{"FC79", "2"}, "149, extra info: HCI Reset error after firmware downloaded\n"},
+              {{"FC18", "2"},
+               "146, extra info: Unable to change to 4M baud rate after firmware downloaded\n"}};
   std::vector<test::TempDir> roots(std::size(rows));
   test::RunSideBySide(
       roots.size(),

@@ -128,8 +128,8 @@ TEST(CoexDevice, HangUp_EndsTheThreadAndANewOpenStartsOne) {
   });
 }
 
-// The thread does not leave: in the callback, which never returns, or in the delay. The close asks it
-// to after a second, which ends the delay, and lets it go after another one. In a process of its
+// The thread does not leave: in the callback, which never returns, or in the delay. The close asks
+// it to after a second, which ends the delay, and lets it go after another one. In a process of its
 // own: the thread stays. Argument: "callback" or "delay".
 CHILD_CASE(CoexStuck) {
   const bool in_callback = arguments[0] == "callback";

@@ -64,7 +64,7 @@ TEST(ConfigFiles, HaveTheirEffect) {
     }
     std::map<std::string, std::string> fields;
     for (const std::string& line : test::SplitTrimmed(test::ReadFile(roots[i] / "fields"), '\n')) {
-      fields[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
+      if (!line.empty()) fields[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
     }
     EXPECT_EQ(fields, expected);
   });

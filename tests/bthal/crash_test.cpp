@@ -130,7 +130,8 @@ TEST(FatalErrors, WhateverTheStackDoes_TheProcessEnds) {
   } cases[] = {
       {"ReportWithoutSink", {}, "", 0},
       {"LogFatal", {"5"}, "Bluetooth HAL crash with error code 0, vendor error code 5\n", 0},
-      // No report gets as far as the functions of these three; their symbols are there all the same.
+      // No report gets as far as the functions of these three; their symbols are there all the
+      // same.
       {"LogFatal", {"32"}, "FirmwareMiscellaneousMajorFaultENSt", 0},
       {"LogFatal", {"127"}, "SocBigHammerFaultENSt", 0},
       {"LogFatal", {"151"}, "HostCoexDeviceOpenErrorENSt", 0},

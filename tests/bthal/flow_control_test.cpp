@@ -70,6 +70,10 @@ void Play(const test::Vector& sequence) {
     const Bytes packet = test::ParseHex(hex);
     EXPECT_EQ(flow.SendNoAck(1, packet.data(), packet.size()), halted ? 0 : packet.size() + 1);
   });
+  // Whatever an event leads to is written when it is delivered.
+  runner.Define("wire", [&](const std::string& hex) {
+    EXPECT_EQ(test::ToHex(runner.rig().pty().TakeWritten()), test::ToHex(test::ParseHex(hex)));
+  });
   runner.Define("halt", [&](const std::string&) {
     flow.Halt();
     halted = true;
@@ -79,9 +83,9 @@ void Play(const test::Vector& sequence) {
     std::string name, keeps;
     int code = 0, opcode = 0;
     in >> name >> std::hex >> code >> opcode >> keeps;
-    watchers[name] = std::make_unique<NotingWatcher>(flow, name, static_cast<uint8_t>(code),
-                                                     static_cast<uint16_t>(opcode),
-                                                     keeps == "keeps", calls);
+    watchers[name] =
+        std::make_unique<NotingWatcher>(flow, name, static_cast<uint8_t>(code),
+                                        static_cast<uint16_t>(opcode), keeps == "keeps", calls);
     flow.RegisterEventWatcher(watchers[name].get());
   });
   runner.Define("register", [&](const std::string& name) {

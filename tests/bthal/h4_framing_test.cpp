@@ -73,7 +73,7 @@ TEST(H4Framing, SplitAtEveryByte_YieldsSamePackets) {
     const Bytes stream = Framed({packet, kProbe});
     const size_t end = 1 + packet.bytes.size();
     const size_t delivered = packet.bytes.size() <= 4 && packet.bytes.back() == 0 ? end + 1 : end;
-    for (size_t cut = 0; cut < stream.size(); cut += cut > 300 && cut + 300 < end ? 100 : 1) {
+    for (size_t cut = 0; cut<stream.size(); cut += cut> 300 && cut + 300 < end ? 100 : 1) {
       Framer framer;
       framer.Feed(Bytes(stream.begin(), stream.begin() + static_cast<long>(cut)));
       Packets packets = framer.Take();

@@ -117,8 +117,9 @@ TEST_F(LowPowerMode, LineThatFails_IsTornDownOnceAndLeavesNoWakeLock) {
                        [](const LowPower::Awake&) {});
     low_power.Setup([] { return true; });
     EXPECT_EQ(low_power.WakeUp(), wakes);
-    EXPECT_TRUE(test::WaitFor([&] { return teardowns == 1; }));
-    EXPECT_TRUE(test::WaitFor([&] { return files_.WakeLockReleased(); }));
+    ASSERT_TRUE(
+        test::WaitFor([&] { return teardowns == 1; }, std::chrono::seconds(wakes ? 10 : 0)));
+    ASSERT_TRUE(test::WaitFor([&] { return files_.WakeLockReleased(); }));
     EXPECT_TRUE(low_power.WakeUp()) << "off: nothing is to be woken";
     EXPECT_EQ(wake_ups, 1);
     EXPECT_EQ(teardowns, 1);

@@ -31,7 +31,8 @@ std::string DumpedHalLog() {
 // A line of the history as the test with many threads writes them.
 bool IsWholeLine(const std::string& line) {
   constexpr size_t kText = sizeof "##:##:##:###: " - 1;
-  if (line.size() <= kText || !test::HasShape(line.substr(0, kText), "##:##:##:###: ")) return false;
+  if (line.size() <= kText || !test::HasShape(line.substr(0, kText), "##:##:##:###: "))
+    return false;
   if (line.substr(kText) == std::string(40, line[kText])) return true;
   const size_t bracket = line.find(" [");
   return line.compare(kText, 7, "number ") == 0 && bracket != std::string::npos &&
@@ -153,26 +154,24 @@ TEST(DebugFiles, DumpFiles_AreTextOrHexadecimalByTheirName) {
   const std::string text = "text of a dump";
   const std::string bytes("\x00\x01\x0a\x0d\x7f\x80\xfe\xff\x41\x42\x00", 11);
   const struct {
-    const char* prefix;
-    const char* name;
+    std::string prefix, name;
     bool hex;
-  } cases[] = {{"crashinfo_bt_", "crashinfo_bt_1.txt", false},
-               {"coredump_bt_", "coredump_bt_1.bin", false},
-               {"coredump_bt_", "coredump_bt_socdump_1.bin", true},
-               {"coredump_bt_", "coredump_bt_chredump_1.bin", true},
+  } cases[] = {{"crashinfo_bt_", "1.txt", false},
+               {"coredump_bt_", "1.bin", false},
+               {"coredump_bt_", "socdump_1.bin", true},
+               {"coredump_bt_", "chredump_1.bin", true},
                // Only ".bin" files are binary.
-               {"coredump_bt_", "coredump_bt_socdump_1.txt", false},
-               {"coredump_bt_", "coredump_bt_socdump_bin", false}};
+               {"coredump_bt_", "socdump_1.txt", false},
+               {"coredump_bt_", "socdump_bin", false}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string folder = std::string("/data/sscd_") + c.name + "/";
-    test::WriteFile(test::RootFolder() + folder + c.name, c.hex ? bytes : text);
+    const std::string name = c.prefix + c.name, folder = "/data/sscd_" + name + "/";
+    test::WriteFile(test::RootFolder() + folder + name, c.hex ? bytes : text);
     // Neither of these is shown: another prefix, no regular file.
     test::WriteFile(test::RootFolder() + folder + "other.txt", text);
     test::WriteFile(test::RootFolder() + folder + c.prefix + "folder/file", text);
     EXPECT_EQ(Written([&](int fd) { collect_sscd_logs(fd, c.prefix, folder); }),
               test::Replaced(test::LoadExpected(c.hex ? "sscd_hex.txt" : "sscd_text.txt"), "@NAME@",
-                             c.name));
+                             name));
   }
   EXPECT_EQ(Written([](int fd) { collect_sscd_logs(fd, "x", "/data/absent/"); }), "");
 }
@@ -215,7 +214,8 @@ struct SmallPipe {
   android::base::unique_fd read_end, write_end;
 };
 
-// Other calls wait meanwhile: for a reader that takes nothing 2 s, for one that has gone not at all.
+// Other calls wait meanwhile: for a reader that takes nothing 2 s, for one that has gone not at
+// all.
 TEST(DebugReport, ReaderThatDoesNotRead_EndsTheReportWithOneLine) {
   const std::string text(40000, 'r');
   const auto write = [&](SmallPipe& pipe, const char* line) {

@@ -90,21 +90,6 @@ TEST(Shim, DeinitializeFromInsideACallback_NeitherHangsNorReadsFreedMemory) {
   });
 }
 
-TEST(Shim, StreamError_ClosesThePortAndTheNextOpenRecovers) {
-  UartRig rig;
-  ASSERT_TRUE(rig.Open());
-  rig.pty().WriteToHost(test::ParseHex("01 03 0C 00"));
-  ASSERT_TRUE(test::WaitFor([] { return !shim::IsUserialReady(); }));
-  EXPECT_FALSE(shim::IsInitialized());
-  EXPECT_EQ(shim::GetUserialType(), 1u) << "only the close forgets it";
-  const Bytes reset = test::ParseHex("03 0C 00");
-  EXPECT_EQ(rig.flow()->Send(1, reset.data(), reset.size()), 0u);
-  shim::Deinitialize();
-  ASSERT_TRUE(rig.Open());
-  rig.DeliverEvent({0x13, 0x01, 0x00});
-  EXPECT_EQ(rig.TakeReceived().size(), 1u);
-}
-
 // select() cannot watch it: nothing would ever be read.
 TEST(Shim, PortWhoseDescriptorCannotBeWatched_IsNoOpenPort) {
   UartRig rig;
