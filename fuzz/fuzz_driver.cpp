@@ -47,7 +47,7 @@ const std::map<std::string, Seeds> kSeeds = {
      {{"h4_packets.txt", "h4_streams.txt", "h4_garbage.txt"},
       // A stream has its packets, or its log, behind it: only a packet is its type and its bytes.
       [](const auto& f) {
-        return f.size() == 2 && f[0].size() == 2 ? Text(f[0] + f[1]) : Text(f[0]);
+        return f.size() == 2 && f[0].size() == 2 ? Text(f[0] + " " + f[1]) : Text(f[0]);
       }}},
     {"flow_control", {{"flow_control.txt"}, [](const auto& f) { return EventsOf(f[0]); }}},
     {"config", {{"config.txt"}, [](const auto& f) { return test::ParseText(f[0]).value_or(""); }}},

@@ -109,8 +109,9 @@ TEST_F(Hal, Close_EndsEverythingInItsOrder) {
         " perform_close\n", " closeHci\n", " Shutdown\n", "LPM disabling\n", " Deinitialize\n",
         "PowerControl: Disabling", "closeHci: hci_handle_ = nullptr\n", " DeviceClose\n",
         " BluetoothHci::close() Done\n"}) {
-    at = log.find(step, at);
-    ASSERT_NE(at, std::string::npos) << step << "is missing, or out of order:\n" << log;
+    const size_t found = log.find(step);
+    ASSERT_TRUE(found != std::string::npos && found >= at) << step << "is out of order:\n" << log;
+    at = found;
   }
   EXPECT_EQ(test::CountOf("test: unlinked", log), 1u);
   EXPECT_EQ(stack->linked.size(), 0u);
