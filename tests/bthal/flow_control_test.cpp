@@ -10,7 +10,7 @@
 #include "bthal/report_check.h"
 #include "bthal/sequence_runner.h"
 #include "bthal/uart_rig.h"
-#include "debug_event_watcher.h"
+#include "hci/scoped_event_watcher.h"
 #include "hci_flow_control.h"
 #include "support/temp_dir.h"
 #include "transport_shim.h"
@@ -154,7 +154,7 @@ TEST(FlowControl, UsedByManyThreadsWhileClosed_NeitherBlocksNorCallsADeadWatcher
     threads.emplace_back([&] {
       while (!stop) {
         std::atomic<int> calls{0};
-        android::hardware::bluetooth::V1_1::zvkbtlinux::DebugEventWatcher watcher(
+        android::hardware::bluetooth::hci::ScopedEventWatcher watcher(
             "short", flow.get(), 0xFF, 0, [&](const hidl_vec<uint8_t>&) {
               ++calls;
               return true;
