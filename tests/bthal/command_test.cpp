@@ -106,9 +106,9 @@ TEST_F(VendorCommand, HaltedOrNotSent_FailsAtOnce) {
   EXPECT_EQ(btzvk_send_command_wait_complete(nullptr, 0xFC79, 0, nullptr), kCommandTimedOut);
   const auto nothing = [](const auto&) {};
   const auto deaf = hci::HciFlowControl::Create(
-      nothing, nothing, nothing, nothing,
+      {nothing, nothing, nothing, nothing},
       {[](uint8_t, const uint8_t*, size_t, bool) { return size_t{0}; }, [] {}});
-  deaf->Connect([](const auto&, const auto&, const auto&, const auto&) {});
+  deaf->Connect([](const auto&) {});
   EXPECT_EQ(btzvk_send_command_wait_complete(deaf.get(), 0xFC79, 0, nullptr), kCommandTimedOut);
   EXPECT_LT(steady_clock::now() - start, milliseconds(1900));
 }
