@@ -94,26 +94,27 @@ int main(int argc, char** argv) {
   app.footer(kExamples);
   zvk::HandsetOptions handset;
   std::string chip = "B5";
-  app.add_option("--root", handset.root.path, "root folder, made when it is not there");
+  app.add_option("--root", handset.root.path, "root folder; created if it does not exist");
   app.add_option("--chip", chip, ChipHelp());
   app.add_option("--vendor-version", handset.vendor_version,
                  "version in the vendor capabilities (default 0x0100); quality reports of 0x0101 "
                  "and later are longer");
   app.add_option("--radio", handset.radio,
-                 "unix:PATH or tcp:HOST:PORT: a controller emulator that speaks H4 does what is "
-                 "standard, instead of the built-in radio");
+                 "unix:PATH or tcp:HOST:PORT: a controller emulator that speaks H4 and handles "
+                 "standard commands and data instead of the built-in radio");
   std::string scenario;
-  app.add_option("--scenario", scenario, "file of faults and other events, one step a line");
-  app.add_option("--seed", handset.root.seed, "what is random repeats with the same seed");
-  app.add_option("--chunk", handset.chunk, "bytes that the serial line delivers in one write")
+  app.add_option("--scenario", scenario, "file of faults and other events, one step per line");
+  app.add_option("--seed", handset.root.seed,
+                 "seed of all random behaviour; the same seed repeats it");
+  app.add_option("--chunk", handset.chunk, "most bytes that the serial line delivers in one write")
       ->check(CLI::PositiveNumber);
   app.add_flag("--pace", handset.pace, "move bytes at line speed");
   app.add_flag("--co-processor", handset.root.co_processor,
-               "the serial line belongs to a low-power co-processor, which the host talks to");
+               "a low-power co-processor owns the serial line; the host talks to it");
   app.add_option("--firmware-size", handset.root.firmware_bytes,
                  "bytes of the firmware images made in a new root folder")
       ->check(CLI::Range(1, 64 * 1024 * 1024));
-  app.add_option("--trace", handset.trace_file, "file for one line a packet");
+  app.add_option("--trace", handset.trace_file, "file for a trace with one line per packet");
 
   FirmwareOptions firmware;
   CLI::App* make = app.add_subcommand("make-firmware",
@@ -125,9 +126,10 @@ int main(int argc, char** argv) {
   make->add_option("--chip", firmware.chip_id, "chip id that it is for, 0 for any")
       ->check(CLI::Range(0, 255));
   make->add_option("--name", firmware.image.name, "local name of the controller that runs it");
-  make->add_option("--seed", firmware.image.seed, "content of the image");
+  make->add_option("--seed", firmware.image.seed, "seed of the image's content");
   make->add_flag("--no-launch", firmware.no_launch, "leave out the Launch RAM record");
-  make->add_flag("--bad-checksum", firmware.image.bad_checksum, "for a download that must fail");
+  make->add_flag("--bad-checksum", firmware.image.bad_checksum,
+                 "write a wrong checksum, for a download that must fail");
 
   try {
     app.parse(argc, argv);

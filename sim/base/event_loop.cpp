@@ -94,7 +94,7 @@ void EventLoop::Run() {
     const int count = epoll_wait(epoll_.get(), events, 16, -1);
     for (int i = 0; i < count; ++i) {
       const auto found = watched_.find(events[i].data.fd);
-      if (found == watched_.end()) continue;  // unwatched by an earlier one of this round
+      if (found == watched_.end()) continue;  // unwatched by a callback of this round
       const auto ready = found->second;
       (*ready)(events[i].events);
     }

@@ -11,9 +11,10 @@
 
 namespace zvk {
 
-// The one thread of the simulator: descriptors and timers, everything else is called from here.
-// Owned by main; an object that watches or sets a timer undoes it before it dies. Timers that are
-// due at the same time run in the order in which they were set.
+// Waits for descriptors and timers and calls what is registered for them. The simulator has one
+// thread, which runs this loop. main owns it; an object that watches a descriptor or sets a timer
+// must undo that before it is destroyed. Timers that are due at the same time run in the order in
+// which they were set.
 class EventLoop {
  public:
   using Clock = std::chrono::steady_clock;
@@ -24,9 +25,9 @@ class EventLoop {
 
   EventLoop();
 
-  // ready is called with the epoll events that came.
+  // ready is called with the epoll events that are pending.
   void Watch(int fd, uint32_t events, std::function<void(uint32_t)> ready);
-  // Changes what an already watched descriptor waits for; 0 pauses it.
+  // Changes the events that a watched descriptor is waited for; 0 pauses it.
   void Change(int fd, uint32_t events);
   void Unwatch(int fd);
 

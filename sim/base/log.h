@@ -1,4 +1,4 @@
-// Lines for whoever runs the simulator, on stderr: "zvksim: …".
+// Log lines on stderr, each with the prefix "zvksim: ".
 #pragma once
 
 namespace zvk {

@@ -49,12 +49,12 @@ int KindOf(PacketType type) {
 
 }  // namespace
 
-// A request as far as it makes sense, kept until it is carried out.
+// A decoded request, kept until it is carried out.
 struct CoProcessor::Request {
   CoRequest what;
   uint32_t answer_kind;
   uint32_t serial;
-  uint32_t error;  // why it makes no sense
+  uint32_t error;  // why it cannot be carried out, or kNone
   Bytes payload;
 };
 

@@ -10,43 +10,44 @@
 
 namespace zvk {
 
-// The low-power co-processor that the controller's serial line belongs to: a message server, which
-// a host reaches over a socket, and the line's other end. It carries packets both ways and takes
+// The low-power co-processor that owns the host's end of the controller's serial line: a message
+// server, which a host reaches over a socket. It forwards packets in both directions and takes
 // requests for power, low-power mode, line speed and a dump.
 class CoProcessor {
  public:
   struct Board {
-    // What the host did earlier elsewhere, as switching the controller's power, comes first.
+    // Called before a request is carried out, to act on what the host did earlier through other
+    // files, such as the controller's power switch.
     std::function<void()> before_request;
-    // A scenario's say in the request.
+    // Returns what the scenario changes about the request.
     std::function<CommandFault(CoRequest request)> on_request;
-    // The controller's memory is wanted.
+    // The host asks for a dump of the controller's memory.
     std::function<void()> dump;
     std::function<void(const std::string& text)> note;
   };
-  // What it tells of itself in the status file.
+  // Shown in the status file.
   struct State {
     bool connected = false;
     uint64_t connections = 0;
     bool powered = false;
     bool low_power = false;
     uint32_t speed_baud = 0;
-    std::map<std::string, uint64_t> requests;  // how often each came
+    std::map<std::string, uint64_t> requests;  // number of requests by name
   };
 
   // Throws std::runtime_error with a one-line reason.
   CoProcessor(EventLoop& loop, const std::string& socket, const std::string& line, Board board);
   ~CoProcessor() { loop_.Cancel(&back_); }
 
-  // Of its end of the line, bit/s; 0 while it is off.
+  // Speed of the co-processor's end of the line in bit/s; 0 while it is off.
   uint32_t line_speed() const { return powered_ ? speed_ : 0; }
   State state() const;
 
   void Disconnect() { socket_.Disconnect(); }
-  // It is gone, with its socket, and comes back after that time; zero: never.
+  // Removes the socket and closes the line, and opens the socket again after time; zero: never.
   void Leave(EventLoop::Duration time);
-  // Messages to the host: one of any content, one of a type with a table of any content, an event
-  // of any kind, and an event of which the second half is missing.
+  // Messages to the host: with any content; of a type with a table of any content; an event of any
+  // kind; an event whose second half is missing.
   void SendRaw(const Bytes& datagram) { socket_.SendRaw(datagram); }
   void SendTable(uint32_t type, ByteView table);
   void SendEvent(int kind, ByteView packet);

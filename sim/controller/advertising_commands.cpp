@@ -14,7 +14,7 @@ constexpr uint16_t kMaxDataBytes = 251;
 constexpr uint8_t kTxPower = 7;  // dBm
 constexpr auto kDurationUnit = std::chrono::milliseconds(10);
 
-// Advertising, legacy and extended: accepted and kept; nobody in the simulated air listens.
+// Advertising, legacy and extended: the controller keeps the settings, and no device receives it.
 class AdvertisingCommands : public CommandGroup {
  public:
   AdvertisingCommands(Context& context, LeState& le) : CommandGroup(context), le_(le) {}

@@ -9,7 +9,7 @@ namespace {
 constexpr size_t kNameBytes = 248;
 constexpr auto kInquiryUnit = std::chrono::milliseconds(1280);
 
-// A value that one command writes and another reads (Bluetooth Core 5.3, Vol 4, Part E, 7.2, 7.3).
+// A value that one command writes and another reads (Core 5.3, 4.E.7.2, 7.3).
 struct Setting {
   uint16_t write;  // 0: only read
   uint16_t read;   // 0: only written
@@ -121,14 +121,14 @@ void BasebandCommands::RegisterSettings(CommandTable* table) {
       });
     }
   }
-  // Inquiry access codes that it can listen for at a time (Bluetooth Core 5.3, 4.E.7.3.43).
+  // Number of inquiry access codes that it can listen for at once (Core 5.3, 4.E.7.3.43).
   table->Complete(0x0C38, Writer{status::kSuccess}.U8(1));
-  // Stored link keys: there is room for none.
+  // Stored link keys: the controller stores none.
   table->Complete(0x0C0D, 7, [](ByteView) { return Writer{status::kSuccess}.U16(0).U16(0); });
   table->Complete(0x0C12, 7, [](ByteView) { return Writer{status::kSuccess}.U16(0); });
 }
 
-// Nobody answers an inquiry: the simulated air is Low Energy only.
+// No device answers an inquiry: all simulated devices are Low Energy only.
 void BasebandCommands::RegisterInquiry(CommandTable* table) {
   table->Status(0x0401, 5, [this](ByteView p) {
     if (inquiry_ != EventLoop::kNoTimer) return status::kDisallowed;

@@ -11,7 +11,7 @@ constexpr unsigned kMostOffset = 625;  // µs from an event to the toggle after 
 
 enum Operation : uint8_t { kAdd = 1, kRemove = 2, kRemoveAll = 3 };
 
-// Operation, address, 1; then in an addition 0 and the events.
+// Operation, address, 1; an addition continues with 0 and the events.
 constexpr size_t kHead = 8;
 
 uint64_t Microseconds(EventLoop::Time time) {

@@ -7,14 +7,14 @@
 
 namespace zvk {
 
-// Reports of link-layer control events: the host registers addresses with the events that it wants
-// of each. With each report the controller toggles its time-sync line, whose toggles the kernel
-// records, and tells how many there were since the last reset. The kernel's time of a toggle minus
-// the report's offset is the time of the event; that and the report's own time differ by a
-// constant.
+// Reports of link-layer control events: the host registers, per address, the events to report. With
+// each report the controller toggles its time-sync line. The kernel records the time of each
+// toggle, and the report has the number of toggles since the last reset. The recorded time minus
+// the report's offset is the time of the event on the kernel's clock; it differs from the event's
+// Bluetooth time in the report by a constant.
 class CccCommands : public CommandGroup {
  public:
-  // Numbers of the events on the wire.
+  // Event numbers on the wire.
   static constexpr uint8_t kConnectInd = 0xFF;
   static constexpr uint8_t kPhyUpdateInd = 0x18;
   enum Direction : uint8_t { kTx = 0, kRx = 1 };
@@ -23,10 +23,10 @@ class CccCommands : public CommandGroup {
   void Register(CommandTable* table) override;
   void Reset() override;
 
-  // The event has happened on the link to address; counter is the number of the link's connection
-  // event. Nothing is told of what nobody has registered.
+  // Reports an event on the link to address if the host has registered it; counter is the number of
+  // the link's connection event.
   void OnLinkLayer(const Address& address, uint8_t id, Direction direction, uint16_t counter);
-  // The line toggles, and nothing is told of it.
+  // Toggles the line without a report.
   void Toggle(unsigned times);
 
   const std::map<Address, std::set<uint8_t>>& registered() const { return registered_; }

@@ -22,17 +22,17 @@ inline Address AddressAt(ByteView params, size_t offset) {
 struct ChipPreset {
   std::string name;           // of --chip
   uint8_t id;                 // answered to the verbose configuration command
-  bool needs_patch;           // without a patch it knows no LE commands
-  bool has_download_config;   // knows Set Download Config (fast download)
+  bool needs_patch;           // supports no LE commands without a patch
+  bool has_download_config;   // supports Set Download Config (fast download)
   bool always_fast;           // never answers a firmware record
-  std::string firmware_file;  // the file made for it, besides the one for any chip; or empty
+  std::string firmware_file;  // made for this chip besides the file for any chip; may be empty
   std::string what;           // for --help
 };
 
 const std::vector<ChipPreset>& ChipPresets();
 const ChipPreset* FindChip(const std::string& name);
 
-// What is true of a controller from its start on: it lives as long as the firmware that runs.
+// The state of a controller that lasts from the start of a firmware until it ends.
 struct ChipState {
   const ChipPreset* preset = nullptr;
   uint16_t vendor_version = 0x0100;  // of the vendor capabilities

@@ -8,8 +8,8 @@
 
 namespace zvk {
 
-// The commands that a controller knows. Each group of commands adds its own; the controller looks
-// them up. Parameters are at least as long as the entry says when its function is called.
+// The commands that a controller supports. Each group of commands adds its own. Before the
+// controller calls an entry's function it checks that there are at least min_params bytes.
 class CommandTable {
  public:
   // Returns the return parameters of Command Complete, status first. Empty: no answer is sent.

@@ -66,7 +66,7 @@ uint8_t ConnectionCommands::Create(Api api, const Wanted& wanted) {
       making_ = EventLoop::kNoTimer;
       Establish(*advertiser);
     });
-  }  // nobody there: until the host cancels
+  }  // no such device: the attempt lasts until the host cancels it
   return status::kSuccess;
 }
 

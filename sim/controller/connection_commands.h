@@ -33,11 +33,11 @@ class ConnectionCommands : public CommandGroup {
     EventLoop::Time since = EventLoop::Clock::now();
     uint16_t interval = 0;  // in units of 1.25 ms
 
-    // Of its connection events, the number of the last.
+    // Number of the last connection event.
     uint16_t EventCounter() const;
   };
   struct Wanted {
-    std::optional<std::pair<uint8_t, Address>> peer;  // none: anybody on the accept list
+    std::optional<std::pair<uint8_t, Address>> peer;  // none: any device on the accept list
     uint16_t interval;
     uint16_t latency;
     uint16_t timeout;
@@ -53,13 +53,13 @@ class ConnectionCommands : public CommandGroup {
   void ReportConnection(uint8_t status, uint16_t handle, const Advertiser* advertiser);
   Connection* Find(uint16_t handle);
   void SendToHost(uint16_t handle, bool first, ByteView fragment);
-  // Runs report after the time that the air takes, if the connection still exists then.
+  // Runs report after the time that a peer takes to answer, if the connection still exists then.
   uint8_t Later(uint16_t handle, std::function<void()> report);
-  // Command Status, and report after the time that the air takes.
+  // Answers with Command Status, and runs report after the time that a peer takes to answer.
   void AddProcedure(
       CommandTable* table, uint16_t opcode, size_t min_params,
       std::function<void(uint16_t handle, Connection& connection, ByteView params)> report);
-  // Command Complete with status, handle and what answer gives.
+  // Answers with Command Complete: status, handle and the bytes that answer returns.
   void ForConnection(CommandTable* table, uint16_t opcode, size_t min_params,
                      std::function<Writer(uint16_t handle, ByteView params)> answer);
 
@@ -69,7 +69,7 @@ class ConnectionCommands : public CommandGroup {
   std::map<uint16_t, Connection> connections_;  // by handle
   std::optional<Wanted> wanted_;                // a connection is being made
   EventLoop::TimerId making_ = EventLoop::kNoTimer;
-  std::map<uint64_t, EventLoop::TimerId> pending_;  // procedures that the air delays
+  std::map<uint64_t, EventLoop::TimerId> pending_;  // procedures that wait for the peer
   uint64_t last_pending_ = 0;
 };
 

@@ -11,11 +11,11 @@
 
 namespace zvk {
 
-// The board around the controller, as far as a command can change it.
+// The parts of the board outside the controller that commands act on.
 struct BoardPort {
   // A packet for the host.
   HciOut::Sink send;
-  // A standard command or data for another emulator; empty: the built-in radio does it.
+  // Passes standard commands and data to another emulator; empty with the built-in radio.
   HciOut::Sink radio;
   // The serial speed from the moment on when everything sent so far is out.
   std::function<void(uint32_t bits_per_second)> set_speed;
@@ -25,7 +25,7 @@ struct BoardPort {
   std::function<EventLoop::Time()> toggle_time_sync;
 };
 
-// What every group of commands works with. Owned by the controller, outlives its groups.
+// What all groups of commands share. Owned by the controller, which destroys its groups first.
 struct Context {
   EventLoop& loop;
   std::mt19937& random;

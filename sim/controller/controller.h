@@ -19,8 +19,8 @@
 namespace zvk {
 
 // The controller from power-on (or the start of a loaded firmware) until it loses power: takes
-// whole packets from the host, answers through BoardPort. Whoever owns it destroys it to cut the
-// power; nothing survives except what ChipState is built from next time.
+// whole packets from the host, answers through BoardPort. Its owner destroys it to cut the power;
+// all its state is lost then.
 class Controller {
  public:
   Controller(EventLoop& loop, std::mt19937& random, BoardPort board, const ChipState& chip);
@@ -31,7 +31,7 @@ class Controller {
   void OnCommand(ByteView packet, const AnswerChange& change);
   // The framing of the host's bytes was lost.
   void OnLostSync(uint8_t bad);
-  // Everything that the host has written so far has been taken.
+  // Called when all that the host has written so far has been handled.
   void EndOfInput() { flow_.Complete(); }
 
   const ChipState& chip() const { return chip_; }

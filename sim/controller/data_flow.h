@@ -9,7 +9,7 @@
 
 namespace zvk {
 
-// Flow control of data in both directions (Bluetooth Core 5.3, Vol 4, Part E, 4.1, 4.2).
+// Flow control of data in both directions (Core 5.3, 4.E.4.1, 4.2).
 //
 // From the host: counts the packets in each kind of buffer until they are reported as completed. A
 // packet more than there are buffers is dropped and reported as Data Buffer Overflow.

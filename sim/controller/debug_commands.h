@@ -6,8 +6,8 @@
 
 namespace zvk {
 
-// What the controller tells of its own failures: crash reports, and dumps of its memory and of the
-// co-processor's in fragments. Event layouts are in docs/simulator.md. The bytes of a dump are
+// The controller's reports of its own failures: crash reports, and dumps, in fragments, of its
+// memory and the co-processor's. Event layouts are in docs/simulator.md. The bytes of a dump are
 // 32-bit words, each holding its own offset.
 class DebugCommands : public CommandGroup {
  public:

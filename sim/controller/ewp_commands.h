@@ -16,7 +16,7 @@ class EwpCommands : public CommandGroup {
 
   // ms; 0 while it is off.
   uint16_t interval() const { return interval_; }
-  // A record of that many bytes, whether logging is on or not, as ACL or ISO data.
+  // Sends a record of that many bytes as ACL or ISO data, also while logging is off.
   void Record(PacketType type, size_t bytes);
 
  private:

@@ -1,4 +1,4 @@
-// The groups of commands that the rest of the controller has no other business with.
+// The groups of commands that the controller only registers and resets.
 #pragma once
 
 #include <functional>
@@ -16,11 +16,11 @@ std::unique_ptr<CommandGroup> MakeBasebandCommands(Context& context, std::functi
 std::unique_ptr<CommandGroup> MakeLeCommands(Context& context, LeState& le);
 std::unique_ptr<CommandGroup> MakeScanCommands(Context& context, LeState& le);
 
-// Reading the activity counters.
+// Read the activity counters.
 void RegisterActivityCommands(Context& context, CommandTable* table);
-// The host's control of the data that flows to it.
+// Host flow control: the flow of data from the controller to the host.
 void RegisterDataFlowCommands(DataFlow& flow, CommandTable* table);
-// What the controller tells about itself: version, commands, features, buffers, address. The
+// Information about the controller: version, commands, features, buffers, address. The
 // supported commands are those that table has when the host asks.
 void RegisterInfoCommands(Context& context, CommandTable* table);
 

@@ -7,7 +7,7 @@
 
 namespace zvk {
 
-// What a fault makes of the answer to one command.
+// How a fault changes the answer to one command.
 struct AnswerChange {
   std::optional<uint16_t> opcode;
   std::optional<uint8_t> status;
@@ -19,7 +19,7 @@ struct AnswerChange {
   bool lost = false;  // it is not sent
 };
 
-// The controller's way to the host: builds events, keeps to the event masks that the host has set.
+// Sends the controller's packets to the host: builds events and applies the host's event masks.
 class HciOut {
  public:
   // packet is without the type byte and lives for the call.

@@ -4,8 +4,8 @@
 namespace zvk {
 namespace {
 
-// Dual mode: EDR, extended inquiry response, LE and BR/EDR at a time, simple pairing, extended
-// features (Bluetooth Core 5.3, Vol 2, Part C, 3.3).
+// Dual mode: EDR, extended inquiry response, LE and BR/EDR at once, simple pairing, extended
+// features (Core 5.3, 2.C.3.3).
 constexpr uint8_t kFeatures[8] = {0xBF, 0xFE, 0x0F, 0xFE, 0xDB, 0xFF, 0x5B, 0x87};
 constexpr uint8_t kMaxFeaturePage = 2;
 
@@ -79,7 +79,7 @@ void RegisterInfoCommands(Context& context, CommandTable* table) {
     const Address address = chip.CurrentAddress();
     return Writer{status::kSuccess}.Append(address);
   });
-  // No vendor's codecs (Bluetooth Core 5.3, 4.E.7.4.8). Version 2 tells the transports besides.
+  // No vendor codecs (Core 5.3, 4.E.7.4.8). Version 2 adds the transports of each codec.
   table->Complete(0x100B, Writer{status::kSuccess}.U8(2).U8(kCvsd).U8(kMsbc).U8(0));
   table->Complete(
       0x100D, Writer{status::kSuccess}.U8(2).U8(kCvsd).U8(kOverSco).U8(kMsbc).U8(kOverSco).U8(0));

@@ -9,7 +9,7 @@ namespace zvk {
 namespace {
 
 // Encryption, extended reject, peripheral-initiated features, data length, privacy, 2M PHY,
-// extended advertising, channel selection 2 (Bluetooth Core 5.3, Vol 6, Part B, 4.6).
+// extended advertising, channel selection 2 (Core 5.3, 6.B.4.6).
 constexpr uint64_t kLeFeatures = 0x1 | 0x4 | 0x8 | 0x20 | 0x40 | 0x100 | 0x1000 | 0x4000;
 constexpr uint64_t kStates = 0x000003FFFFFFFFFF;
 constexpr uint8_t kAcceptListSize = 16;

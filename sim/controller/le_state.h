@@ -10,7 +10,7 @@ namespace zvk {
 // What the groups of LE commands share. Owned by the controller.
 struct LeState {
   // A host may use the legacy or the extended advertising, scanning and connecting commands until
-  // the next reset, not both (Bluetooth Core 5.3, Vol 4, Part E, 3.1.1).
+  // the next reset, not both (Core 5.3, 4.E.3.1.1).
   enum class Api { kNone, kLegacy, kExtended };
 
   Api api = Api::kNone;

@@ -14,8 +14,8 @@ constexpr uint16_t kAclHandle = 0x0001;
 constexpr uint16_t kScoHandle = 0x0002;
 constexpr size_t kEventBytes = 255;
 
-// Executed in local loopback as ever: Reset, the flow control commands, Read Buffer Size, and the
-// loopback mode's own.
+// Executed in local loopback as at any other time: Reset, the flow control commands, Read Buffer
+// Size, and the loopback mode's own.
 constexpr uint16_t kExecuted[] = {0x0C03, 0x0C31, 0x0C33, 0x0C35, 0x1005, kReadMode, kWriteMode};
 
 }  // namespace
@@ -54,7 +54,7 @@ bool LoopbackCommands::Takes(uint16_t opcode) const {
          std::find(std::begin(kExecuted), std::end(kExecuted), opcode) == std::end(kExecuted);
 }
 
-// A command that does not fit into an event is cut.
+// A command that does not fit into an event is truncated.
 void LoopbackCommands::OnCommand(ByteView packet) {
   context_.out.Event(event::kLoopbackCommand, packet.Sub(0, kEventBytes));
 }

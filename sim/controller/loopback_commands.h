@@ -5,7 +5,7 @@
 
 namespace zvk {
 
-// Local loopback (Bluetooth Core 5.3, Vol 4, Part E, 7.6.1 and 7.6.2): the controller makes one ACL
+// Local loopback (Core 5.3, 4.E.7.6.1 and 7.6.2): the controller makes one ACL
 // and one synchronous connection, and returns commands as events and data as it is. ISO data is
 // returned on any handle: the mode makes no connection for it.
 class LoopbackCommands : public CommandGroup {

@@ -20,7 +20,7 @@ constexpr uint16_t kLongVersion = 0x0101;
 constexpr uint8_t kRadio[] = {
     0xC4, 0xC3,              // RSSI of the two chains: -60, -61
     10,   9,    0xFF, 0xFE,  // power of transmission and retransmission: 10, 9; -1, -2
-    0x11, 0x12, 0x13, 0x14,  // beamforming, diversity, each likewise
+    0x11, 0x12, 0x13, 0x14,  // the same with beamforming, and with diversity
 };
 constexpr uint8_t kQuality[] = {90, 80, 70};  // overall, to the peer, from it
 
@@ -47,8 +47,8 @@ Writer LatencyTrace(uint16_t handle, uint8_t announced, size_t carried) {
   Writer trace{vendor_event::kQualityReport, quality_report::kVendorTrace, kA2dpLatency};
   trace.U16(handle).U8(announced).U32(kBaseTimestamp);
   const auto entries = static_cast<unsigned>(std::min(carried, kMostEntries));
-  // In units of 0.625 ms: when the packet came, and the delays of its first transmission, of the
-  // first acknowledgement, and of the last transmission.
+  // In units of 0.625 ms: arrival of the packet, and the delays until its first transmission, the
+  // first acknowledgement and the last transmission.
   for (unsigned i = 0; i < entries; ++i) {
     trace.U16(32 * i).U16(8 * (i + 1)).U16(12 * (i + 1)).U16(16 * (i + 1));
   }

@@ -10,7 +10,7 @@ constexpr uint16_t kSetCapsOpcode = 0xFE69;
 
 constexpr size_t kMapBytes = 10;
 constexpr size_t kChannels = 79;
-// Bluetooth Core 5.3, Vol 2, Part B, 2.3.1.
+// Core 5.3, 2.B.2.3.1.
 constexpr size_t kFewestChannels = 20;
 
 constexpr size_t kCaps = 12;

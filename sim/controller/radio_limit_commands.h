@@ -4,8 +4,8 @@
 
 namespace zvk {
 
-// What the host lets the radio use: the classic channels that are not to be avoided, and caps of
-// the transmit power.
+// Limits that the host sets for the radio: the classic channels in use, and caps of the transmit
+// power.
 class RadioLimitCommands : public CommandGroup {
  public:
   explicit RadioLimitCommands(Context& context) : CommandGroup(context) {

@@ -13,11 +13,12 @@ class Download {
  public:
   explicit Download(uint8_t chip_id) : chip_id_(chip_id) {}
 
-  // A Write RAM record's parameters; returns its HCI status.
+  // Takes the parameters of a Write RAM record; returns the HCI status.
   uint8_t Write(ByteView params);
-  // Launch RAM's parameters; 0 when the whole image has come and its checksum is right.
+  // Takes the parameters of Launch RAM; returns 0 when the image is complete and its checksum
+  // right.
   uint8_t Launch(ByteView params);
-  // A record that is no part of a firmware file.
+  // Voids the download.
   uint8_t Refuse(const std::string& reason);
 
   // Why the download is void; empty while it is not.

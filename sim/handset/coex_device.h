@@ -9,17 +9,17 @@
 
 namespace zvk {
 
-// /dev/wbrc, by which the WLAN driver tells of a reset of the whole chip.
+// /dev/wbrc, through which the WLAN driver announces a reset of the whole chip.
 class CoexDevice {
  public:
-  // note is told of what goes either way.
+  // note is called with a line of text for each message in either direction.
   CoexDevice(EventLoop& loop, const std::string& link,
              std::function<void(const std::string& text)> note);
   ~CoexDevice() { loop_.Unwatch(pty_->fd()); }
 
-  // 0x42 is a reset notice, 0x43 one that wants an acknowledgement.
+  // 0x42 is a reset notice, 0x43 one that must be acknowledged.
   void Notify(uint8_t event);
-  // A message of any content.
+  // Sends a message of any content.
   void Send(ByteView message);
   // The host's descriptor is hung up; the link leads to a fresh device.
   void HangUp();

@@ -18,7 +18,7 @@ constexpr char kCoProcessorLine[] = "run/zvksim/line";
 constexpr size_t kCoProcessorDumpBytes = 4096;
 constexpr size_t kLineBacklog = 1048576;  // bytes that wait for the host; more are dropped
 
-// The address of a controller that nobody has given one.
+// The address of a controller to which the host has not written one.
 constexpr Address kRomAddress = {0x00, 0x00, 0xF0, 0x4B, 0x56, 0x5A};
 
 }  // namespace
@@ -246,7 +246,7 @@ void Handset::Hang(EventLoop::Duration time) {
   uart_.StopReading(time);
 }
 
-// The supply dips: the controller starts anew, and the host is not told.
+// The supply voltage dips: the controller starts anew, and the host does not notice.
 void Handset::BrownOut() {
   trace_.Note("brown-out");
   StopController();

@@ -6,7 +6,7 @@
 
 namespace zvk {
 
-// The way of packets onto the serial line, and what a scenario does to it: split, merged, silent.
+// Puts packets onto the serial line, and plays a scenario's faults there: split, merged, silent.
 class LineFaults {
  public:
   LineFaults(EventLoop& loop, Uart& uart) : loop_(loop), uart_(uart) {}
@@ -17,11 +17,12 @@ class LineFaults {
 
   // Nothing is sent any more; zero: until Clear.
   void BeSilent(EventLoop::Duration time);
-  // A packet's first bytes (its type byte counts) go out pause before the rest; 0 bytes: whole.
+  // Of each packet, the first bytes (with the type byte) are sent, and the rest after pause; with 0
+  // bytes packets are not split.
   void SplitAfter(size_t bytes, EventLoop::Duration pause);
-  // Packets wait until there are so many, at most for patience, and go out in one write.
+  // That many packets are collected and sent in one write, or fewer after patience.
   void Merge(size_t packets, EventLoop::Duration patience);
-  // Power off: the silence ends, what is held is dropped; splitting and merging stay.
+  // Power off: ends the silence and drops collected packets; splitting and merging stay on.
   void Clear();
 
  private:

@@ -9,11 +9,11 @@
 namespace zvk {
 
 // A pseudo-terminal that stands for a device or kernel file: raw from the start, non-blocking on
-// this side, and with its other side kept open here, so that nobody who opens and closes it hangs
-// it up. Removes its link when it dies.
+// this side. The other side is kept open here as well, so that a host's close does not hang it up.
+// The destructor removes the link.
 class Pty {
  public:
-  // link is the path under which the other side is reached; a link already there is replaced.
+  // link is the path of the other side; an existing link there is replaced.
   // Throws std::runtime_error with a one-line reason.
   explicit Pty(const std::string& link);
   ~Pty();

@@ -10,7 +10,7 @@ namespace zvk {
 
 // The folder that stands for the handset's "/". Makes the folders and the plain files; what is
 // there already (a configuration, a firmware, properties) is kept. One simulator uses a root folder
-// at a time. Device-like files are made by whoever plays them, at the paths that are given here.
+// at a time. The objects that play the device-like files make them.
 class RootFolder {
  public:
   struct Options {

@@ -15,8 +15,8 @@ class SwitchFile {
              std::function<void(bool on, bool more)> on_write);
   ~SwitchFile() { loop_.Unwatch(pty_.fd()); }
 
-  // Acts on everything that has been written so far. on_write is told whether more was written in
-  // the same moment.
+  // Handles everything that has been written so far. more tells on_write whether another character
+  // was read together with this one.
   void Drain();
 
  private:

@@ -5,7 +5,7 @@
 namespace zvk {
 namespace {
 
-constexpr size_t kRecordBytes = 20;  // what a reader asks for
+constexpr size_t kRecordBytes = 20;  // size of a read
 constexpr size_t kMostRecords = 128;
 
 }  // namespace

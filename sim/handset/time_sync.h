@@ -7,13 +7,13 @@
 
 namespace zvk {
 
-// /proc/bluetooth/timesync: one recorded time a read, nothing when none is left. Times that come
-// while 128 are unread are lost.
+// /proc/bluetooth/timesync: each read returns one recorded time, or nothing when none is left. At
+// most 128 unread times are kept; later ones are lost.
 class TimeSync {
  public:
   explicit TimeSync(const std::string& link) : pty_(link) { pty_.SetReadsImmediate(); }
 
-  // The kernel saw the controller's line toggle at that time.
+  // Records the time at which the kernel saw the controller's line toggle.
   void Record(uint64_t microseconds);
 
  private:

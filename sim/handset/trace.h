@@ -8,7 +8,7 @@
 
 namespace zvk {
 
-// One line a packet or event at the handset, with the seconds since the start:
+// One line per packet or event at the handset, with the seconds since the start:
 //   0.052113 > command 03 0c 00
 //   0.052130 < event 0e 04 01 03 0c 00
 //   0.061004 - power on

@@ -10,7 +10,7 @@ namespace zvk {
 namespace {
 
 constexpr size_t kReadBytes = 65536;
-constexpr int kUartReadsPerTurn = 32;  // then everybody else has a turn
+constexpr int kUartReadsPerTurn = 32;  // then other descriptors have their turn
 constexpr size_t kTxHigh = 262144;
 constexpr double kBitsPerByte = 10;  // start bit, 8 data bits, stop bit
 constexpr auto kTick = std::chrono::milliseconds(1);
@@ -171,7 +171,7 @@ uint32_t Uart::HostSpeed() const {
   return options_.host_speed ? options_.host_speed() : pty_->Speed();
 }
 
-// 6144000 is what the co-processor's clock makes of 6000000: near enough.
+// The co-processor's clock yields 6144000 for 6000000, which is close enough.
 bool Uart::InStep() const {
   const uint32_t host = HostSpeed();
   return host == speed_ || (host == 6144000 && speed_ == 6000000);

@@ -26,8 +26,8 @@ class Uart {
   // bytes live for the call.
   using OnBytes = std::function<void(ByteView bytes)>;
 
-  // before_turn runs before the line is read or written: what the host did earlier elsewhere, as
-  // switching the power off, comes first.
+  // before_turn runs before the line is read or written, to act first on what the host did earlier
+  // through other files, such as the power switch.
   Uart(EventLoop& loop, std::mt19937& random, const Options& options,
        std::function<void()> before_turn, OnBytes on_bytes);
   ~Uart();
@@ -41,16 +41,16 @@ class Uart {
   void Flush();
   // Reads everything that the host has written so far, at any pace.
   void Drain();
-  // Drops what a host wrote that has not opened the line anew yet, which sets it to the boot speed.
+  // Drops what the host wrote before it opened the line anew, which sets the boot speed.
   void DropStale();
 
   void SetSpeed(uint32_t bits_per_second) { speed_ = bits_per_second; }
   uint32_t speed() const { return speed_; }
   size_t queued() const { return tx_.size() - tx_head_; }
-  // Reads nothing any more, for time or, without one, until power-off: the line fills up.
+  // Stops reading for time, or until power-off if time is zero, so that the line fills up.
   void StopReading(EventLoop::Duration time);
-  // Power off: what was not read meanwhile is lost. Returns a reset at its end, which a host that
-  // has switched the power on again wrote after that; empty: there is none.
+  // Power off after StopReading: drops what was not read. If that ends with an HCI Reset, the host
+  // wrote it after it switched the power on again: it is returned; otherwise the result is empty.
   Bytes DropBacklog();
   // Power off: forgets what is queued and what the host has not read, and reads again.
   void Clear();
@@ -66,8 +66,8 @@ class Uart {
     EventLoop::Duration pause;
     std::function<void()> run;
   };
-  // How many bytes may move now at line speed. A line that is busy makes up for a turn that comes
-  // late; one that rests saves up next to nothing.
+  // How many bytes may move now at line speed. A busy line catches up after a late turn; an idle
+  // line saves up almost nothing.
   class Budget {
    public:
     size_t Available(uint32_t bits_per_second);

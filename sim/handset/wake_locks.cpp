@@ -30,8 +30,8 @@ WakeLocks::~WakeLocks() {
   loop_.Unwatch(unlock_.fd());
 }
 
-// Both files at once: of a host that takes turns acquiring and releasing, the order is known even
-// when several turns are seen together.
+// Reads both files together: a host alternates between acquiring and releasing, so the numbers tell
+// the last state even when several turns are seen at once.
 void WakeLocks::Drain() {
   std::map<std::string, std::pair<uint64_t, uint64_t>> changes;
   for (const auto& [name, count] : Names(lock_)) changes[name].first = count;

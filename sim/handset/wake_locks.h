@@ -10,7 +10,7 @@
 
 namespace zvk {
 
-// /sys/power/wake_lock and wake_unlock, and the account of who holds what.
+// /sys/power/wake_lock and wake_unlock, with an account for each lock.
 class WakeLocks {
  public:
   struct Account {
@@ -28,7 +28,7 @@ class WakeLocks {
   const std::map<std::string, Account>& accounts() const { return accounts_; }
 
  private:
-  // How often each name was written.
+  // The names written so far, with how often each was.
   static std::map<std::string, uint64_t> Names(Pty& pty);
   void Drain();
 

@@ -9,7 +9,7 @@
 
 namespace zvk {
 
-// A small ATT server (Bluetooth Core 5.3, Vol 3, Part F): requests in, answers out. While the
+// A small ATT server (Core 5.3, 3.F): requests in, answers out. While the
 // client has notifications on, the characteristic is notified once a second and after each write.
 class AttServer {
  public:
@@ -41,7 +41,7 @@ class AttServer {
 
   std::vector<const Attribute*> InRange(ByteView pdu, std::optional<ByteView> type) const;
   Attribute* Find(uint16_t handle);
-  // What a write of value would be refused with: an ATT error code, or 0.
+  // The ATT error code with which a write of that size is refused; 0 if it is allowed.
   uint8_t Refusal(uint16_t handle, size_t size);
   // 0 or an ATT error code.
   uint8_t Store(uint16_t handle, ByteView value);

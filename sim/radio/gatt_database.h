@@ -7,7 +7,7 @@
 
 namespace zvk {
 
-// An attribute of the ATT peer (Bluetooth Core 5.3, Vol 3, Part F, 3.2).
+// An attribute of the ATT peer (Core 5.3, 3.F.3.2).
 struct Attribute {
   uint16_t handle;
   Bytes type;  // UUID as on the wire, 2 or 16 bytes

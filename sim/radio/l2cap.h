@@ -6,8 +6,8 @@
 
 namespace zvk {
 
-// Puts L2CAP frames together from ACL fragments and cuts them into such (Bluetooth Core 5.3, Vol 3,
-// Part A, 7.2). A fragment that fits nowhere is dropped with what it would have completed.
+// Puts L2CAP frames together from ACL fragments and cuts them into fragments (Core 5.3, 3.A.7.2). A
+// fragment that continues no frame, or makes one too long, is dropped, and with it that frame.
 class L2cap {
  public:
   // Both live for the call.

@@ -20,7 +20,7 @@ class LoopPeer : public Peer {
   const PeerPort port_;
 };
 
-// An ATT server; pairing and L2CAP channels of its own it refuses.
+// An ATT server. It refuses pairing and connection-oriented L2CAP channels.
 class AttPeer : public Peer {
  public:
   AttPeer(EventLoop& loop, PeerPort port)

@@ -10,8 +10,9 @@
 
 namespace zvk {
 
-// Another controller emulator that speaks H4 and does what is standard, in place of the built-in
-// radio. Connected while the controller has power; every packet goes to it in a write of its own.
+// The connection to another controller emulator, which handles standard commands and data over H4
+// instead of the built-in radio. It exists while the controller has power; each packet is sent in a
+// write of its own.
 class RadioBridge {
  public:
   // packet lives for the call.

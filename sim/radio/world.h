@@ -13,7 +13,7 @@ namespace zvk {
 // What a host that connects finds at the other end.
 enum class PeerKind { kNone, kLoop, kAtt };
 
-// A device in the simulated air.
+// A simulated device.
 struct Advertiser {
   std::string name;
   uint8_t address_type;  // 0 public, 1 random
@@ -28,7 +28,7 @@ struct Advertiser {
   bool connectable() const { return peer != PeerKind::kNone; }
 };
 
-// Everybody in the air, always the same.
+// All simulated devices, always the same.
 const std::vector<Advertiser>& World();
 const Advertiser* FindAdvertiser(uint8_t address_type, const Address& address);
 

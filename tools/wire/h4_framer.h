@@ -7,10 +7,10 @@
 
 namespace wire {
 
-// Cuts a byte stream in H4 framing into packets: any chunk in, whole packets out, no I/O. It serves
-// the controller (packets of a host) and the bridge to another emulator (packets of a controller).
-// A byte that is no type of that direction loses synchronisation; as the Core specification has it
-// (Vol 4, Part A, 4), the only way back is the byte sequence of HCI Reset, or Reset() here.
+// Cuts a byte stream in H4 framing into packets: any chunk in, whole packets out, no I/O. The
+// stream comes from a host or from a controller. A byte that is no packet type of that direction
+// loses synchronisation; only the bytes of HCI Reset (Core 5.3, 4.A.4), or Reset() here, restore
+// it.
 class H4Framer {
  public:
   enum class From { kHost, kController };
