@@ -1,11 +1,14 @@
 // One message from the co-processor: refused with its lines, or delivered as it came.
 #include <android-base/logging.h>
 #include <log/log.h>
+#include <qvr/qvr_client.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <memory>
+#include <utility>
 
-#include "bthal/qvr_fake.h"
 #include "chre/qvr_helper.h"
 
 using android::hardware::hidl_vec;
@@ -13,6 +16,25 @@ using android::hardware::bluetooth::hci::PacketReceiver;
 using android::hardware::bluetooth::hci::QvrHelper;
 
 namespace {
+
+qvr::TransportClient::MessageHandler handler;  // for messages of type 8
+
+// In the place of the library: a connection that only takes the handler of messages.
+class Client : public qvr::TransportClient {
+  int Connect() override { return 0; }
+  int FindServer(const std::string&, uint32_t*) override { return 0; }
+  int SetConnectionHandler(std::function<void()>) override { return 0; }
+  int SetMessageHandler(uint32_t type, MessageHandler new_handler) override {
+    if (type == 8) handler = std::move(new_handler);
+    return 0;
+  }
+  int Send(const qvr::Request&, std::function<void(int)>) override { return 0; }
+  int Call(const qvr::Request&, std::chrono::milliseconds, int*) override { return 0; }
+};
+
+class InlineWorker : public qvr::Worker {
+  void Post(std::function<void()> task) override { task(); }
+};
 
 int lines;
 int delivered_kind;  // 0 when nothing has been delivered
@@ -73,12 +95,25 @@ void Connect() {
 
 }  // namespace
 
+namespace qvr {
+int InitClientManager() { return 0; }
+void ReleaseClientManager() {}
+int CreateTransportClient(int, std::unique_ptr<TransportClient>* client) {
+  *client = std::make_unique<Client>();
+  return 0;
+}
+int CreateWorker(const std::string&, std::unique_ptr<Worker>* worker) {
+  *worker = std::make_unique<InlineWorker>();
+  return 0;
+}
+}  // namespace qvr
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool connected = (Connect(), true);
   static_cast<void>(connected);
   lines = 0;
   delivered_kind = 0;
-  test::QvrFake::Get().handler(data, size);
+  handler(data, size);
   if (delivered_kind == 0) {
     // The malformed have one of the library's, too.
     if (lines != 1 && lines != 2) abort();

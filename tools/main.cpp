@@ -1,5 +1,6 @@
 // bthalctl: the command-line client of the Bluetooth service.
 
+#include <android/log.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -75,6 +76,8 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The runtime's own information lines are not for users, unless they ask for a level.
+  if (std::getenv("BTHAL_LOG") == nullptr) __android_log_set_minimum_priority(ANDROID_LOG_WARN);
   CLI::App app("Client of the Bluetooth service.", "bthalctl");
   bthalctl::Options options;
   app.require_subcommand(1);

@@ -194,7 +194,7 @@ void BtActivitiesLogger::LogCommand(const hidl_vec<uint8_t>& command) {
 void BtActivitiesLogger::CountPacket(Burst& burst, uint16_t handle) {
   if (!burst.active) {
     burst.active = true;
-    burst.start_time = std::chrono::steady_clock::now();
+    burst.start_time = clock_();
     burst.start = log_message_timestamp();
     burst.count = 0;
     burst.handle = handle;
@@ -211,8 +211,8 @@ std::optional<acl_data_activities_t> BtActivitiesLogger::EndBurst(Burst& burst) 
   if (burst.timer != nullptr) burst.timer->Disarm();
   if (!burst.active) return std::nullopt;
   burst.active = false;
-  const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(
-      std::chrono::steady_clock::now() - burst.start_time);
+  const auto duration =
+      std::chrono::duration_cast<std::chrono::milliseconds>(clock_() - burst.start_time);
   const auto duration_ms = static_cast<uint32_t>(duration.count());
   if (duration_ms < kMinDurationMs) return std::nullopt;
   return {{burst.start, log_message_timestamp(), burst.handle, duration_ms, burst.count}};

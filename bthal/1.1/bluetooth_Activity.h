@@ -5,12 +5,14 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/timer.h"
@@ -57,10 +59,16 @@ struct bthal_wakelock_stat_t {
 // Remembers what kept the radio and the host busy: connected devices, bursts of advertising reports
 // and of received ACL data that lasted longer than 5 s, and long awake periods; 512 of each, the
 // oldest are dropped first. It sees the packets that pass the HAL while Bluetooth is on, and keeps
-// what it remembers when Bluetooth goes off. Built on first use, never destroyed. Any thread.
+// what it remembers when Bluetooth goes off. The service's own is built on first use and never
+// destroyed. Any thread.
 class BtActivitiesLogger {
  public:
+  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
   static BtActivitiesLogger* GetInstacne();
+  // clock: by which the length of a burst is measured. Any thread calls it.
+  explicit BtActivitiesLogger(Clock clock = std::chrono::steady_clock::now)
+      : clock_(std::move(clock)) {}
 
   void OnBluetoothEnabled(hci::HciFlowControl* flow) EXCLUDES(lock_);
   void OnBluetoothDisabled() EXCLUDES(lock_);
@@ -88,8 +96,6 @@ class BtActivitiesLogger {
     uint16_t handle = 0;  // of the first packet
     std::unique_ptr<Timer> timer;
   };
-  BtActivitiesLogger() = default;
-
   void CountPacket(Burst& burst, uint16_t handle) REQUIRES(lock_);
   // Ends an active burst. Returns it if it lasted long enough to be remembered.
   std::optional<acl_data_activities_t> EndBurst(Burst& burst) REQUIRES(lock_);
@@ -101,6 +107,7 @@ class BtActivitiesLogger {
   bool OnConnection(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
   bool OnDisconnection(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
 
+  const Clock clock_;
   std::mutex lock_;
   std::vector<std::unique_ptr<hci::HciEventWatcher>> watchers_ GUARDED_BY(lock_);
   std::list<ble_adv_activities_t> le_adv_history_ GUARDED_BY(lock_);  // oldest first, as all

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <termios.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -18,6 +19,7 @@ namespace {
 using namespace hardware::nuvexa::bluetooth::ccc;
 using namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation;
 using android::sp;
+using android::hardware::hidl_death_recipient;
 using android::hardware::hidl_vec;
 using android::hardware::Return;
 using android::hardware::Void;
@@ -66,26 +68,40 @@ class Told {
   std::vector<std::string> lines_;
 };
 
-class Client1_0 : public V1_0::IBluetoothCccCallback {
+// A client, by the interface that it has. Counts what is linked to its death.
+template <typename Interface>
+class Client : public Interface {
  public:
-  Client1_0(std::string name, Told& told) : name_(std::move(name)), told_(told) {}
+  // name: of whom the call of 1.0 tells.
+  Client(std::string name, Told& told) : told_(told), name_1_0_(std::move(name)) {}
   Return<void> lmpEventReceived(const V1_0::Timestamp& timestamp, const Address& address,
                                 Direction direction, LmpEventId event, uint16_t counter) override {
-    return told_.Add(name_, timestamp, address, direction, event, counter);
+    return told_.Add(name_1_0_, timestamp, address, direction, event, counter);
   }
+  Return<bool> linkToDeath(const sp<hidl_death_recipient>&, uint64_t) override {
+    ++links;
+    return true;
+  }
+  Return<bool> unlinkToDeath(const sp<hidl_death_recipient>&) override {
+    --links;
+    return true;
+  }
+
+  std::atomic<int> links{0};
+
+ protected:
+  Told& told_;
 
  private:
-  const std::string name_;
-  Told& told_;
+  const std::string name_1_0_;
 };
 
-class Client1_1 : public V1_1::IBluetoothCccCallback {
+using Client1_0 = Client<V1_0::IBluetoothCccCallback>;
+
+class Client1_1 : public Client<V1_1::IBluetoothCccCallback> {
  public:
-  Client1_1(std::string name, Told& told) : name_(std::move(name)), told_(told) {}
-  Return<void> lmpEventReceived(const V1_0::Timestamp& timestamp, const Address& address,
-                                Direction direction, LmpEventId event, uint16_t counter) override {
-    return told_.Add(name_ + " by the call of 1.0", timestamp, address, direction, event, counter);
-  }
+  Client1_1(const std::string& name, Told& told)
+      : Client(name + " by the call of 1.0", told), name_(name) {}
   Return<void> lmpEventReceived_1_1(const V1_1::Timestamp& timestamp, const Address& address,
                                     Direction direction, LmpEventId event,
                                     uint16_t counter) override {
@@ -94,7 +110,6 @@ class Client1_1 : public V1_1::IBluetoothCccCallback {
 
  private:
   const std::string name_;
-  Told& told_;
 };
 
 Address ParseAddress(std::string text) {
@@ -123,8 +138,8 @@ TEST(Ccc, SequencesAreExact) {
   const sp<BluetoothCcc> service = new BluetoothCcc;
   std::optional<TimesyncFile> timesync(std::in_place);
   Told told;
-  std::map<std::string, sp<V1_0::IBluetoothCccCallback>> clients1_0 = {{"none", nullptr}};
-  std::map<std::string, sp<V1_1::IBluetoothCccCallback>> clients1_1 = {{"none", nullptr}};
+  std::map<std::string, sp<Client1_0>> clients1_0 = {{"none", nullptr}};
+  std::map<std::string, sp<Client1_1>> clients1_1 = {{"none", nullptr}};
   for (const char* name : {"a", "b"}) {
     clients1_0[name] = new Client1_0(name, told);
     clients1_1[name] = new Client1_1(name, told);
@@ -154,6 +169,11 @@ TEST(Ccc, SequencesAreExact) {
   });
   runner.Define("quiet",
                 [&](const std::string&) { EXPECT_EQ(told.Take(), std::vector<std::string>{}); });
+  runner.Define("links", [&](const std::string& arguments) {
+    const std::string client = arguments.substr(0, 1);
+    EXPECT_EQ(clients1_0.at(client)->links + clients1_1.at(client)->links,
+              std::stoi(arguments.substr(1)));
+  });
   runner.RunFile("ccc.txt");
 }
 

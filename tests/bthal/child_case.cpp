@@ -97,6 +97,16 @@ void RunSideBySide(size_t count, const std::function<std::unique_ptr<ChildProces
   }
 }
 
+void ExpectNothingLeft(const char* what, int rounds, const std::function<void()>& body) {
+  const int threads = CountThreads(getpid()), descriptors = CountDescriptors(getpid());
+  rounds = Count(what, rounds);
+  for (int i = 0; i < rounds; ++i) {
+    ASSERT_NO_FATAL_FAILURE(body());
+    ASSERT_TRUE(WaitFor([&] { return CountThreads(getpid()) <= threads; }));
+  }
+  EXPECT_TRUE(WaitFor([&] { return CountDescriptors(getpid()) <= descriptors; }));
+}
+
 }  // namespace test
 
 #ifdef __SANITIZE_THREAD__

@@ -36,6 +36,10 @@ ChildRun RunChild(const std::string& name, const std::string& root,
 void RunSideBySide(size_t count, const std::function<std::unique_ptr<ChildProcess>(size_t)>& start,
                    const std::function<void(size_t, const ChildRun&)>& check);
 
+// Runs body as often as Count(what, rounds) says. Expects that no thread of a round, and no
+// descriptor of all, outlives it.
+void ExpectNothingLeft(const char* what, int rounds, const std::function<void()>& body);
+
 // The root folder of this process, which is BTHAL_ROOT from before the first static object on.
 const std::string& RootFolder();
 

@@ -8,9 +8,9 @@
 #include "bluetooth_address.h"
 #include "bring_up/btzvk_command.h"
 #include "bthal/child_case.h"
+#include "bthal/report_check.h"
 #include "bthal/scripted_controller.h"
 #include "bthal/uart_rig.h"
-#include "debug_central.h"
 #include "support/temp_dir.h"
 #include "support/vectors.h"
 #include "transport_shim.h"
@@ -19,6 +19,8 @@ namespace {
 
 using namespace android::hardware::bluetooth;
 namespace shim = android::hardware::bluetooth::hci::shim;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 using test::Bytes;
 using test::ScriptedController;
 using test::UartRig;
@@ -70,15 +72,45 @@ TEST_F(VendorCommand, CompletionWithoutStatus_IsAFailure) {
             0);
 }
 
-TEST_F(VendorCommand, HaltMeanwhile_EndsTheWaitAtOnce) {
-  const auto start = std::chrono::steady_clock::now();
+// Neither the completion of another command nor a Command Status ends the wait. Behind the former
+// the command stays at the front of the queue: the next one does not go out before its answer.
+TEST_F(VendorCommand, NoAnswer_EndsAfterTwoSecondsAsStatus3) {
+  const Bytes reset = test::ParseHex("03 0C 00");
+  for (const char* event : {"0E 04 01 14 0C 00", "0F 04 00 01 79 FC"}) {
+    SCOPED_TRACE(event);
+    const bool held = event[1] == 'E';
+    testing::internal::CaptureStderr();
+    const auto start = steady_clock::now();
+    EXPECT_EQ(Run([&](const Bytes&) { return test::ParseHex(event); }), 3);
+    const auto taken = steady_clock::now() - start;
+    EXPECT_GE(taken, milliseconds(2000));
+    EXPECT_LT(taken, milliseconds(4000));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                HasSubstr("btzvk_send_command_wait_complete: 0xfc79 LEN 0x00 Result 0x03"));
+    EXPECT_EQ(rig_.flow()->Send(1, reset.data(), reset.size()), held ? 3u : 4u);
+    rig_.TakeReceived();
+    rig_.DeliverEvent(test::ParseHex("0E 04 01 79 FC 00"));
+    EXPECT_TRUE(test::WaitFor([&] { return controller_->Commands().size() == 2; }));
+    rig_.DeliverEvent(test::ParseHex("0E 04 01 03 0C 00"));
+    controller_.reset();
+  }
+}
+
+TEST_F(VendorCommand, HaltedOrNotSent_FailsAtOnce) {
+  const auto start = steady_clock::now();
   EXPECT_EQ(Run([this](const Bytes&) {
               rig_.flow()->Halt();
               return Bytes{};
             }),
             kCommandTimedOut);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
   EXPECT_EQ(btzvk_send_command_wait_complete(nullptr, 0xFC79, 0, nullptr), kCommandTimedOut);
+  const auto nothing = [](const auto&) {};
+  const auto deaf = hci::HciFlowControl::Create(
+      {nothing, nothing, nothing, nothing},
+      {[](uint8_t, const uint8_t*, size_t, bool) { return size_t{0}; }, [] {}});
+  deaf->Connect([](const auto&) {});
+  EXPECT_EQ(btzvk_send_command_wait_complete(deaf.get(), 0xFC79, 0, nullptr), kCommandTimedOut);
+  EXPECT_LT(steady_clock::now() - start, milliseconds(1900));
 }
 
 TEST_F(VendorCommand, NoWait_PassesTheQueueAndItsAnswerReachesTheStack) {
@@ -92,46 +124,49 @@ TEST_F(VendorCommand, NoWait_PassesTheQueueAndItsAnswerReachesTheStack) {
 
 // --- the device address ---
 
-// Argument: controller's status in hexadecimal. Prints the commands, and the result.
+// Prints the commands, and the result.
 CHILD_CASE(Provision) {
-  V1_1::zvkbtlinux::debug::DebugCentral::Get().SetEventSink([](const auto&) {});
+  test::PrintReports();
   UartRig rig;
   if (!rig.Open()) return 1;
   ScriptedController controller(rig.pty(), [&](const Bytes& command) {
     printf("command %s\n", test::ToHex(command).c_str());
     fflush(stdout);
-    return ScriptedController::Complete(command, test::ParseHex(arguments[0])[0]);
+    return ScriptedController::Complete(command, 0);
   });
   const bool accepted = hci::ApplyProvisionBDAddress(rig.flow().get(), Never);
   printf("accepted %d, stack got %zu\n", accepted, rig.TakeReceived().size());
   return 0;
 }
 
-class DeviceAddress : public testing::TestWithParam<test::Vector> {};
-
-TEST_P(DeviceAddress, IsReadAndWritten) {
-  const std::vector<std::string>& row = GetParam().fields;
-  test::TempDir root;
-  test::WriteConfiguration(root.path());
-  if (const auto text = test::ParseText(row[0])) {
-    test::WriteFile(root / "proc/device-tree/chosen/config/bt_addr", *text);
-  }
-  if (const auto text = test::ParseText(row[1])) {
-    test::WriteFile(root / "vendor/build.prop", "ro.vendor.bluetooth.evb_bdaddr=" + *text + "\n");
-  }
-  const test::ChildRun run = test::RunChild("Provision", root.path(), {"00"});
-  if (row[2] == "fault") {
-    EXPECT_EQ(run.result.signal, SIGABRT);
-    EXPECT_THAT(run.output, HasSubstr("vendor error code 150, extra info: Can't fetch the "
-                                      "provisioning BDA\n"));
-  } else {
-    EXPECT_THAT(run.output, HasSubstr("command 01 FC 06 " + row[2] + "\n"));
-    EXPECT_THAT(run.output, HasSubstr("accepted 1, stack got 0\n"));
-  }
+TEST(DeviceAddress, IsReadAndWritten) {
+  const std::vector<test::Vector> vectors = test::LoadVectors("device_address.txt");
+  std::vector<test::TempDir> roots(vectors.size());
+  const auto start = [&](size_t i) {
+    const std::vector<std::string>& row = vectors[i].fields;
+    test::WriteConfiguration(roots[i].path());
+    if (const auto text = test::ParseText(row[0])) {
+      test::WriteFile(roots[i] / "proc/device-tree/chosen/config/bt_addr", *text);
+    }
+    if (const auto text = test::ParseText(row[1])) {
+      test::WriteFile(roots[i] / "vendor/build.prop",
+                      "ro.vendor.bluetooth.evb_bdaddr=" + *text + "\n");
+    }
+    return test::StartChild("Provision", roots[i].path());
+  };
+  test::RunSideBySide(vectors.size(), start, [&](size_t i, const test::ChildRun& run) {
+    SCOPED_TRACE(vectors[i].name);
+    const std::string& expected = vectors[i].fields[2];
+    if (expected == "fault") {
+      EXPECT_EQ(run.result.signal, SIGABRT);
+      EXPECT_THAT(run.output, HasSubstr("vendor error code 150, extra info: Can't fetch the "
+                                        "provisioning BDA\n"));
+    } else {
+      EXPECT_THAT(run.output, HasSubstr("command 01 FC 06 " + expected + "\n"));
+      EXPECT_THAT(run.output, HasSubstr("accepted 1, stack got 0\n"));
+    }
+  });
 }
-INSTANTIATE_TEST_SUITE_P(Vectors, DeviceAddress,
-                         testing::ValuesIn(test::LoadVectors("device_address.txt")),
-                         [](const auto& row) { return row.param.name; });
 
 class DeviceAddressWait : public testing::Test {
  protected:
@@ -142,6 +177,7 @@ class DeviceAddressWait : public testing::Test {
   }
   // Starts a provisioning that the controller does not answer, and waits until it has been asked.
   void Start() {
+    done_ = abandoned_ = false;
     thread_ = std::thread([this] {
       accepted_ =
           hci::ApplyProvisionBDAddress(rig_.flow().get(), [this] { return abandoned_.load(); });
@@ -161,7 +197,9 @@ class DeviceAddressWait : public testing::Test {
     if (thread_.joinable()) thread_.join();
   }
   bool WaitDone() {
-    return test::WaitFor([this] { return done_.load(); });
+    const bool done = test::WaitFor([this] { return done_.load(); });
+    if (done) thread_.join();
+    return done;
   }
 
   UartRig rig_;
@@ -169,17 +207,16 @@ class DeviceAddressWait : public testing::Test {
   std::atomic<bool> abandoned_{false}, accepted_{true}, done_{false};
 };
 
-TEST_F(DeviceAddressWait, EndsWhenHalted) {
-  Start();
-  shim::Deinitialize();
-  EXPECT_TRUE(WaitDone());
-  EXPECT_FALSE(accepted_);
-}
-
-TEST_F(DeviceAddressWait, EndsWhenAbandoned) {
+TEST_F(DeviceAddressWait, EndsWhenHaltedOrAbandoned) {
   Start();
   abandoned_ = true;
   hci::AbandonProvisioning();
+  EXPECT_TRUE(WaitDone());
+  EXPECT_FALSE(accepted_);
+  shim::Deinitialize();
+  ASSERT_TRUE(rig_.Open());
+  Start();
+  shim::Deinitialize();
   EXPECT_TRUE(WaitDone());
   EXPECT_FALSE(accepted_);
 }

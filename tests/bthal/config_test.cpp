@@ -36,54 +36,38 @@ CHILD_CASE(ReadConfig) {
   return 0;
 }
 
-struct Reading {
-  std::map<std::string, std::string> fields;
-  std::string log;
-};
-
-Reading Read(const test::TempDir& root) {
-  const std::string out = root / "fields";
-  const test::ChildRun run = test::RunChild("ReadConfig", root.path(), {out});
-  EXPECT_EQ(run.result.exit_code, 0) << run.output;
-  Reading reading{{}, run.output};
-  for (const std::string& line : test::SplitTrimmed(test::ReadFile(out), '\n')) {
-    const size_t equals = line.find('=');
-    if (equals != std::string::npos) {
-      reading.fields[line.substr(0, equals)] = line.substr(equals + 1);
+TEST(ConfigFiles, HaveTheirEffect) {
+  const std::vector<test::Vector> vectors = test::LoadVectors("config.txt");
+  std::vector<test::TempDir> roots(vectors.size());
+  const auto start = [&](size_t i) {
+    const std::vector<std::string>& row = vectors[i].fields;
+    for (const auto& [path, field] : {std::pair{kBase, row[0]}, std::pair{kOverlay, row[1]}}) {
+      if (const auto text = test::ParseText(field)) test::WriteFile(roots[i].path() + path, *text);
     }
-  }
-  return reading;
-}
-
-class ConfigFiles : public testing::TestWithParam<test::Vector> {};
-
-TEST_P(ConfigFiles, HaveTheirEffect) {
-  const std::vector<std::string>& row = GetParam().fields;
-  test::TempDir root;
-  for (const auto& [path, field] : {std::pair{kBase, row[0]}, std::pair{kOverlay, row[1]}}) {
-    if (const auto text = test::ParseText(field)) test::WriteFile(root.path() + path, *text);
-  }
-  if (row[2] != "-") test::WriteFile(root / "vendor/build.prop", row[2] + "\n");
-
-  std::map<std::string, std::string> expected = {{"fast", "1"},    {"sar", "0"},
-                                                 {"delay", "100"}, {"port", "/dev/ttySAC16"},
-                                                 {"type", "1"},    {"accel", "1"}};
-  for (const char* name : kCopied) expected[std::string("prop ") + name] = "";
-  std::vector<std::string> lines;
-  for (const std::string& part : test::SplitTrimmed(row[3], ';')) {
-    const std::string text = *test::ParseText(part);
-    if (text.rfind("log ", 0) == 0) {
-      lines.push_back(text.substr(4));
-    } else {
-      expected[text.substr(0, text.find('='))] = text.substr(text.find('=') + 1);
+    if (row[2] != "-") test::WriteFile(roots[i] / "vendor/build.prop", row[2] + "\n");
+    return test::StartChild("ReadConfig", roots[i].path(), {roots[i] / "fields"});
+  };
+  test::RunSideBySide(vectors.size(), start, [&](size_t i, const test::ChildRun& run) {
+    SCOPED_TRACE(vectors[i].name);
+    EXPECT_EQ(run.result.exit_code, 0) << run.output;
+    std::map<std::string, std::string> expected = {{"fast", "1"},    {"sar", "0"},
+                                                   {"delay", "100"}, {"port", "/dev/ttySAC16"},
+                                                   {"type", "1"},    {"accel", "1"}};
+    for (const char* name : kCopied) expected[std::string("prop ") + name] = "";
+    for (const std::string& part : test::SplitTrimmed(vectors[i].fields[3], ';')) {
+      const std::string text = *test::ParseText(part);
+      if (text.rfind("log ", 0) == 0) {
+        EXPECT_THAT(run.output, HasSubstr(text.substr(4) + "\n"));
+      } else {
+        expected[text.substr(0, text.find('='))] = text.substr(text.find('=') + 1);
+      }
     }
-  }
-
-  const Reading reading = Read(root);
-  EXPECT_EQ(reading.fields, expected);
-  for (const std::string& line : lines) EXPECT_THAT(reading.log, HasSubstr(line + "\n"));
+    std::map<std::string, std::string> fields;
+    for (const std::string& line : test::SplitTrimmed(test::ReadFile(roots[i] / "fields"), '\n')) {
+      if (!line.empty()) fields[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
+    }
+    EXPECT_EQ(fields, expected);
+  });
 }
-INSTANTIATE_TEST_SUITE_P(Vectors, ConfigFiles, testing::ValuesIn(test::LoadVectors("config.txt")),
-                         [](const auto& row) { return row.param.name; });
 
 }  // namespace

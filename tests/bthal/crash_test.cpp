@@ -8,10 +8,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "bthal/child_case.h"
+#include "bthal/log_capture.h"
 #include "bthal/report_check.h"
 #include "debug_central.h"
 #include "evidence/crash_dump.h"
@@ -36,12 +37,14 @@ CHILD_CASE(Report) {
   return 0;
 }
 
+// The record holds 127 characters of what the reporter adds, the abort message all of them.
 TEST(FatalErrors, EachCode_EndsTheProcessInItsOwnFunction) {
   const std::vector<test::Vector> codes = test::LoadVectors("error_codes.txt");
   EXPECT_EQ(codes.size(), 53u);
+  const std::string recorded(127, 'x'), extra = recorded + "tail";
   std::vector<CrashRoot> roots(codes.size());
   const auto report = [&](size_t i) {
-    return test::StartChild("Report", roots[i].path(), {codes[i].name, "more to say"});
+    return test::StartChild("Report", roots[i].path(), {codes[i].name, extra});
   };
   test::RunSideBySide(codes.size(), report, [&](size_t i, const test::ChildRun& run) {
     const std::string& code = codes[i].name;
@@ -57,7 +60,10 @@ TEST(FatalErrors, EachCode_EndsTheProcessInItsOwnFunction) {
                                         message + " (" + code + ")"));
     }
     if (!killed && !silent) {
-      test::ExpectReport(std::stoi(code), "more to say", run, roots[i]);
+      const std::string core = test::ExpectReport(std::stoi(code), extra, run, roots[i]);
+      EXPECT_THAT(core, HasSubstr("\nController Firmware Information\n"));
+      EXPECT_THAT(core, HasSubstr(": " + recorded + "\n"));
+      EXPECT_THAT(core, HasSubstr("Debugfs:dev/logbuffer_btlpm\n")) << "the transport's part";
       return;
     }
     EXPECT_EQ(run.result.signal, killed ? SIGKILL : SIGABRT) << run.output;
@@ -81,19 +87,6 @@ CHILD_CASE(ReportWithoutSink) {
 CHILD_CASE(LogFatal) {
   LogFatal(static_cast<BqrErrorCode>(std::stoi(arguments[0])), "");
   return 0;
-}
-
-// No report gets as far as the functions of these three; their symbols are there all the same.
-TEST(FatalErrors, CodesWhoseReportsEndEarlier_HaveAFunctionToo) {
-  for (const test::Vector& v : test::LoadVectors("error_codes.txt")) {
-    if (v.name != "32" && v.name != "127" && v.name != "151") continue;
-    SCOPED_TRACE(v.fields[0]);
-    CrashRoot root;
-    const test::ChildRun run = test::RunChild("LogFatal", root.path(), {v.name});
-    EXPECT_EQ(run.result.signal, SIGABRT);
-    EXPECT_THAT(run.output, HasSubstr("vendor error code " + v.name + "\n"));
-    EXPECT_THAT(run.output, HasSubstr(std::to_string(v.fields[0].size()) + v.fields[0] + "ENSt"));
-  }
 }
 
 // Nothing that the stack does may hold up the end of the process.
@@ -137,6 +130,11 @@ TEST(FatalErrors, WhateverTheStackDoes_TheProcessEnds) {
   } cases[] = {
       {"ReportWithoutSink", {}, "", 0},
       {"LogFatal", {"5"}, "Bluetooth HAL crash with error code 0, vendor error code 5\n", 0},
+      // No report gets as far as the functions of these three; their symbols are there all the
+      // same.
+      {"LogFatal", {"32"}, "FirmwareMiscellaneousMajorFaultENSt", 0},
+      {"LogFatal", {"127"}, "SocBigHammerFaultENSt", 0},
+      {"LogFatal", {"151"}, "HostCoexDeviceOpenErrorENSt", 0},
       {"ReportToStuckStack", {}, "vendor error code 148\n", 1},
       {"ReportFromManyThreads", {}, "vendor error code 130\n", 1},
       {"ReportWithoutThreads", {}, "vendor error code 148\n", 1},
@@ -154,38 +152,19 @@ TEST(FatalErrors, WhateverTheStackDoes_TheProcessEnds) {
   }
 }
 
-// The record holds 127 characters, the abort message all of them.
-TEST(FatalErrors, LongExtraText_IsCutInTheRecordOnly) {
-  CrashRoot root;
-  const std::string extra(127, 'x'), tail = "tail";
-  const test::ChildRun run = test::RunChild("Report", root.path(), {"148", extra + tail});
-  EXPECT_THAT(run.output, HasSubstr(", extra info: " + extra + tail + "\n"));
-  ASSERT_EQ(root.CoreDumps().size(), 1u);
-  const std::string core = test::ReadFile(root.CoreDumps()[0]);
-  EXPECT_THAT(core, HasSubstr(": " + extra + "\n"));
-  EXPECT_THAT(core, Not(HasSubstr(extra + "t")));
-}
-
-// Arguments: none. Four reasons, two enable cycles.
-CHILD_CASE(DumpTwice) {
-  DebugCentral& central = DebugCentral::Get();
-  central.UpdateRecord(AnchorType::kClose, "a record before the crash");
-  central.start_crash_dump("FirstReason");
-  central.start_crash_dump("FirstReasonAgain");
-  central.StopMonitor();
-  // File names have seconds: the second pair is to get names of its own.
-  const time_t start = time(nullptr);
-  test::WaitFor([&] { return time(nullptr) > start; });
-  central.start_crash_dump("SecondReason");
-  return 0;
-}
-
 TEST(CrashDump, IsWrittenOnceACycle) {
-  CrashRoot root;
-  const test::ChildRun run = test::RunChild("DumpTwice", root.path());
-  ASSERT_EQ(run.result.exit_code, 0);
-  EXPECT_THAT(run.output, HasSubstr("start_crash_dump: coredump has already been generated, "
-                                    "skipping reason: FirstReasonAgain"));
+  const test::CrashFolders root(test::RootFolder());
+  CrashDump dump([] { return "HAL log\n"; });
+  dump.SetTransportDump([](int fd) { android::base::WriteStringToFd("transport\n", fd); });
+  test::LogCapture log;
+  dump.Start("FirstReason");
+  dump.Start("FirstReasonAgain");
+  EXPECT_THAT(log.Take("bthal.debug_central"),
+              testing::Contains(HasSubstr("start_crash_dump: coredump has already been generated, "
+                                          "skipping reason: FirstReasonAgain")));
+  dump.Rearm();
+  test::WaitForTheNextSecond();
+  dump.Start("SecondReason");
   const std::vector<std::string> infos = root.CrashInfos(), cores = root.CoreDumps();
   ASSERT_EQ(infos.size(), 2u);
   ASSERT_EQ(cores.size(), 2u);
@@ -201,12 +180,9 @@ TEST(CrashDump, IsWrittenOnceACycle) {
     expected = test::Replaced(expected, "@STAMP@", stamp);
     EXPECT_EQ(test::ReadFile(infos[i]), expected);
     const std::string core = test::ReadFile(cores[i]);
-    const std::string head = std::string("DUMP REASON: ") + reasons[i] + " - occurred at " + stamp +
-                             "\n" + std::string(45, '=') + "\nController Firmware Information\n";
-    EXPECT_EQ(core.substr(0, head.size()), head);
-    EXPECT_THAT(core, HasSubstr(": a record before the crash\n"));
-    // The transport's own files end it.
-    EXPECT_THAT(core, HasSubstr("Debugfs:dev/logbuffer_btlpm\n"));
+    EXPECT_THAT(core, testing::StartsWith(std::string("DUMP REASON: ") + reasons[i] +
+                                          " - occurred at " + stamp + "\nHAL log\n"));
+    EXPECT_THAT(core, testing::EndsWith("transport\n"));
     for (const std::string& path : {infos[i], cores[i]}) {
       struct stat status {};
       ASSERT_EQ(stat(path.c_str(), &status), 0);
@@ -216,22 +192,24 @@ TEST(CrashDump, IsWrittenOnceACycle) {
 }
 
 TEST(CrashDump, FoldersThatAreMissing_AreNamedInOneLine) {
-  test::TempDir empty;
-  const test::ChildRun run = test::RunChild("Report", empty.path(), {"148", ""});
-  EXPECT_EQ(run.result.signal, SIGABRT);
-  EXPECT_THAT(run.output, HasSubstr("start_crash_dump: Failed to open coredump file: "
-                                    "/data/vendor/ssrdump/coredump/coredump_bt_"));
-  EXPECT_THAT(run.output, HasSubstr("failed: No such file or directory (2)"));
-  EXPECT_THAT(run.output, Not(HasSubstr("crashinfo file")));
+  std::filesystem::remove_all(test::RootFolder() + "/data");
+  CrashDump dump([] { return ""; });
+  testing::internal::CaptureStderr();
+  dump.Start("NoFolder");
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(log, HasSubstr("start_crash_dump: Failed to open coredump file: "
+                             "/data/vendor/ssrdump/coredump/coredump_bt_"));
+  EXPECT_THAT(log, HasSubstr("failed: No such file or directory (2)"));
+  EXPECT_THAT(log, Not(HasSubstr("crashinfo file")));
 }
 
-// Argument: the bytes that a file may have. The log goes to a pipe, which may have more.
-CHILD_CASE(DumpToFullDisk) {
+// A file may have so many bytes. The log goes to a pipe, which may have more.
+std::string LogOfDumpsWithin(rlim_t bytes) {
   signal(SIGXFSZ, SIG_IGN);
   android::base::unique_fd out, in, log(dup(STDERR_FILENO));
-  if (!android::base::Pipe(&out, &in)) return 1;
+  EXPECT_TRUE(android::base::Pipe(&out, &in));
   dup2(in.get(), STDERR_FILENO);
-  rlimit limit{std::stoul(arguments[0]), RLIM_INFINITY};
+  rlimit limit{bytes, RLIM_INFINITY};
   setrlimit(RLIMIT_FSIZE, &limit);
   CrashDump dump([] { return std::string(200, 'r'); });
   dump.Start("FullDisk");
@@ -243,22 +221,22 @@ CHILD_CASE(DumpToFullDisk) {
   in.reset();
   std::string text;
   android::base::ReadFdToString(out, &text);
-  return android::base::WriteStringToFd(text, log) ? 0 : 1;
+  return text;
 }
 
 TEST(CrashDump, FileThatCannotBeWrittenWhole_IsOneLineAndNotLeftEmpty) {
   const struct {
-    const char* limit;
+    rlim_t limit;
     size_t core_dumps;   // and dumps of the controller that are left
     size_t crash_infos;  // whole, where there is one
-  } cases[] = {{"0", 0, 0}, {"120", 2, 1}};
+  } cases[] = {{0, 0, 0}, {120, 2, 1}};
   const auto not_whole = [](const std::string& path) {
     return "start_crash_dump: /data/vendor/ssrdump/" + path;
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.limit);
-    CrashRoot root;
-    const std::string log = test::RunChild("DumpToFullDisk", root.path(), {c.limit}).output;
+    const test::CrashFolders root(test::RootFolder());
+    const std::string log = LogOfDumpsWithin(c.limit);
     EXPECT_EQ(root.CoreDumps().size(), c.core_dumps);
     EXPECT_EQ(root.CrashInfos().size(), c.crash_infos);
     EXPECT_EQ(test::CountOf(not_whole("coredump/coredump_bt_"), log), 1u) << log;
@@ -266,12 +244,6 @@ TEST(CrashDump, FileThatCannotBeWrittenWhole_IsOneLineAndNotLeftEmpty) {
     // One line for the dump of the controller, however many fragments it has.
     EXPECT_EQ(test::CountOf(" is not whole: File too large (27)\n", log), 3 - c.crash_infos) << log;
   }
-}
-
-TEST(CrashDump, MonitorWithoutFlowControl_IsRefused) {
-  testing::internal::CaptureStderr();
-  DebugCentral::Get().StartMonitor(nullptr);
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("StartMonitor: Invalid handle!"));
 }
 
 }  // namespace

@@ -5,14 +5,11 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <thread>
 
-#include "bthal/child_case.h"
 #include "bthal/report_check.h"
 #include "bthal/uart_rig.h"
 #include "debug_central.h"
-#include "support/temp_dir.h"
 #include "support/vectors.h"
 #include "support/wait.h"
 
@@ -22,18 +19,9 @@ using android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
 using test::Bytes;
 using testing::HasSubstr;
 
-// Arguments: events. Prints those that reach the stack.
-CHILD_CASE(DebugEvents) {
-  test::UartRig rig;
-  if (!rig.Open()) return 1;
-  DebugCentral::Get().StartMonitor(rig.flow().get());
-  for (const std::string& event : arguments) rig.DeliverEvent(test::ParseHex(event));
-  for (const auto& packet : rig.TakeReceived()) {
-    printf("stack got %s\n", test::ToHex(packet.bytes).c_str());
-  }
-  fflush(stdout);
-  DebugCentral::Get().StopMonitor();
-  return 0;
+std::string TextOf(const std::string& hex) {
+  const Bytes bytes = test::ParseHex(hex);
+  return {bytes.begin(), bytes.end()};
 }
 
 // Holds up the first hardware error until a thread sleeps.
@@ -50,94 +38,88 @@ class HeldUp final : public android::hardware::bluetooth::hci::HciEventWatcher {
   std::atomic<pid_t> sleeper{0};
 };
 
+class DebugEvents : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(rig_.Open()); }
+  void Deliver(const std::string& hex) { rig_.DeliverEvent(test::ParseHex(hex)); }
+
+  DebugCentral& central_ = DebugCentral::Get();
+  const test::CrashFolders files_{test::RootFolder()};
+  test::UartRig rig_;
+};
+
+TEST_F(DebugEvents, LeaveTheirFilesAndReachTheStackOrNot) {
+  for (const test::Vector& v : test::LoadVectors("debug_events.txt")) {
+    SCOPED_TRACE(v.name);
+    const test::CrashFolders files(test::RootFolder());
+    testing::internal::CaptureStderr();
+    central_.StartMonitor(rig_.flow().get());
+    for (const std::string& event : test::SplitTrimmed(v.fields[0], ',')) Deliver(event);
+    central_.StopMonitor();
+    const std::string log = testing::internal::GetCapturedStderr();
+    std::vector<test::UartRig::Packet> expected;
+    for (const std::string& event : test::SplitTrimmed(v.fields[1], ',')) {
+      expected.push_back({4, test::ParseHex(event)});
+    }
+    EXPECT_EQ(rig_.TakeReceived(), expected);
+    if (const auto reason = test::ParseText(v.fields[2])) {
+      EXPECT_THAT(files.CrashInfoLike("crashinfo_bt_"),
+                  testing::StartsWith("crash_reason: " + *reason + "\ncrash_count: "));
+    } else {
+      EXPECT_EQ(files.CrashInfoLike(""), "none");
+    }
+    for (const std::string& file : test::SplitTrimmed(v.fields[3], ';')) {
+      const size_t colon = file.find(": ");
+      EXPECT_EQ(files.CoreDumpLike("coredump_bt_" + file.substr(0, colon)),
+                TextOf(file.substr(colon + 2)));
+    }
+    for (const std::string& line : test::SplitTrimmed(v.fields[4], ';')) {
+      EXPECT_THAT(log, HasSubstr(line));
+    }
+    for (const std::string& record : test::SplitTrimmed(v.fields[5], ';')) {
+      EXPECT_THAT(files.CoreDumpLike("coredump_bt_2"), HasSubstr(": " + record + "\n"));
+    }
+  }
+}
+
 // Two enable cycles. In the first, dumps are under way when the monitor stops, and the controller
-// fails at that moment. The second has a dump of its own.
-CHILD_CASE(DumpsOfTwoCycles) {
-  test::UartRig rig;
-  if (!rig.Open()) return 1;
+// fails at that moment. The second has dumps of its own.
+TEST_F(DebugEvents, DumpsOfTheNextCycle_HaveFilesOfTheirOwnWithTheirFragmentsOnly) {
   HeldUp held_up;
-  rig.flow()->RegisterEventWatcher(&held_up);
-  DebugCentral::Get().StartMonitor(rig.flow().get());
-  rig.DeliverEvent(test::ParseHex("FF 05 58 14 00 5A 01"));
-  rig.DeliverEvent(test::ParseHex("FF 07 57 01 02 00 03 04 05"));
+  rig_.flow()->RegisterEventWatcher(&held_up);
+  central_.StartMonitor(rig_.flow().get());
+  for (const char* fragment :
+       {"FF 05 58 14 00 5A 01", "FF 07 57 01 02 00 03 04 05", "FF 05 58 13 AA BB CC"}) {
+    Deliver(fragment);
+  }
   std::thread stop([&] {
     test::WaitFor([&] { return held_up.begun.load(); });
     held_up.sleeper = gettid();
-    DebugCentral::Get().StopMonitor();
+    central_.StopMonitor();
   });
-  rig.DeliverEvent(test::ParseHex("10 01 2A"));
+  Deliver("10 01 2A");
   stop.join();
-  // Names of files have seconds.
-  const time_t end = time(nullptr);
-  test::WaitFor([&] { return time(nullptr) > end; });
-  DebugCentral::Get().StartMonitor(rig.flow().get());
-  rig.DeliverEvent(test::ParseHex("FF 07 57 01 02 01 06 07 08"));
-  rig.DeliverEvent(test::ParseHex("FF 04 58 14 5A 00"));
-  DebugCentral::Get().StopMonitor();
-  rig.flow()->UnregisterEventWatcher(&held_up);
-  return 0;
-}
-
-// The content of the one file in folder whose name begins so; "none" when there is none.
-std::string FileLike(const std::string& folder, const std::string& prefix) {
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    if (entry.path().filename().string().rfind(prefix, 0) == 0) return test::ReadFile(entry.path());
-  }
-  return "none";
-}
-
-TEST(CrashDump, OfTheNextCycle_HasFilesOfItsOwnWithItsFragmentsOnly) {
-  test::CrashRoot root;
-  test::WriteConfiguration(root.path());
-  std::filesystem::create_directories(root / "dev");
-  const test::ChildRun run = test::RunChild("DumpsOfTwoCycles", root.path());
-  ASSERT_EQ(run.result.exit_code, 0) << run.output;
-  const std::vector<std::string> infos = root.CrashInfos();
-  ASSERT_EQ(infos.size(), 2u) << run.output;
+  const size_t first_files = files_.CoreDumps().size();
+  test::WaitForTheNextSecond();
+  central_.StartMonitor(rig_.flow().get());
+  Deliver("FF 07 57 01 02 01 06 07 08");
+  Deliver("FF 04 58 14 5A 00");
+  central_.StopMonitor();
+  rig_.flow()->UnregisterEventWatcher(&held_up);
+  const std::vector<std::string> infos = files_.CrashInfos();
+  ASSERT_EQ(infos.size(), 2u);
   EXPECT_THAT(test::ReadFile(infos[1]), HasSubstr("crash_reason: Debug Info Event\n"));
-  const std::string dumps = root / "data/vendor/ssrdump/coredump";
-  EXPECT_EQ(FileLike(dumps, "coredump_bt_socdump_"),
-            std::string("\xFF\x07\x57\x01\x02\x01\x06\x07\x08"));
-  EXPECT_EQ(FileLike(dumps, "coredump_bt_chredump_"), std::string("\xFF\x04\x58\x14\x5A\0", 6));
+  const std::string stamp = infos[1].substr(infos[1].rfind("_bt_") + 4, 19);
+  EXPECT_EQ(files_.CoreDumps().size(), first_files + 3);
+  EXPECT_EQ(files_.CoreDumpLike("coredump_bt_socdump_" + stamp),
+            TextOf("FF 07 57 01 02 01 06 07 08"));
+  EXPECT_EQ(files_.CoreDumpLike("coredump_bt_chredump_" + stamp), TextOf("FF 04 58 14 5A 00"));
 }
 
-class DebugEvents : public testing::TestWithParam<test::Vector> {};
-
-TEST_P(DebugEvents, LeaveTheirFilesAndReachTheStackOrNot) {
-  const std::vector<std::string>& row = GetParam().fields;
-  test::CrashRoot root;
-  test::WriteConfiguration(root.path());
-  std::filesystem::create_directories(root / "dev");
-  const test::ChildRun run =
-      test::RunChild("DebugEvents", root.path(), test::SplitTrimmed(row[0], ','));
-  EXPECT_EQ(run.result.exit_code, 0) << run.output;
-  std::string stack_got;
-  for (const std::string& line : test::SplitTrimmed(run.output, '\n')) {
-    if (line.rfind("stack got ", 0) == 0) stack_got += line.substr(10) + ", ";
-  }
-  EXPECT_EQ(stack_got, row[1].empty() ? "" : row[1] + ", ");
-  const std::string dumps = root / "data/vendor/ssrdump";
-  const std::string info = FileLike(dumps, "crashinfo_bt_");
-  if (const auto reason = test::ParseText(row[2])) {
-    EXPECT_THAT(info, HasSubstr("crash_reason: " + *reason + "\ncrash_count: 1\n"));
-  } else {
-    EXPECT_EQ(info, "none");
-  }
-  for (const std::string& file : test::SplitTrimmed(row[3], ';')) {
-    const size_t colon = file.find(": ");
-    const Bytes bytes = test::ParseHex(file.substr(colon + 2));
-    EXPECT_EQ(FileLike(dumps + "/coredump", "coredump_bt_" + file.substr(0, colon)),
-              std::string(bytes.begin(), bytes.end()));
-  }
-  for (const std::string& line : test::SplitTrimmed(row[4], ';')) {
-    EXPECT_THAT(run.output, HasSubstr(line));
-  }
-  for (const std::string& record : test::SplitTrimmed(row[5], ';')) {
-    EXPECT_THAT(FileLike(dumps + "/coredump", "coredump_bt_2"), HasSubstr(": " + record + "\n"));
-  }
+TEST(DebugMonitor, WithoutFlowControl_IsRefused) {
+  testing::internal::CaptureStderr();
+  DebugCentral::Get().StartMonitor(nullptr);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("StartMonitor: Invalid handle!"));
 }
-INSTANTIATE_TEST_SUITE_P(Vectors, DebugEvents,
-                         testing::ValuesIn(test::LoadVectors("debug_events.txt")),
-                         [](const auto& row) { return row.param.name; });
 
 }  // namespace

@@ -1,12 +1,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/select.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <thread>
 
+#include "bthal/child_case.h"
 #include "support/child_process.h"
 #include "support/temp_dir.h"
 #include "support/wait.h"
@@ -45,124 +45,100 @@ struct Source {
   std::atomic<int> taken{0};
 };
 
-// Stops the watcher whatever the test does.
-struct Stopper {
-  AsyncFdWatcher& watcher;
-  ~Stopper() { watcher.StopWatchingFileDescriptors(); }
+class FdWatcher : public testing::Test {
+ protected:
+  ~FdWatcher() override { watcher_.StopWatchingFileDescriptors(); }
+  void Watch(Source& source) { Watch(source.read_fd, source.Taker()); }
+  void Watch(int fd, const AsyncFdWatcher::ReadCallback& callback) {
+    ASSERT_EQ(watcher_.WatchFdForNonBlockingReads(fd, callback), 0);
+  }
+
+  AsyncFdWatcher watcher_;
+  Source source_;
 };
 
-TEST(FdWatcher, StartAndStopManyTimes_LeavesNothing) {
-  AsyncFdWatcher watcher;
-  Source source;
-  const int threads = test::CountThreads(getpid());
-  const int descriptors = test::CountDescriptors(getpid());
-  const int rounds = test::Count("starts of the watcher", 500);
-  for (int i = 1; i <= rounds; ++i) {
-    ASSERT_EQ(watcher.WatchFdForNonBlockingReads(source.read_fd, source.Taker()), 0);
-    source.Signal();
-    ASSERT_TRUE(source.WaitTaken(i));
-    watcher.StopWatchingFileDescriptors();
-    watcher.StopWatchingFileDescriptors();
-  }
-  EXPECT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads; }));
-  EXPECT_EQ(test::CountDescriptors(getpid()), descriptors);
-  source.Signal();
-  EXPECT_EQ(source.taken, rounds);
+TEST_F(FdWatcher, StartAndStopManyTimes_LeavesNothing) {
+  int starts = 0;
+  test::ExpectNothingLeft("starts of the watcher", 500, [&] {
+    Watch(source_);
+    source_.Signal();
+    ASSERT_TRUE(source_.WaitTaken(++starts));
+    watcher_.StopWatchingFileDescriptors();
+    watcher_.StopWatchingFileDescriptors();
+  });
+  source_.Signal();
+  EXPECT_EQ(source_.taken, starts);
 }
 
-TEST(FdWatcher, SecondDescriptor_SharesTheThreadAndIsServedAtOnce) {
-  AsyncFdWatcher watcher;
-  Source first, second;
-  const Stopper stopper{watcher};
-  ASSERT_EQ(watcher.WatchFdForNonBlockingReads(first.read_fd, first.Taker()), 0);
-  first.Signal();
-  ASSERT_TRUE(first.WaitTaken(1));
+TEST_F(FdWatcher, SecondDescriptor_SharesTheThreadAndIsServedAtOnce) {
+  Source second;
+  Watch(source_);
+  source_.Signal();
+  ASSERT_TRUE(source_.WaitTaken(1));
   const int threads = test::CountThreads(getpid());
-  ASSERT_EQ(watcher.WatchFdForNonBlockingReads(second.read_fd, second.Taker()), 0);
+  Watch(second);
   second.Signal();
   EXPECT_TRUE(second.WaitTaken(1));
-  first.Signal();
-  EXPECT_TRUE(first.WaitTaken(2));
+  source_.Signal();
+  EXPECT_TRUE(source_.WaitTaken(2));
   EXPECT_EQ(test::CountThreads(getpid()), threads);
 
-  watcher.StopWatchingFileDescriptor(first.read_fd);
-  first.Signal();
+  watcher_.StopWatchingFileDescriptor(source_.read_fd);
+  source_.Signal();
   second.Signal();
   EXPECT_TRUE(second.WaitTaken(2));
-  EXPECT_EQ(first.taken, 2);
-}
-
-TEST(FdWatcher, WatchingAgain_ReplacesTheFunction) {
-  AsyncFdWatcher watcher;
-  Source source;
+  EXPECT_EQ(source_.taken, 2);
+  // Watched again by another function, which takes its place.
   std::atomic<int> replaced{0};
-  const Stopper stopper{watcher};
-  ASSERT_EQ(watcher.WatchFdForNonBlockingReads(source.read_fd, source.Taker()), 0);
-  source.Signal();
-  ASSERT_TRUE(source.WaitTaken(1));
-  ASSERT_EQ(watcher.WatchFdForNonBlockingReads(source.read_fd,
-                                               [&](int fd) {
-                                                 char byte;
-                                                 if (read(fd, &byte, 1) == 1) ++replaced;
-                                               }),
-            0);
-  source.Signal();
-  EXPECT_TRUE(test::WaitFor([&] { return replaced == 1; }));
-  EXPECT_EQ(source.taken, 1);
+  Watch(source_.read_fd, source_.Taker());
+  Watch(source_.read_fd, [&](int fd) {
+    char byte;
+    if (read(fd, &byte, 1) == 1) ++replaced;
+  });
+  EXPECT_TRUE(test::WaitFor([&] { return source_.taken + replaced == 3; }));
+  source_.Signal();
+  EXPECT_TRUE(test::WaitFor([&] { return replaced > 0 && source_.taken + replaced == 4; }));
 }
 
-TEST(FdWatcher, StopFromInsideTheCallback_EndsTheRunAndAllowsANewOne) {
-  AsyncFdWatcher watcher;
-  Source first, second;
-  const int threads = test::CountThreads(getpid());
-  const int rounds = test::Count("stops from inside a callback", 300);
-  for (int i = 1; i <= rounds; ++i) {
+TEST_F(FdWatcher, StopFromInsideTheCallback_EndsTheRunAndAllowsANewOne) {
+  Source second;
+  int stops = 0;
+  test::ExpectNothingLeft("stops from inside a callback", 300, [&] {
     // Both are readable, so the second one's turn would come in the same pass.
-    first.Signal();
+    source_.Signal();
     second.Signal();
     std::atomic<bool> stopped{false};
-    ASSERT_EQ(watcher.WatchFdForNonBlockingReads(second.read_fd,
-                                                 [&](int fd) {
-                                                   if (!stopped) second.Take(fd);
-                                                 }),
-              0);
-    ASSERT_EQ(watcher.WatchFdForNonBlockingReads(first.read_fd,
-                                                 [&](int fd) {
-                                                   first.Take(fd);
-                                                   watcher.StopWatchingFileDescriptors();
-                                                   stopped = true;
-                                                 }),
-              0);
+    Watch(second.read_fd, [&](int fd) {
+      if (!stopped) second.Take(fd);
+    });
+    Watch(source_.read_fd, [&](int fd) {
+      source_.Take(fd);
+      watcher_.StopWatchingFileDescriptors();
+      stopped = true;
+    });
     ASSERT_TRUE(test::WaitFor([&] { return stopped.load(); }));
-    ASSERT_TRUE(first.WaitTaken(i));
-    ASSERT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads; }));
-  }
+    ASSERT_TRUE(source_.WaitTaken(++stops));
+  });
 }
 
-TEST(FdWatcher, StopWhileACallbackRuns_WaitsForIt) {
-  AsyncFdWatcher watcher;
-  Source source;
+TEST_F(FdWatcher, StopWhileACallbackRuns_WaitsForIt) {
   std::atomic<bool> inside{false}, go_on{false}, finished{false};
-  ASSERT_EQ(watcher.WatchFdForNonBlockingReads(source.read_fd,
-                                               [&](int) {
-                                                 inside = true;
-                                                 test::WaitFor([&] { return go_on.load(); });
-                                                 finished = true;
-                                               }),
-            0);
-  source.Signal();
+  Watch(source_.read_fd, [&](int) {
+    inside = true;
+    test::WaitFor([&] { return go_on.load(); });
+    finished = true;
+  });
+  source_.Signal();
   ASSERT_TRUE(test::WaitFor([&] { return inside.load(); }));
   std::thread stopper([&] {
-    watcher.StopWatchingFileDescriptors();
+    watcher_.StopWatchingFileDescriptors();
     EXPECT_TRUE(finished);
   });
   go_on = true;
   stopper.join();
 }
 
-TEST(FdWatcher, StartsAndStopsFromManyThreads_AgreeOnOneOwner) {
-  AsyncFdWatcher watcher;
-  Source source;
+TEST_F(FdWatcher, StartsAndStopsFromManyThreads_AgreeOnOneOwner) {
   const int rounds = test::Count("starts and stops a thread", 300);
   const int threads_before = test::CountThreads(getpid());
   std::vector<std::thread> threads;
@@ -170,69 +146,37 @@ TEST(FdWatcher, StartsAndStopsFromManyThreads_AgreeOnOneOwner) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < rounds; ++i) {
         if ((i + t) % 2 == 0) {
-          watcher.WatchFdForNonBlockingReads(source.read_fd, source.Taker());
-          source.Signal();
+          Watch(source_);
+          source_.Signal();
         } else {
-          watcher.StopWatchingFileDescriptors();
+          watcher_.StopWatchingFileDescriptors();
         }
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
-  watcher.StopWatchingFileDescriptors();
+  watcher_.StopWatchingFileDescriptors();
   EXPECT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads_before; }));
 }
 
 // A watcher that spun on it would have used all of the time; it takes none.
-TEST(FdWatcher, DescriptorClosedWhileWatched_IsDropped) {
-  AsyncFdWatcher watcher;
-  Source kept;
-  const Stopper stopper{watcher};
-  int fds[2];
-  ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+TEST_F(FdWatcher, DescriptorClosedWhileWatched_IsDropped) {
+  const int closed = eventfd(0, EFD_CLOEXEC);
   testing::internal::CaptureStderr();
-  ASSERT_EQ(watcher.WatchFdForNonBlockingReads(kept.read_fd, kept.Taker()), 0);
-  ASSERT_EQ(watcher.WatchFdForNonBlockingReads(fds[0], [](int) {}), 0);
-  kept.Signal();
-  ASSERT_TRUE(kept.WaitTaken(1));
-  // Two turns, so that select() is asked with the closed number.
-  close(fds[0]);
-  close(fds[1]);
+  Watch(source_);
+  Watch(closed, [](int) {});
+  source_.Signal();
+  ASSERT_TRUE(source_.WaitTaken(1));
+  close(closed);
+  // Some turns, so that select() is asked with the closed number.
   for (int i = 2; i <= 6; ++i) {
-    kept.Signal();
-    ASSERT_TRUE(kept.WaitTaken(i));
+    source_.Signal();
+    ASSERT_TRUE(source_.WaitTaken(i));
   }
   const std::string log = testing::internal::GetCapturedStderr();
-  const std::string line = "descriptor " + std::to_string(fds[0]) + " was closed while watched";
-  const size_t at = log.find(line);
-  EXPECT_NE(at, std::string::npos) << log;
-  EXPECT_EQ(log.find(line, at + 1), std::string::npos) << "one warning only";
-}
-
-TEST(FdWatcher, DescriptorOutOfRange_IsRefused) {
-  AsyncFdWatcher watcher;
-  const Stopper stopper{watcher};
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  if (limit.rlim_cur <= FD_SETSIZE) {
-    limit.rlim_cur = FD_SETSIZE + 16;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  }
-  Source source;
-  const int high = fcntl(source.read_fd, F_DUPFD_CLOEXEC, FD_SETSIZE);
-  ASSERT_GE(high, FD_SETSIZE);
-  const int threads = test::CountThreads(getpid());
-  for (const int fd : {high, -1}) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(watcher.WatchFdForNonBlockingReads(fd, [](int) {}), -1);
-    EXPECT_FALSE(testing::internal::GetCapturedStderr().empty());
-  }
-  EXPECT_EQ(test::CountThreads(getpid()), threads);
-  close(high);
-  // The watcher still works.
-  ASSERT_EQ(watcher.WatchFdForNonBlockingReads(source.read_fd, source.Taker()), 0);
-  source.Signal();
-  EXPECT_TRUE(source.WaitTaken(1));
+  EXPECT_EQ(
+      test::CountOf("descriptor " + std::to_string(closed) + " was closed while watched", log), 1u)
+      << log;
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <map>
 #include <mutex>
 
+#include "support/vectors.h"
+
 namespace test {
 namespace {
 
@@ -53,6 +55,16 @@ bool Matches(const std::string& line, const std::string& pattern) {
     if (Matches(line.substr(at), rest)) return true;
   }
   return false;
+}
+
+std::string WithoutTimes(std::string text, const std::string& before, const std::string& after) {
+  const std::string shape = before + "##:##:##:###" + after;
+  for (size_t at = 0; at + shape.size() <= text.size(); ++at) {
+    if (HasShape(text.substr(at, shape.size()), shape)) {
+      text.replace(at, shape.size(), before + "@TIME@" + after);
+    }
+  }
+  return text;
 }
 
 }  // namespace test

@@ -21,4 +21,8 @@ class LogCapture {
 // Whether line is pattern, in which "..." is any text.
 bool Matches(const std::string& line, const std::string& pattern);
 
+// text with "@TIME@" for each time of day in it that stands between before and after.
+std::string WithoutTimes(std::string text, const std::string& before = "",
+                         const std::string& after = "");
+
 }  // namespace test

@@ -1,8 +1,6 @@
 #include "bring_up/low_power.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -13,8 +11,7 @@
 #include "base/timer.h"
 #include "base/wake_lock.h"
 #include "bthal/child_case.h"
-#include "bthal/uart_rig.h"
-#include "support/pty.h"
+#include "bthal/kernel_file.h"
 #include "support/temp_dir.h"
 #include "transport_shim.h"
 
@@ -25,92 +22,63 @@ namespace shim = android::hardware::bluetooth::hci::shim;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// What was written to a kernel file, as text.
-class KernelFile {
- public:
-  explicit KernelFile(const std::string& path) : pty_(test::RootFolder() + path) {}
-  const std::string& Text() {
-    const test::Bytes more = pty_.TakeWritten();
-    return text_.append(more.begin(), more.end());
-  }
-  bool WaitForText(const std::string& text) {
-    return test::WaitFor([&] { return Text() == text; });
-  }
-
- private:
-  test::LinkedPty pty_;
-  std::string text_;
-};
-
 class LowPowerMode : public testing::Test {
  protected:
   ~LowPowerMode() override { low_power_.Teardown(); }
 
-  KernelFile line_{"/proc/bluetooth/sleep/btwrite"};
-  KernelFile driver_{"/proc/bluetooth/sleep/lpm"};
-  KernelFile lock_{"/sys/power/wake_lock"};
-  KernelFile unlock_{"/sys/power/wake_unlock"};
+  test::LowPowerFiles files_;
   LowPower low_power_{
       {shim::LpmSetup, shim::LpmTeardown, shim::LpmSuspend, shim::LpmWakeUp, shim::IsLpmRunning},
       [](const LowPower::Awake&) {}};
 };
 
-TEST_F(LowPowerMode, Off_WakeUpTouchesNothing) {
+TEST_F(LowPowerMode, OffOrRefused_WakeUpTouchesNothing) {
   EXPECT_TRUE(low_power_.WakeUp());
   EXPECT_TRUE(shim::LpmWakeUp());
   EXPECT_TRUE(shim::LpmSuspend());
-  EXPECT_EQ(line_.Text() + driver_.Text() + lock_.Text(), "");
+  EXPECT_EQ(files_.line.Text() + files_.driver.Text(), "");
+  low_power_.Setup([] { return false; });
+  EXPECT_FALSE(shim::IsLpmRunning());
+  EXPECT_EQ(files_.driver.Text(), "10");
+  EXPECT_TRUE(low_power_.WakeUp());
+  EXPECT_EQ(files_.line.Text(), "1");
+  EXPECT_EQ(files_.lock.Text(), "");
 }
 
 TEST_F(LowPowerMode, LoneTransmission_SuspendsAfterTwoPeriods) {
   low_power_.Setup([] { return true; });
-  EXPECT_EQ(driver_.Text(), "1");
-  EXPECT_EQ(line_.Text(), "1");
+  EXPECT_EQ(files_.driver.Text(), "1");
+  EXPECT_EQ(files_.line.Text(), "1");
   const auto start = steady_clock::now();
   EXPECT_TRUE(low_power_.WakeUp());
   EXPECT_TRUE(low_power_.WakeUp());  // awake already: nothing is written
-  EXPECT_EQ(line_.Text(), "11");
-  EXPECT_THAT(lock_.Text(), testing::HasSubstr("bthal_wakelock"));
-  EXPECT_EQ(unlock_.Text(), "");
-  EXPECT_TRUE(line_.WaitForText("110"));
+  EXPECT_EQ(files_.line.Text(), "11");
+  EXPECT_FALSE(files_.WakeLockReleased());
+  EXPECT_TRUE(files_.line.WaitForText("110"));
   EXPECT_GE(steady_clock::now() - start, milliseconds(1600));
-  EXPECT_TRUE(test::WaitFor([&] { return unlock_.Text().find("bthal_wakelock") == 0; }));
-  // And once more: the timer was only disarmed.
+  EXPECT_TRUE(test::WaitFor([&] { return files_.WakeLockReleased(); }));
+  // And once more, up to a tear-down: the timer was only disarmed.
   EXPECT_TRUE(low_power_.WakeUp());
-  EXPECT_EQ(line_.Text(), "1101");
-  EXPECT_TRUE(line_.WaitForText("11010"));
-}
-
-TEST_F(LowPowerMode, SleepModeRefused_IsOffAgain) {
-  low_power_.Setup([] { return false; });
-  EXPECT_FALSE(shim::IsLpmRunning());
-  EXPECT_EQ(driver_.Text(), "10");
-  EXPECT_TRUE(low_power_.WakeUp());
-  EXPECT_EQ(line_.Text(), "1");
-  EXPECT_EQ(lock_.Text(), "");
-}
-
-TEST_F(LowPowerMode, TeardownWhileAwake_ReleasesTheWakeLock) {
-  low_power_.Setup([] { return true; });
-  EXPECT_TRUE(low_power_.WakeUp());
+  EXPECT_EQ(files_.line.Text(), "1101");
+  EXPECT_FALSE(files_.WakeLockReleased());
   low_power_.Teardown();
-  EXPECT_THAT(unlock_.Text(), testing::HasSubstr("bthal_wakelock"));
-  EXPECT_EQ(driver_.Text(), "10");
+  EXPECT_TRUE(files_.WakeLockReleased());
+  EXPECT_EQ(files_.driver.Text(), "10");
   EXPECT_TRUE(low_power_.WakeUp());
-  EXPECT_EQ(line_.Text(), "11");
+  EXPECT_EQ(files_.line.Text(), "1101");
 }
 
 // One lock for all users: the platform is asked at the first and the last.
 TEST_F(LowPowerMode, WakeLock_CountsItsUses) {
   WakeLock& lock = WakeLock::Get();
   lock.Acquire();
-  const std::string once = lock_.Text();
+  const std::string once = files_.lock.Text();
   lock.Acquire();
   lock.Release();
-  EXPECT_EQ(unlock_.Text(), "");
+  EXPECT_FALSE(files_.WakeLockReleased());
   lock.Release();
-  EXPECT_THAT(unlock_.Text(), testing::HasSubstr("bthal_wakelock"));
-  EXPECT_EQ(lock_.Text(), once);
+  EXPECT_TRUE(files_.WakeLockReleased());
+  EXPECT_EQ(files_.lock.Text(), once);
 }
 
 TEST_F(LowPowerMode, WakeUpsAndTeardownsOfManyThreads_EndReleased) {
@@ -124,9 +92,38 @@ TEST_F(LowPowerMode, WakeUpsAndTeardownsOfManyThreads_EndReleased) {
     sender.join();
     closer.join();
   }
-  EXPECT_EQ(test::CountOf("bthal_wakelock", lock_.Text()),
-            test::CountOf("bthal_wakelock", unlock_.Text()));
+  EXPECT_EQ(test::CountOf("bthal_wakelock", files_.lock.Text()),
+            test::CountOf("bthal_wakelock", files_.unlock.Text()));
   EXPECT_FALSE(shim::IsLpmRunning());
+}
+
+// A transport that cannot wake the controller, or put it to sleep, ends the low-power mode.
+TEST_F(LowPowerMode, LineThatFails_IsTornDownOnceAndLeavesNoWakeLock) {
+  for (const bool wakes : {false, true}) {
+    SCOPED_TRACE(wakes ? "suspend" : "wake-up");
+    std::atomic<int> wake_ups{0}, teardowns{0};
+    std::atomic<bool> running{true};
+    LowPower low_power({[] { return true; },
+                        [&] {
+                          running = false;
+                          ++teardowns;
+                        },
+                        [] { return false; },
+                        [&] {
+                          ++wake_ups;
+                          return wakes;
+                        },
+                        [&] { return running.load(); }},
+                       [](const LowPower::Awake&) {});
+    low_power.Setup([] { return true; });
+    EXPECT_EQ(low_power.WakeUp(), wakes);
+    ASSERT_TRUE(
+        test::WaitFor([&] { return teardowns == 1; }, std::chrono::seconds(wakes ? 10 : 0)));
+    ASSERT_TRUE(test::WaitFor([&] { return files_.WakeLockReleased(); }));
+    EXPECT_TRUE(low_power.WakeUp()) << "off: nothing is to be woken";
+    EXPECT_EQ(wake_ups, 1);
+    EXPECT_EQ(teardowns, 1);
+  }
 }
 
 // Low power is torn down between a sender's look at the line and the wake lock that it takes.
@@ -145,12 +142,12 @@ TEST_F(LowPowerMode, TeardownInTheMiddleOfAWakeUp_LeavesNoWakeLock) {
   low_power.Setup([] { return true; });
   EXPECT_TRUE(low_power.WakeUp());
   closer.join();
-  EXPECT_EQ(lock_.Text(), unlock_.Text());
+  EXPECT_EQ(files_.lock.Text(), files_.unlock.Text());
 }
 
 TEST(LowPowerLine, FirstWriteFails_IsOffForTheSession) {
   const std::string line = test::RootFolder() + "/proc/bluetooth/sleep/btwrite";
-  const KernelFile driver("/proc/bluetooth/sleep/lpm"), lock("/sys/power/wake_lock");
+  const test::KernelFile driver("/proc/bluetooth/sleep/lpm"), lock("/sys/power/wake_lock");
   std::filesystem::create_symlink("/dev/full", line);
   EXPECT_FALSE(shim::LpmSetup());
   EXPECT_FALSE(shim::IsLpmRunning());
@@ -246,9 +243,7 @@ TEST(TimerThread, DestructionWaitsForARunningCallback) {
 }
 
 TEST(TimerThread, DestroyedInItsOwnCallback_EndsItsThread) {
-  const int threads = test::CountThreads(getpid());
-  const int rounds = test::Count("timers destroyed in their callback", 300);
-  for (int i = 0; i < rounds; ++i) {
+  test::ExpectNothingLeft("timers destroyed in their callback", 300, [] {
     std::unique_ptr<Timer> timer;
     std::atomic<bool> gone{false};
     timer = Timer::Create("test", [&] {
@@ -257,8 +252,7 @@ TEST(TimerThread, DestroyedInItsOwnCallback_EndsItsThread) {
     });
     timer->Arm(milliseconds(0), milliseconds(1));
     ASSERT_TRUE(test::WaitFor([&] { return gone.load(); }));
-    ASSERT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) <= threads; }));
-  }
+  });
 }
 
 }  // namespace

@@ -38,17 +38,6 @@ TEST(QualityReports, LinesAreExact) {
   DebugCentral::Get().StopMonitor();
 }
 
-TEST(QualityReports, NamesOfIds) {
-  for (int id = 0; id < 256; ++id) {
-    const std::string name = QualityReportIdToString(static_cast<uint8_t>(id));
-    if (id < 1 || (id > 4 && id != 7)) {
-      EXPECT_EQ(name, "Invalid    ") << id;
-    } else if (id != 7) {
-      EXPECT_EQ(name.size(), 11u) << id;
-    }
-  }
-}
-
 // Each report lies in an allocation of its own size, which the address sanitizer guards.
 TEST(QualityReports, OfEveryLength_AreReadWithinTheirBounds) {
   test::LogCapture log;

@@ -1,3 +1,6 @@
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -6,6 +9,7 @@
 #include <thread>
 
 #include "bthal/child_case.h"
+#include "bthal/log_capture.h"
 #include "bthal/uart_rig.h"
 #include "debug_central.h"
 #include "evidence/anchor_records.h"
@@ -19,21 +23,19 @@ using namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug;
 using test::Written;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 
 std::string DumpedHalLog() {
   return Written([](int fd) { DebugCentral::Get().dump_hal_log(fd); });
 }
 
-const std::string kTimestamp = "##:##:##:###";
-
 // A line of the history as the test with many threads writes them.
 bool IsWholeLine(const std::string& line) {
-  const size_t text = kTimestamp.size() + 2;
-  if (line.size() <= text || !test::HasShape(line.substr(0, text), kTimestamp + ": ")) return false;
-  if (line.substr(text) == std::string(40, line[text])) return true;
+  constexpr size_t kText = sizeof "##:##:##:###: " - 1;
+  if (line.size() <= kText || !test::HasShape(line.substr(0, kText), "##:##:##:###: "))
+    return false;
+  if (line.substr(kText) == std::string(40, line[kText])) return true;
   const size_t bracket = line.find(" [");
-  return line.compare(text, 7, "number ") == 0 && bracket != std::string::npos &&
+  return line.compare(kText, 7, "number ") == 0 && bracket != std::string::npos &&
          (line.substr(bracket) == " [ IN]" || line.substr(bracket) == " [OUT]");
 }
 
@@ -118,29 +120,23 @@ TEST(Records, ManyThreadsRecordWhileOthersDump_LinesStayWhole) {
   dumper.join();
 }
 
+// A scope without a name leaves no record at its end, but one (" [ IN]") at its start.
+// In a process of its own: no other records are to be there.
 CHILD_CASE(DumpFourRecords) {
   DebugCentral& central = DebugCentral::Get();
   central.UpdateRecord(AnchorType::kClose, "oldest");
   { const DebugAnchor anchor(AnchorType::kInitialize, "a scope", central); }
   { const DebugAnchor nameless(AnchorType::kPerformInit, "", central); }
   central.UpdateRecord(AnchorType::kClose, "newest");
-  const std::string log = DumpedHalLog();
-  test::WriteFile(arguments[0], log);
+  test::WriteFile(arguments[0], DumpedHalLog());
   return 0;
 }
 
-// A scope without a name leaves no record at its end, but one (" [ IN]") at its start.
 TEST(Records, HalLog_IsExact) {
   test::TempDir root;
   const std::string out = root / "out.txt";
   ASSERT_EQ(test::RunChild("DumpFourRecords", root.path(), {out}).result.exit_code, 0);
-  std::string log = test::ReadFile(out);
-  for (size_t at = 0; at + kTimestamp.size() <= log.size(); ++at) {
-    if (test::HasShape(log.substr(at, kTimestamp.size()), kTimestamp)) {
-      log.replace(at, kTimestamp.size(), "@TIME@");
-    }
-  }
-  EXPECT_EQ(log, test::LoadExpected("hal_log.txt"));
+  EXPECT_EQ(test::WithoutTimes(test::ReadFile(out)), test::LoadExpected("hal_log.txt"));
 }
 
 TEST(DebugFiles, KernelLogBuffer_IsFramedOrReportedUnreadable) {
@@ -158,26 +154,24 @@ TEST(DebugFiles, DumpFiles_AreTextOrHexadecimalByTheirName) {
   const std::string text = "text of a dump";
   const std::string bytes("\x00\x01\x0a\x0d\x7f\x80\xfe\xff\x41\x42\x00", 11);
   const struct {
-    const char* prefix;
-    const char* name;
+    std::string prefix, name;
     bool hex;
-  } cases[] = {{"crashinfo_bt_", "crashinfo_bt_1.txt", false},
-               {"coredump_bt_", "coredump_bt_1.bin", false},
-               {"coredump_bt_", "coredump_bt_socdump_1.bin", true},
-               {"coredump_bt_", "coredump_bt_chredump_1.bin", true},
+  } cases[] = {{"crashinfo_bt_", "1.txt", false},
+               {"coredump_bt_", "1.bin", false},
+               {"coredump_bt_", "socdump_1.bin", true},
+               {"coredump_bt_", "chredump_1.bin", true},
                // Only ".bin" files are binary.
-               {"coredump_bt_", "coredump_bt_socdump_1.txt", false},
-               {"coredump_bt_", "coredump_bt_socdump_bin", false}};
+               {"coredump_bt_", "socdump_1.txt", false},
+               {"coredump_bt_", "socdump_bin", false}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string folder = std::string("/data/sscd_") + c.name + "/";
-    test::WriteFile(test::RootFolder() + folder + c.name, c.hex ? bytes : text);
+    const std::string name = c.prefix + c.name, folder = "/data/sscd_" + name + "/";
+    test::WriteFile(test::RootFolder() + folder + name, c.hex ? bytes : text);
     // Neither of these is shown: another prefix, no regular file.
     test::WriteFile(test::RootFolder() + folder + "other.txt", text);
     test::WriteFile(test::RootFolder() + folder + c.prefix + "folder/file", text);
     EXPECT_EQ(Written([&](int fd) { collect_sscd_logs(fd, c.prefix, folder); }),
               test::Replaced(test::LoadExpected(c.hex ? "sscd_hex.txt" : "sscd_text.txt"), "@NAME@",
-                             c.name));
+                             name));
   }
   EXPECT_EQ(Written([](int fd) { collect_sscd_logs(fd, "x", "/data/absent/"); }), "");
 }
@@ -209,6 +203,45 @@ TEST(DebugCentral, UartDebugPort_FollowsTheUartsNumber) {
   EXPECT_THAT(log, HasSubstr("SetBtUartDebugPort: cannot found uart port!"));
   EXPECT_THAT(dump(), HasSubstr("Debugfs:/dev/logbuffer_tty18\n"));
   EXPECT_THAT(dump(), HasSubstr("Debugfs:dev/logbuffer_btlpm\n"));
+}
+
+// A pipe that holds one page.
+struct SmallPipe {
+  SmallPipe() {
+    EXPECT_TRUE(android::base::Pipe(&read_end, &write_end));
+    fcntl(write_end.get(), F_SETPIPE_SZ, 4096);
+  }
+  android::base::unique_fd read_end, write_end;
+};
+
+// Other calls wait meanwhile: for a reader that takes nothing 2 s, for one that has gone not at
+// all.
+TEST(DebugReport, ReaderThatDoesNotRead_EndsTheReportWithOneLine) {
+  const std::string text(40000, 'r');
+  const auto write = [&](SmallPipe& pipe, const char* line) {
+    testing::internal::CaptureStderr();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(WriteToReader(pipe.write_end.get(), text), line == nullptr);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(test::CountOf("the reader of the debug report", log), line == nullptr ? 0u : 1u);
+    EXPECT_THAT(log, HasSubstr(line == nullptr ? "" : line));
+    return std::chrono::steady_clock::now() - start;
+  };
+  SmallPipe unread, abandoned, read;
+  const int flags = fcntl(unread.write_end.get(), F_GETFL);
+  const auto taken = write(unread, "the reader of the debug report is too slow: ");
+  EXPECT_GE(taken, std::chrono::milliseconds(2000));
+  EXPECT_LT(taken, std::chrono::milliseconds(4000));
+  EXPECT_EQ(fcntl(unread.write_end.get(), F_GETFL), flags);
+  abandoned.read_end.reset();
+  EXPECT_LT(write(abandoned, "the reader of the debug report is gone: Broken pipe"),
+            std::chrono::milliseconds(2000));
+  std::string received;
+  std::thread reader([&] { android::base::ReadFdToString(read.read_end, &received); });
+  write(read, nullptr);
+  read.write_end.reset();
+  reader.join();
+  EXPECT_EQ(received, text);
 }
 
 }  // namespace

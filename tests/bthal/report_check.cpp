@@ -3,12 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <time.h>
 
 #include <algorithm>
 #include <filesystem>
 
 #include "bthal/uart_rig.h"
 #include "debug_central.h"
+#include "support/wait.h"
 
 namespace test {
 namespace {
@@ -16,8 +18,8 @@ namespace {
 using android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
 using testing::HasSubstr;
 
-constexpr char kDumps[] = "/data/vendor/ssrdump/";
-constexpr char kCoreDumps[] = "/data/vendor/ssrdump/coredump/";
+constexpr char kDumps[] = "/data/vendor/ssrdump";
+constexpr char kCoreDumps[] = "/coredump";
 
 std::vector<std::string> FilesIn(const std::string& folder) {
   std::vector<std::string> paths;
@@ -28,13 +30,36 @@ std::vector<std::string> FilesIn(const std::string& folder) {
   return paths;
 }
 
+std::string FileLike(const std::vector<std::string>& paths, const std::string& name) {
+  for (const std::string& path : paths) {
+    if (path.find("/" + name) != std::string::npos) return ReadFile(path);
+  }
+  return "none";
+}
+
 }  // namespace
 
-CrashRoot::CrashRoot() { std::filesystem::create_directories(path() + kCoreDumps); }
+CrashFolders::CrashFolders(const std::string& root) : folder_(root + kDumps) {
+  std::filesystem::remove_all(folder_);
+  std::filesystem::create_directories(folder_ + kCoreDumps);
+}
 
-std::vector<std::string> CrashRoot::CrashInfos() const { return FilesIn(path() + kDumps); }
+std::vector<std::string> CrashFolders::CrashInfos() const { return FilesIn(folder_); }
 
-std::vector<std::string> CrashRoot::CoreDumps() const { return FilesIn(path() + kCoreDumps); }
+std::vector<std::string> CrashFolders::CoreDumps() const { return FilesIn(folder_ + kCoreDumps); }
+
+std::string CrashFolders::CrashInfoLike(const std::string& name) const {
+  return FileLike(CrashInfos(), name);
+}
+
+std::string CrashFolders::CoreDumpLike(const std::string& name) const {
+  return FileLike(CoreDumps(), name);
+}
+
+void WaitForTheNextSecond() {
+  const time_t now = time(nullptr);
+  WaitFor([&] { return time(nullptr) > now; });
+}
 
 ReportRoot::ReportRoot() {
   WriteConfiguration(path(), "UserialType=2\n");
@@ -49,7 +74,7 @@ void PrintReports() {
 }
 
 std::string ExpectReport(int code, const std::string& extra, const ChildRun& run,
-                         const CrashRoot& root) {
+                         const CrashFolders& folders) {
   std::string function, message;
   for (const Vector& v : LoadVectors("error_codes.txt")) {
     if (v.name != std::to_string(code)) continue;
@@ -64,7 +89,7 @@ std::string ExpectReport(int code, const std::string& extra, const ChildRun& run
                                     std::to_string(code) + ", extra info: " + extra + "\n"));
   // The frame's name is mangled: length and name, then its one argument, a string.
   EXPECT_THAT(run.output, HasSubstr(std::to_string(function.size()) + function + "ENSt"));
-  const std::vector<std::string> infos = root.CrashInfos(), cores = root.CoreDumps();
+  const std::vector<std::string> infos = folders.CrashInfos(), cores = folders.CoreDumps();
   EXPECT_EQ(infos.size(), 1u);
   EXPECT_EQ(cores.size(), 1u);
   if (infos.empty() || cores.empty()) return "";

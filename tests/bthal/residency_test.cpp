@@ -85,8 +85,6 @@ TEST(Residency, SequencesAreExact) {
     const auto offset = [&] { return std::to_string(watcher->boot_time_offset_ms()); };
     runner.DefinePlaceholder("@OFFSET@", offset);
     runner.Define("start", [&](const std::string&) {
-      timespec before{};
-      clock_gettime(CLOCK_BOOTTIME, &before);
       runner.flow().RegisterEventWatcher(watcher.get());
       EXPECT_TRUE(watcher->startWatcher());
       EXPECT_EQ(provider->callback(), watcher);
