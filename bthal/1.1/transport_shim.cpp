@@ -10,9 +10,9 @@
 #include <mutex>
 
 #include "base/teardown_gate.h"
+#include "chre/qvr_helper.h"
 #include "conf.h"
 #include "h4/hw_control.h"
-#include "transport/co_processor_transport.h"
 #include "transport/uart_transport.h"
 
 namespace android::hardware::bluetooth::hci::shim {
@@ -22,8 +22,9 @@ constexpr uint16_t kOpcodeSetExtendedScanEnable = 0x2042;
 
 // Built on first use, never destroyed.
 struct Shim {
+  Shim() { QvrHelper::Get().SetLostHandler(CatchException); }
+
   UartTransport uart{{CatchException, IsInitialized}};
-  CoProcessorTransport co_processor{{CatchException, IsInitialized}};
   std::atomic<Transport*> transport{&uart};
   std::atomic<uint32_t> userial_type{kUserialClosed};
   TeardownGate gate;  // opening and closing, one at a time
@@ -41,7 +42,7 @@ struct Shim {
       if (type == kUserialTty) told.line_baud = static_cast<uint32_t>(UartBaudRate::kRate115200);
     }
     userial_type = type;
-    transport = type == kUserialCoProcessor ? static_cast<Transport*>(&co_processor) : &uart;
+    transport = type == kUserialCoProcessor ? static_cast<Transport*>(&QvrHelper::Get()) : &uart;
   }
 };
 
@@ -95,12 +96,12 @@ std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_
   if (!transport.Open(settings)) return nullptr;
 
   std::shared_ptr<HciFlowControl> flow =
-      HciFlowControl::Create(event_cb, acl_cb, sco_cb, iso_cb, {Send, state.owner.wake_up});
+      HciFlowControl::Create({event_cb, acl_cb, sco_cb, iso_cb}, {Send, state.owner.wake_up});
   {
     std::lock_guard<std::mutex> guard(state.lock);
     state.flow_control = flow;
   }
-  flow->Connect(InitializeCallback);
+  flow->Connect([](const PacketReceivers& receivers) { OpenTransport().Connect(receivers); });
   if (transport.Start()) return flow;
   ALOGE("%s: the port cannot be read, Bluetooth stays off", __func__);
   CloseTransport(state);
@@ -115,7 +116,7 @@ void Deinitialize() {
 
 void InitializeCallback(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
                         const PacketReceiver& sco_cb, const PacketReceiver& iso_cb) {
-  OpenTransport().Connect(event_cb, acl_cb, sco_cb, iso_cb);
+  OpenTransport().Connect({event_cb, acl_cb, sco_cb, iso_cb});
 }
 
 void DeinitializeCallback() { OpenTransport().Disconnect(); }
@@ -169,7 +170,7 @@ bool GetTlDebugDump(int fd, const std::string& first, const std::string& second)
   return OpenTransport().DebugDump(fd, first, second);
 }
 
-void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason) {
+void CatchException(BqrErrorCode code, const std::string& reason) {
   State().owner.shut_down();
   {
     std::lock_guard<std::mutex> guard(State().lock);

@@ -17,10 +17,11 @@ struct TransportState {
   std::string loss;        // why there is no stream of packets; empty while there may be
 
   // Lines "name=value" for programs:
-  //   transport   "serial line", "HCI socket" or "co-processor"; absent while closed
-  //   state       "closed", "opening", "open" or "lost"; of a co-processor "connecting",
-  //   "connected" path        of a serial line line_baud   where it is known, low_power ("on",
-  //   "off"): both only while open loss        only when lost
+  // - transport: "serial line", "HCI socket" or "co-processor"; absent while closed
+  // - path: of the tty; on a serial line only
+  // - state: "closed", "opening" or, on a co-processor, "connecting", "open" or "connected", "lost"
+  // - line_baud (where it is known) and low_power ("on", "off"): only while open
+  // - loss: only when lost
   std::string Text() const;
 };
 
