@@ -150,7 +150,9 @@ TEST(CtlSignals, WaitingCommand_EndsWithTheSignalsCodeUnlessThatIsItsWayToEnd) {
     ASSERT_TRUE(end) << row.command;
     EXPECT_EQ(end->exit_code, row.exit_code) << waiting.Output();
     EXPECT_THAT(waiting.Output(), HasSubstr(row.exit_code == 0 ? "devices heard" : "interrupted"));
-    EXPECT_EQ(CountOf("> command 0c 20 02 00", ReadFile(folder / "trace")), scans) << "left on";
+    EXPECT_TRUE(WaitFor([&] {
+      return CountOf("> command 0c 20 02 00", ReadFile(folder / "trace")) == scans;
+    })) << "the scan is left on";
   }
 }
 

@@ -39,9 +39,9 @@ void Scan(Exchange& exchange, bool active, TimePoint deadline,
   constexpr unsigned kInterval = 0x60;  // 60 ms in units of 0.625 ms; the window is as long
   exchange.Demand(opcode::kLeSetScanParameters,
                   Writer().U8(active ? 1 : 0).U16(kInterval).U16(kInterval).U8(0).U8(0).Done());
-  exchange.Demand(opcode::kLeSetScanEnable, {1, 0});
   bool done = false;
   try {
+    exchange.Demand(opcode::kLeSetScanEnable, {1, 0});
     while (!done) {
       const std::optional<Packet> packet = exchange.Next(deadline);
       if (!packet) break;
