@@ -27,9 +27,9 @@ void BM_Event(benchmark::State& state) {
   size_t delivered = 0;
   const PacketReceiver deliver = [&](const auto&) { ++delivered; };
   const auto flow = HciFlowControl::Create(
-      deliver, deliver, deliver, deliver,
+      {deliver, deliver, deliver, deliver},
       {[](uint8_t, const uint8_t*, size_t length, bool) { return length; }, [] {}});
-  flow->Connect([](const auto&, const auto&, const auto&, const auto&) {});
+  flow->Connect([](const auto&) {});
   std::vector<std::unique_ptr<Watcher>> watchers;
   constexpr uint16_t kMatching = 0x0C03;
   for (auto left = state.range(0); left > 0; --left) {

@@ -23,12 +23,12 @@ struct Stream {
 void Append(Stream* stream, std::mt19937* random, HciPacketType type, size_t payload) {
   std::vector<uint8_t>& bytes = stream->bytes;
   bytes.push_back(type);
-  const PreambleFormat& format = kPreambles[type];
-  std::vector<uint8_t> preamble(format.size, 0x42);
-  preamble[format.length_offset] = static_cast<uint8_t>(payload);
+  const HeaderFormat& format = kHeaders[type];
+  std::vector<uint8_t> header(format.size, 0x42);
+  header[format.length_offset] = static_cast<uint8_t>(payload);
   if (format.length_size == 2)
-    preamble[format.length_offset + 1] = static_cast<uint8_t>(payload >> 8);
-  bytes.insert(bytes.end(), preamble.begin(), preamble.end());
+    header[format.length_offset + 1] = static_cast<uint8_t>(payload >> 8);
+  bytes.insert(bytes.end(), header.begin(), header.end());
   for (size_t i = 0; i < payload; ++i) bytes.push_back(static_cast<uint8_t>((*random)()));
   ++stream->packets;
 }

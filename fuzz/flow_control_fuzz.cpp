@@ -28,9 +28,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
   const auto nothing = [](const hidl_vec<uint8_t>&) {};
   const auto flow = HciFlowControl::Create(
-      nothing, nothing, nothing, nothing,
+      {nothing, nothing, nothing, nothing},
       {[](uint8_t, const uint8_t*, size_t length, bool) { return length; }, [] {}});
-  flow->Connect([](const auto&, const auto&, const auto&, const auto&) {});
+  flow->Connect([](const auto&) {});
   Watcher any(0x0E, 0), one(0x0E, 0x0C03), vendor(0xFF, 0);
   for (HciEventWatcher* watcher : {&any, &one, &vendor}) flow->RegisterEventWatcher(watcher);
   const uint8_t command[] = {0x03, 0x0C, 0x00};

@@ -7,13 +7,10 @@
 #include <android-base/stringprintf.h>
 #include <log/log.h>
 
-#include <iterator>
-#include <utility>
-
-#include "debug_event_watcher.h"
 #include "evidence/anchor_records.h"
 #include "evidence/debug_files.h"
 #include "hci/packet.h"
+#include "hci/scoped_event_watcher.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::activity {
 namespace {
@@ -25,8 +22,6 @@ using hci::Le16At;
 constexpr size_t kRecordLimit = 512;
 constexpr std::chrono::milliseconds kQuietTime{2000};
 constexpr uint32_t kMinDurationMs = 5001;
-constexpr char kLeAdvTimer[] = "le_adv_timer";
-constexpr char kAclDataTimer[] = "acl_data_timer";
 
 constexpr uint8_t kEventConnectionComplete = 0x03;
 constexpr uint8_t kEventDisconnectionComplete = 0x05;
@@ -75,15 +70,15 @@ BtActivitiesLogger* BtActivitiesLogger::GetInstacne() {
 void BtActivitiesLogger::OnBluetoothEnabled(hci::HciFlowControl* flow) {
   ALOGI("%s", __func__);
   auto le_adv_timer = Timer::Create("bthal_le_adv", [this] { LeAdvTimeout(); });
-  if (le_adv_timer == nullptr) ALOGE("%s: cannot create %s!", __func__, kLeAdvTimer);
+  if (le_adv_timer == nullptr) ALOGE("%s: cannot create le_adv_timer!", __func__);
   auto acl_data_timer = Timer::Create("bthal_acl_data", [this] { AclDataTimeout(); });
-  if (acl_data_timer == nullptr) ALOGE("%s: cannot create %s!", __func__, kAclDataTimer);
+  if (acl_data_timer == nullptr) ALOGE("%s: cannot create acl_data_timer!", __func__);
   // Made outside the lock: a watcher registers itself, which takes the flow control's.
   std::vector<std::unique_ptr<hci::HciEventWatcher>> watchers;
-  watchers.push_back(std::make_unique<DebugEventWatcher>(
+  watchers.push_back(std::make_unique<hci::ScopedEventWatcher>(
       "CreateConnectCompleteEvent", flow, kEventConnectionComplete, kOpcodeCreateConnection,
       [this](const hidl_vec<uint8_t>& event) { return OnConnection(event); }));
-  watchers.push_back(std::make_unique<DebugEventWatcher>(
+  watchers.push_back(std::make_unique<hci::ScopedEventWatcher>(
       "DisConnectCompleteEvent", flow, kEventDisconnectionComplete, kOpcodeDisconnect,
       [this](const hidl_vec<uint8_t>& event) { return OnDisconnection(event); }));
 
@@ -110,7 +105,7 @@ void BtActivitiesLogger::OnBluetoothDisabled() {
     le_adv_timer.swap(le_adv_.timer);
     acl_data_timer.swap(acl_data_.timer);
   }
-  while (!watchers.empty()) watchers.pop_back();
+  while (!watchers.empty()) watchers.pop_back();  // in this order
 }
 
 bool BtActivitiesLogger::OnConnection(const hidl_vec<uint8_t>& event) {
@@ -146,7 +141,7 @@ void BtActivitiesLogger::LogActivities(uint8_t packet_type, const hidl_vec<uint8
   } else if (packet_type == hci::HCI_PACKET_TYPE_COMMAND) {
     LogCommand(packet);
   } else if (packet_type == hci::HCI_PACKET_TYPE_ACL_DATA) {
-    CountPacket(acl_data_, HandleAt(packet, 0), kAclDataTimer);
+    CountPacket(acl_data_, HandleAt(packet, 0));
   }
 }
 
@@ -166,7 +161,7 @@ void BtActivitiesLogger::LogEvent(const hidl_vec<uint8_t>& event) {
     }
     case kLeAdvertisingReport:
     case kLeExtendedAdvertisingReport:
-      CountPacket(le_adv_, 0, kLeAdvTimer);
+      CountPacket(le_adv_, 0);
       return;
     default:
       return;
@@ -177,22 +172,13 @@ void BtActivitiesLogger::LogCommand(const hidl_vec<uint8_t>& command) {
   constexpr char kOperation[] = "LogActivities";
   const uint16_t opcode = Le16At(command, 0);
   if (opcode == kOpcodeSetExtendedScanParameters) {
-    const int interval = Le16At(command, 7);
     const int window = Le16At(command, 9);
-    switch (window == 0 ? 0 : interval / window) {
-      case 10:
-        ALOGI("%s: LOW_POWER ScanMode", kOperation);
-        return;
-      case 4:
-        ALOGI("%s: BALANCED ScanMode", kOperation);
-        return;
-      case 1:
-        ALOGI("%s: LOW_LATENCY ScanMode", kOperation);
-        return;
-      default:
-        ALOGI("%s: Other ScanMode", kOperation);
-        return;
-    }
+    const int ratio = window == 0 ? 0 : Le16At(command, 7) / window;
+    const char* mode = ratio == 10  ? "LOW_POWER"
+                       : ratio == 4 ? "BALANCED"
+                       : ratio == 1 ? "LOW_LATENCY"
+                                    : "Other";
+    ALOGI("%s: %s ScanMode", kOperation, mode);
   } else if (opcode == kOpcodeSetExtendedScanEnable) {
     const uint8_t enable = ByteAt(command, 3);
     if (enable > 1) {
@@ -205,7 +191,7 @@ void BtActivitiesLogger::LogCommand(const hidl_vec<uint8_t>& command) {
   }
 }
 
-void BtActivitiesLogger::CountPacket(Burst& burst, uint16_t handle, const char* timer_name) {
+void BtActivitiesLogger::CountPacket(Burst& burst, uint16_t handle) {
   if (!burst.active) {
     burst.active = true;
     burst.start_time = std::chrono::steady_clock::now();
@@ -215,43 +201,39 @@ void BtActivitiesLogger::CountPacket(Burst& burst, uint16_t handle, const char* 
   }
   ++burst.count;
   if (burst.timer == nullptr) {
-    ALOGE("%s: cannot arm %s!", "LogActivities", timer_name);
+    ALOGE("%s: cannot arm %s!", "LogActivities", burst.timer_name);
   } else {
     burst.timer->Arm(kQuietTime, std::chrono::milliseconds(0));
   }
 }
 
-bool BtActivitiesLogger::EndBurst(Burst& burst, Ended* ended) {
+std::optional<acl_data_activities_t> BtActivitiesLogger::EndBurst(Burst& burst) {
   if (burst.timer != nullptr) burst.timer->Disarm();
-  if (!burst.active) return false;
+  if (!burst.active) return std::nullopt;
   burst.active = false;
-  const auto duration = std::chrono::steady_clock::now() - burst.start_time;
-  ended->duration_ms = static_cast<uint32_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(duration).count());
-  ended->end = log_message_timestamp();
-  return ended->duration_ms >= kMinDurationMs;
+  const auto duration = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - burst.start_time);
+  const auto duration_ms = static_cast<uint32_t>(duration.count());
+  if (duration_ms < kMinDurationMs) return std::nullopt;
+  return {{burst.start, log_message_timestamp(), burst.handle, duration_ms, burst.count}};
 }
 
 void BtActivitiesLogger::LeAdvTimeout() {
-  ble_adv_activities_t stat;
+  std::optional<acl_data_activities_t> ended;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    Ended ended;
-    if (!EndBurst(le_adv_, &ended)) return;
-    stat = {le_adv_.start, ended.end, ended.duration_ms, le_adv_.count};
+    ended = EndBurst(le_adv_);
   }
-  UpdateLeAdvStat(stat);
+  if (ended) UpdateLeAdvStat({ended->start, ended->end, ended->duration_ms, ended->packets});
 }
 
 void BtActivitiesLogger::AclDataTimeout() {
-  acl_data_activities_t stat;
+  std::optional<acl_data_activities_t> ended;
   {
     std::lock_guard<std::mutex> guard(lock_);
-    Ended ended;
-    if (!EndBurst(acl_data_, &ended)) return;
-    stat = {acl_data_.start, ended.end, acl_data_.handle, ended.duration_ms, acl_data_.count};
+    ended = EndBurst(acl_data_);
   }
-  UpdateAclDataStat(stat);
+  if (ended) UpdateAclDataStat(*ended);
 }
 
 void BtActivitiesLogger::UpdateLeAdvStat(const ble_adv_activities_t& stat) {

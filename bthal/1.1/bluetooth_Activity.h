@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -55,8 +56,8 @@ struct bthal_wakelock_stat_t {
 
 // Remembers what kept the radio and the host busy: connected devices, bursts of advertising reports
 // and of received ACL data that lasted longer than 5 s, and long awake periods; 512 of each, the
-// oldest go first. It sees the packets that pass the HAL while Bluetooth is on, and what it
-// remembers survives off and on. Built on first use, never destroyed. Any thread.
+// oldest are dropped first. It sees the packets that pass the HAL while Bluetooth is on, and keeps
+// what it remembers when Bluetooth goes off. Built on first use, never destroyed. Any thread.
 class BtActivitiesLogger {
  public:
   static BtActivitiesLogger* GetInstacne();
@@ -77,6 +78,9 @@ class BtActivitiesLogger {
  private:
   // Packets that come less than the timer's time apart.
   struct Burst {
+    explicit Burst(const char* name) : timer_name(name) {}
+
+    const char* const timer_name;
     bool active = false;
     std::chrono::steady_clock::time_point start_time;
     std::string start;
@@ -84,17 +88,11 @@ class BtActivitiesLogger {
     uint16_t handle = 0;  // of the first packet
     std::unique_ptr<Timer> timer;
   };
-  // What a burst was, at its end.
-  struct Ended {
-    uint32_t duration_ms;
-    std::string end;
-  };
-
   BtActivitiesLogger() = default;
 
-  void CountPacket(Burst& burst, uint16_t handle, const char* timer_name) REQUIRES(lock_);
-  // Ends an active burst. Returns whether it lasted long enough to be remembered.
-  bool EndBurst(Burst& burst, Ended* ended) REQUIRES(lock_);
+  void CountPacket(Burst& burst, uint16_t handle) REQUIRES(lock_);
+  // Ends an active burst. Returns it if it lasted long enough to be remembered.
+  std::optional<acl_data_activities_t> EndBurst(Burst& burst) REQUIRES(lock_);
   void LeAdvTimeout() EXCLUDES(lock_);
   void AclDataTimeout() EXCLUDES(lock_);
   void LogEvent(const hidl_vec<uint8_t>& event) REQUIRES(lock_);
@@ -109,8 +107,8 @@ class BtActivitiesLogger {
   std::list<acl_data_activities_t> acl_data_history_ GUARDED_BY(lock_);
   std::map<uint16_t, tCONN_DEVICE> devices_ GUARDED_BY(lock_);  // by handle
   std::list<bthal_wakelock_stat_t> wakelock_history_ GUARDED_BY(lock_);
-  Burst le_adv_ GUARDED_BY(lock_);
-  Burst acl_data_ GUARDED_BY(lock_);
+  Burst le_adv_ GUARDED_BY(lock_){"le_adv_timer"};
+  Burst acl_data_ GUARDED_BY(lock_){"acl_data_timer"};
 };
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::activity

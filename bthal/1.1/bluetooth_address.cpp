@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <mutex>
 #include <optional>
-#include <utility>
 
 #include "evidence/report.h"
 #include "hci/command_waiter.h"
@@ -24,26 +23,29 @@ namespace android::hardware::bluetooth::hci {
 namespace {
 
 using ::android::base::StringPrintf;
-using evidence::BqrErrorCode;
 
 constexpr uint16_t kOpcodeWriteAddress = 0xFC01;
+constexpr uint8_t kNoAnswer = 0xFF;
 constexpr char kDeviceTreeAddress[] = "/proc/device-tree/chosen/config/bt_addr";
 constexpr char kBoardAddressProperty[] = "ro.vendor.bluetooth.evb_bdaddr";
 
 // In the order of HCI: the last octet of the text first.
 using Address = std::array<uint8_t, 6>;
 
-class BluetoothAddress;
-
-// The call that waits for an answer now, for the thread that ends its wait.
-struct Waiting {
+// The wait for the controller's answer, for the thread that ends it.
+struct Wait {
   std::mutex lock;  // a leaf
-  BluetoothAddress* address GUARDED_BY(lock) = nullptr;
+  CommandWaiter* waiter GUARDED_BY(lock) = nullptr;
+
+  void Set(CommandWaiter* new_waiter) EXCLUDES(lock) {
+    std::lock_guard<std::mutex> guard(lock);
+    waiter = new_waiter;
+  }
 };
 
-Waiting& TheWaiting() {
-  static auto* waiting = new Waiting;
-  return *waiting;
+Wait& TheWait() {
+  static auto* wait = new Wait;
+  return *wait;
 }
 
 std::string ReadAddressText() {
@@ -66,56 +68,30 @@ std::optional<Address> ParseAddress(const std::string& text) {
   return std::nullopt;
 }
 
-class BluetoothAddress final : public CommandWaiter {
- public:
-  BluetoothAddress() : CommandWaiter("bthal.bdaddress", kOpcodeWriteAddress, kNoAnswer) {
-    std::lock_guard<std::mutex> guard(TheWaiting().lock);
-    TheWaiting().address = this;
+// All zero when there is no address.
+Address Provision() {
+  const std::optional<Address> found = ParseAddress(ReadAddressText());
+  if (!found) {
+    evidence::Report(BqrErrorCode::HostBdaddrFault, "Can't fetch the provisioning BDA");
   }
-  ~BluetoothAddress() override {
-    std::lock_guard<std::mutex> guard(TheWaiting().lock);
-    TheWaiting().address = nullptr;
+  const Address address = found.value_or(Address{});
+  LOG(INFO) << __func__ << ": BDADDR <"
+            << StringPrintf("%02x:%02x:%02x:%02x:%02x:%02x", address[0], address[1], address[2],
+                            address[3], address[4], address[5])
+            << ">";
+  return address;
+}
+
+bool Apply(HciFlowControl& flow, const Address& address, CommandWaiter& waiter) {
+  const std::vector<uint8_t> command =
+      BuildCommand(kOpcodeWriteAddress, static_cast<uint8_t>(address.size()), address.data());
+  LOG(DEBUG) << __func__ << ": Send VSC <" << toString(hidl_vec<uint8_t>(command)) << ">";
+  const bool accepted = waiter.SendAndWait(flow, command, std::nullopt) == 0;
+  if (waiter.answer().empty()) {
+    LOG(WARNING) << __func__ << ": gave up waiting for the controller's answer";
   }
-
-  void Provision() {
-    const std::optional<Address> address = ParseAddress(ReadAddressText());
-    if (address) {
-      address_ = *address;
-    } else {
-      evidence::Report(BqrErrorCode::HostBdaddrFault, "Can't fetch the provisioning BDA");
-    }
-    LOG(INFO) << __func__ << ": BDADDR <"
-              << StringPrintf("%02x:%02x:%02x:%02x:%02x:%02x", address_[0], address_[1],
-                              address_[2], address_[3], address_[4], address_[5])
-              << ">";
-  }
-
-  bool Apply(HciFlowControl& flow) {
-    const std::vector<uint8_t> command =
-        BuildCommand(kOpcodeWriteAddress, static_cast<uint8_t>(address_.size()), address_.data());
-    LOG(DEBUG) << __func__ << ": Send VSC <" << toString(hidl_vec<uint8_t>(command)) << ">";
-    const uint8_t status = SendAndWait(flow, command, std::nullopt);
-    if (!answered_) {
-      LOG(WARNING) << __func__ << ": gave up waiting for the controller's answer";
-    }
-    return answered_ && status == 0;
-  }
-
- protected:
-  bool OnAnswer(const hidl_vec<uint8_t>& event, uint8_t status) override {
-    const bool success = status == 0;
-    LOG(success ? base::INFO : base::WARNING)
-        << "OnEventReceive" << (success ? ": Recv Success VSE <" : ": Recv Failure VSE <")
-        << toString(event) << ">";
-    return !std::exchange(answered_, true);
-  }
-
- private:
-  static constexpr uint8_t kNoAnswer = 0xFF;
-
-  Address address_{};
-  bool answered_ = false;  // written under the flow-control lock, read once no answer can come
-};
+  return accepted;
+}
 
 }  // namespace
 
@@ -125,15 +101,19 @@ bool ApplyProvisionBDAddress(HciFlowControl* flow, const std::function<bool()>& 
     return false;
   }
   const std::shared_ptr<HciFlowControl> kept = flow->shared_from_this();
-  BluetoothAddress address;
-  address.Provision();
-  if (abandoned()) address.GiveUp();
-  return address.Apply(*kept);
+  CommandWaiter waiter(LOG_TAG, kOpcodeWriteAddress, kNoAnswer, base::INFO,
+                       CommandWaiter::Keep::kFirst);
+  TheWait().Set(&waiter);
+  const Address address = Provision();
+  if (abandoned()) waiter.GiveUp();
+  const bool accepted = Apply(*kept, address, waiter);
+  TheWait().Set(nullptr);
+  return accepted;
 }
 
 void AbandonProvisioning() {
-  std::lock_guard<std::mutex> guard(TheWaiting().lock);
-  if (TheWaiting().address != nullptr) TheWaiting().address->GiveUp();
+  std::lock_guard<std::mutex> guard(TheWait().lock);
+  if (TheWait().waiter != nullptr) TheWait().waiter->GiveUp();
 }
 
 }  // namespace android::hardware::bluetooth::hci

@@ -6,6 +6,7 @@
 #include <android-base/stringprintf.h>
 
 #include <atomic>
+#include <iterator>
 
 #include "hci/packet.h"
 
@@ -56,20 +57,11 @@ std::string LinkQualityText(const hidl_vec<uint8_t>& event, const Layout& layout
 }  // namespace
 
 std::string QualityReportIdToString(uint8_t id) {
-  switch (id) {
-    case 1:
-      return "Monitoring ";
-    case 2:
-      return "Appro LSTO ";
-    case 3:
-      return "A2DP Choppy";
-    case 4:
-      return "SCO Choppy ";
-    case 7:
-      return "LE Audio Choppy";
-    default:
-      return "Invalid    ";
-  }
+  constexpr const char* kNames[] = {
+      "Invalid    ", "Monitoring ", "Appro LSTO ", "A2DP Choppy",
+      "SCO Choppy ", "Invalid    ", "Invalid    ", "LE Audio Choppy",
+  };
+  return id < std::size(kNames) ? kNames[id] : kNames[0];
 }
 
 void updateControllerCapability(const hidl_vec<uint8_t>& event) {

@@ -17,13 +17,13 @@ std::string QualityReportIdToString(uint8_t id);
 // link-quality report is laid out. A short one is ignored.
 void updateControllerCapability(const hidl_vec<uint8_t>& event);
 
-// A link-quality report: one line. One too short for its layout is dropped without a word.
+// Logs a link-quality report as one line. A report too short for its layout is not logged.
 void ParseLinkQualityRelatedEvt(const hidl_vec<uint8_t>& event);
 
-// A vendor-specific trace; of its kinds, the A2DP latency measurement is known.
+// Logs a vendor-specific trace; the only known kind is the A2DP latency measurement.
 void ParseVendorSpecificTraceEvt(const hidl_vec<uint8_t>& event);
 
-// A line a packet, and the averages.
+// Logs one line per packet, and the averages.
 void ParseA2DPLatencyMeasurement(const hidl_vec<uint8_t>& event);
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::bqr

@@ -10,30 +10,24 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <optional>
 
 #include "hci/packet.h"
 
 namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation {
 
-using ::android::sp;
 using ::android::base::StringPrintf;
-using ::android::hardware::hidl_vec;
-using ::android::hardware::Return;
-using ::android::hardware::Void;
 using V1_0::Direction;
-namespace hci = ::android::hardware::bluetooth::hci;
 
 namespace {
 
 constexpr uint16_t kOpcodeCcc = 0xFD63;
 constexpr uint8_t kSubEventCcc = 0xD0;
 constexpr size_t kReportSize = 25;
-// What is left of a parameter length of one byte behind operation, address and two more.
+// The parameter length is one byte, and nine bytes stand before the events.
 constexpr size_t kMaxEvents = 0xFF - 9;
 constexpr char kTimesyncFile[] = "/proc/bluetooth/timesync";
 constexpr size_t kReadingSize = 20;
-// More readings than a driver keeps: it gives the same one again and again.
+// More readings than a driver keeps: a driver that gives this many repeats one without end.
 constexpr int kMaxStaleReadings = 1 << 16;
 
 // How events are called on the wire.
@@ -136,17 +130,10 @@ std::string addressToString(const Address& address) {
 }
 
 BluetoothCcc::BluetoothCcc()
-    : ExtensionCommand(LOG_TAG, kOpcodeCcc),
-      callbacks_([this](const CccCallbackWrapper& callback) {
+    : Extension(LOG_TAG, kOpcodeCcc), callbacks_([this](const CccCallbackWrapper& callback) {
         std::lock_guard<std::mutex> guard(calls_);
         UnregisterAll(callback);
-      }),
-      timesync_watcher_(*this) {}
-
-BluetoothCcc& BluetoothCcc::Shared() {
-  static const auto* instance = new sp<BluetoothCcc>(new BluetoothCcc);
-  return **instance;
-}
+      }) {}
 
 Return<void> BluetoothCcc::registerForLmpEvents(const sp<V1_0::IBluetoothCccCallback>& callback,
                                                 const Address& address,
@@ -182,7 +169,11 @@ void BluetoothCcc::Register(const char* operation, const CccCallbackWrapper& cal
   const bool alive = callbacks_.insert(address, events, callback);
   if (callbacks_.size() == 1) {
     LOG(INFO) << operation << " Register for timesync event watcher";
-    flow->RegisterEventWatcher(&timesync_watcher_);
+    timesync_watcher_.emplace("Ccc_VendorEvent", flow.get(), hci::kEventVendorSpecific, 0,
+                              [this](const hidl_vec<uint8_t>& event) {
+                                return hci::ByteAt(event, 2) == kSubEventCcc &&
+                                       handleCccSpecificEvent(event);
+                              });
   }
   {
     std::lock_guard<std::mutex> guard(lock_);
@@ -207,7 +198,7 @@ void BluetoothCcc::Unregister(const Address& address) {
   LOG(INFO) << kOperation << ": address: " << addressToString(address);
   if (callbacks_.size() == 0) {
     LOG(INFO) << kOperation << ": Unregister timesync event watcher";
-    flow->UnregisterEventWatcher(&timesync_watcher_);
+    timesync_watcher_.reset();
   }
   SendCommand(*flow, buildCommand(Operation::kRemove, address, {}));
 }
@@ -217,7 +208,7 @@ void BluetoothCcc::UnregisterAll(const CccCallbackWrapper& callback) {
 }
 
 bool BluetoothCcc::OnEventReceive(const hidl_vec<uint8_t>& event) {
-  if (!ExtensionCommand::OnEventReceive(event)) return false;
+  if (!Extension::OnEventReceive(event)) return false;
   Address address;
   CccCallbackWrapper callback;
   {
@@ -231,13 +222,6 @@ bool BluetoothCcc::OnEventReceive(const hidl_vec<uint8_t>& event) {
     LOG(WARNING) << __func__ << ": Unable to callback timesync report";
   }
   return true;
-}
-
-BluetoothCcc::TimesyncEventWatcher::TimesyncEventWatcher(BluetoothCcc& ccc)
-    : HciEventWatcher("Ccc_VendorEvent", hci::kEventVendorSpecific, 0), ccc_(ccc) {}
-
-bool BluetoothCcc::TimesyncEventWatcher::OnEventReceive(const hidl_vec<uint8_t>& event) {
-  return hci::ByteAt(event, 2) == kSubEventCcc && ccc_.handleCccSpecificEvent(event);
 }
 
 uint64_t BluetoothCcc::ReadingOf(uint8_t count) {
@@ -283,7 +267,7 @@ bool BluetoothCcc::handleCccSpecificEvent(const hidl_vec<uint8_t>& event) {
 
 void BluetoothCcc::Start(hci::HciFlowControl* flow) {
   std::lock_guard<std::mutex> call(calls_);
-  Enable(flow);
+  Extension::Start(flow);
   for (int stale = 0; getSystemTime() != 0; ++stale) {
     if (stale < kMaxStaleReadings) continue;
     LOG(WARNING) << kTimesyncFile << " has readings without end";
@@ -293,25 +277,14 @@ void BluetoothCcc::Start(hci::HciFlowControl* flow) {
 
 void BluetoothCcc::Stop() {
   std::lock_guard<std::mutex> call(calls_);
-  const auto flow = this->flow();
-  Disable();
-  if (flow != nullptr) flow->UnregisterEventWatcher(&timesync_watcher_);
+  Extension::Stop();
+  timesync_watcher_.reset();
   callbacks_.clear();
   toggle_count_ = 0;
   // Outlives the lock: with it may go the last reference to a client's object.
   std::deque<std::pair<Address, CccCallbackWrapper>> unanswered;
   std::lock_guard<std::mutex> guard(lock_);
   unanswered.swap(unanswered_);
-}
-
-void BluetoothCcc::OnBluetoothEnabled(hci::HciFlowControl* flow) {
-  LOG(DEBUG) << __func__;
-  Shared().Start(flow);
-}
-
-void BluetoothCcc::OnBluetoothDisabled() {
-  LOG(DEBUG) << __func__;
-  Shared().Stop();
 }
 
 }  // namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation

@@ -7,12 +7,14 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "bluetooth_ccc_callback_map.h"
-#include "extension/extension_command.h"
+#include "extension/extension.h"
+#include "hci/scoped_event_watcher.h"
 
 namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation {
 
@@ -32,54 +34,40 @@ std::string addressToString(const Address& address);
 // The service that has the controller report link-layer events of chosen devices, and tells clients
 // when they happened on the host's clock. Clients call one at a time; their callbacks are called on
 // the reader thread under the flow-control lock, which never waits for them.
-class BluetoothCcc final : public IBluetoothCcc,
-                           public ::android::hardware::bluetooth::ExtensionCommand {
+class BluetoothCcc final : public IBluetoothCcc, public Extension<BluetoothCcc> {
  public:
   BluetoothCcc();
 
   // The result comes through the callback: times 0, or all bits set when the controller refused.
-  ::android::hardware::Return<void> registerForLmpEvents(
-      const ::android::sp<V1_0::IBluetoothCccCallback>& callback, const Address& address,
-      const ::android::hardware::hidl_vec<LmpEventId>& lmpEventIds) override;
-  ::android::hardware::Return<void> registerForLmpEvents_1_1(
-      const ::android::sp<V1_1::IBluetoothCccCallback>& callback, const Address& address,
-      const ::android::hardware::hidl_vec<LmpEventId>& lmpEventIds) override;
-  ::android::hardware::Return<void> unregisterLmpEvents(const Address& address) override;
+  Return<void> registerForLmpEvents(const sp<V1_0::IBluetoothCccCallback>& callback,
+                                    const Address& address,
+                                    const hidl_vec<LmpEventId>& lmpEventIds) override;
+  Return<void> registerForLmpEvents_1_1(const sp<V1_1::IBluetoothCccCallback>& callback,
+                                        const Address& address,
+                                        const hidl_vec<LmpEventId>& lmpEventIds) override;
+  Return<void> unregisterLmpEvents(const Address& address) override;
 
   // The result of a command.
-  bool OnEventReceive(const ::android::hardware::hidl_vec<uint8_t>& event) override;
+  bool OnEventReceive(const hidl_vec<uint8_t>& event) override;
 
-  static void OnBluetoothEnabled(::android::hardware::bluetooth::hci::HciFlowControl* flow);
-  static void OnBluetoothDisabled();
+  void Start(hci::HciFlowControl* flow) override EXCLUDES(calls_);
+  void Stop() override EXCLUDES(calls_);
 
  private:
-  // Takes the controller's reports; registered while any address is.
-  class TimesyncEventWatcher final : public ::android::hardware::bluetooth::hci::HciEventWatcher {
-   public:
-    explicit TimesyncEventWatcher(BluetoothCcc& ccc);
-    bool OnEventReceive(const ::android::hardware::hidl_vec<uint8_t>& event) override;
-
-   private:
-    BluetoothCcc& ccc_;
-  };
-
-  // The one that watches and keeps what is registered, whichever instance is called.
-  static BluetoothCcc& Shared();
-
   void Register(const char* operation, const CccCallbackWrapper& callback, const Address& address,
-                const ::android::hardware::hidl_vec<LmpEventId>& events) EXCLUDES(calls_);
+                const hidl_vec<LmpEventId>& events) EXCLUDES(calls_);
   void Unregister(const Address& address) REQUIRES(calls_);
   void UnregisterAll(const CccCallbackWrapper& callback) REQUIRES(calls_);
-  void Start(::android::hardware::bluetooth::hci::HciFlowControl* flow) EXCLUDES(calls_);
-  void Stop() EXCLUDES(calls_);
-  bool handleCccSpecificEvent(const ::android::hardware::hidl_vec<uint8_t>& event);
+  bool handleCccSpecificEvent(const hidl_vec<uint8_t>& event);
   // The kernel's reading for the controller's toggle number count; 0 when it was taken before.
   uint64_t ReadingOf(uint8_t count);
 
-  // One call, death, on or off at a time, with the commands it sends; above the flow-control lock.
+  // Held for a client's call, its death, or Bluetooth going on or off, with the commands that it
+  // sends; above the flow-control lock.
   std::mutex calls_ ACQUIRED_BEFORE(lock_);
   BluetoothCccCallbackMap callbacks_;
-  TimesyncEventWatcher timesync_watcher_;
+  // Takes the controller's reports; exists while any address is registered.
+  std::optional<hci::ScopedEventWatcher> timesync_watcher_ GUARDED_BY(calls_);
   std::atomic<int32_t> toggle_count_{0};  // readings taken since Bluetooth was turned off
 
   std::mutex lock_;  // a leaf

@@ -10,9 +10,7 @@
 
 namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation {
 
-using ::android::sp;
 using ::android::wp;
-using ::android::hardware::hidl_vec;
 using ::android::hardware::interfacesEqual;
 using ::android::hardware::Return;
 

@@ -11,6 +11,8 @@
 
 namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation {
 
+using ::android::sp;
+using ::android::hardware::hidl_vec;
 using V1_0::LmpEventId;
 using Address = ::android::hardware::hidl_array<uint8_t, 6>;  // most significant byte first
 
@@ -21,12 +23,12 @@ using AddressSet = std::set<Address, AddrComp>;
 
 // A client's callback, as it was registered: one of the two is set.
 struct CccCallbackWrapper {
-  ::android::sp<V1_0::IBluetoothCccCallback> v1_0;
-  ::android::sp<V1_1::IBluetoothCccCallback> v1_1;
+  sp<V1_0::IBluetoothCccCallback> v1_0;
+  sp<V1_1::IBluetoothCccCallback> v1_1;
 
   bool empty() const { return v1_0 == nullptr && v1_1 == nullptr; }
   // The object behind it, for what both versions have.
-  ::android::sp<V1_0::IBluetoothCccCallback> object() const;
+  sp<V1_0::IBluetoothCccCallback> object() const;
   // The same form of the same object.
   bool operator==(const CccCallbackWrapper& other) const;
 };
@@ -51,17 +53,17 @@ class CallbackDeathRecipient final : public ::android::hardware::hidl_death_reci
   AddressSet addresses_;  // guarded by the lock of the map that it is in
 };
 
-// Who wants to hear of which link-layer events of which device. Changes come one at a time; the
-// others may come on any thread meanwhile. Its lock is a leaf.
+// Which callback is registered for which link-layer events of which device. Changes come one at a
+// time; the const functions may be called on any thread meanwhile. Its lock is a leaf.
 class BluetoothCccCallbackMap {
  public:
   // handler: called on a thread of the runtime when a callback's process has died.
   explicit BluetoothCccCallbackMap(CallbackDeathRecipient::Handler handler)
       : handler_(std::move(handler)) {}
 
-  // Takes the place of what address was registered with. False when the callback's process has
-  // died already: the handler will not be called.
-  bool insert(const Address& address, const ::android::hardware::hidl_vec<LmpEventId>& events,
+  // Replaces what address was registered with. False when the callback's process has died already:
+  // the handler will not be called.
+  bool insert(const Address& address, const hidl_vec<LmpEventId>& events,
               const CccCallbackWrapper& callback) EXCLUDES(lock_);
   // Returns what it was registered with; empty when it was not.
   CccCallbackWrapper erase(const Address& address) EXCLUDES(lock_);
@@ -78,15 +80,15 @@ class BluetoothCccCallbackMap {
     std::set<LmpEventId> events;
     CccCallbackWrapper callback;
   };
-  using Recipients = std::vector<::android::sp<CallbackDeathRecipient>>;
+  using Recipients = std::vector<sp<CallbackDeathRecipient>>;
 
-  static void Unlink(const ::android::sp<CallbackDeathRecipient>& recipient);
+  static void Unlink(const sp<CallbackDeathRecipient>& recipient);
   Recipients::const_iterator Find(const CccCallbackWrapper& callback) const REQUIRES(lock_);
 
   const CallbackDeathRecipient::Handler handler_;
   mutable std::mutex lock_;
   std::map<Address, Callback, AddrComp> callbacks_ GUARDED_BY(lock_);
-  Recipients recipients_ GUARDED_BY(lock_);  // one a callback
+  Recipients recipients_ GUARDED_BY(lock_);  // one per callback
 };
 
 }  // namespace hardware::nuvexa::bluetooth::ccc::V1_1::implementation

@@ -9,43 +9,28 @@
 #include <string>
 #include <vector>
 
-#include "evidence/record.h"
 #include "hci/packet.h"
 
 namespace hardware::nuvexa::bluetooth::ewp::V1_0::implementation {
 
-using ::android::sp;
 using ::android::base::StringPrintf;
-using ::android::hardware::hidl_vec;
-using ::android::hardware::Return;
-using ::android::hardware::Void;
-using ::android::hardware::bluetooth::evidence::AnchorType;
-namespace evidence = ::android::hardware::bluetooth::evidence;
-namespace hci = ::android::hardware::bluetooth::hci;
 
 namespace {
 
 constexpr uint16_t kOpcodeEwp = 0xFE20;
-constexpr int kKindAcl = 1;
-constexpr int kKindIso = 2;
 constexpr size_t kHeaderSize = 4;
 constexpr size_t kBytesPerLine = 32;
 
 // ACL: handle 0xE00; ISO: 0xD00 to 0xEFF. Other kinds are not filtered.
 bool IsEwpHandle(int kind, uint16_t handle) {
-  if (kind == kKindAcl) return handle == 0xE00;
-  if (kind == kKindIso) return handle >= 0xD00 && handle <= 0xEFF;
+  if (kind == BluetoothEwp::kAclData) return handle == 0xE00;
+  if (kind == BluetoothEwp::kIsoData) return handle >= 0xD00 && handle <= 0xEFF;
   return true;
 }
 
 }  // namespace
 
-BluetoothEwp::BluetoothEwp() : ExtensionCommand(LOG_TAG, kOpcodeEwp) {}
-
-BluetoothEwp& BluetoothEwp::Shared() {
-  static const auto* instance = new sp<BluetoothEwp>(new BluetoothEwp);
-  return **instance;
-}
+BluetoothEwp::BluetoothEwp() : Extension(LOG_TAG, kOpcodeEwp) {}
 
 void BluetoothEwp::Switch(hci::HciFlowControl& flow, const char* operation, bool on,
                           uint16_t interval) {
@@ -87,9 +72,6 @@ bool BluetoothEwp::OnEventReceive(const hidl_vec<uint8_t>& event) {
       << ", Status=" << StringPrintf("0x%02x", status) << " VSE <" << toString(event) << ">";
   return TakePending();
 }
-
-void BluetoothEwp::OnBluetoothEnabled(hci::HciFlowControl* flow) { Shared().Enable(flow); }
-void BluetoothEwp::OnBluetoothDisabled() { Shared().Disable(); }
 
 bool BluetoothEwp::PrintEwpLogging(int kind, const hidl_vec<uint8_t>& packet) {
   const uint16_t handle = hci::Le16At(packet, 0) & 0x0FFF;

@@ -2,8 +2,6 @@
 
 #include "bluetooth_hci.h"
 
-#include <android-base/logging.h>
-#include <android-base/stringprintf.h>
 #include <log/log.h>
 #include <unistd.h>
 
@@ -21,10 +19,7 @@
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 namespace {
 
-using ::android::base::StringPrintf;
 using ::android::hardware::bluetooth::V1_0::Status;
-using debug::AnchorType;
-using debug::BqrErrorCode;
 using debug::DebugAnchor;
 using debug::DebugCentral;
 
@@ -104,8 +99,8 @@ void BluetoothHci::attach(const sp<V1_0::IBluetoothHciCallbacks>& cb, Lifecycle:
                                [this] { return death_recipient_->has_died(); });
   if (!cb->initializationComplete(Status::SUCCESS).isOk()) {
     ALOGE("VendorInterface -> Unable to call initializationComplete(ERR)");
-    evidence::Record(AnchorType::kCompletionUndelivered,
-                     StringPrintf("%s: Unable to call initializationComplete(ERR)", kOperation));
+    evidence::RecordFormat(AnchorType::kCompletionUndelivered,
+                           "%s: Unable to call initializationComplete(ERR)", kOperation);
   }
   setup_signal_handler();
   std::thread([self = sp<BluetoothHci>(this), attachment = CurrentAttachment()] {
@@ -124,8 +119,8 @@ void BluetoothHci::link_to_death(const sp<V1_0::IBluetoothHciCallbacks>& cb) {
       [cb](sp<BluetoothDeathRecipient>& recipient) {
         if (recipient->has_died()) {
           ALOGI("Skipping unlink call, service died.");
-          evidence::Record(AnchorType::kUnlinkSkipped,
-                           StringPrintf("%s: Skipping unlink call, service died", "operator()"));
+          evidence::RecordFormat(AnchorType::kUnlinkSkipped,
+                                 "%s: Skipping unlink call, service died", "operator()");
         } else {
           (void)cb->unlinkToDeath(recipient).isOk();
         }
@@ -173,13 +168,16 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stac
   ALOGI("BluetoothHci::close() Done");
 }
 
-Return<void> BluetoothHci::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& /*options*/) {
+Return<void> BluetoothHci::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) {
   const native_handle_t* handle = fd.getNativeHandle();
-  if (handle != nullptr && handle->numFds >= 1) {
+  if (handle == nullptr || handle->numFds < 1) return Void();
+  if (options.size() == 1 && options[0] == "state") {
+    debug::WriteToReader(handle->data[0], hci::shim::CurrentState().Text());
+  } else {
     ALOGI("%s: Dump debug log", __func__);
     DebugCentral::Get().Dump(handle->data[0]);
-    fsync(handle->data[0]);
   }
+  fsync(handle->data[0]);
   return Void();
 }
 

@@ -17,12 +17,12 @@ namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 
 class BluetoothHci;
 
-// Told by the runtime when the process of a stack dies. Owned by the HAL object.
+// Death recipient: told by the runtime when the process of a stack dies. Owned by the HAL object.
 class BluetoothDeathRecipient : public hidl_death_recipient {
  public:
   explicit BluetoothDeathRecipient(const sp<BluetoothHci>& hal) : hal_(hal) {}
 
-  // Only logs when who is not the attached stack.
+  // Only logs when the dead object is not the attached stack.
   void serviceDied(uint64_t cookie, const wp<::android::hidl::base::V1_0::IBase>& who) override;
 
   bool has_died() const { return has_died_; }
@@ -34,7 +34,7 @@ class BluetoothDeathRecipient : public hidl_death_recipient {
 };
 
 // The HAL object: attaches one Bluetooth stack at a time, brings the controller up for it, relays
-// its packets in both directions, and recovers when the stack or the chip goes away. One a
+// its packets in both directions, and recovers when the stack dies or the chip is reset. One per
 // process, alive for as long as the process. Calls arrive on the HIDL thread; packets from the
 // controller on the reader thread; deaths on a thread of the runtime.
 class BluetoothHci : public IBluetoothHci {
@@ -50,9 +50,11 @@ class BluetoothHci : public IBluetoothHci {
   Return<void> sendScoData(const hidl_vec<uint8_t>& packet) override;
   Return<void> sendIsoData(const hidl_vec<uint8_t>& packet) override;
   Return<void> close() override;
+  // Writes the debug report; with {"state"} as options the lines of hci::TransportState instead.
   Return<void> debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) override;
 
-  // What the death of the attached stack leaves to do; on the thread that learnt of it.
+  // Handles the death of a stack: detaches it and closes the controller, or brings it up again. On
+  // the runtime's thread for deaths.
   void OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who);
 
  private:
@@ -79,7 +81,7 @@ class BluetoothHci : public IBluetoothHci {
 
   void setup_signal_handler();
   static void signal_handler(int signum);
-  // What the signal asks for; on a thread of its own.
+  // Acts on the signal, on a thread of its own.
   void HandleTermination(int signum);
 
   void SendPacket(hci::HciPacketType type, const hidl_vec<uint8_t>& packet);

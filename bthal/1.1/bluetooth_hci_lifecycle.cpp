@@ -1,8 +1,6 @@
 // Bring-up, recovery and shutdown of BluetoothHci.
 #define LOG_TAG "bthal.zvkbtlinux"
 
-#include <android-base/logging.h>
-#include <android-base/stringprintf.h>
 #include <log/log.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -22,10 +20,7 @@
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 namespace {
 
-using ::android::base::StringPrintf;
 using ::android::hardware::bluetooth::V1_0::Status;
-using debug::AnchorType;
-using debug::BqrErrorCode;
 using debug::DebugAnchor;
 using debug::DebugCentral;
 
@@ -87,9 +82,8 @@ void BluetoothHci::perform_init(Lifecycle::Turn& turn) {
   }
   DebugCentral::Get().StartMonitor(handle.get());
   if (BtZvkProtocol::GetInstacne()->Initialize(handle.get())) {
-    const std::string text = StringPrintf("%s: BTZVK controller is ready", __func__);
-    ALOGI("%s", text.c_str());
-    evidence::Record(AnchorType::kControllerReady, text);
+    BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kControllerReady, "%s: BTZVK controller is ready",
+                         __func__);
     return;
   }
   ALOGE("Initialize() failed");
@@ -113,9 +107,8 @@ bool BluetoothHci::open_coex_dev() {
     std::this_thread::sleep_for(kCoexRetryPause);
   }
   ALOGI("%s: return ret (%d), count:%d", __func__, opened ? 1 : 0, failures);
-  evidence::Record(AnchorType::kCoexOpenTried,
-                   StringPrintf("%s, open the coex device (%s), count:%d", __func__,
-                                opened ? "Success" : "Failed", failures));
+  evidence::RecordFormat(AnchorType::kCoexOpenTried, "%s, open the coex device (%s), count:%d",
+                         __func__, opened ? "Success" : "Failed", failures);
   return opened;
 }
 
@@ -152,7 +145,7 @@ void BluetoothHci::thread_perform_reinit(Lifecycle::Turn turn) {
 
 void BluetoothHci::resetBtCallback() {
   ALOGE("%s called", __func__);
-  evidence::Record(AnchorType::kBigHammer, StringPrintf("%s Big Hammer Occurred", __func__));
+  evidence::RecordFormat(AnchorType::kBigHammer, "%s Big Hammer Occurred", __func__);
   close_hci();
 }
 
@@ -174,8 +167,8 @@ void BluetoothHci::startTavioHalExtensions(uint64_t attachment) {
   handle->RegisterEventWatcher(activity_watcher_.get());
   if (!activity_watcher_->startWatcher()) {
     ALOGW("ActivityWatcher registering failure");
-    evidence::Record(AnchorType::kActivityWatcherFailed,
-                     StringPrintf("%s: ActivityWatcher registering failure", __func__));
+    evidence::RecordFormat(AnchorType::kActivityWatcherFailed,
+                           "%s: ActivityWatcher registering failure", __func__);
   }
 }
 

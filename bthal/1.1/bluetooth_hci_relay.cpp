@@ -15,14 +15,10 @@ namespace {
 
 using activity::BtActivitiesLogger;
 using ::android::base::StringPrintf;
-using debug::AnchorType;
+using debug::AnchorFormatter;
 using debug::AnchorValues;
 using debug::DebugCentral;
 using ::hardware::nuvexa::bluetooth::ewp::V1_0::implementation::BluetoothEwp;
-
-// Kinds of packets, as PrintEwpLogging() takes them.
-constexpr int kEwpAcl = 1;
-constexpr int kEwpIso = 2;
 
 // The count shown includes the packet type byte.
 uint32_t ShownSize(const hidl_vec<uint8_t>& packet) {
@@ -32,25 +28,30 @@ uint32_t ShownSize(const hidl_vec<uint8_t>& packet) {
 std::string CommandText(const AnchorValues& v) {
   return StringPrintf("sendHciCommand: 0x%02X%02X - %u bytes", v[0], v[1], v[2]);
 }
-std::string AclText(const AnchorValues& v) { return StringPrintf("sendAclData: %u bytes", v[0]); }
-std::string ScoText(const AnchorValues& v) { return StringPrintf("sendScoData: %u bytes", v[0]); }
-std::string IsoText(const AnchorValues& v) { return StringPrintf("sendIsoData: %u bytes", v[0]); }
+template <const char* kOperation>
+std::string SizeText(const AnchorValues& v) {
+  return StringPrintf("%s: %u bytes", kOperation, v[0]);
+}
+constexpr char kSendAcl[] = "sendAclData";
+constexpr char kSendSco[] = "sendScoData";
+constexpr char kSendIso[] = "sendIsoData";
+constexpr char kEventReceived[] = "cb->hciEventReceived";
+constexpr char kAclReceived[] = "cb->aclDataReceived";
+constexpr char kScoReceived[] = "cb->scoDataReceived";
+constexpr char kIsoReceived[] = "cb->isoDataReceived";
 
-std::string EventInText(const AnchorValues& v) {
-  return StringPrintf("cb->hciEventReceived: %u bytes", v[0]);
-}
-std::string AclInText(const AnchorValues& v) {
-  return StringPrintf("cb->aclDataReceived: %u bytes", v[0]);
-}
-std::string ScoInText(const AnchorValues& v) {
-  return StringPrintf("cb->scoDataReceived: %u bytes", v[0]);
-}
-std::string IsoInText(const AnchorValues& v) {
-  return StringPrintf("cb->isoDataReceived: %u bytes", v[0]);
-}
-
-AnchorValues SizeOf(const hidl_vec<uint8_t>& packet) {
-  return {static_cast<uint32_t>(packet.size())};
+// Records a packet of the controller, and has call hand it to the attached stack. kind names it in
+// the lines that tell why the stack did not get it.
+template <typename Call>
+void Relay(const char* kind, AnchorType type, AnchorFormatter text, const hidl_vec<uint8_t>& packet,
+           const Call& call) {
+  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
+  if (cb == nullptr) {
+    ALOGW("%s: g_cb == nullptr", kind);
+    return;
+  }
+  const evidence::ScopedRecord anchor(type, text, {static_cast<uint32_t>(packet.size())});
+  if (!call(*cb)) ALOGW("Unable to callback %s to Stack", kind);
 }
 
 }  // namespace
@@ -81,19 +82,22 @@ Return<void> BluetoothHci::sendHciCommand(const hidl_vec<uint8_t>& packet) {
 }
 
 Return<void> BluetoothHci::sendAclData(const hidl_vec<uint8_t>& packet) {
-  const evidence::ScopedRecord anchor(AnchorType::kSendAclData, AclText, {ShownSize(packet)});
+  const evidence::ScopedRecord anchor(AnchorType::kSendAclData, SizeText<kSendAcl>,
+                                      {ShownSize(packet)});
   SendPacket(hci::HCI_PACKET_TYPE_ACL_DATA, packet);
   return Void();
 }
 
 Return<void> BluetoothHci::sendScoData(const hidl_vec<uint8_t>& packet) {
-  const evidence::ScopedRecord anchor(AnchorType::kSendScoData, ScoText, {ShownSize(packet)});
+  const evidence::ScopedRecord anchor(AnchorType::kSendScoData, SizeText<kSendSco>,
+                                      {ShownSize(packet)});
   SendPacket(hci::HCI_PACKET_TYPE_SCO_DATA, packet);
   return Void();
 }
 
 Return<void> BluetoothHci::sendIsoData(const hidl_vec<uint8_t>& packet) {
-  const evidence::ScopedRecord anchor(AnchorType::kSendIsoData, IsoText, {ShownSize(packet)});
+  const evidence::ScopedRecord anchor(AnchorType::kSendIsoData, SizeText<kSendIso>,
+                                      {ShownSize(packet)});
   SendPacket(hci::HCI_PACKET_TYPE_ISO_DATA, packet);
   return Void();
 }
@@ -101,50 +105,35 @@ Return<void> BluetoothHci::sendIsoData(const hidl_vec<uint8_t>& packet) {
 // The four functions that the transport calls for the controller's packets, on the reader thread.
 
 void BluetoothHci::OnEvent(const hidl_vec<uint8_t>& event) {
-  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
-  if (cb == nullptr) {
-    ALOGW("hciEvent: g_cb == nullptr");
-    return;
-  }
-  const evidence::ScopedRecord anchor(AnchorType::kHciEventReceived, EventInText, SizeOf(event));
-  BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_EVENT, event);
-  if (!cb->hciEventReceived(event).isOk()) ALOGW("Unable to callback hciEvent to Stack");
+  Relay("hciEvent", AnchorType::kHciEventReceived, SizeText<kEventReceived>, event,
+        [&](V1_0::IBluetoothHciCallbacks& cb) {
+          BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_EVENT, event);
+          return cb.hciEventReceived(event).isOk();
+        });
 }
 
 void BluetoothHci::OnAclData(const hidl_vec<uint8_t>& data) {
-  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
-  if (cb == nullptr) {
-    ALOGW("aclData: g_cb == nullptr");
-    return;
-  }
-  const evidence::ScopedRecord anchor(AnchorType::kAclDataReceived, AclInText, SizeOf(data));
-  BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_ACL_DATA, data);
-  BluetoothEwp::PrintEwpLogging(kEwpAcl, data);
-  if (!cb->aclDataReceived(data).isOk()) ALOGW("Unable to callback aclData to Stack");
+  Relay("aclData", AnchorType::kAclDataReceived, SizeText<kAclReceived>, data,
+        [&](V1_0::IBluetoothHciCallbacks& cb) {
+          BtActivitiesLogger::GetInstacne()->LogActivities(hci::HCI_PACKET_TYPE_ACL_DATA, data);
+          BluetoothEwp::PrintEwpLogging(BluetoothEwp::kAclData, data);
+          return cb.aclDataReceived(data).isOk();
+        });
 }
 
 void BluetoothHci::OnScoData(const hidl_vec<uint8_t>& data) {
-  const AttachedStack::Callbacks1_0 cb = AttachedStack::Get().g_cb();
-  if (cb == nullptr) {
-    ALOGW("scoData: g_cb == nullptr");
-    return;
-  }
-  const evidence::ScopedRecord anchor(AnchorType::kScoDataReceived, ScoInText, SizeOf(data));
-  if (!cb->scoDataReceived(data).isOk()) ALOGW("Unable to callback scoData to Stack");
+  Relay("scoData", AnchorType::kScoDataReceived, SizeText<kScoReceived>, data,
+        [&](V1_0::IBluetoothHciCallbacks& cb) { return cb.scoDataReceived(data).isOk(); });
 }
 
 void BluetoothHci::OnIsoData(const hidl_vec<uint8_t>& data) {
-  if (AttachedStack::Get().g_cb() == nullptr) {
-    ALOGW("isoData: g_cb == nullptr");
-    return;
-  }
-  const evidence::ScopedRecord anchor(AnchorType::kIsoDataReceived, IsoInText, SizeOf(data));
-  BluetoothEwp::PrintEwpLogging(kEwpIso, data);
-  // Null for a stack that attached through 1.0, which knows no ISO data.
-  const AttachedStack::Callbacks1_1 cb = AttachedStack::Get().g_cb_1_1();
-  if (cb == nullptr || !cb->isoDataReceived(data).isOk()) {
-    ALOGW("Unable to callback isoData to Stack");
-  }
+  Relay("isoData", AnchorType::kIsoDataReceived, SizeText<kIsoReceived>, data,
+        [&](V1_0::IBluetoothHciCallbacks&) {
+          BluetoothEwp::PrintEwpLogging(BluetoothEwp::kIsoData, data);
+          // Null for a stack that attached through 1.0, which knows no ISO data.
+          const AttachedStack::Callbacks1_1 cb = AttachedStack::Get().g_cb_1_1();
+          return cb != nullptr && cb->isoDataReceived(data).isOk();
+        });
 }
 
 // Takes the events that the diagnostics make themselves.

@@ -13,11 +13,7 @@
 
 namespace hardware::nuvexa::bluetooth::sar::V1_1::implementation {
 
-using ::android::sp;
 using ::android::base::StringPrintf;
-using ::android::hardware::Return;
-using ::android::hardware::Void;
-namespace hci = ::android::hardware::bluetooth::hci;
 
 namespace {
 
@@ -58,12 +54,7 @@ std::vector<uint8_t> buildCommand(const ChainCaps& chain0, const ChainCaps& chai
   return hci::BuildCommand(kOpcodeSetPowerCaps, static_cast<uint8_t>(params.size()), params.data());
 }
 
-BluetoothSar::BluetoothSar() : ExtensionCommand(LOG_TAG, kOpcodeSetPowerCaps) {}
-
-BluetoothSar& BluetoothSar::Shared() {
-  static const auto* instance = new sp<BluetoothSar>(new BluetoothSar);
-  return **instance;
-}
+BluetoothSar::BluetoothSar() : Extension(LOG_TAG, kOpcodeSetPowerCaps) {}
 
 void BluetoothSar::Send(hci::HciFlowControl& flow, const ChainCaps& chain0, const ChainCaps& chain1,
                         const BeamformingCaps& beamforming) {
@@ -116,16 +107,10 @@ Return<void> BluetoothSar::setBluetoothModeBasedTxPowerCap(const ChainCaps& chai
   return Void();
 }
 
-void BluetoothSar::OnBluetoothEnabled(hci::HciFlowControl* flow) {
-  LOG(DEBUG) << __func__;
-  Shared().high_resolution_ =
+void BluetoothSar::Start(hci::HciFlowControl* flow) {
+  high_resolution_ =
       ::android::hardware::bluetooth::conf::Config::GetInstance()->sar_back_off_high_resolution();
-  Shared().Enable(flow);
-}
-
-void BluetoothSar::OnBluetoothDisabled() {
-  LOG(DEBUG) << __func__;
-  Shared().Disable();
+  Extension::Start(flow);
 }
 
 }  // namespace hardware::nuvexa::bluetooth::sar::V1_1::implementation

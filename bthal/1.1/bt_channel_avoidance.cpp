@@ -8,23 +8,12 @@
 
 namespace hardware::nuvexa::bluetooth::bt_channel_avoidance::V1_0::implementation {
 
-using ::android::sp;
-using ::android::hardware::hidl_array;
-using ::android::hardware::Return;
-using ::android::hardware::Void;
-namespace hci = ::android::hardware::bluetooth::hci;
-
 namespace {
 constexpr uint16_t kOpcodeSetAfhHostChannelClassification = 0x0C3F;
 }
 
 BTChannelAvoidance::BTChannelAvoidance()
-    : ExtensionCommand(LOG_TAG, kOpcodeSetAfhHostChannelClassification) {}
-
-BTChannelAvoidance& BTChannelAvoidance::Shared() {
-  static const auto* instance = new sp<BTChannelAvoidance>(new BTChannelAvoidance);
-  return **instance;
-}
+    : Extension(LOG_TAG, kOpcodeSetAfhHostChannelClassification) {}
 
 Return<void> BTChannelAvoidance::setBluetoothChannelStatus(
     const hidl_array<uint8_t, 10>& channelMap) {
@@ -37,16 +26,6 @@ Return<void> BTChannelAvoidance::setBluetoothChannelStatus(
   Shared().SendCommand(*flow, hci::BuildCommand(kOpcodeSetAfhHostChannelClassification,
                                                 channelMap.elementCount(), channelMap.data()));
   return Void();
-}
-
-void BTChannelAvoidance::OnBluetoothEnabled(hci::HciFlowControl* flow) {
-  LOG(DEBUG) << __func__;
-  Shared().Enable(flow);
-}
-
-void BTChannelAvoidance::OnBluetoothDisabled() {
-  LOG(DEBUG) << __func__;
-  Shared().Disable();
 }
 
 }  // namespace hardware::nuvexa::bluetooth::bt_channel_avoidance::V1_0::implementation

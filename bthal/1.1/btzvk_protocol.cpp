@@ -3,7 +3,6 @@
 #include "btzvk_protocol.h"
 
 #include <android-base/logging.h>
-#include <android-base/stringprintf.h>
 #include <log/log.h>
 
 #include <chrono>
@@ -21,10 +20,6 @@
 namespace android::hardware::bluetooth {
 namespace {
 
-using ::android::base::StringPrintf;
-using evidence::AnchorType;
-using evidence::BqrErrorCode;
-
 constexpr uint16_t kOpcodeReset = 0x0C03;
 constexpr uint16_t kOpcodeReadLocalName = 0x0C14;
 constexpr uint16_t kOpcodeUpdateBaudRate = 0xFC18;
@@ -36,17 +31,6 @@ constexpr size_t kReturnParameters = 6;
 
 // What the firmware takes from its start to its first answer.
 constexpr std::chrono::milliseconds kFirmwareStartTime{500};
-
-bool IsSupported(UartBaudRate rate) {
-  switch (rate) {
-    case UartBaudRate::kRate115200:
-    case UartBaudRate::kRate3000000:
-    case UartBaudRate::kRate4000000:
-    case UartBaudRate::kRate6000000:
-      return true;
-  }
-  return false;
-}
 
 }  // namespace
 
@@ -92,9 +76,8 @@ bool BtZvkProtocol::Initialize(hci::HciFlowControl* flow) {
   if (hci::shim::IsUserialAutoInit()) {
     const uint32_t type = hci::shim::GetUserialType();
     LOG(INFO) << __func__ << ": Do no-op for USERIAL ( " << type << " )";
-    evidence::Record(
-        AnchorType::kAutoInit,
-        StringPrintf("%s: HCI_UART driver (%u) handles BTZVK protocol", __func__, type));
+    evidence::RecordFormat(AnchorType::kAutoInit, "%s: HCI_UART driver (%u) handles BTZVK protocol",
+                           __func__, type);
     return true;
   }
 
@@ -123,9 +106,8 @@ bool BtZvkProtocol::Initialize(hci::HciFlowControl* flow) {
     return false;
   }
   if (!read_local_name()) {
-    LOG(WARNING) << __func__ << ": Unable to get local name information";
-    evidence::Record(AnchorType::kLocalNameFailed,
-                     StringPrintf("%s: Unable to get local name information", __func__));
+    BTHAL_LOG_AND_RECORD(ALOGW, AnchorType::kLocalNameFailed,
+                         "%s: Unable to get local name information", __func__);
   }
   lpm_setup();
   WakeLock::Get().Release();
@@ -154,7 +136,7 @@ uint8_t BtZvkProtocol::read_btzvk_chip_id() {
   }
   const uint8_t id = hci::ByteAt(btzvk_last_completion(), kReturnParameters);
   LOG(INFO) << __func__ << ": " << static_cast<int>(id);
-  evidence::Record(AnchorType::kChipId, StringPrintf("btzvk_reset, chip_id: %u", id));
+  evidence::RecordFormat(AnchorType::kChipId, "btzvk_reset, chip_id: %u", id);
   return id;
 }
 
@@ -197,9 +179,8 @@ bool BtZvkProtocol::baudrate_change(UartBaudRate rate, bool skip_command) {
     const uint8_t status = send_and_wait(kOpcodeUpdateBaudRate, sizeof params, params);
     if (status != 0) {
       LOG(ERROR) << __func__ << ": Update Baud Rate command failed: " << static_cast<int>(status);
-      evidence::Record(
-          AnchorType::kBaudrateFailed,
-          StringPrintf("%s: Update Baud Rate command failed: 0x%2X", __func__, status));
+      evidence::RecordFormat(AnchorType::kBaudrateFailed,
+                             "%s: Update Baud Rate command failed: 0x%2X", __func__, status);
       return false;
     }
   }
@@ -221,8 +202,7 @@ bool BtZvkProtocol::firmware_download() {
   // The controller starts again at its default speed: only the host's side is switched.
   baudrate_change(UartBaudRate::kRate115200, true);
   std::this_thread::sleep_for(kFirmwareStartTime);
-  LOG(INFO) << kOperation << ": Done";
-  evidence::Record(AnchorType::kDownloadDone, StringPrintf("%s: Done", kOperation));
+  BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kDownloadDone, "%s: Done", kOperation);
   return true;
 }
 

@@ -2,7 +2,7 @@
 
 #include "coex_device.h"
 
-#include <android-base/stringprintf.h>
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <log/log.h>
 #include <poll.h>
@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 
@@ -25,10 +26,7 @@
 namespace android::hardware::bluetooth::coex_device {
 namespace {
 
-using ::android::base::StringPrintf;
 using ::android::base::unique_fd;
-using evidence::AnchorType;
-using evidence::BqrErrorCode;
 
 constexpr char kDevice[] = "/dev/wbrc";
 constexpr char kThreadName[] = "BT_COEX_THREAD";
@@ -41,7 +39,7 @@ constexpr uint8_t kResetNotice = 0x42;
 constexpr uint8_t kResetNoticeToAcknowledge = 0x43;
 constexpr uint8_t kAcknowledgement[] = {0x02, 0x02, 0x04, 0x81};
 
-// The thread is asked to leave by a signal after the first, and let go after the second.
+// The thread gets a signal to leave after the first, and is detached after the second.
 constexpr std::chrono::seconds kCloseTimeout{1};
 constexpr std::chrono::seconds kLetGoTimeout{2};
 
@@ -49,7 +47,7 @@ thread_local volatile sig_atomic_t t_asked_to_exit = 0;
 
 void sigusr1_handler(int /*signum*/) { t_asked_to_exit = 1; }
 
-// After every interrupted call on the poll thread.
+// Called after every interrupted call on the poll thread.
 void ExitIfAsked() {
   if (t_asked_to_exit == 0) return;
   ALOGI("%s: pthread_exit(0)", "sigusr1_handler");
@@ -66,14 +64,9 @@ ssize_t Interruptible(Call call) {
   }
 }
 
-void SleepFor(int delay_ms) {
-  timespec left = {delay_ms / 1000, delay_ms % 1000 * 1000000L};
-  Interruptible([&] { return nanosleep(&left, &left); });
-}
-
 }  // namespace
 
-// What the device and its thread share; it lives as long as either needs it.
+// Shared by the device and its thread; lives until both have dropped it.
 struct CoexDevice::Poller {
   unique_fd coex_fd;           // the thread's while it lives
   unique_fd break_sockets[2];  // closing the second ends the first one's poll
@@ -99,7 +92,9 @@ struct CoexDevice::Poller {
   // Ends the thread and closes the device. Returns the result of closing; 0 if there was nothing to
   // close.
   int DeviceClose() EXCLUDES(lock);
+  // Returns 0, or the error that ends the loop.
   int ReadEvent();
+  void OnResetNotice(uint8_t event);
   bool WriteEvent(const uint8_t* bytes, uint8_t length);
   void PollLoop();
   // Returns whether coex_fd is the caller's now.
@@ -112,26 +107,25 @@ struct CoexDevice::Poller {
 int CoexDevice::Poller::ReadEvent() {
   uint8_t message[kMessageSize] = {};
   const ssize_t n = Interruptible([&] { return read(coex_fd.get(), message, sizeof message); });
-  if (n < 0) {
-    const int error = errno;
-    ALOGE("%s Cannot read from wlbt driver: %s", __func__, strerror(error));
+  if (n <= 0) {
+    const int error = n < 0 ? errno : EPIPE;
+    ALOGE("%s Cannot read from wlbt driver: %s", __func__, n < 0 ? strerror(error) : "end of file");
     return -error;
-  }
-  if (n == 0) {
-    ALOGE("%s Cannot read from wlbt driver: %s", __func__, "end of file");
-    return -EPIPE;
   }
   const uint8_t event = message[3];
   ALOGI("%s Read wlbt driver event: 0x%X", __func__, event);
   if (message[0] != kMessageClass) {
     ALOGW("%s Got unexpected message", __func__);
-    return 0;
-  }
-  if (message[2] != kMessageEvent) {
+  } else if (message[2] != kMessageEvent) {
     ALOGW("%s received unknown event", __func__);
-    return 0;
+  } else if (event == kResetNotice || event == kResetNoticeToAcknowledge) {
+    OnResetNotice(event);
   }
-  if (event != kResetNotice && event != kResetNoticeToAcknowledge) return 0;
+  return 0;
+}
+
+void CoexDevice::Poller::OnResetNotice(uint8_t event) {
+  constexpr char kOperation[] = "ReadEvent";
 
   std::function<void()> notify;
   int delay = 0;
@@ -141,8 +135,9 @@ int CoexDevice::Poller::ReadEvent() {
     delay = delay_ms;
   }
   notify();
-  ALOGI("%s Sleep : %d ms", __func__, delay);
-  SleepFor(delay);
+  ALOGI("%s Sleep : %d ms", kOperation, delay);
+  timespec left = {delay / 1000, delay % 1000 * 1000000L};
+  Interruptible([&] { return nanosleep(&left, &left); });
   if (event == kResetNoticeToAcknowledge) {
     ALOGI("%s msg: 0x%X", "BtSend", kAcknowledgement[3]);
     WriteEvent(kAcknowledgement, sizeof kAcknowledgement);
@@ -150,7 +145,6 @@ int CoexDevice::Poller::ReadEvent() {
   DeviceClose();
   evidence::Report(BqrErrorCode::SocBigHammerFault,
                    "restart bt due to receiving Big Hammer Event!");
-  return 0;
 }
 
 bool CoexDevice::Poller::WriteEvent(const uint8_t* bytes, uint8_t length) {
@@ -175,7 +169,7 @@ void CoexDevice::PollEventThread(const std::shared_ptr<Poller>& poller) {
   poller->PollLoop();
   poller->coex_fd.reset();
   ALOGI("%s: Thread done", __func__);
-  evidence::Record(AnchorType::kCoexThreadDone, StringPrintf("%s, Thread done", __func__));
+  evidence::RecordFormat(AnchorType::kCoexThreadDone, "%s, Thread done", __func__);
 }
 
 void CoexDevice::Poller::PollLoop() {
@@ -203,15 +197,14 @@ void CoexDevice::Poller::PollLoop() {
     }
     if (fds[1].revents != 0) {
       ALOGI("%s: socket event", kOperation);
-      evidence::Record(AnchorType::kCoexSocketEvent, StringPrintf("%s, socket event", kOperation));
+      evidence::RecordFormat(AnchorType::kCoexSocketEvent, "%s, socket event", kOperation);
     }
   }
 }
 
 void CoexDevice::Poller::coex_close_timeout() {
   ALOGE("coex_close_timeout");
-  evidence::Record(AnchorType::kCoexThreadStuck,
-                   StringPrintf("%s: PollEventThread Stuck!", __func__));
+  evidence::RecordFormat(AnchorType::kCoexThreadStuck, "%s: PollEventThread Stuck!", __func__);
   std::lock_guard<std::mutex> guard(lock);
   if (alive) pthread_kill(thread, SIGUSR1);
 }
@@ -249,16 +242,14 @@ bool CoexDevice::Poller::ClosePollThread() {
     }
   }
   ALOGI("%s: close socket fds_1", __func__);
-  evidence::Record(AnchorType::kCoexSocket1Closed,
-                   StringPrintf("%s, close socket fds_1", __func__));
+  evidence::RecordFormat(AnchorType::kCoexSocket1Closed, "%s, close socket fds_1", __func__);
   {
     std::lock_guard<std::mutex> guard(lock);
     break_sockets[1].reset();
   }
   // The first socket is being polled: it is closed with the poller.
   ALOGI("%s: close socket fds_0", __func__);
-  evidence::Record(AnchorType::kCoexSocket0Closed,
-                   StringPrintf("%s, close socket fds_0", __func__));
+  evidence::RecordFormat(AnchorType::kCoexSocket0Closed, "%s, close socket fds_0", __func__);
   ALOGI("%s: pthread_join", __func__);
   return own_thread || JoinOrLetGo();
 }
@@ -317,8 +308,7 @@ bool CoexDevice::DeviceOpen(const std::function<void()>& callback, int delay_ms)
     ALOGE("%s: pthread_create error: %s", "CreateThread", strerror(error));
   }
   ALOGI("%s return upon created fd: %d", __func__, fd);
-  evidence::Record(AnchorType::kCoexOpened,
-                   StringPrintf("%s return upon created fd: %d", __func__, fd));
+  evidence::RecordFormat(AnchorType::kCoexOpened, "%s return upon created fd: %d", __func__, fd);
   return true;
 }
 

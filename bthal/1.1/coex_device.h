@@ -1,17 +1,15 @@
 #pragma once
 
 #include <android-base/thread_annotations.h>
-#include <android-base/unique_fd.h>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
 
 namespace android::hardware::bluetooth::coex_device {
 
-// Listens to the WLAN driver, which resets the chip that Bluetooth shares with it and tells so
-// through "/dev/wbrc": runs the callback, acknowledges where asked, and reports the fault. Owned
+// Listens to the WLAN driver, which announces on "/dev/wbrc" that it resets the chip that Bluetooth
+// shares with it: runs the callback, acknowledges where asked, and reports the fault. Owned
 // by the HAL object. The callback runs on the thread "BT_COEX_THREAD".
 class CoexDevice {
  public:

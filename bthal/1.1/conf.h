@@ -22,8 +22,8 @@ class Config {
 
   // Firmware records may go out without waiting for each answer.
   bool GetFastDownloadState() const { return !fast_download_disabled_; }
-  // The controller is brought up before a stack asks, and stays up between stacks. Asks a property
-  // each time.
+  // The controller is brought up before a stack asks, and stays up between stacks. Reads a property
+  // on each call.
   bool IsAcceleratedBtOnSupported() const;
 
  private:

@@ -9,11 +9,8 @@
 #include <time.h>
 
 #include <algorithm>
-#include <chrono>
-#include <future>
 #include <string>
 #include <system_error>
-#include <thread>
 
 #include "hci/packet.h"
 
@@ -171,35 +168,27 @@ void ControllerActivityWatcher::FindProvider() {
   LOG(DEBUG) << kOperation << ": PowerStats service unavailable";
 }
 
-bool ControllerActivityWatcher::startWatcher() {
-  std::shared_ptr<Registration> registration;
-  {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (!enabled_) {
-      LOG(WARNING) << __func__ << ": ActivityWatcher not enabled";
-      return false;
-    }
-    if (bluetooth_on_.exchange(true)) return true;
-    if (boot_time_offset_ms_ == 0) boot_time_offset_ms_ = BootTimeMs();
-    registration = Ask(true);
-  }
-  return Wait(registration);
-}
+bool ControllerActivityWatcher::startWatcher() { return Follow(true); }
+bool ControllerActivityWatcher::stopWatcher() { return Follow(false); }
 
-bool ControllerActivityWatcher::stopWatcher() {
+bool ControllerActivityWatcher::Follow(bool is_on) {
   std::shared_ptr<Registration> registration;
   {
     std::lock_guard<std::mutex> guard(lock_);
     if (!enabled_) {
-      LOG(WARNING) << __func__ << ": ActivityWatcher not enabled";
+      LOG(WARNING) << OperationName(is_on) << ": ActivityWatcher not enabled";
       return false;
     }
-    if (!bluetooth_on_.exchange(false)) return true;
-    for (size_t id = 0; id < base_.size(); ++id) base_[id] = Sum(base_[id], live_[id]);
-    query_pending_ = false;
-    live_ = NoStates();
-    boot_time_offset_ms_ = 0;
-    registration = Ask(false);
+    if (bluetooth_on_.exchange(is_on) == is_on) return true;
+    if (is_on) {
+      if (boot_time_offset_ms_ == 0) boot_time_offset_ms_ = BootTimeMs();
+    } else {
+      for (size_t id = 0; id < base_.size(); ++id) base_[id] = Sum(base_[id], live_[id]);
+      query_pending_ = false;
+      live_ = NoStates();
+      boot_time_offset_ms_ = 0;
+    }
+    registration = Ask(is_on);
   }
   return Wait(registration);
 }
@@ -332,19 +321,6 @@ void ControllerActivityWatcher::Add(const char* operation, size_t id,
   LOG(VERBOSE) << operation << ": " << live_[id] << " boottime " << boot_time_offset_ms_;
 }
 
-void ControllerActivityWatcher::updateIdleStat(const StateResidency& residency) {
-  Add(__func__, 0, residency);
-}
-void ControllerActivityWatcher::updateActiveStat(const StateResidency& residency) {
-  Add(__func__, 1, residency);
-}
-void ControllerActivityWatcher::updateTxStat(const StateResidency& residency) {
-  Add(__func__, 2, residency);
-}
-void ControllerActivityWatcher::updateRxStat(const StateResidency& residency) {
-  Add(__func__, 3, residency);
-}
-
 void send_hci_activities_vsc(const sp<V1_1::IBluetoothHci>& hci, std::atomic<bool>* pending) {
   const hidl_vec<uint8_t> command = hci::BuildCommand(kOpcodeActivities, 1, &kReadActivities);
   *pending = true;
@@ -370,13 +346,13 @@ bool filter_hci_activities_vse(const hidl_vec<uint8_t>& event, ControllerActivit
     return false;
   }
   const int64_t offset = watcher->boot_time_offset_ms();
-  size_t block = kBlocksOffset;
-  for (const auto update :
-       {&ControllerActivityWatcher::updateIdleStat, &ControllerActivityWatcher::updateActiveStat,
-        &ControllerActivityWatcher::updateTxStat, &ControllerActivityWatcher::updateRxStat}) {
-    (watcher->*update)(BlockAt(event, block, offset));
-    block += kBlockSize;
-  }
+  const auto block = [&](size_t id) {
+    return BlockAt(event, kBlocksOffset + id * kBlockSize, offset);
+  };
+  watcher->updateIdleStat(block(0));
+  watcher->updateActiveStat(block(1));
+  watcher->updateTxStat(block(2));
+  watcher->updateRxStat(block(3));
   const bool asked_for = pending->exchange(false);
   LOG(INFO) << __func__ << ": " << (asked_for ? "Filtered" : "Unfilterd") << " <" << toString(event)
             << ">";

@@ -25,12 +25,13 @@ using ::aidl::android::hardware::power::stats::StateResidency;
 std::ostream& operator<<(std::ostream& out, const StateResidency& state);
 
 // Tells the power-statistics service how long the controller was idle, active, transmitting and
-// receiving (states 0 to 3) since the process started. Each time it is asked, it answers with what
-// it knows and asks the controller for what has come since. One a process, owned by the HAL object.
+// receiving (states 0 to 3) since the process started. Each query is answered with the totals so
+// far, and makes the watcher query the controller for newer ones. One per process, owned by the HAL
+// object.
 // The provider asks on the binder thread, the controller answers on the reader thread; while there
 // is no provider, a thread of its own looks for one every second. The provider is called on one
-// more thread, a call at a time: one that does not answer holds up nobody for longer than two
-// seconds, and hears what holds then once it answers again.
+// more thread, one call at a time: a provider that does not answer holds up no caller for longer
+// than two seconds, and is told the latest state once it answers again.
 class ControllerActivityWatcher final
     : public ::aidl::android::vendor::powerstats::BnTavioStateResidencyCallback,
       public hci::HciEventWatcher {
@@ -57,10 +58,10 @@ class ControllerActivityWatcher final
   static void binderDiedCallback(void* cookie);
 
   // Add what one answer of the controller tells; last entries are times since boot.
-  void updateIdleStat(const StateResidency& residency) EXCLUDES(lock_);
-  void updateActiveStat(const StateResidency& residency) EXCLUDES(lock_);
-  void updateTxStat(const StateResidency& residency) EXCLUDES(lock_);
-  void updateRxStat(const StateResidency& residency) EXCLUDES(lock_);
+  void updateIdleStat(const StateResidency& added) { Add(__func__, 0, added); }
+  void updateActiveStat(const StateResidency& added) { Add(__func__, 1, added); }
+  void updateTxStat(const StateResidency& added) { Add(__func__, 2, added); }
+  void updateRxStat(const StateResidency& added) { Add(__func__, 3, added); }
 
   // Added to the controller's times to make them times since boot; 0 while Bluetooth is off.
   int64_t boot_time_offset_ms() const EXCLUDES(lock_);
@@ -75,10 +76,13 @@ class ControllerActivityWatcher final
     const bool is_on;
     const std::chrono::steady_clock::time_point deadline;
     std::promise<bool> done;
-    std::atomic<bool> given_up{false};  // nobody waits for it any more
+    std::atomic<bool> given_up{false};  // no thread waits for it any more
   };
 
   static States NoStates();
+  void Add(const char* operation, size_t id, const StateResidency& residency) EXCLUDES(lock_);
+  // Bluetooth has gone on or off.
+  bool Follow(bool is_on) EXCLUDES(lock_);
   void JoinThread() EXCLUDES(thread_lock_);
   void FindProvider() EXCLUDES(lock_);
   std::shared_ptr<Provider> provider() const EXCLUDES(lock_);
@@ -88,7 +92,6 @@ class ControllerActivityWatcher final
   // Waits for Ask()'s outcome, until its deadline; false for null.
   static bool Wait(const std::shared_ptr<Registration>& registration);
   void CallProvider() EXCLUDES(lock_);
-  void Add(const char* operation, size_t id, const StateResidency& residency) EXCLUDES(lock_);
 
   const sp<V1_1::IBluetoothHci> hci_;
   std::atomic<bool> enabled_{true};

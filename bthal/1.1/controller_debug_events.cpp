@@ -30,8 +30,6 @@ enum QualityReportId : uint8_t {
   kVendorTrace = 32,
 };
 
-constexpr char kDumpWithoutCause[] = "ControllerDebugInfoDataDumpWithoutRootInflammed";
-
 }  // namespace
 
 bool DebugCentral::handle_vendor_specific_event(const hidl_vec<uint8_t>& event) {
@@ -101,15 +99,18 @@ void DebugCentral::handle_root_inflammation(const hidl_vec<uint8_t>& event) {
   suppress_forward_ = 0;
 }
 
+void DebugCentral::start_dump_without_cause(const char* operation, const char* source) {
+  if (evidence_.crash_dump.Started()) return;
+  ALOGE("%s: did not receive Root Inflammation event before %s Dump!", operation, source);
+  start_crash_dump("ControllerDebugInfoDataDumpWithoutRootInflammed");
+}
+
 void DebugCentral::handle_bqr_fw_debug_data_dump(const hidl_vec<uint8_t>& event) {
   if (event.size() < 4) {
     ALOGW("%s: Invalid length of bqr debug firmware dump event!", __func__);
     return;
   }
-  if (!evidence_.crash_dump.Started()) {
-    ALOGE("%s: did not receive Root Inflammation event before FW Dump!", __func__);
-    start_crash_dump(kDumpWithoutCause);
-  }
+  start_dump_without_cause(__func__, "FW");
   evidence_.crash_dump.AppendToControllerDump(event);
 }
 
@@ -129,10 +130,7 @@ void DebugCentral::handle_bqr_chre_debug_data_dump(const hidl_vec<uint8_t>& even
     ALOGW("%s: Invalid length of bqr chre debug dump event!", __func__);
     return;
   }
-  if (!evidence_.crash_dump.Started()) {
-    ALOGE("%s: did not receive Root Inflammation event before CHRE Dump!", __func__);
-    start_crash_dump(kDumpWithoutCause);
-  }
+  start_dump_without_cause(__func__, "CHRE");
   const bool last = hci::ByteAt(event, 4) == 0x5A && hci::ByteAt(event, 5) == 0x00;
   if (last) ALOGI("%s: Last Chre dump packet has been received", __func__);
   evidence_.crash_dump.AddToCoProcessorDump(event, last);

@@ -6,14 +6,12 @@
 #include <log/log.h>
 
 #include <algorithm>
-#include <mutex>
 
 #include "bluetooth_Activity.h"
 #include "bluetooth_bqr.h"
 #include "btzvk_protocol.h"
-#include "debug_event_watcher.h"
-#include "evidence/debug_files.h"
 #include "hci/packet.h"
+#include "hci/scoped_event_watcher.h"
 #include "transport_shim.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
@@ -61,9 +59,9 @@ void DebugCentral::StartMonitor(hci::HciFlowControl* flow) {
   // Made outside the lock: a watcher registers itself, which takes the flow control's.
   std::vector<std::unique_ptr<hci::HciEventWatcher>> fresh;
   const auto add = [&](const char* name, uint16_t event_code, uint16_t opcode,
-                       DebugEventWatcher::Handler handler) {
-    fresh.push_back(
-        std::make_unique<DebugEventWatcher>(name, flow, event_code, opcode, std::move(handler)));
+                       hci::ScopedEventWatcher::Handler handler) {
+    fresh.push_back(std::make_unique<hci::ScopedEventWatcher>(name, flow, event_code, opcode,
+                                                              std::move(handler)));
   };
   add("debug_HwError", hci::kEventHardwareError, 0,
       [this](const hidl_vec<uint8_t>& event) { return handle_hardware_error(event); });

@@ -21,9 +21,9 @@ class HciEventWatcher;
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 
-// The process-wide diagnostics hub: watches the controller's error events, and is the one door to
-// records, debug report, crash files and fatal errors under the names that others know them by.
-// Registers what the report and the core dump show of the layers above the evidence. Built on first
+// The process-wide diagnostics hub: watches the controller's error events, gives access to records,
+// debug report, crash files and fatal errors, and registers the sections of the report and the core
+// dump that come from the layers above the evidence. Built on first
 // use, never destroyed. Any thread.
 class DebugCentral {
  public:
@@ -31,7 +31,7 @@ class DebugCentral {
 
   void UpdateRecord(AnchorType type, const std::string& text) { Records().Add(type, text); }
 
-  // Where events that the hub makes itself go: the stack.
+  // Sets the receiver of the events that the hub makes itself: the stack.
   void SetEventSink(FatalReporter::EventSink sink) {
     evidence_.fatal.SetEventSink(std::move(sink));
   }
@@ -46,7 +46,7 @@ class DebugCentral {
 
   void SetBtUartDebugPort(const std::string& uart_port) { debug::SetBtUartDebugPort(uart_port); }
 
-  // The whole diagnostic picture, as text.
+  // Writes the whole debug report.
   void Dump(int fd) { evidence_.report.Write(fd); }
   // Firmware description and records.
   void dump_hal_log(int fd);
@@ -67,6 +67,8 @@ class DebugCentral {
   bool handle_vendor_specific_event(const hidl_vec<uint8_t>& event);
   void handle_bqr_event(const hidl_vec<uint8_t>& event);
   void handle_root_inflammation(const hidl_vec<uint8_t>& event);
+  // For a dump that no error report has announced.
+  void start_dump_without_cause(const char* operation, const char* source);
   void handle_bqr_fw_debug_data_dump(const hidl_vec<uint8_t>& event);
   void handle_bqr_chre_debug_data_dump(const hidl_vec<uint8_t>& event);
   void handle_debug_info_event(const hidl_vec<uint8_t>& event);

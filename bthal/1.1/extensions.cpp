@@ -13,17 +13,17 @@ namespace {
 using V1_1::zvkbtlinux::activity::BtActivitiesLogger;
 namespace vendor = ::hardware::nuvexa::bluetooth;
 
-struct Extension {
+struct Follower {
   void (*enable)(hci::HciFlowControl* flow);
   void (*disable)();
 };
 
 template <typename Service>
-constexpr Extension Of() {
+constexpr Follower Of() {
   return {Service::OnBluetoothEnabled, Service::OnBluetoothDisabled};
 }
 
-constexpr Extension kExtensions[] = {
+constexpr Follower kFollowers[] = {
     Of<vendor::bt_channel_avoidance::V1_0::implementation::BTChannelAvoidance>(),
     Of<vendor::sar::V1_1::implementation::BluetoothSar>(),
     Of<vendor::ccc::V1_1::implementation::BluetoothCcc>(),
@@ -36,11 +36,11 @@ constexpr Extension kExtensions[] = {
 }  // namespace
 
 void EnableExtensions(hci::HciFlowControl* flow) {
-  for (const Extension& extension : kExtensions) extension.enable(flow);
+  for (const Follower& follower : kFollowers) follower.enable(flow);
 }
 
 void DisableExtensions() {
-  for (const Extension& extension : kExtensions) extension.disable();
+  for (const Follower& follower : kFollowers) follower.disable();
 }
 
 }  // namespace android::hardware::bluetooth

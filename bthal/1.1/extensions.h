@@ -4,8 +4,8 @@
 
 namespace android::hardware::bluetooth {
 
-// What follows Bluetooth on and off beside the HAL object: the extension services and the activity
-// statistics, always in the same order. Calls come one at a time.
+// Start and stop the extension services and the activity statistics with Bluetooth, always in the
+// same order. Calls come one at a time.
 void EnableExtensions(hci::HciFlowControl* flow);
 void DisableExtensions();
 

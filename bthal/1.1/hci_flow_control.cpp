@@ -13,9 +13,6 @@
 namespace android::hardware::bluetooth::hci {
 namespace {
 
-using ::android::base::StringPrintf;
-using evidence::BqrErrorCode;
-
 // Where an event that completes a command carries its opcode and how many credits it grants.
 struct CompletionFormat {
   uint8_t event_code;
@@ -33,6 +30,10 @@ const CompletionFormat* FindCompletion(const hidl_vec<uint8_t>& event) {
     if (ByteAt(event, 0) == format.event_code) return &format;
   }
   return nullptr;
+}
+
+std::string EventText(uint16_t code, uint16_t opcode) {
+  return base::StringPrintf(": HCI Event %#hx Opcode %#x", code, opcode);
 }
 
 unsigned CreditsOf(const hidl_vec<uint8_t>& event) {
@@ -53,35 +54,25 @@ uint16_t hci_event_extract_command_opcode(const hidl_vec<uint8_t>& event) {
   return Le16At(event, format->opcode_offset);
 }
 
-HciFlowControl::HciFlowControl(PacketReceiver event_cb, PacketReceiver acl_cb,
-                               PacketReceiver sco_cb, PacketReceiver iso_cb, Downlink downlink)
-    : event_cb_(std::move(event_cb)),
-      acl_cb_(std::move(acl_cb)),
-      sco_cb_(std::move(sco_cb)),
-      iso_cb_(std::move(iso_cb)),
-      downlink_(std::move(downlink)) {}
-
-std::shared_ptr<HciFlowControl> HciFlowControl::Create(PacketReceiver event_cb,
-                                                       PacketReceiver acl_cb, PacketReceiver sco_cb,
-                                                       PacketReceiver iso_cb, Downlink downlink) {
-  return std::shared_ptr<HciFlowControl>(new HciFlowControl(std::move(event_cb), std::move(acl_cb),
-                                                            std::move(sco_cb), std::move(iso_cb),
-                                                            std::move(downlink)));
+std::shared_ptr<HciFlowControl> HciFlowControl::Create(PacketReceivers receivers,
+                                                       Downlink downlink) {
+  return std::shared_ptr<HciFlowControl>(
+      new HciFlowControl(std::move(receivers), std::move(downlink)));
 }
 
 void HciFlowControl::Connect(const Connector& connect) {
-  connect(
-      // Kept through the call: the stack's callback may end in a close.
-      [weak = weak_from_this()](const hidl_vec<uint8_t>& event) {
-        const std::shared_ptr<HciFlowControl> flow = weak.lock();
-        if (flow == nullptr) return;
-        if (!flow->connected_.load(std::memory_order_acquire)) {
-          flow->IsHalted("OnHciEventReady");
-          return;
-        }
-        flow->OnHciEventReady(event, flow->event_cb_);
-      },
-      acl_cb_, sco_cb_, iso_cb_);
+  PacketReceivers receivers = receivers_;
+  receivers.event = [weak = weak_from_this()](const hidl_vec<uint8_t>& event) {
+    // Kept through the call: the stack's callback may end in a close.
+    const std::shared_ptr<HciFlowControl> flow = weak.lock();
+    if (flow == nullptr) return;
+    if (flow->connected_.load(std::memory_order_acquire)) {
+      flow->OnHciEventReady(event, flow->receivers_.event);
+    } else {
+      flow->IsHalted("OnHciEventReady");
+    }
+  };
+  connect(receivers);
   halted_.store(false, std::memory_order_release);
   connected_.store(true, std::memory_order_release);
 }
@@ -158,22 +149,19 @@ bool HciFlowControl::HciEventPreProcess(const hidl_vec<uint8_t>& event) {
     if (has_opcode && watcher->opcode() != 0 && watcher->opcode() != opcode) continue;
     const bool kept = watcher->OnEventReceive(event);
     handled = handled || kept;
-    LOG(INFO) << __func__ << ": HCI Event " << StringPrintf("%#hx", code) << " Opcode "
-              << StringPrintf("%#x", opcode) << " Length " << event.size()
+    LOG(INFO) << __func__ << EventText(code, opcode) << " Length " << event.size()
               << (kept ? " handled by " : " unhandled by ") << watcher->name();
   }
-  LOG(VERBOSE) << __func__ << ": HCI Event " << StringPrintf("%#hx", code) << " Opcode "
-               << StringPrintf("%#x ", opcode) << (handled ? "handled" : "unhandled") << " <"
-               << toString(event) << ">";
+  LOG(VERBOSE) << __func__ << EventText(code, opcode) << (handled ? " handled" : " unhandled")
+               << " <" << toString(event) << ">";
   return handled;
 }
 
 void HciFlowControl::HciEventPostProcess(const hidl_vec<uint8_t>& event) {
   const uint16_t opcode = hci_event_extract_command_opcode(event);
   const unsigned credits = CreditsOf(event);
-  LOG(VERBOSE) << __func__ << ": HCI Event " << StringPrintf("%#hx", ByteAt(event, 0)) << " Opcode "
-               << StringPrintf("%#x", opcode) << " credits " << credits << " <" << toString(event)
-               << ">";
+  LOG(VERBOSE) << __func__ << EventText(ByteAt(event, 0), opcode) << " credits " << credits << " <"
+               << toString(event) << ">";
 
   std::lock_guard<std::mutex> guard(lock_);
   if (IsHalted(__func__)) return;

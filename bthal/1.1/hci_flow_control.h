@@ -33,14 +33,11 @@ struct Downlink {
 // thread.
 class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
  public:
-  // Connects four receivers with the transport: event, ACL, SCO, ISO.
-  using Connector = std::function<void(const PacketReceiver&, const PacketReceiver&,
-                                       const PacketReceiver&, const PacketReceiver&)>;
+  // Connects receivers with the transport.
+  using Connector = std::function<void(const PacketReceivers&)>;
 
   // The receivers are the stack's.
-  static std::shared_ptr<HciFlowControl> Create(PacketReceiver event_cb, PacketReceiver acl_cb,
-                                                PacketReceiver sco_cb, PacketReceiver iso_cb,
-                                                Downlink downlink);
+  static std::shared_ptr<HciFlowControl> Create(PacketReceivers receivers, Downlink downlink);
 
   // Hands itself to the transport as the receiver of events; the other packets go straight on. An
   // event that arrives before this returns is dropped with a warning.
@@ -72,8 +69,8 @@ class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
   void Halt() EXCLUDES(lock_);
 
  private:
-  HciFlowControl(PacketReceiver event_cb, PacketReceiver acl_cb, PacketReceiver sco_cb,
-                 PacketReceiver iso_cb, Downlink downlink);
+  HciFlowControl(PacketReceivers receivers, Downlink downlink)
+      : receivers_(std::move(receivers)), downlink_(std::move(downlink)) {}
 
   struct HciCmdFrame {
     HciCmdFrame(const uint8_t* bytes, size_t length) : data(bytes, bytes + length) {}
@@ -85,10 +82,7 @@ class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
   bool IsHalted(const char* operation) const;
   size_t Transmit(uint8_t type, const uint8_t* data, size_t length, bool flag) REQUIRES(lock_);
 
-  const PacketReceiver event_cb_;
-  const PacketReceiver acl_cb_;
-  const PacketReceiver sco_cb_;
-  const PacketReceiver iso_cb_;
+  const PacketReceivers receivers_;
   const Downlink downlink_;
   std::mutex lock_;
   std::deque<HciCmdFrame> command_queue_ GUARDED_BY(lock_);  // front: outstanding, or next

@@ -9,42 +9,22 @@
 #include <string>
 #include <vector>
 
-#include "evidence/record.h"
-#include "extension/extension_command.h"
 #include "hci/command_waiter.h"
 
 namespace hardware::nuvexa::bluetooth::ext::V1_0::implementation {
 
 using ::android::base::StringPrintf;
-using ::android::hardware::hidl_vec;
-using ::android::hardware::Return;
 using ::android::hardware::bluetooth::CurrentFlowControl;
-using ::android::hardware::bluetooth::evidence::AnchorType;
-namespace evidence = ::android::hardware::bluetooth::evidence;
-namespace hci = ::android::hardware::bluetooth::hci;
 
 namespace {
 
-constexpr std::chrono::seconds kAnswerTimeout{2};
+constexpr std::chrono::seconds kInjectedCommandTimeout{2};
 constexpr uint8_t kNoAnswer = 0x03;  // HCI's code for a hardware failure
 
 CurrentFlowControl& Flow() {
   static auto* flow = new CurrentFlowControl;
   return *flow;
 }
-
-class BtExtEventWatcher final : public hci::CommandWaiter {
- public:
-  explicit BtExtEventWatcher(uint16_t opcode) : CommandWaiter(LOG_TAG, opcode, kNoAnswer) {}
-
- protected:
-  bool OnAnswer(const hidl_vec<uint8_t>& event, uint8_t status) override {
-    LOG(status == 0 ? ::android::base::INFO : ::android::base::WARNING)
-        << "OnEventReceive" << (status == 0 ? ": Recv Success VSE <" : ": Recv Failure VSE <")
-        << toString(event) << ">";
-    return true;
-  }
-};
 
 }  // namespace
 
@@ -57,11 +37,12 @@ Return<bool> BluetoothExt::setBluetoothCmdPacket(uint16_t opcode, const hidl_vec
   const auto length = static_cast<uint8_t>(params.size());
   const std::string text = StringPrintf("0x%04x LEN 0x%02x", opcode, length);
   LOG(DEBUG) << __func__ << ": inject opcode: " << text << " params: " << toString(params);
-  evidence::Record(AnchorType::kCommandInjected, StringPrintf("%s: %s", __func__, text.c_str()));
+  evidence::RecordFormat(AnchorType::kCommandInjected, "%s: %s", __func__, text.c_str());
   const std::vector<uint8_t> command = hci::BuildCommand(opcode, length, params.data());
   LOG(INFO) << __func__ << ": inject hci_cmd: " << toString(hidl_vec<uint8_t>(command));
 
-  const uint8_t result = BtExtEventWatcher(opcode).SendAndWait(*flow, command, kAnswerTimeout);
+  const uint8_t result = hci::CommandWaiter(LOG_TAG, opcode, kNoAnswer)
+                             .SendAndWait(*flow, command, kInjectedCommandTimeout);
   LOG(result == 0 ? ::android::base::INFO : ::android::base::ERROR)
       << __func__ << ": " << text << StringPrintf(" Result 0x%02x", result);
   return result == 0;

@@ -2,7 +2,7 @@
 
 #include <hardware/nuvexa/bluetooth/ext/1.0/IBluetoothExt.h>
 
-#include "hci_flow_control.h"
+#include "extension/extension.h"
 
 namespace hardware::nuvexa::bluetooth::ext::V1_0::implementation {
 
@@ -13,10 +13,9 @@ class BluetoothExt final : public IBluetoothExt {
  public:
   // params: its length modulo 256 counts. Returns whether the controller completed the command
   // with status 0 within 2 s; false at once while Bluetooth is off or as it goes off.
-  ::android::hardware::Return<bool> setBluetoothCmdPacket(
-      uint16_t opcode, const ::android::hardware::hidl_vec<uint8_t>& params) override;
+  Return<bool> setBluetoothCmdPacket(uint16_t opcode, const hidl_vec<uint8_t>& params) override;
 
-  static void OnBluetoothEnabled(::android::hardware::bluetooth::hci::HciFlowControl* flow);
+  static void OnBluetoothEnabled(hci::HciFlowControl* flow);
   static void OnBluetoothDisabled();
 };
 

@@ -55,7 +55,7 @@ int main() {
   RegisterExtension(ccc, "Bluetooth Ccc");
   RegisterExtension(ewp, "Bluetooth Ewp");
   RegisterExtension(ext, "BluetoothExt");
-  // Last: who finds the HAL finds the extensions, too.
+  // Last: a client that finds the HAL finds the extensions, too.
   if (bluetooth_hci->registerAsService(kInstance) == ::android::OK) {
     ::android::hardware::joinRpcThreadpool();
   } else {

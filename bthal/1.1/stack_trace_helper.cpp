@@ -9,29 +9,20 @@
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 namespace {
 
-struct AbortEntry {
+const struct {
   BqrErrorCode code;
   void (*abort)(std::string message);
-};
-
-const AbortEntry kAbortTable[] = {
-#define BTHAL_ENTRY(code, name, text) {BqrErrorCode::name, name},
-    BTHAL_BQR_ERRORS(BTHAL_ENTRY)
-#undef BTHAL_ENTRY
+  const char* text;
+} kErrors[] = {
+#define BTHAL_ROW(code, name, text) {BqrErrorCode::name, name, text},
+    BTHAL_BQR_ERRORS(BTHAL_ROW)
+#undef BTHAL_ROW
 };
 
 std::map<BqrErrorCode, std::string> MakeMessages() {
-  const struct {
-    BqrErrorCode code;
-    const char* text;
-  } rows[] = {
-#define BTHAL_ROW(code, name, text) {BqrErrorCode::name, text},
-      BTHAL_BQR_ERRORS(BTHAL_ROW)
-#undef BTHAL_ROW
-  };
   std::map<BqrErrorCode, std::string> messages;
-  for (const auto& row : rows) {
-    if (row.text != nullptr) messages.emplace(row.code, row.text);
+  for (const auto& error : kErrors) {
+    if (error.text != nullptr) messages.emplace(error.code, error.text);
   }
   return messages;
 }
@@ -57,8 +48,8 @@ void LogFatal(BqrErrorCode code, const std::string& extra) {
   std::string message = "Bluetooth HAL crash with error code 0, vendor error code " +
                         std::to_string(static_cast<int>(code));
   if (!extra.empty()) message += ", extra info: " + extra;
-  for (const AbortEntry& entry : kAbortTable) {
-    if (entry.code == code) entry.abort(message);
+  for (const auto& error : kErrors) {
+    if (error.code == code) error.abort(message);
   }
   LOG(FATAL) << message;
   abort();

@@ -4,13 +4,15 @@
 
 #include <android-base/properties.h>
 #include <log/log.h>
+#include <poll.h>
 
 #include <atomic>
 #include <mutex>
 
 #include "base/teardown_gate.h"
+#include "chre/qvr_helper.h"
 #include "conf.h"
-#include "transport/co_processor_transport.h"
+#include "h4/hw_control.h"
 #include "transport/uart_transport.h"
 
 namespace android::hardware::bluetooth::hci::shim {
@@ -20,18 +22,27 @@ constexpr uint16_t kOpcodeSetExtendedScanEnable = 0x2042;
 
 // Built on first use, never destroyed.
 struct Shim {
+  Shim() { QvrHelper::Get().SetLostHandler(CatchException); }
+
   UartTransport uart{{CatchException, IsInitialized}};
-  CoProcessorTransport co_processor{{CatchException, IsInitialized}};
   std::atomic<Transport*> transport{&uart};
   std::atomic<uint32_t> userial_type{kUserialClosed};
   TeardownGate gate;  // opening and closing, one at a time
   Owner owner;        // written before anything is opened
   std::mutex lock;    // a leaf
   std::shared_ptr<HciFlowControl> flow_control GUARDED_BY(lock);
+  TransportState told GUARDED_BY(lock);  // what CurrentState() cannot ask the transport for
 
-  void Select(uint32_t type) {
+  void Select(const TransportSettings& settings) {
+    const uint32_t type = settings.userial_type;
+    {
+      std::lock_guard<std::mutex> guard(lock);
+      told = {};
+      told.uart_port = settings.uart_port;
+      if (type == kUserialTty) told.line_baud = static_cast<uint32_t>(UartBaudRate::kRate115200);
+    }
     userial_type = type;
-    transport = type == kUserialCoProcessor ? static_cast<Transport*>(&co_processor) : &uart;
+    transport = type == kUserialCoProcessor ? static_cast<Transport*>(&QvrHelper::Get()) : &uart;
   }
 };
 
@@ -65,7 +76,7 @@ void CloseTransport(Shim& state) {
     flow.reset();
   }
   transport.Close();
-  state.Select(kUserialClosed);
+  state.Select({kUserialClosed, ""});
 }
 
 }  // namespace
@@ -80,17 +91,17 @@ std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_
   const TeardownGate::Passage passage(state.gate);
   if (!passage) return nullptr;
   const TransportSettings settings = ReadSettings();
-  state.Select(settings.userial_type);
+  state.Select(settings);
   Transport& transport = OpenTransport();
   if (!transport.Open(settings)) return nullptr;
 
   std::shared_ptr<HciFlowControl> flow =
-      HciFlowControl::Create(event_cb, acl_cb, sco_cb, iso_cb, {Send, state.owner.wake_up});
+      HciFlowControl::Create({event_cb, acl_cb, sco_cb, iso_cb}, {Send, state.owner.wake_up});
   {
     std::lock_guard<std::mutex> guard(state.lock);
     state.flow_control = flow;
   }
-  flow->Connect(InitializeCallback);
+  flow->Connect([](const PacketReceivers& receivers) { OpenTransport().Connect(receivers); });
   if (transport.Start()) return flow;
   ALOGE("%s: the port cannot be read, Bluetooth stays off", __func__);
   CloseTransport(state);
@@ -105,7 +116,7 @@ void Deinitialize() {
 
 void InitializeCallback(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
                         const PacketReceiver& sco_cb, const PacketReceiver& iso_cb) {
-  OpenTransport().Connect(event_cb, acl_cb, sco_cb, iso_cb);
+  OpenTransport().Connect({event_cb, acl_cb, sco_cb, iso_cb});
 }
 
 void DeinitializeCallback() { OpenTransport().Disconnect(); }
@@ -118,7 +129,11 @@ size_t Send(uint8_t type, const uint8_t* data, size_t length, bool flag) {
   return OpenTransport().Send(type, data, length, flag);
 }
 
-void BaudrateChange(UartBaudRate rate) { OpenTransport().BaudrateChange(rate); }
+void BaudrateChange(UartBaudRate rate) {
+  OpenTransport().BaudrateChange(rate);
+  std::lock_guard<std::mutex> guard(State().lock);
+  State().told.line_baud = static_cast<uint32_t>(rate);
+}
 uint32_t RequiredBaudRate() { return OpenTransport().RequiredBaudRate(); }
 
 bool LpmSetup() { return OpenTransport().LpmSetup(); }
@@ -137,12 +152,30 @@ bool IsInitialized() {
   return State().flow_control != nullptr && IsUserialReady();
 }
 
+TransportState CurrentState() {
+  TransportState now;
+  {
+    std::lock_guard<std::mutex> guard(State().lock);
+    now = State().told;
+  }
+  now.userial_type = GetUserialType();
+  now.ready = IsUserialReady();
+  pollfd port{hwcontrol::BtHwControl::Get().UartFd(), 0, 0};  // -1: poll() leaves it out
+  if (poll(&port, 1, 0) > 0 && now.loss.empty()) now.loss = "the far end of the port is gone";
+  now.low_power = IsLpmRunning();
+  return now;
+}
+
 bool GetTlDebugDump(int fd, const std::string& first, const std::string& second) {
   return OpenTransport().DebugDump(fd, first, second);
 }
 
-void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason) {
+void CatchException(BqrErrorCode code, const std::string& reason) {
   State().owner.shut_down();
+  {
+    std::lock_guard<std::mutex> guard(State().lock);
+    State().told.loss = reason;
+  }
   if (OpenTransport().Abandon(code, reason)) Deinitialize();
 }
 

@@ -1,5 +1,5 @@
 // The one place that knows which transport carries HCI: everything above calls these functions, and
-// they forward to the transport that is open, or to the serial one, closed. Any thread.
+// they forward to the open transport (to the serial one while none is open). Any thread.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +12,11 @@
 #include "hci/packet.h"
 #include "hci_flow_control.h"
 #include "transport/transport.h"
+#include "transport/transport_state.h"
 
 namespace android::hardware::bluetooth::hci::shim {
 
-// What the shim asks of its owner, on any thread.
+// The shim's calls to its owner, on any thread.
 struct Owner {
   std::function<void()> wake_up = [] {};    // before each transmission
   std::function<void()> shut_down = [] {};  // the transport is lost
@@ -31,8 +32,9 @@ std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_
                                                     const PacketReceiver& sco_cb,
                                                     const PacketReceiver& iso_cb);
 
-// Stops the reader, halts and drops the flow control, closes the port, powers off. Runs once: a
-// second caller waits for the first, or returns at once on a thread that the first may wait for.
+// Stops the reader, halts and drops the flow control, closes the port, powers off. A second
+// caller waits for the first one, but returns at once on the reader or the coexistence thread,
+// which the first one may be joining.
 void Deinitialize();
 
 // Connects and disconnects the packet receivers; called for the flow control.
@@ -59,6 +61,8 @@ bool SupportBaudRateChange();
 bool IsUserialReady();
 // The port is open and the flow control exists.
 bool IsInitialized();
+// All of it at once, for a tool that asks.
+TransportState CurrentState();
 
 // Appends the transport's own debug files to fd.
 bool GetTlDebugDump(int fd, const std::string& first, const std::string& second);
@@ -66,6 +70,6 @@ bool GetTlDebugDump(int fd, const std::string& first, const std::string& second)
 // A fatal error of the stream: shuts the controller down. On the co-processor path the error is
 // reported, which ends the process. On the UART it is not: the port is closed, and the flow control
 // stays until the next Deinitialize().
-void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason);
+void CatchException(BqrErrorCode code, const std::string& reason);
 
 }  // namespace android::hardware::bluetooth::hci::shim

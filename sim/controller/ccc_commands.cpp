@@ -1,8 +1,6 @@
 #include "sim/controller/ccc_commands.h"
 
-#include <algorithm>
-
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -32,14 +30,13 @@ void CccCommands::Reset() {
   toggles_ = 0;
 }
 
-Packet CccCommands::Run(ByteView params) {
+Writer CccCommands::Run(ByteView params) {
   if (params[0] == kRemoveAll && params.size() == 1) {
     registered_.clear();
     return {status::kSuccess};
   }
   if (params.size() < kHead || params[7] != 1) return {status::kInvalidParameters};
-  Address address;
-  std::copy_n(params.begin() + 1, address.size(), address.begin());
+  const Address address = AddressAt(params, 1);
   if (params[0] == kRemove && params.size() == kHead) {
     return {registered_.erase(address) == 1 ? status::kSuccess : status::kUnknownConnection};
   }
@@ -49,7 +46,7 @@ Packet CccCommands::Run(ByteView params) {
   return {status::kInvalidParameters};
 }
 
-Packet CccCommands::Add(const Address& address, ByteView events) {
+Writer CccCommands::Add(const Address& address, ByteView events) {
   for (const uint8_t event : events) {
     if (event != kConnectInd && event != kPhyUpdateInd) return {status::kInvalidParameters};
   }
@@ -75,8 +72,8 @@ void CccCommands::OnLinkLayer(const Address& address, uint8_t id, Direction dire
   if (found == registered_.end() || found->second.count(id) == 0) return;
   const EventLoop::Time toggled = ToggleOnce();
   const auto offset = static_cast<unsigned>(context_.random() % kMostOffset);
-  context_.out.Event(event::kVendor, Packet{vendor_event::kLinkLayer}
-                                         .Raw({address.data(), address.size()})
+  context_.out.Event(event::kVendor, Writer{vendor_event::kLinkLayer}
+                                         .Append(address)
                                          .U8(0)
                                          .U8(direction)
                                          .U64(Microseconds(toggled) - Microseconds(start_) - offset)

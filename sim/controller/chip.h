@@ -6,9 +6,17 @@
 #include <string>
 #include <vector>
 
+#include "sim/wire.h"
+
 namespace zvk {
 
 using Address = std::array<uint8_t, 6>;  // as on the wire, least significant byte first
+
+inline Address AddressAt(ByteView params, size_t offset) {
+  Address address{};
+  for (size_t i = 0; i < address.size(); ++i) address[i] = params[offset + i];
+  return address;
+}
 
 // A kind of controller that can be simulated.
 struct ChipPreset {
@@ -33,8 +41,12 @@ struct ChipState {
   Address address{};  // until the host writes one
   std::optional<Address> provisioned;
   bool sleep_mode = false;
+
+  const Address& CurrentAddress() const { return provisioned ? *provisioned : address; }
 };
 
+constexpr uint8_t kCore53 = 0x0C;        // version number of Core 5.3
+constexpr uint16_t kNoCompany = 0xFFFF;  // reserved for tests
 constexpr uint32_t kBootSpeed = 115200;  // bit/s
 
 }  // namespace zvk

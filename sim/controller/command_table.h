@@ -4,7 +4,7 @@
 #include <functional>
 #include <map>
 
-#include "sim/base/bytes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 
@@ -13,7 +13,7 @@ namespace zvk {
 class CommandTable {
  public:
   // Returns the return parameters of Command Complete, status first. Empty: no answer is sent.
-  using RunComplete = std::function<Packet(ByteView params)>;
+  using RunComplete = std::function<Writer(ByteView params)>;
   // Returns the status of Command Status; what the command leads to comes later, by a timer.
   using RunStatus = std::function<uint8_t(ByteView params)>;
 
@@ -25,6 +25,10 @@ class CommandTable {
 
   void Complete(uint16_t opcode, size_t min_params, RunComplete run) {
     entries_[opcode] = {min_params, std::move(run), nullptr};
+  }
+  // The answer is always the same.
+  void Complete(uint16_t opcode, const Writer& answer) {
+    Complete(opcode, 0, [answer](ByteView) { return answer; });
   }
   void Status(uint16_t opcode, size_t min_params, RunStatus run) {
     entries_[opcode] = {min_params, nullptr, std::move(run)};

@@ -10,7 +10,7 @@
 #include "bthal/child_case.h"
 #include "bthal/report_check.h"
 #include "bthal/uart_rig.h"
-#include "debug_event_watcher.h"
+#include "hci/scoped_event_watcher.h"
 #include "hci_flow_control.h"
 #include "support/temp_dir.h"
 #include "transport_shim.h"
@@ -244,7 +244,7 @@ TEST(FlowControl, UsedByManyThreadsWhileClosed_NeitherBlocksNorCallsADeadWatcher
     threads.emplace_back([&] {
       while (!stop) {
         std::atomic<int> calls{0};
-        android::hardware::bluetooth::V1_1::zvkbtlinux::DebugEventWatcher watcher(
+        android::hardware::bluetooth::hci::ScopedEventWatcher watcher(
             "short", flow.get(), 0xFF, 0, [&](const hidl_vec<uint8_t>&) {
               ++calls;
               return true;
@@ -273,7 +273,7 @@ CHILD_CASE(DeliverEvent) {
   if (!rig.Open()) return 1;
   test::PrintReports();
   const Bytes event = test::ParseHex(arguments[0]);
-  android::hardware::bluetooth::V1_1::zvkbtlinux::DebugEventWatcher watcher(
+  android::hardware::bluetooth::hci::ScopedEventWatcher watcher(
       "w", rig.flow().get(), event.empty() ? 0 : event[0], 0, [](const hidl_vec<uint8_t>&) {
         printf("delivered to a watcher\n");
         fflush(stdout);

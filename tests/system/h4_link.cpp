@@ -32,35 +32,17 @@ void H4Link::Send(const bthalctl::Packet& packet) {
   }
 }
 
-void H4Link::ReadAvailable() {
-  unread_.erase(unread_.begin(), unread_.begin() + static_cast<ptrdiff_t>(taken_));
-  taken_ = 0;
-  uint8_t buffer[65536];
-  const ssize_t n = recv(socket_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
-  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (n <= 0) throw bthalctl::Failure("serve-h4 is gone: " + server_.Output());
-  unread_.insert(unread_.end(), buffer, buffer + n);
-}
-
 std::optional<bthalctl::Packet> H4Link::Take() {
-  const auto whole = [this]() -> size_t {  // size of the first packet, 0 when it is not all there
-    const size_t left = unread_.size() - taken_;
-    if (left == 0) return 0;
-    const uint8_t* front = unread_.data() + taken_;
-    const auto header = bthalctl::HeaderSize(front[0]);
-    if (!header) throw bthalctl::Failure("no packet type: " + std::to_string(front[0]));
-    if (left < 1 + *header) return 0;
-    const size_t size =
-        1 + bthalctl::PacketSize(static_cast<bthalctl::PacketType>(front[0]), front + 1);
-    return left < size ? 0 : size;
-  };
-  if (whole() == 0) ReadAvailable();
-  const size_t size = whole();
-  if (size == 0) return std::nullopt;
-  const uint8_t* front = unread_.data() + taken_;
-  bthalctl::Packet packet{static_cast<bthalctl::PacketType>(front[0]),
-                          bthalctl::Bytes(front + 1, front + size)};
-  taken_ += size;
+  if (arrived_.empty()) {
+    uint8_t buffer[65536];
+    const ssize_t n = recv(socket_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) return std::nullopt;
+    if (n <= 0) throw bthalctl::Failure("serve-h4 is gone: " + server_.Output());
+    framer_.Push({buffer, static_cast<size_t>(n)});
+  }
+  if (arrived_.empty()) return std::nullopt;
+  bthalctl::Packet packet = std::move(arrived_.front());
+  arrived_.pop_front();
   return packet;
 }
 

@@ -2,11 +2,14 @@
 
 #include <android-base/unique_fd.h>
 
+#include <deque>
 #include <string>
 
 #include "support/child_process.h"
 #include "system/handset.h"
+#include "tools/base/failure.h"
 #include "tools/link/hci_link.h"
+#include "tools/wire/h4_framer.h"
 
 namespace test {
 
@@ -24,13 +27,16 @@ class H4Link : public bthalctl::HciLink {
   int fd() const override { return socket_.get(); }
 
  private:
-  void ReadAvailable();
-
   const Writes writes_;
   ChildProcess server_;
   ::android::base::unique_fd socket_;
-  bthalctl::Bytes unread_;
-  size_t taken_ = 0;  // of unread_
+  std::deque<bthalctl::Packet> arrived_;
+  wire::H4Framer framer_{
+      wire::H4Framer::From::kController,
+      [this](wire::PacketType type, wire::ByteView packet) {
+        arrived_.push_back({type, packet.Copy()});
+      },
+      [](uint8_t bad) { throw bthalctl::Failure("no packet type: " + std::to_string(bad)); }};
 };
 
 }  // namespace test

@@ -17,7 +17,7 @@
 #include "system/handset.h"
 #include "system/handset_trace.h"
 #include "system/watched_service.h"
-#include "tools/hci/codes.h"
+#include "tools/hci/packet.h"
 #include "tools/link/exchange.h"
 
 namespace test {

@@ -7,18 +7,18 @@
 #include "support/wait.h"
 #include "system/h4_link.h"
 #include "system/handset.h"
-#include "tools/hci/codes.h"
+#include "tools/hci/packet.h"
 #include "tools/link/transfer.h"
 
 namespace test {
 namespace {
 
 namespace opcode = bthalctl::opcode;
-using bthalctl::Lane;
 using bthalctl::PacketType;
+using bthalctl::Stream;
 
 // The handles of the simulator's local loopback; ISO data is returned on any other one.
-const std::vector<Lane> kLoopbackLanes = {
+const std::vector<Stream> kLoopbackStreams = {
     {PacketType::kAcl, 0x0001, zvk::kAclBytes, zvk::kAclBuffers, true},
     {PacketType::kSco, 0x0002, zvk::kScoBytes, zvk::kScoBuffers, false},
     {PacketType::kIso, 0x0E00, zvk::kIsoBytes, zvk::kIsoBuffers, true}};
@@ -43,11 +43,11 @@ TEST_P(OneByteWrites, FromBothEnds_MixedPacketsComeBackWholeAndInOrder) {
   options.bytes = static_cast<uint64_t>(Count("bytes, one a write from both ends", 10'000'000));
   options.pattern = GetParam();
   const bthalctl::TransferResult result =
-      bthalctl::Transfer(exchange, kLoopbackLanes, options, [](uint64_t) {});
+      bthalctl::Transfer(exchange, kLoopbackStreams, options, [](uint64_t) {});
   uint64_t back = 0;
-  for (const auto& lane : result.lanes) {
-    EXPECT_GT(lane.packets, 0u);
-    back += lane.bytes;
+  for (const auto& stream : result.streams) {
+    EXPECT_GT(stream.packets, 0u);
+    back += stream.bytes;
   }
   EXPECT_GE(back, options.bytes);
   printf("%llu bytes in %.1f s\n", static_cast<unsigned long long>(back), result.seconds);

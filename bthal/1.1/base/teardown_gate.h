@@ -12,8 +12,8 @@ namespace android::hardware::bluetooth {
 // Lets one thread at a time open or close the transport. Any thread.
 class TeardownGate {
  public:
-  // The time that a thread spends inside. A thread that comes while another one is inside waits for
-  // its end first; a thread that the other one may be joining is refused at once and must return.
+  // Held while a thread is inside. A thread that comes while another one is inside waits for it,
+  // but a thread that the other one may be joining is refused at once and must return.
   class Passage {
    public:
     explicit Passage(TeardownGate& gate) : gate_(gate), entered_(gate.Enter()) {}

@@ -3,7 +3,7 @@
 namespace android::hardware::bluetooth {
 
 // The threads that others join while tearing Bluetooth down: such a thread must never wait for a
-// tear-down that somebody else has begun.
+// tear-down on another thread.
 enum class ThreadRole { kOther, kReader, kCoex };
 
 inline thread_local ThreadRole g_thread_role = ThreadRole::kOther;

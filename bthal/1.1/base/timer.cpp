@@ -31,7 +31,7 @@ struct Timer::State {
         changed.wait_until(guard, until);
       } else {
         if (period.count() > 0) {
-          // From now: calls that a stall has delayed do not follow each other at once.
+          // From now: after a stall, missed calls are not made up for.
           expiry = std::chrono::steady_clock::now() + period;
         } else {
           expiry.reset();
@@ -74,8 +74,8 @@ Timer::~Timer() {
 bool Timer::Arm(std::chrono::milliseconds first, std::chrono::milliseconds period) {
   std::lock_guard<std::mutex> guard(state_->lock);
   const auto expiry = std::chrono::steady_clock::now() + first;
-  // A thread that sleeps until an earlier time than the new one looks again then: putting a timer
-  // off, as each packet may do, wakes no thread.
+  // A thread that sleeps until an earlier time than the new one reads the new time then: putting a
+  // timer off, as each packet may do, wakes no thread.
   const bool sooner = !state_->expiry || expiry < *state_->expiry;
   state_->expiry = expiry;
   state_->period = period;

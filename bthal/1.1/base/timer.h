@@ -6,8 +6,8 @@
 
 namespace android::hardware::bluetooth {
 
-// A timer on the monotonic clock with a thread of its own, which exists from construction to
-// destruction and sleeps without limit while the timer is disarmed. Any thread may arm, disarm or
+// A timer on the monotonic clock, with a thread of its own for as long as it exists; the thread
+// sleeps without limit while the timer is disarmed. Any thread may arm, disarm or
 // destroy it; destruction waits for a running callback, unless it happens inside that callback.
 class Timer {
  public:

@@ -12,4 +12,9 @@ enum class UartBaudRate : uint32_t {
   kRate6000000 = 6000000,
 };
 
+inline bool IsSupported(UartBaudRate rate) {
+  return rate == UartBaudRate::kRate115200 || rate == UartBaudRate::kRate3000000 ||
+         rate == UartBaudRate::kRate4000000 || rate == UartBaudRate::kRate6000000;
+}
+
 }  // namespace android::hardware::bluetooth

@@ -7,7 +7,7 @@
 namespace android::hardware::bluetooth {
 
 // The platform's partial wake lock "bthal_wakelock", shared by the bring-up and the low-power
-// logic: the platform is called for the first use and the last. Any thread.
+// logic: acquired with the first use, released with the last. Any thread.
 class WakeLock {
  public:
   static WakeLock& Get();

@@ -5,7 +5,6 @@
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 #include <android-base/thread_annotations.h>
-#include <log/log.h>
 
 #include <chrono>
 #include <mutex>
@@ -17,9 +16,9 @@ namespace android::hardware::bluetooth {
 namespace {
 
 using ::android::base::StringPrintf;
-using evidence::AnchorType;
 
-constexpr std::chrono::seconds kCommandTimeout{2};
+// The time-out of each command of the bring-up.
+constexpr std::chrono::seconds kBringUpCommandTimeout{2};
 
 struct LastCompletion {
   std::mutex lock;
@@ -31,24 +30,18 @@ LastCompletion& Last() {
   return *last;
 }
 
-class BtzvkEventWatcher final : public hci::CommandWaiter {
- public:
-  explicit BtzvkEventWatcher(uint16_t opcode)
-      : CommandWaiter("bthal.zvkproto", opcode, kCommandTimedOut) {}
-
- protected:
-  bool OnAnswer(const hidl_vec<uint8_t>& event, uint8_t status) override {
-    constexpr char kOperation[] = "OnEventReceive";
-    if (status != 0) {
-      LOG(WARNING) << kOperation << ": Recv Failure VSE <" << toString(event) << ">";
-    } else {
-      LOG(VERBOSE) << kOperation << ": Recv Success VSE <" << toString(event) << ">";
-    }
+// Returns the status of the answer.
+uint8_t SendAndWait(hci::HciFlowControl& flow, const std::vector<uint8_t>& command,
+                    uint16_t opcode) {
+  hci::CommandWaiter waiter(LOG_TAG, opcode, kCommandTimedOut, base::VERBOSE);
+  const uint8_t result = waiter.SendAndWait(flow, command, kBringUpCommandTimeout);
+  const hidl_vec<uint8_t> answer = waiter.answer();
+  if (!answer.empty()) {
     std::lock_guard<std::mutex> guard(Last().lock);
-    Last().event = event;
-    return true;
+    Last().event = answer;
   }
-};
+  return result;
+}
 
 }  // namespace
 
@@ -61,17 +54,11 @@ uint8_t btzvk_send_command_wait_complete(hci::HciFlowControl* flow, uint16_t opc
                                          const uint8_t* params) {
   const uint8_t result =
       flow == nullptr ? kCommandTimedOut
-                      : BtzvkEventWatcher(opcode).SendAndWait(
-                            *flow, hci::BuildCommand(opcode, length, params), kCommandTimeout);
+                      : SendAndWait(*flow, hci::BuildCommand(opcode, length, params), opcode);
+  const std::string text = StringPrintf("0x%04x LEN 0x%02x Result 0x%02x", opcode, length, result);
+  LOG(result == 0 ? base::DEBUG : base::ERROR) << __func__ << ": " << text;
   if (result != 0) {
-    const std::string text = StringPrintf("%s: opcode 0x%04x LEN 0x%02x Result 0x%02x", __func__,
-                                          opcode, length, result);
-    LOG(ERROR) << __func__
-               << StringPrintf(": 0x%04x LEN 0x%02x Result 0x%02x", opcode, length, result);
-    evidence::Record(AnchorType::kCommandFailed, text);
-  } else {
-    LOG(DEBUG) << __func__
-               << StringPrintf(": 0x%04x LEN 0x%02x Result 0x%02x", opcode, length, result);
+    evidence::RecordFormat(AnchorType::kCommandFailed, "%s: opcode %s", __func__, text.c_str());
   }
   return result;
 }

@@ -1,8 +1,8 @@
-// Single HCI commands of the bring-up: one at a time, each waited for on the calling thread.
+// Single HCI commands of the bring-up: one at a time. The calling thread waits for each answer,
+// with a time-out of 2 s.
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include "hci_flow_control.h"
 

@@ -19,19 +19,25 @@ namespace android::hardware::bluetooth {
 namespace {
 
 using ::android::base::StringPrintf;
-using evidence::AnchorType;
 
 constexpr uint16_t kOpcodeDownloadMinidriver = 0xFC2E;
 constexpr uint16_t kOpcodeLaunchRam = 0xFC4E;
 constexpr uint16_t kOpcodeSetDownloadConfig = 0xFE72;
 
-// From this chip on, whether records may go unanswered is asked; the one below is known to.
+// From this chip on, the controller is asked whether records may go unanswered; with the chip below
+// they may.
 constexpr uint8_t kFirstChipAskedForFastDownload = 0xAE;
 constexpr uint8_t kChipWithFastDownload = 0xAA;
 
 constexpr std::chrono::milliseconds kMinidriverTime{50};
 
 constexpr char kDownload[] = "firmware_download";
+
+bool Fail(const char* what, const std::string& record, uint8_t status) {
+  LOG(ERROR) << kDownload << ": " << what << ": " << int{status};
+  evidence::RecordFormat(AnchorType::kDownloadFailed, "%s: %s", kDownload, record.c_str());
+  return false;
+}
 
 }  // namespace
 
@@ -41,9 +47,8 @@ bool FirmwareDownload::enable_fast_download() {
   const uint8_t status = Send(kOpcodeSetDownloadConfig, sizeof params, params);
   if (status == 0) return true;
   LOG(ERROR) << __func__ << ": Set Download Config command returned: " << static_cast<int>(status);
-  evidence::Record(
-      AnchorType::kFastDownload,
-      StringPrintf("%s: Set Download Config command returned: 0x%2X", __func__, status));
+  evidence::RecordFormat(AnchorType::kFastDownload,
+                         "%s: Set Download Config command returned: 0x%2X", __func__, status);
   return false;
 }
 
@@ -58,8 +63,8 @@ bool FirmwareDownload::decide_fast_download() {
   }
   const char* verdict = fast ? "is" : "is not";
   LOG(INFO) << kDownload << ": Fast download " << verdict << " supported";
-  evidence::Record(AnchorType::kFastDownload,
-                   StringPrintf("%s: fast download %s supported", kDownload, verdict));
+  evidence::RecordFormat(AnchorType::kFastDownload, "%s: fast download %s supported", kDownload,
+                         verdict);
   return fast;
 }
 
@@ -71,8 +76,8 @@ bool FirmwareDownload::Run() {
   std::string name;
   const std::string path = FindFirmwarePatch(chip_id_, &name);
   if (!name.empty()) {
-    evidence::Record(AnchorType::kFirmwareFile,
-                     StringPrintf("%s: firmware file [%s] be used", kDownload, name.c_str()));
+    evidence::RecordFormat(AnchorType::kFirmwareFile, "%s: firmware file [%s] be used", kDownload,
+                           name.c_str());
   }
   return SendRecords(path);
 }
@@ -81,9 +86,8 @@ bool FirmwareDownload::SendRecords(const std::string& path) {
   FirmwarePatch patch;
   LOG(INFO) << kDownload << ": Looking for patchfile [" << path << "]";
   if (!patch.Open(path)) {
-    LOG(ERROR) << kDownload << ": Unable to open patchfile [" << path << "]";
-    evidence::Record(AnchorType::kDownloadFailed,
-                     StringPrintf("%s: Unable to open patchfile [%s]", kDownload, path.c_str()));
+    BTHAL_LOG_AND_RECORD(ALOGE, AnchorType::kDownloadFailed, "%s: Unable to open patchfile [%s]",
+                         kDownload, path.c_str());
     return false;
   }
   const bool fast = decide_fast_download();
@@ -91,11 +95,8 @@ bool FirmwareDownload::SendRecords(const std::string& path) {
   LOG(INFO) << kDownload << ": Sending Download Minidrv command";
   uint8_t status = Send(kOpcodeDownloadMinidriver, 0, nullptr);
   if (status != 0) {
-    LOG(ERROR) << kDownload << ": Download Minidrv command failed: " << static_cast<int>(status);
-    evidence::Record(
-        AnchorType::kDownloadFailed,
-        StringPrintf("%s: UDownload Minidrv command failed: 0x%2X", kDownload, status));
-    return false;
+    return Fail("Download Minidrv command failed",
+                StringPrintf("UDownload Minidrv command failed: 0x%2X", status), status);
   }
   std::this_thread::sleep_for(kMinidriverTime);
   LOG(INFO) << kDownload << ": Downloading Firmware Patchram data";
@@ -121,14 +122,12 @@ bool FirmwareDownload::SendRecords(const std::string& path) {
       status = Send(record.opcode, record.length, record.params);
     }
     if (status != 0) {
-      LOG(ERROR) << kDownload << ": Failed to write patchram: " << static_cast<int>(status);
-      evidence::Record(AnchorType::kDownloadFailed,
-                       StringPrintf("%s: Failed to write patchram: 0x%x", kDownload, status));
-      return false;
+      return Fail("Failed to write patchram",
+                  StringPrintf("Failed to write patchram: 0x%x", status), status);
     }
   }
   if (result != FirmwarePatch::Result::kEnd) {
-    const char* part = result == FirmwarePatch::Result::kShortPreamble ? "preamble" : "parameters";
+    const char* part = result == FirmwarePatch::Result::kShortHeader ? "preamble" : "parameters";
     LOG(ERROR) << kDownload << ": Failed to read patchram " << part << " (" << patch.count()
                << "): " << strerror(errno) << " (" << errno << ")";
     return false;
@@ -138,10 +137,8 @@ bool FirmwareDownload::SendRecords(const std::string& path) {
     const uint8_t params[] = {0xFF, 0xFF, 0xFF, 0xFF};
     status = Send(kOpcodeLaunchRam, sizeof params, params);
     if (status != 0) {
-      LOG(ERROR) << kDownload << ": Launch Ram command failed: " << static_cast<int>(status);
-      evidence::Record(AnchorType::kDownloadFailed,
-                       StringPrintf("%s: Launch Ram command failed: 0x%x", kDownload, status));
-      return false;
+      return Fail("Launch Ram command failed",
+                  StringPrintf("Launch Ram command failed: 0x%x", status), status);
     }
   }
   return true;

@@ -16,7 +16,7 @@ using ::android::base::GetProperty;
 
 constexpr char kFirmwareDirectory[] = "/vendor/firmware/tovu/";
 constexpr char kDefaultPatch[] = "ZVK.hcd";
-constexpr size_t kPreambleSize = 3;
+constexpr size_t kHeaderSize = 3;
 
 std::vector<std::string> Candidates(uint8_t chip_id) {
   std::vector<std::string> names;
@@ -63,12 +63,12 @@ void FirmwarePatch::Read(uint8_t* bytes, size_t size) {
 }
 
 FirmwarePatch::Result FirmwarePatch::Next(Record* record) {
-  uint8_t preamble[kPreambleSize];
-  Read(preamble, sizeof preamble);
+  uint8_t header[kHeaderSize];
+  Read(header, sizeof header);
   if (count_ == 0) return Result::kEnd;
-  if (count_ < static_cast<ssize_t>(sizeof preamble)) return Result::kShortPreamble;
-  record->opcode = static_cast<uint16_t>(preamble[0] | preamble[1] << 8);
-  record->length = preamble[2];
+  if (count_ < static_cast<ssize_t>(sizeof header)) return Result::kShortHeader;
+  record->opcode = static_cast<uint16_t>(header[0] | header[1] << 8);
+  record->length = header[2];
   Read(record->params, record->length);
   if (count_ < record->length) return Result::kShortParameters;
   return Result::kRecord;

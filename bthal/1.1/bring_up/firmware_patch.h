@@ -20,7 +20,7 @@ class FirmwarePatch {
     uint8_t length = 0;
     uint8_t params[255] = {};
   };
-  enum class Result { kRecord, kEnd, kShortPreamble, kShortParameters };
+  enum class Result { kRecord, kEnd, kShortHeader, kShortParameters };
 
   // Returns false with errno set when the file cannot be opened.
   bool Open(const std::string& path);

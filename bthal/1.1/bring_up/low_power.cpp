@@ -3,7 +3,6 @@
 #include "bring_up/low_power.h"
 
 #include <android-base/logging.h>
-#include <android-base/stringprintf.h>
 #include <log/log.h>
 
 #include <cerrno>
@@ -15,8 +14,6 @@
 namespace android::hardware::bluetooth {
 namespace {
 
-using evidence::AnchorType;
-
 constexpr uint32_t kLongAwakeMs = 10001;
 
 }  // namespace
@@ -26,8 +23,8 @@ void LowPower::Setup(const std::function<bool()>& set_sleep_mode) {
   if (!line_.setup()) return;
   auto timer = Timer::Create("bthal_lpm", [this] { OnTimer(); });
   if (timer == nullptr) {
-    LOG(ERROR) << "lpm_setup: cannot create lpm_wake_timer";
-    evidence::Record(AnchorType::kLpmTimerFailed, "lpm_setup: cannot create lpm_wake_timer");
+    BTHAL_LOG_AND_RECORD(ALOGE, AnchorType::kLpmTimerFailed,
+                         "lpm_setup: cannot create lpm_wake_timer");
     Teardown();
     return;
   }
@@ -43,9 +40,9 @@ void LowPower::Setup(const std::function<bool()>& set_sleep_mode) {
   const int error = errno;
   LOG(ERROR) << "lpm_setup: Unable to enable LPM controller:" << strerror(error) << " (" << error
              << ")";
-  evidence::Record(AnchorType::kSleepModeFailed,
-                   base::StringPrintf("lpm_setup: Unable to enable LPM controller: %s (%d)",
-                                      strerror(error), error));
+  evidence::RecordFormat(AnchorType::kSleepModeFailed,
+                         "lpm_setup: Unable to enable LPM controller: %s (%d)", strerror(error),
+                         error);
   Teardown();
 }
 
@@ -78,8 +75,8 @@ bool LowPower::WakeUp() {
       wake_start_ = std::chrono::steady_clock::now();
       // A Timer that exists can be armed: this does not fail.
       if (!timer_->Arm(kPeriod, kPeriod)) {
-        LOG(ERROR) << "LpmWakeUp: cannot arm lpm_wake_timer";
-        evidence::Record(AnchorType::kLpmTimerFailed, "LpmWakeUp: cannot arm lpm_wake_timer");
+        BTHAL_LOG_AND_RECORD(ALOGE, AnchorType::kLpmTimerFailed,
+                             "LpmWakeUp: cannot arm lpm_wake_timer");
       }
       return true;
     }
@@ -115,8 +112,7 @@ void LowPower::OnTimer() {
 
 void LowPower::wakelock_acquire() {
   if (wake_lock_held_) {
-    evidence::Record(AnchorType::kWakelockSkipped,
-                     base::StringPrintf("skip duplicated %s", __func__));
+    evidence::RecordFormat(AnchorType::kWakelockSkipped, "skip duplicated %s", __func__);
     return;
   }
   evidence::Record(AnchorType::kWakelockAcquire, __func__);
@@ -126,8 +122,7 @@ void LowPower::wakelock_acquire() {
 
 void LowPower::wakelock_release() {
   if (!wake_lock_held_) {
-    evidence::Record(AnchorType::kWakelockSkipped,
-                     base::StringPrintf("skip duplicated %s", __func__));
+    evidence::RecordFormat(AnchorType::kWakelockSkipped, "skip duplicated %s", __func__);
     return;
   }
   evidence::Record(AnchorType::kWakelockRelease, __func__);

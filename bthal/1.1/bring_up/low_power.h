@@ -18,7 +18,7 @@ namespace android::hardware::bluetooth {
 // each transmission, and holds the wake lock while it is awake. Owned by BtZvkProtocol. Any thread.
 class LowPower {
  public:
-  // One time that the controller was awake.
+  // One period in which the controller was awake.
   struct Awake {
     std::string wake_time;   // local time, HH:MM:SS:mmm
     std::string sleep_time;  // the same
@@ -26,7 +26,7 @@ class LowPower {
     uint32_t transmissions = 0;
   };
 
-  // What the open transport does for it.
+  // The operations of the open transport.
   struct Line {
     std::function<bool()> setup;
     std::function<void()> teardown;
@@ -35,7 +35,7 @@ class LowPower {
     std::function<bool()> is_running;
   };
 
-  // long_awake: told of each time of more than 10 s.
+  // long_awake: called for each period of more than 10 s.
   LowPower(Line line, std::function<void(const Awake&)> long_awake)
       : line_(std::move(line)), long_awake_(std::move(long_awake)) {}
   LowPower(const LowPower&) = delete;

@@ -12,13 +12,13 @@
 #include "base/thread_role.h"
 #include "bt_messages_generated.h"
 #include "evidence/report.h"
+#include "h4/hw_control.h"
 
 namespace android::hardware::bluetooth::hci {
 namespace {
 
 using ::android::base::StringPrintf;
-using evidence::AnchorType;
-using evidence::BqrErrorCode;
+using ::android::hardware::bluetooth::hwcontrol::BtHwControl;
 using std::chrono::milliseconds;
 
 constexpr char kServer[] = "chre_bt";
@@ -50,11 +50,6 @@ constexpr char kDeliveryFailed[] =
     "%s Attempt failed to deliver message to CHRE: send err %d, resp err %d";
 constexpr char kBaudrateDeliveryFailed[] =
     "%s: Attempt failed to deliver message to CHRE: send err: %d, resp err: %d";
-
-void ShowQvrErrorMessage(const std::string& text) {
-  ALOGE("%s", text.c_str());
-  evidence::Record(AnchorType::kQvrError, text);
-}
 
 // The library's errors 1 to 20 have reports of their own.
 BqrErrorCode ReportOf(int error) {
@@ -96,6 +91,40 @@ std::shared_ptr<qvr::TransportClient> QvrHelper::ReadyClient(const char* operati
   return client;
 }
 
+bool QvrHelper::Open(const TransportSettings& /*settings*/) {
+  BtHwControl& hw = BtHwControl::Get();
+  if (!PrepareQvrTransport()) return false;
+  hw.PowerControl(false);
+  PowerControl(false);
+  if (!PowerControl(true) || !hw.PowerControl(true)) {
+    Deinitialize();
+    return false;
+  }
+  if (UserialOpen(true)) return true;
+  PowerOff();
+  return false;
+}
+
+void QvrHelper::Connect(const PacketReceivers& receivers) {
+  InitializeCallback(receivers.event, receivers.acl, receivers.sco, receivers.iso);
+}
+
+void QvrHelper::Close() {
+  UserialOpen(false);
+  PowerOff();
+}
+
+void QvrHelper::PowerOff() {
+  BtHwControl::Get().PowerControl(false);
+  PowerControl(false);
+  Deinitialize();
+}
+
+bool QvrHelper::Abandon(BqrErrorCode code, const std::string& reason) {
+  evidence::Report(code, reason);
+  return true;
+}
+
 bool QvrHelper::PrepareQvrTransport() {
   ALOGI("%s", __func__);
   for (int failures = 0; failures < kPrepareAttempts; ++failures) {
@@ -121,7 +150,7 @@ bool QvrHelper::InitQvrTransport() {
     LOG(INFO) << __func__ << ": QVR client connect successfully";
     return true;
   }
-  ShowQvrErrorMessage(__func__ + failure);
+  BTHAL_LOG_AND_RECORD(ALOGE, AnchorType::kQvrError, "%s%s", __func__, failure.c_str());
   Deinitialize();
   return false;
 }
@@ -310,19 +339,14 @@ bool QvrHelper::LpmEnable(bool enable) {
 
 void QvrHelper::BaudrateChange(UartBaudRate rate) {
   auto bits_per_second = static_cast<uint32_t>(rate);
+  if (!IsSupported(rate)) {
+    LOG(INFO) << __func__ << ": Baud rate (" << bits_per_second << ") unsupported";
+    return;
+  }
   uint8_t mode = kBaudModeDefault;
-  switch (rate) {
-    case UartBaudRate::kRate115200:
-    case UartBaudRate::kRate3000000:
-    case UartBaudRate::kRate4000000:
-      break;
-    case UartBaudRate::kRate6000000:
-      bits_per_second = kCoProcessor6M;
-      mode = kBaudMode6M;
-      break;
-    default:
-      LOG(INFO) << __func__ << ": Baud rate (" << bits_per_second << ") unsupported";
-      return;
+  if (rate == UartBaudRate::kRate6000000) {
+    bits_per_second = kCoProcessor6M;
+    mode = kBaudMode6M;
   }
   Control(__func__,
           {kBaudRate, static_cast<uint8_t>(bits_per_second),

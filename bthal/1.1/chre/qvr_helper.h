@@ -9,22 +9,45 @@
 #include <mutex>
 #include <vector>
 
-#include "base/uart_baud_rate.h"
-#include "evidence/bqr_error_code.h"
-#include "hci/packet.h"
+#include "transport/transport.h"
 
 namespace android::hardware::bluetooth::hci {
 
-// The transport of handsets whose controller hangs on a low-power co-processor: packets and
+// The transport of handsets whose controller is attached to a low-power co-processor: packets and
 // control requests travel as messages to the co-processor's message server, and packets come
-// back the same way. One instance, used through the transport shim. Any thread.
-class QvrHelper {
+// back the same way; the controller's own power switch stays the hardware control's. One instance,
+// used through the transport shim. Any thread.
+class QvrHelper final : public Transport {
  public:
   static QvrHelper& Get();
 
+  // Transport. The co-processor's own power goes through the same cycle first.
+  bool Open(const TransportSettings& settings) override;
+  void Connect(const PacketReceivers& receivers) override;
+  bool Start() override { return true; }
+  void Stop() override {}
+  void Disconnect() override { DeinitializeCallback(); }
+  void Close() override;
+  // Reports the error, which ends the process.
+  bool Abandon(BqrErrorCode code, const std::string& reason) override;
+  size_t Send(uint8_t type, const uint8_t* data, size_t length, bool flag) override {
+    return SendHciToQvr(type, data, length, flag);
+  }
+  bool IsReady() const override { return transport_open_; }
+  void BaudrateChange(UartBaudRate rate) override EXCLUDES(lock_);
+  uint32_t RequiredBaudRate() const override { return 6000000; }
+  bool LpmSetup() override { return LpmEnable(true); }
+  void LpmTeardown() override { LpmEnable(false); }
+  // The co-processor keeps the wake line itself.
+  bool LpmSuspend() override { return true; }
+  bool LpmWakeUp() override { return true; }
+  bool IsLpmRunning() override { return lpm_enabled_; }
+  bool DebugDump(int, const std::string&, const std::string&) override {
+    return GetChreDebugDump();
+  }
+
   // Called with the report and its reason when the connection or a send fails.
-  using LostHandler =
-      std::function<void(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason)>;
+  using LostHandler = std::function<void(BqrErrorCode code, const std::string& reason)>;
   // Before anything is connected.
   void SetLostHandler(LostHandler handler) { lost_ = std::move(handler); }
 
@@ -46,7 +69,6 @@ class QvrHelper {
   // Control requests, each answered within 800 ms or failed with one error line.
   bool PowerControl(bool on) EXCLUDES(lock_);
   bool LpmEnable(bool enable) EXCLUDES(lock_);
-  void BaudrateChange(UartBaudRate rate) EXCLUDES(lock_);
   bool GetChreDebugDump() EXCLUDES(lock_);
 
   // Marks the transport open or closed, as long as it is connected.
@@ -59,8 +81,10 @@ class QvrHelper {
 
   QvrHelper() = default;
 
+  // Switches controller and co-processor off and releases the connection.
+  void PowerOff() EXCLUDES(lock_);
   bool InitQvrTransport() EXCLUDES(lock_);
-  // Step by step; on failure the text to show.
+  // On failure, failure is what to log.
   bool ConnectTransport(std::string* failure) EXCLUDES(lock_);
   bool Control(const char* operation, std::vector<uint8_t> payload, const char* failure_format)
       EXCLUDES(lock_);

@@ -26,26 +26,28 @@ std::string TimestampNow() { return FormatTimestamp(Now()); }
 
 void AnchorRecords::Add(AnchorType type, const std::string& text) {
   std::lock_guard<std::mutex> guard(lock_);
-  const timespec now = Now();
-  for (Record* record : {&history_[added_ % kHistoryLimit], &last_[static_cast<uint8_t>(type)]}) {
-    record->time = now;
+  for (Record* record : NewRecords(type)) {
     record->formatter = nullptr;
     record->text = text;
   }
-  ++added_;
+}
+
+std::array<AnchorRecords::Record*, 2> AnchorRecords::NewRecords(AnchorType type) {
+  const timespec now = Now();
+  const std::array<Record*, 2> records = {&history_[added_++ % kHistoryLimit],
+                                          &last_[static_cast<uint8_t>(type)]};
+  for (Record* record : records) record->time = now;
+  return records;
 }
 
 void AnchorRecords::Add(AnchorType type, AnchorFormatter formatter, const AnchorValues& values,
                         const char* suffix) {
   std::lock_guard<std::mutex> guard(lock_);
-  const timespec now = Now();
-  for (Record* record : {&history_[added_ % kHistoryLimit], &last_[static_cast<uint8_t>(type)]}) {
-    record->time = now;
+  for (Record* record : NewRecords(type)) {
     record->formatter = formatter;
     record->values = values;
     record->suffix = suffix;
   }
-  ++added_;
 }
 
 std::vector<AnchorRecords::Line> AnchorRecords::ToLines(const std::vector<Record>& records) {

@@ -45,6 +45,8 @@ class AnchorRecords {
     std::string text;
   };
 
+  // The two places of a record that is added now, with its time: in the history and by type.
+  std::array<Record*, 2> NewRecords(AnchorType type) REQUIRES(lock_);
   static std::vector<Line> ToLines(const std::vector<Record>& records);
 
   mutable std::mutex lock_;

@@ -4,8 +4,8 @@
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 
-// What a record is about. A scope records its even value when it is entered and the next odd one
-// when it is left; from 40 up a value stands for a moment.
+// What a record is about. Values below 40 are scopes: the even value is recorded when the scope is
+// entered, the next odd one when it is left. From 40 up, a value stands for a single moment.
 enum class AnchorType : uint8_t {
   kInitialize = 0,
   kPerformInit = 2,
@@ -82,3 +82,8 @@ inline AnchorType ExitOf(AnchorType entry) {
 }
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug
+
+namespace android::hardware::bluetooth {
+namespace evidence = V1_1::zvkbtlinux::debug;
+using evidence::AnchorType;
+}  // namespace android::hardware::bluetooth

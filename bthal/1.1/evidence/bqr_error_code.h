@@ -70,3 +70,8 @@ enum class BqrErrorCode : uint8_t {
 };
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug
+
+namespace android::hardware::bluetooth {
+namespace evidence = V1_1::zvkbtlinux::debug;
+using evidence::BqrErrorCode;
+}  // namespace android::hardware::bluetooth

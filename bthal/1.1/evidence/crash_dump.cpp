@@ -29,7 +29,7 @@ std::string FileTimestamp() {
                       local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
 }
 
-// A file of that name is that of another failure in the same second: it stays as it is.
+// An existing file belongs to another failure in the same second, and is not overwritten.
 constexpr int kNewFile = O_RDWR | O_CREAT | O_EXCL | O_SYNC;
 constexpr int kDumpFile = O_WRONLY | O_CREAT | O_APPEND | O_SYNC;
 
@@ -69,7 +69,7 @@ void WriteFragments(CrashFile* file, std::deque<hidl_vec<uint8_t>>* fragments,
     total += std::max<ssize_t>(n, 0);
   }
   ALOGI("%s: total written %zd bytes", operation, total);
-  // Never so: each fragment leaves the queue, written or not.
+  // Not reached: each fragment leaves the queue, written or not.
   if (!fragments->empty()) {
     ALOGW("%s: there are %zu segments not be saved", operation, fragments->size());
     fragments->clear();

@@ -31,7 +31,7 @@ class CrashDump {
   // Begins another enable cycle: no fragment of an earlier dump remains.
   void Rearm() EXCLUDES(lock_);
 
-  // Appends one event to the controller's dump at once. Started() must hold for this and the two
+  // Appends one event to the controller's dump file. Started() must hold for this and the two
   // below.
   void AppendToControllerDump(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
   // Keep one event; with the last one of a dump all are written. Return whether they were; a file
@@ -49,7 +49,7 @@ class CrashDump {
   SectionWriter transport_ GUARDED_BY(lock_);
   std::string timestamp_ GUARDED_BY(lock_);  // of this cycle's files; empty: armed
   uint32_t count_ GUARDED_BY(lock_) = 0;     // crash information files since the start
-  bool controller_dump_failed_ GUARDED_BY(lock_) = false;  // in this cycle, and a line told so
+  bool controller_dump_failed_ GUARDED_BY(lock_) = false;  // in this cycle, and was logged
   Fragments controller_ GUARDED_BY(lock_);                 // in order of arrival
   Fragments co_processor_ GUARDED_BY(lock_);
 };

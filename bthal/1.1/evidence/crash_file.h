@@ -8,12 +8,12 @@
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 
-// A crash file while it is written, by one thread. What goes wrong is one error line, and a file
-// that stays empty is removed.
+// A crash file while it is written, by one thread. However many writes fail, one error line is
+// logged; a file that stays empty is removed.
 class CrashFile {
  public:
-  // Opens path with flags and mode. kind names the file and operation the caller in the line that
-  // tells why it cannot be opened.
+  // Opens path with flags and mode. kind and operation name the file and the caller in the error
+  // line when it cannot be opened.
   CrashFile(std::string path, int flags, mode_t mode, const char* kind, const char* operation);
   ~CrashFile();
   CrashFile(const CrashFile&) = delete;
@@ -21,10 +21,10 @@ class CrashFile {
 
   bool ok() const { return fd_.ok(); }
   int fd() const { return fd_.get(); }
-  // Returns how many bytes are written, or -1 when it is none.
+  // Returns how many bytes were written, -1 for none.
   ssize_t Write(std::string_view bytes);
   bool failed() const { return error_ != 0; }
-  // Whoever has told of a failure of this file already wants no more lines of it.
+  // A failed write is not logged: an earlier one of the same file was.
   void SetQuiet(bool quiet) { quiet_ = quiet; }
 
  private:

@@ -14,7 +14,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <mutex>
 

@@ -16,12 +16,12 @@ using SectionWriter = std::function<void(int fd)>;
 // What writer writes. Empty, with an error line, when there is no memory for it.
 std::string TextOf(const SectionWriter& writer);
 
-// Gives text to the reader of fd: a pipe, a socket or a file, whose flags stay as they are. Ends
-// with a warning when the reader takes nothing for 2 s, or not everything within 4 s. Returns
+// Writes text to fd (a pipe, a socket or a file), whose flags stay as they are. Ends with a warning
+// when the reader at the other end takes nothing for 2 s, or not everything within 4 s. Returns
 // whether all of it is written.
 bool WriteToReader(int fd, std::string_view text);
 
-// The debug report: the records, then the sections of those who have added one. Any thread.
+// The debug report: the records, then the sections that were added. Any thread.
 class DebugReport {
  public:
   // The next section of the report. Writers stay for the life of the report.

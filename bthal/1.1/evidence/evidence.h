@@ -6,8 +6,8 @@
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 
-// What the process leaves behind, beside its records. Layers above give it what it cannot know:
-// sections of the report, the transport's dump, the way to the stack.
+// Debug report, crash files and fatal errors of the process. Higher layers supply sections of the
+// report, the transport's dump and the way to the stack.
 struct Evidence {
   // The process's one, built on first use, never destroyed.
   static Evidence& Get();

@@ -17,8 +17,8 @@
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 
 // Ends the process on a fatal error: tells the stack, has the crash files written, aborts in the
-// function named after the error. Any thread; the first report decides, a thread that comes with
-// another one waits for the end.
+// function named after the error. Any thread; only the first report counts: a thread that
+// reports a second error waits for the end of the process.
 class FatalReporter {
  public:
   // Gets an HCI event, which lives as long as the call.
@@ -44,14 +44,14 @@ class FatalReporter {
   void TellStack(const hidl_vec<uint8_t>& event) EXCLUDES(lock_);
 
   const std::function<void(const std::string&)> write_files_;
-  std::atomic<pid_t> reporter_{0};  // the thread whose report decides
+  std::atomic<pid_t> reporter_{0};  // the thread whose report counts
   std::mutex lock_;
   std::condition_variable changed_;
   EventSink sink_ GUARDED_BY(lock_);
   std::optional<hidl_vec<uint8_t>> event_ GUARDED_BY(lock_);  // not yet given to the sink
   int told_ GUARDED_BY(lock_) = 0;                            // events that the sink is done with
   bool ended_ GUARDED_BY(lock_) = false;
-  // Made before it is needed: later, there may be no more threads to be had.
+  // Started before it is needed: later, the system may refuse a new thread.
   std::thread messenger_ GUARDED_BY(lock_);
 };
 

@@ -1,5 +1,6 @@
 #include "evidence/record.h"
 
+#include <cstdarg>
 #include <utility>
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
@@ -11,11 +12,16 @@ AnchorRecords& Records() {
 
 void Record(AnchorType type, const std::string& text) {
   constexpr size_t kLongestText = 127;
-  if (text.size() <= kLongestText) {
-    Records().Add(type, text);
-  } else {
-    Records().Add(type, text.substr(0, kLongestText));
-  }
+  Records().Add(type, text.substr(0, kLongestText));
+}
+
+void RecordFormat(AnchorType type, const char* format, ...) {
+  std::string text;
+  va_list arguments;
+  va_start(arguments, format);
+  base::StringAppendV(&text, format, arguments);
+  va_end(arguments);
+  Record(type, text);
 }
 
 ScopedRecord::ScopedRecord(AnchorType type, std::string name)

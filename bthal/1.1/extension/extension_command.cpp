@@ -2,9 +2,18 @@
 
 #include <android-base/logging.h>
 
+#include <string>
 #include <utility>
 
 namespace android::hardware::bluetooth {
+namespace {
+
+void LogSwitch(const std::string& log_tag, const char* operation) {
+  if (!base::ShouldLog(base::DEBUG, log_tag.c_str())) return;
+  base::LogMessage(__FILE__, __LINE__, base::DEBUG, log_tag.c_str(), -1).stream() << operation;
+}
+
+}  // namespace
 
 void CurrentFlowControl::Set(hci::HciFlowControl* flow) {
   Ref kept = flow->shared_from_this();
@@ -20,6 +29,16 @@ CurrentFlowControl::Ref CurrentFlowControl::Clear() {
 CurrentFlowControl::Ref CurrentFlowControl::Get() const {
   std::lock_guard<std::mutex> guard(lock_);
   return flow_;
+}
+
+void ExtensionCommand::Start(hci::HciFlowControl* flow) {
+  LogSwitch(name(), "OnBluetoothEnabled");
+  Enable(flow);
+}
+
+void ExtensionCommand::Stop() {
+  LogSwitch(name(), "OnBluetoothDisabled");
+  Disable();
 }
 
 void ExtensionCommand::Enable(hci::HciFlowControl* flow) {
@@ -46,11 +65,7 @@ bool ExtensionCommand::TakePending() {
 }
 
 bool ExtensionCommand::OnEventReceive(const hidl_vec<uint8_t>& event) {
-  const bool success = hci::CommandCompleteStatus(event) == 0;
-  base::LogMessage(__FILE__, __LINE__, success ? base::INFO : base::WARNING, name().c_str(), -1)
-          .stream()
-      << __func__ << ": (" << pending()
-      << (success ? ") Recv Success VSE <" : ") Recv Failure VSE <") << toString(event) << ">";
+  LogAnswer(event, base::INFO, "(" + std::to_string(pending()) + ") ");
   return TakePending();
 }
 

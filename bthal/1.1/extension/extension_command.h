@@ -12,8 +12,8 @@
 
 namespace android::hardware::bluetooth {
 
-// The flow control that an extension may use at the moment. Whoever got it keeps it beyond the end
-// of Bluetooth: it then only logs and returns 0. Any thread; its lock is a leaf.
+// The flow control that an extension may use at the moment. A caller of Get() may keep what it got
+// beyond the end of Bluetooth: it then only logs and returns 0. Any thread; its lock is a leaf.
 class CurrentFlowControl {
  public:
   using Ref = std::shared_ptr<hci::HciFlowControl>;  // null while Bluetooth is off
@@ -29,17 +29,16 @@ class CurrentFlowControl {
 };
 
 // The command of an extension: sends it and takes as many Command Completes of its opcode as were
-// sent, over all enablings of Bluetooth; one more is the stack's own. Each service has one such
-// watcher for the whole process. Its name is the service's log tag. Any thread sends; Enable and
-// Disable come one at a time.
+// sent, over all enablings of Bluetooth; one more is the stack's own. The watcher's name is the
+// service's log tag. Any thread sends; Start and Stop come one at a time.
 class ExtensionCommand : public hci::HciEventWatcher {
  public:
   ExtensionCommand(const char* name, uint16_t opcode)
       : HciEventWatcher(name, hci::kEventCommandComplete, opcode) {}
 
-  // Bluetooth is on, through flow, until Disable().
-  void Enable(hci::HciFlowControl* flow);
-  void Disable();
+  // Bluetooth is on, through flow, until Stop().
+  virtual void Start(hci::HciFlowControl* flow);
+  virtual void Stop();
   CurrentFlowControl::Ref flow() const { return flow_.Get(); }
 
   // Sent and not answered yet.
@@ -51,7 +50,10 @@ class ExtensionCommand : public hci::HciEventWatcher {
   bool OnEventReceive(const hidl_vec<uint8_t>& event) override;
 
  protected:
-  // Ends one open answer. False when there is none.
+  // What Start and Stop do, without their log lines.
+  void Enable(hci::HciFlowControl* flow);
+  void Disable();
+  // Counts one answer as received. False when none is open.
   bool TakePending();
 
  private:

@@ -20,12 +20,14 @@ namespace android::hardware::bluetooth::hci {
 namespace {
 
 using ::android::base::StringPrintf;
-using evidence::AnchorType;
-using evidence::BqrErrorCode;
 using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kHangUpPause{5};
 constexpr std::chrono::seconds kStuckTimeout{2};
+
+bool IsFromController(uint8_t type) {
+  return type >= HCI_PACKET_TYPE_ACL_DATA && type <= HCI_PACKET_TYPE_ISO_DATA;
+}
 
 // Moves a gather list past what was written of it.
 void Advance(iovec** list, int* count, size_t written) {
@@ -45,10 +47,9 @@ H4Protocol::H4Protocol(int fd, PacketReceiver event_cb, PacketReceiver acl_cb,
                        PacketReceiver sco_cb, PacketReceiver iso_cb, TransportUpcalls upcalls)
     : uart_fd_(fd),
       closing_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      event_cb_(std::move(event_cb)),
-      acl_cb_(std::move(acl_cb)),
-      sco_cb_(std::move(sco_cb)),
-      iso_cb_(std::move(iso_cb)),
+      receivers_{
+          nullptr,          nullptr, std::move(acl_cb), std::move(sco_cb), std::move(event_cb),
+          std::move(iso_cb)},
       upcalls_(std::move(upcalls)),
       hci_packetizer_([this] { OnPacketReady(); }),
       read_buffer_(new uint8_t[kReadSize]) {}
@@ -95,24 +96,22 @@ size_t H4Protocol::Send(uint8_t type, const uint8_t* data, size_t length) {
       stuck_ = stuck_ || code == ETIMEDOUT || written > 0;
       const char* error = strerror(code);
       ALOGE("%s error writing to UART (%s)", __func__, error);
-      evidence::Record(AnchorType::kH4Send,
-                       StringPrintf("%s: error writing to UART (%s)", __func__, error));
+      evidence::RecordFormat(AnchorType::kH4Send, "%s: error writing to UART (%s)", __func__,
+                             error);
       return written;
     }
     if (n == 0) {
       ALOGE("%s zero bytes written - something went wrong...", __func__);
-      evidence::Record(AnchorType::kH4Send,
-                       StringPrintf("%s: zero bytes written - something went wrong...", __func__));
+      evidence::RecordFormat(AnchorType::kH4Send,
+                             "%s: zero bytes written - something went wrong...", __func__);
       return written;
     }
     stuck_at = {};
     written += static_cast<size_t>(n);
     if (written == total) return total;
-    const std::string text = StringPrintf(
-        "%s: %d/%d bytes written - retrying remaining %d bytes", __func__,
-        static_cast<int>(written), static_cast<int>(total), static_cast<int>(total - written));
-    ALOGW("%s", text.c_str());
-    evidence::Record(AnchorType::kH4Send, text);
+    BTHAL_LOG_AND_RECORD(ALOGW, AnchorType::kH4Send,
+                         "%s: %zu/%zu bytes written - retrying remaining %zu bytes", __func__,
+                         written, total, total - written);
     Advance(&list, &count, static_cast<size_t>(n));
   }
 }
@@ -129,9 +128,8 @@ void H4Protocol::OnDataReady(int fd) {
     return;
   }
   if (n == 0) {
-    LOG(ERROR) << __func__ << ": Unexpected EOF reading the packet type!";
-    evidence::Record(AnchorType::kH4Receive,
-                     StringPrintf("%s: Unexpected EOF reading the packet type!", __func__));
+    BTHAL_LOG_AND_RECORD(ALOGE, AnchorType::kH4Receive,
+                         "%s: Unexpected EOF reading the packet type!", __func__);
     Pause(kHangUpPause);
     return;
   }
@@ -141,15 +139,15 @@ void H4Protocol::OnDataReady(int fd) {
     LOG(FATAL) << __func__ << ": Read packet type error: " << error;
   }
   LOG(ERROR) << __func__ << ": read failed (" << error << "), not ready to read!";
-  evidence::Record(AnchorType::kH4Receive, StringPrintf("%s: read failed (%s), not reay to read!",
-                                                        __func__, error.c_str()));
+  evidence::RecordFormat(AnchorType::kH4Receive, "%s: read failed (%s), not reay to read!",
+                         __func__, error.c_str());
   Pause(kHangUpPause);
 }
 
 void H4Protocol::OnBytes(const uint8_t* data, size_t length) {
   while (length > 0 && !closed_.load(std::memory_order_relaxed)) {
     if (hci_packet_type_ == HCI_PACKET_TYPE_UNKNOWN) {
-      if (*data < HCI_PACKET_TYPE_ACL_DATA || *data > HCI_PACKET_TYPE_ISO_DATA) {
+      if (!IsFromController(*data)) {
         OnUnimplementedType(data, length);
         return;
       }
@@ -164,8 +162,8 @@ void H4Protocol::OnBytes(const uint8_t* data, size_t length) {
   }
 }
 
-// Where in the stream the next packet begins is not known any more: the port is closed, the rest
-// is dropped, and the type stays unknown.
+// The start of the next packet in the stream is not known any more: the port is closed, the rest of
+// the bytes is dropped, and the type stays unknown.
 void H4Protocol::OnUnimplementedType(const uint8_t* data, size_t length) {
   ALOGE("%s: Unimplemented Packet Type: %d detected!", "OnDataReady", *data);
   const auto at = [&](size_t i) { return i < length ? data[i] : uint8_t{0}; };
@@ -178,24 +176,11 @@ void H4Protocol::OnUnimplementedType(const uint8_t* data, size_t length) {
 }
 
 void H4Protocol::OnPacketReady() {
-  const HciPacketType type = hci_packet_type_;
-  const hidl_vec<uint8_t>& packet = hci_packetizer_.GetPacket();
-  switch (type) {
-    case HCI_PACKET_TYPE_ACL_DATA:
-      acl_cb_(packet);
-      break;
-    case HCI_PACKET_TYPE_SCO_DATA:
-      sco_cb_(packet);
-      break;
-    case HCI_PACKET_TYPE_EVENT:
-      event_cb_(packet);
-      break;
-    case HCI_PACKET_TYPE_ISO_DATA:
-      iso_cb_(packet);
-      break;
-    default:
-      LOG(FATAL) << __func__ << ": Unimplemented packet type " << static_cast<int>(type);
+  // Not reached: OnBytes() takes no other type.
+  if (!IsFromController(hci_packet_type_)) {
+    LOG(FATAL) << __func__ << ": Unimplemented packet type " << int{hci_packet_type_};
   }
+  receivers_[hci_packet_type_](hci_packetizer_.GetPacket());
   hci_packet_type_ = HCI_PACKET_TYPE_UNKNOWN;
 }
 

@@ -3,6 +3,7 @@
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -52,16 +53,13 @@ class H4Protocol {
 
   std::mutex fd_lock_;
   int uart_fd_ GUARDED_BY(fd_lock_);  // -1 once closed
-  // A packet cut in the middle must have no successor: the controller would take its first bytes
-  // for the rest of the one before.
+  // After a packet that was cut short nothing more may be sent: the controller would take it for
+  // the missing rest.
   bool stuck_ GUARDED_BY(fd_lock_) = false;
-  // Set with it: whoever closes from inside a receiver leaves nobody to deliver to.
+  // Set with it: after a close from inside a receiver nothing more is delivered.
   std::atomic<bool> closed_{false};
-  const base::unique_fd closing_event_;  // readable for good once closing
-  const PacketReceiver event_cb_;
-  const PacketReceiver acl_cb_;
-  const PacketReceiver sco_cb_;
-  const PacketReceiver iso_cb_;
+  const base::unique_fd closing_event_;            // readable for good once closing
+  const std::array<PacketReceiver, 6> receivers_;  // by packet type
   const TransportUpcalls upcalls_;
   HciPacketType hci_packet_type_ = HCI_PACKET_TYPE_UNKNOWN;  // of the packet being received
   HciPacketizer hci_packetizer_;

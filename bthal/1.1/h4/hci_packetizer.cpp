@@ -10,7 +10,7 @@ HciPacketizer::HciPacketizer(std::function<void()> packet_ready)
 
 size_t HciPacketizer::OnDataReady(HciPacketType type, const uint8_t* data, size_t length) {
   if (state_ == HCI_PREAMBLE) {
-    const PreambleFormat& format = kPreambles[type];
+    const HeaderFormat& format = kHeaders[type];
     if (bytes_read_ == 0 && length > format.size) {
       const size_t size = format.size + PayloadLength(format, data);
       if (size > format.size && size <= length) {

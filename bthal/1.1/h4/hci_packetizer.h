@@ -7,7 +7,7 @@
 
 namespace android::hardware::bluetooth::hci {
 
-// Reassembles one packet after the other from a byte stream cut at any place: a pure push parser.
+// Reassembles one packet after the other from a byte stream that is cut at any place.
 // Owned by H4Protocol, used on the reader thread only.
 class HciPacketizer {
  public:
@@ -15,7 +15,7 @@ class HciPacketizer {
   explicit HciPacketizer(std::function<void()> packet_ready);
 
   // Takes bytes of the packet of this type; returns how many it took: a whole packet with payload
-  // at once, else preamble and payload in a call each. A packet without payload completes on the
+  // at once, else header and payload in a call each. A packet without payload completes on the
   // next call.
   size_t OnDataReady(HciPacketType type, const uint8_t* data, size_t length);
 
@@ -27,9 +27,9 @@ class HciPacketizer {
 
   const std::function<void()> packet_ready_;
   State state_ = HCI_PREAMBLE;
-  size_t bytes_read_ = 0;       // of the preamble
+  size_t bytes_read_ = 0;       // of the header
   size_t bytes_remaining_ = 0;  // of the payload
-  // Holds the longest packet there is, so that none needs an allocation of its own.
+  // As long as the longest possible packet: no packet needs an allocation of its own.
   const std::unique_ptr<uint8_t[]> buffer_;
   hidl_vec<uint8_t> packet_;  // a view of buffer_
 };

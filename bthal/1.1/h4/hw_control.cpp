@@ -2,8 +2,8 @@
 
 #include "h4/hw_control.h"
 
+#include <android-base/file.h>
 #include <android-base/logging.h>
-#include <android-base/stringprintf.h>
 #include <fcntl.h>
 #include <log/log.h>
 #include <root_folder/root_folder.h>
@@ -16,6 +16,7 @@
 #include <cstring>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "evidence/debug_files.h"
 #include "evidence/report.h"
@@ -23,10 +24,7 @@
 namespace android::hardware::bluetooth::hwcontrol {
 namespace {
 
-using ::android::base::StringPrintf;
 using ::android::base::unique_fd;
-using evidence::AnchorType;
-using evidence::BqrErrorCode;
 
 constexpr char kLpmControlPort[] = "/proc/bluetooth/sleep/btwrite";
 constexpr char kLpmDriver[] = "/proc/bluetooth/sleep/lpm";
@@ -58,9 +56,8 @@ std::string rfkill_state_finder() {
                 << ")";
       return "";
     }
-    char buffer[16] = {};
-    const ssize_t n = TEMP_FAILURE_RETRY(read(fd.get(), buffer, sizeof buffer - 1));
-    std::string type(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+    std::string type;
+    base::ReadFdToString(fd, &type);
     type = type.substr(0, type.find('\n'));
     LOG(DEBUG) << __func__ << ": rfkill candidate " << path << " is [" << type << "]";
     if (type == "bluetooth") {
@@ -87,9 +84,7 @@ bool ConfigureTty(int fd) {
 }
 
 unique_fd userial_tty_open(const std::string& port) {
-  const std::string text = StringPrintf("%s: open %s", __func__, port.c_str());
-  ALOGI("%s", text.c_str());
-  evidence::Record(AnchorType::kTtyOpened, text);
+  BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kTtyOpened, "%s: open %s", __func__, port.c_str());
   evidence::SetBtUartDebugPort(port);
   unique_fd fd(root_folder::Open(port, O_RDWR | O_NOCTTY | O_NONBLOCK));
   if (fd.get() < 0 || !ConfigureTty(fd.get())) {
@@ -139,10 +134,8 @@ bool BtHwControl::PowerControl(bool on) {
     LOG(INFO) << __func__ << ": Power sequence is not controlled by Bluetooth HAL";
     return true;
   }
-  const std::string text = StringPrintf("%s: %s, state_path: %s", __func__,
-                                        on ? "Enabling" : "Disabling", state_path.c_str());
-  ALOGI("%s", text.c_str());
-  evidence::Record(AnchorType::kPowerState, text);
+  BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kPowerState, "%s: %s, state_path: %s", __func__,
+                       on ? "Enabling" : "Disabling", state_path.c_str());
 
   const unique_fd fd(root_folder::Open(state_path, O_WRONLY | O_NOCTTY));
   if (fd.get() < 0) {
@@ -170,8 +163,8 @@ bool BtHwControl::UserialOpen(uint32_t userial_type, const std::string& uart_por
   }
   if (userial_type == kUserialTty) std::this_thread::sleep_for(kPortSettleTime);
   LOG(INFO) << __func__ << ": USERIAL (" << fd.get() << ") Ready";
-  evidence::Record(AnchorType::kUserialReady,
-                   StringPrintf("USERIAL Ready FD: <%d>, type: <%u>", fd.get(), userial_type));
+  evidence::RecordFormat(AnchorType::kUserialReady, "USERIAL Ready FD: <%d>, type: <%u>", fd.get(),
+                         userial_type);
   uart_fd_.store(fd.release(), std::memory_order_release);
   return true;
 }
@@ -201,39 +194,32 @@ bool BtHwControl::IsLpmRunning() {
 }
 
 bool BtHwControl::LpmSetup() {
-  ALOGI("%s: LPM enabling", __func__);
-  evidence::Record(AnchorType::kLpmEnabling, StringPrintf("%s: LPM enabling", __func__));
+  BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kLpmEnabling, "%s: LPM enabling", __func__);
   std::lock_guard<std::mutex> guard(lpm_lock_);
-  lpm_fd_.reset(root_folder::Open(kLpmControlPort, O_WRONLY | O_NOCTTY));
-  if (lpm_fd_.get() < 0) {
+  unique_fd control(root_folder::Open(kLpmControlPort, O_WRONLY | O_NOCTTY));
+  lpm_fd_.reset();
+  if (!control.ok()) {
     ALOGE("%s: Unable to open LPM control port, %s (%d)", __func__, strerror(errno), errno);
     LOG(ERROR) << __func__ << ": Unable to open LPM control port (" << kLpmControlPort
                << "): " << strerror(errno);
     return false;
   }
   const unique_fd driver(root_folder::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
-  if (driver.get() < 0) {
+  if (!driver.ok()) {
     ALOGE("%s: Unable to open LPM driver, %s (%d)", __func__, strerror(errno), errno);
-    lpm_fd_.reset();
-    return false;
-  }
-  if (!WriteCharacter(driver.get(), '1')) {
+  } else if (!WriteCharacter(driver.get(), '1')) {
     LOG(ERROR) << __func__ << ": Unable to enable LPM driver (" << kLpmDriver
                << "): " << strerror(errno);
-    lpm_fd_.reset();
-    return false;
-  }
-  if (!WriteCharacter(lpm_fd_.get(), '1')) {
+  } else if (!WriteCharacter(control.get(), '1')) {
     ALOGE("%s: Unable to wake up LPM: %s (%d)", __func__, strerror(errno), errno);
-    lpm_fd_.reset();  // off for this session
-    return false;
+  } else {
+    lpm_fd_ = std::move(control);
   }
-  return true;
+  return lpm_fd_.ok();
 }
 
 void BtHwControl::LpmTeardown() {
-  ALOGI("%s: LPM disabling", __func__);
-  evidence::Record(AnchorType::kLpmDisabling, StringPrintf("%s: LPM disabling", __func__));
+  BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kLpmDisabling, "%s: LPM disabling", __func__);
   std::lock_guard<std::mutex> guard(lpm_lock_);
   lpm_fd_.reset();
   const unique_fd driver(root_folder::Open(kLpmDriver, O_WRONLY | O_NOCTTY));
@@ -243,8 +229,7 @@ void BtHwControl::LpmTeardown() {
     LOG(ERROR) << __func__ << ": Unable to disable LPM driver (" << kLpmDriver
                << "): " << strerror(errno);
   }
-  LOG(INFO) << __func__ << ": LPM Disabled";
-  evidence::Record(AnchorType::kLpmDisabled, StringPrintf("%s: LPM Disabled", __func__));
+  BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kLpmDisabled, "%s: LPM Disabled", __func__);
 }
 
 bool BtHwControl::LpmWakeUp() {
@@ -257,7 +242,7 @@ bool BtHwControl::LpmWakeUp() {
     }
   }
   std::this_thread::sleep_for(kWakeTime);
-  evidence::Record(AnchorType::kLpmAssert, StringPrintf("%s: Assert", __func__));
+  evidence::RecordFormat(AnchorType::kLpmAssert, "%s: Assert", __func__);
   return true;
 }
 
@@ -266,7 +251,7 @@ bool BtHwControl::LpmSuspend() {
     std::lock_guard<std::mutex> guard(lpm_lock_);
     if (lpm_fd_.get() < 0) return true;
     if (WriteCharacter(lpm_fd_.get(), '0')) {
-      evidence::Record(AnchorType::kLpmDeassert, StringPrintf("%s: Deassert", __func__));
+      evidence::RecordFormat(AnchorType::kLpmDeassert, "%s: Deassert", __func__);
       return true;
     }
     ALOGE("%s: Unable to suspend LPM, %s (%d)", __func__, strerror(errno), errno);

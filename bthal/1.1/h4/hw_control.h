@@ -19,13 +19,13 @@ class BtHwControl {
  public:
   static BtHwControl& Get();
 
-  // Switches the controller. True also where nothing of the kind is ours to switch.
+  // Switches the controller on or off. True also where there is no switch for it.
   bool PowerControl(bool on);
 
   // Opens the port of this userial type: 1 the tty uart_port, at 115200 bit/s with hardware flow
   // control; anything else the HCI user channel.
   bool UserialOpen(uint32_t userial_type, const std::string& uart_port);
-  // Whoever watches or writes the descriptor has let it go before.
+  // No thread may watch or write the descriptor any more.
   void UserialClose();
   // The tty or HCI socket; -1 when closed.
   int UartFd() const { return uart_fd_.load(std::memory_order_acquire); }

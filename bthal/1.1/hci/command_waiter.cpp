@@ -32,10 +32,20 @@ uint8_t CommandWaiter::SendAndWait(HciFlowControl& flow, const std::vector<uint8
 }
 
 bool CommandWaiter::OnEventReceive(const hidl_vec<uint8_t>& event) {
-  const uint8_t status = CommandCompleteStatus(event);
-  const bool keep = OnAnswer(event, status);
-  Complete(status);
-  return keep;
+  LogAnswer(event, success_);
+  bool first = false;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    first = answer_.empty();
+    answer_ = event;
+  }
+  Complete(CommandCompleteStatus(event));
+  return first || keep_ == Keep::kAll;
+}
+
+hidl_vec<uint8_t> CommandWaiter::answer() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return answer_;
 }
 
 void CommandWaiter::Complete(uint8_t status) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/logging.h>
 #include <hidl/HidlSupport.h>
 
 #include <cstdint>
@@ -8,7 +9,7 @@
 namespace android::hardware::bluetooth::hci {
 
 // Observes the controller's events of one code and, for Command Complete and Command Status, of
-// one opcode. Registered with HciFlowControl, which does not own it: whoever does unregisters it
+// one opcode. Registered with HciFlowControl, which does not own it: the owner unregisters it
 // before it dies. A watcher that registers itself is final and does it last.
 class HciEventWatcher {
  public:
@@ -30,6 +31,12 @@ class HciEventWatcher {
   const std::string& name() const { return name_; }
   uint8_t event_code() const { return event_code_; }
   uint16_t opcode() const { return opcode_; }
+
+ protected:
+  // Logs an answer, with the watcher's name as the tag: at the severity success, or as a warning
+  // when its status is an error. prefix stands before the result.
+  void LogAnswer(const hidl_vec<uint8_t>& event, base::LogSeverity success,
+                 const std::string& prefix = "") const;
 
  private:
   const std::string name_;

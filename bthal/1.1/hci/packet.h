@@ -1,5 +1,5 @@
 // HCI packets as bytes: types, headers, checked access, the builder of outgoing commands.
-// Formats: Bluetooth Core 5.3, Vol 4, Part E, 5.4 (packets), 7.7 (events); Part A, 2 (type byte).
+// Formats: Core 5.3, 4.E.5.4 (packets), 4.E.7.7 (events), 4.A.2 (type byte).
 #pragma once
 
 #include <hidl/HidlSupport.h>
@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <vector>
 
 namespace android::hardware::bluetooth::hci {
@@ -25,15 +24,23 @@ enum HciPacketType : uint8_t {
 // Takes one packet without its type byte. The bytes live until the function returns.
 using PacketReceiver = std::function<void(const hidl_vec<uint8_t>&)>;
 
+// The receivers of what a controller sends.
+struct PacketReceivers {
+  PacketReceiver event;
+  PacketReceiver acl;
+  PacketReceiver sco;
+  PacketReceiver iso;
+};
+
 // Where the payload length stands in a packet's fixed header.
-struct PreambleFormat {
+struct HeaderFormat {
   uint8_t size;
   uint8_t length_offset;
   uint8_t length_size;  // in bytes, little-endian
   uint16_t length_mask;
 };
 
-inline constexpr PreambleFormat kPreambles[] = {
+inline constexpr HeaderFormat kHeaders[] = {
     {0, 0, 0, 0x0000},  // unknown
     {3, 2, 1, 0x00FF},  // command
     {4, 2, 2, 0xFFFF},  // ACL data
@@ -41,22 +48,22 @@ inline constexpr PreambleFormat kPreambles[] = {
     {2, 1, 1, 0x00FF},  // event
     {4, 2, 2, 0x3FFF},  // ISO data: two reserved bits above the length
 };
-inline constexpr size_t kMaxPreambleSize = 4;
-inline constexpr size_t kMaxPacketSize = kMaxPreambleSize + 0xFFFF;
+inline constexpr size_t kMaxHeaderSize = 4;
+inline constexpr size_t kMaxPacketSize = kMaxHeaderSize + 0xFFFF;
 
-// The payload length that a whole preamble announces.
-inline size_t PayloadLength(const PreambleFormat& format, const uint8_t* preamble) {
+// The payload length that a whole header announces.
+inline size_t PayloadLength(const HeaderFormat& format, const uint8_t* header) {
   if (format.length_size == 0) return 0;
-  unsigned length = preamble[format.length_offset];
+  unsigned length = header[format.length_offset];
   if (format.length_size == 2) {
-    length |= static_cast<unsigned>(preamble[format.length_offset + 1]) << 8;
+    length |= static_cast<unsigned>(header[format.length_offset + 1]) << 8;
   }
   return length & format.length_mask;
 }
 
 // Whether a packet has its whole header and exactly the payload that the header announces.
 inline bool LengthIsRight(HciPacketType type, const uint8_t* packet, size_t size) {
-  const PreambleFormat& format = kPreambles[type];
+  const HeaderFormat& format = kHeaders[type];
   return size >= format.size && size == format.size + PayloadLength(format, packet);
 }
 

@@ -8,11 +8,11 @@ namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 
 namespace {
 
-// From a stack's death to the notice of it, and to the end of what runs for it meanwhile.
+// How long a new stack waits until the death of the attached one has been handled.
 constexpr std::chrono::seconds kEndOfDeadStack{5};
 
-// The runtime refuses to link to the death of an object that is dead already. Asks nobody else: a
-// stack that is only stopped counts as alive.
+// Whether the runtime refuses to link to the object's death because it is dead already. Does not
+// call the stack: one that is only stopped counts as alive.
 bool IsDead(const sp<V1_0::IBluetoothHciCallbacks>& stack) {
   struct Nobody : hidl_death_recipient {
     void serviceDied(uint64_t, const wp<::android::hidl::base::V1_0::IBase>&) override {}

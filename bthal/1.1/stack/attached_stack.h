@@ -8,7 +8,7 @@
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 
-// The stack's callback objects: one HAL a process, one stack at a time. Built on first use, never
+// The stack's callback objects: one HAL per process, one stack at a time. Built on first use, never
 // destroyed. Any thread; its lock is a leaf.
 class AttachedStack {
  public:
@@ -17,12 +17,12 @@ class AttachedStack {
 
   static AttachedStack& Get();
 
-  // Stores the callbacks of a stack that attaches, unless there is one that lives: the end of a
-  // dead one is waited for, 5 s at most. v1_1 is null when the stack attached through 1.0. Returns
-  // whether it is attached now.
+  // Stores the callbacks of a stack that attaches, unless another one is attached and alive. While
+  // a dead one is attached, waits until its death has been handled, 5 s at most. v1_1 is null when
+  // the stack attached through 1.0. Returns whether it is attached now.
   bool Attach(const Callbacks1_0& v1_0, const Callbacks1_1& v1_1);
   void Detach();
-  // Detaches only if who is attached. Returns whether it was.
+  // Detaches who, if it is the attached stack. Returns whether it was.
   bool DetachIf(const sp<::android::hidl::base::V1_0::IBase>& who);
   bool IsAttached(const sp<::android::hidl::base::V1_0::IBase>& who) const;
 

@@ -10,9 +10,9 @@
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 
-// What Bluetooth is doing, and whose turn it is to change that. Bring-ups and tear-downs run one
-// after the other, each for one Turn: a stack's initialize and close, the end of a stack that died,
-// the bring-up at the start of the process. The big hammer and SIGTERM take no turn: they close the
+// The state of Bluetooth. Bring-ups and tear-downs run one after the other, each for one Turn: a
+// stack's initialize and close, the handling of a stack's death, the bring-up at the start of the
+// process. The big hammer and SIGTERM take no turn: they close the
 // transport under whatever runs, which then fails and ends. Owned by the HAL object. Any thread;
 // its lock is a leaf.
 class Lifecycle {
@@ -22,10 +22,10 @@ class Lifecycle {
     kComingUp,   // a turn
     kUp,         // the transport is open
     kGoingDown,  // a turn
-    kDead,       // a turn: the attached stack has died, its end has not begun yet
+    kDead,       // a turn: the attached stack has died, and is not detached yet
   };
 
-  // The time that one bring-up or tear-down takes. May be handed to another thread.
+  // Held for one bring-up or tear-down. May be handed to another thread.
   class Turn {
    public:
     // Waits until no other turn runs. A thread that the running one may be joining does not wait:
@@ -44,8 +44,8 @@ class Lifecycle {
     Lifecycle* lifecycle_;  // null: refused, or handed on
   };
 
-  // The time from a stack's call of initialize to its end. A close that comes meanwhile, from
-  // inside one of the stack's callbacks, is left to it.
+  // Held for one call of initialize. A close that comes meanwhile, from inside one of the stack's
+  // callbacks, is deferred until its end.
   class Initialization {
    public:
     explicit Initialization(Lifecycle& lifecycle);
@@ -53,7 +53,7 @@ class Lifecycle {
     Initialization(const Initialization&) = delete;
     Initialization& operator=(const Initialization&) = delete;
 
-    // Returns whether a close has come, and is the caller's now.
+    // Returns whether a close was deferred, which the caller must do now.
     bool End();
 
    private:
@@ -61,7 +61,7 @@ class Lifecycle {
     bool ended_ = false;
   };
 
-  // Leaves a close to the running initialize. Returns whether there is one.
+  // Defers a close until the running initialize ends. Returns whether one is running.
   bool DeferClose() EXCLUDES(lock_);
 
   // The flow control of the open transport; null while it is closed.

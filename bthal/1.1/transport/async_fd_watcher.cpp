@@ -22,19 +22,19 @@
 
 namespace android::hardware::bluetooth::async {
 
-// What one run of the thread works on: it outlives a stop on the own thread until the pass ends.
+// The state of one run of the thread, from start to stop. When the run is stopped on its own
+// thread, the state lives on until the pass ends.
 struct AsyncFdWatcher::Run {
   std::mutex lock;
   std::condition_variable call_ended;
   std::map<int, std::shared_ptr<const ReadCallback>> watched GUARDED_BY(lock);
   bool running GUARDED_BY(lock) = true;
-  int called_fd GUARDED_BY(lock) = -1;  // whose function is running
+  int called_fd GUARDED_BY(lock) = -1;  // the descriptor whose function is running
   base::unique_fd wake_read, wake_write;
-  // Of a wait without anything readable. Nothing in the service sets it: the thread waits without
-  // limit.
-  std::mutex timeout_lock;
-  int timeout_ms GUARDED_BY(timeout_lock) = 0;
-  std::function<void()> timeout_callback GUARDED_BY(timeout_lock);
+  // The limit of a wait in which nothing gets readable. Nothing in the service sets it: the thread
+  // waits without limit.
+  const int timeout_ms = 0;
+  const std::function<void()> timeout_callback;
 
   void Wake() {
     const char byte = 0;
@@ -45,8 +45,6 @@ struct AsyncFdWatcher::Run {
   // The descriptors to wait for, ascending; empty once the run is stopped.
   std::vector<int> Descriptors() EXCLUDES(lock);
   void DropClosedDescriptors() EXCLUDES(lock);
-  int TimeoutMs() EXCLUDES(timeout_lock);
-  void OnTimeout() EXCLUDES(timeout_lock);
   void Call(int fd) EXCLUDES(lock);
 };
 
@@ -69,20 +67,6 @@ void AsyncFdWatcher::Run::DropClosedDescriptors() {
       ++i;
     }
   }
-}
-
-int AsyncFdWatcher::Run::TimeoutMs() {
-  std::lock_guard<std::mutex> guard(timeout_lock);
-  return timeout_ms;
-}
-
-void AsyncFdWatcher::Run::OnTimeout() {
-  std::function<void()> callback;
-  {
-    std::lock_guard<std::mutex> guard(timeout_lock);
-    if (timeout_ms >= 1) callback = timeout_callback;
-  }
-  if (callback) callback();
 }
 
 void AsyncFdWatcher::Run::Call(int fd) {
@@ -116,16 +100,15 @@ void AsyncFdWatcher::Run::ThreadRoutine() {
     FD_ZERO(&readable);
     for (int fd : fds) FD_SET(fd, &readable);
     const int highest = *std::max_element(fds.begin(), fds.end());
-    const int limit_ms = TimeoutMs();
-    timeval limit = {limit_ms / 1000, limit_ms % 1000 * 1000};
+    timeval limit = {timeout_ms / 1000, timeout_ms % 1000 * 1000};
     const int ready =
-        select(highest + 1, &readable, nullptr, nullptr, limit_ms > 0 ? &limit : nullptr);
+        select(highest + 1, &readable, nullptr, nullptr, timeout_ms > 0 ? &limit : nullptr);
     if (ready < 0) {
       if (errno == EBADF) DropClosedDescriptors();
       continue;
     }
     if (ready == 0) {
-      OnTimeout();
+      if (timeout_callback) timeout_callback();
       continue;
     }
     if (FD_ISSET(wake_read.get(), &readable)) {

@@ -18,7 +18,7 @@ class AsyncFdWatcher {
   using ReadCallback = std::function<void(int fd)>;
 
   AsyncFdWatcher() = default;
-  // Does not stop the thread: the owner has.
+  // Does not stop the thread: the owner stops it before.
   ~AsyncFdWatcher() = default;
   AsyncFdWatcher(const AsyncFdWatcher&) = delete;
   AsyncFdWatcher& operator=(const AsyncFdWatcher&) = delete;

@@ -10,7 +10,7 @@
 
 namespace android::hardware::bluetooth::hci {
 
-// Userial types: which way leads to the controller. With 0 the kernel's driver initialises the
+// Userial types: how the controller is reached. With 0 the kernel's driver initialises the
 // controller itself.
 inline constexpr uint32_t kUserialAutoInit = 0;
 inline constexpr uint32_t kUserialTty = 1;
@@ -22,28 +22,27 @@ struct TransportSettings {
   std::string uart_port;  // path of the tty; for kUserialTty only
 };
 
-// What a transport asks of its owner. Called on any thread.
+// A transport's calls to its owner, on any thread.
 struct TransportUpcalls {
   // The stream of packets cannot go on: the controller is to be shut down.
-  std::function<void(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason)> lost;
+  std::function<void(BqrErrorCode code, const std::string& reason)> lost;
   // Whether the owner has opened the transport completely.
   std::function<bool()> initialized;
 };
 
-// A way to the controller: its power, its port, its packets and its low-power mode. The owner
-// opens, connects and starts it, and stops, disconnects and closes it, one call at a time; the
-// other calls come from any thread, also while it is closed.
+// A connection to the controller: its power, its port, its packets and its low-power mode. The
+// owner calls Open, Connect, Start, and later Stop, Disconnect, Close, one at a time; the other
+// calls come from any thread, also while the transport is closed.
 class Transport {
  public:
   virtual ~Transport() = default;
 
-  // Power-cycles the controller and opens the port. On failure what had been switched on is off
-  // again. Returns whether it is open.
+  // Power-cycles the controller and opens the port. Returns whether it is open; on failure
+  // everything is switched off again.
   virtual bool Open(const TransportSettings& settings) = 0;
   // Connects the receivers of the controller's packets. They run on the reader thread.
-  virtual void Connect(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
-                       const PacketReceiver& sco_cb, const PacketReceiver& iso_cb) = 0;
-  // Begins to read, where Connect() has not begun. Returns whether packets will arrive.
+  virtual void Connect(const PacketReceivers& receivers) = 0;
+  // Starts reading, where Connect() has not done so. Returns whether packets will arrive.
   virtual bool Start() = 0;
 
   // Ends every wait for the port, and the reader. On the reader thread itself the reader ends after
@@ -53,8 +52,8 @@ class Transport {
   // Closes the port and switches the controller off.
   virtual void Close() = 0;
 
-  // What a fatal error of the stream leaves to do at once. Returns whether the owner must close.
-  virtual bool Abandon(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason) = 0;
+  // Acts on a fatal error of the stream. Returns whether the owner must close the transport.
+  virtual bool Abandon(BqrErrorCode code, const std::string& reason) = 0;
 
   // Writes one packet. flag: it is a flow-controlled command. Returns the bytes accepted, fewer
   // than length after an error. Never waits longer than 2 s without progress.

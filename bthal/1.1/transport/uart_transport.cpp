@@ -1,11 +1,8 @@
 #include "transport/uart_transport.h"
 
 #include "h4/h4_protocol.h"
-#include "h4/hw_control.h"
 
 namespace android::hardware::bluetooth::hci {
-
-using ::android::hardware::bluetooth::hwcontrol::BtHwControl;
 
 std::shared_ptr<H4Protocol> UartTransport::h4() {
   std::lock_guard<std::mutex> guard(lock_);
@@ -13,27 +10,25 @@ std::shared_ptr<H4Protocol> UartTransport::h4() {
 }
 
 bool UartTransport::Open(const TransportSettings& settings) {
-  BtHwControl& hw = BtHwControl::Get();
-  hw.PowerControl(false);
-  if (!hw.PowerControl(true)) return false;
-  if (!hw.UserialOpen(settings.userial_type, settings.uart_port)) {
-    hw.PowerControl(false);
+  hw_.PowerControl(false);
+  if (!hw_.PowerControl(true)) return false;
+  if (!hw_.UserialOpen(settings.userial_type, settings.uart_port)) {
+    hw_.PowerControl(false);
     return false;
   }
   return true;
 }
 
-void UartTransport::Connect(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
-                            const PacketReceiver& sco_cb, const PacketReceiver& iso_cb) {
-  auto h4 = std::make_shared<H4Protocol>(BtHwControl::Get().UartFd(), event_cb, acl_cb, sco_cb,
-                                         iso_cb, upcalls_);
+void UartTransport::Connect(const PacketReceivers& receivers) {
+  auto h4 = std::make_shared<H4Protocol>(hw_.UartFd(), receivers.event, receivers.acl,
+                                         receivers.sco, receivers.iso, upcalls_);
   std::lock_guard<std::mutex> guard(lock_);
   h4_.swap(h4);
 }
 
 bool UartTransport::Start() {
   // The reader holds the protocol object itself: it may be stopped from inside its own call.
-  return watcher_.WatchFdForNonBlockingReads(BtHwControl::Get().UartFd(),
+  return watcher_.WatchFdForNonBlockingReads(hw_.UartFd(),
                                              [h4 = h4()](int fd) { h4->OnDataReady(fd); }) == 0;
 }
 
@@ -49,15 +44,15 @@ void UartTransport::Disconnect() {
 }
 
 void UartTransport::Close() {
-  BtHwControl::Get().UserialClose();
-  BtHwControl::Get().PowerControl(false);
+  hw_.UserialClose();
+  hw_.PowerControl(false);
 }
 
-// In this order, nobody reads or writes the port's number once it may belong to another file.
-bool UartTransport::Abandon(V1_1::zvkbtlinux::debug::BqrErrorCode /*code*/,
-                            const std::string& /*reason*/) {
+// In this order, no thread reads or writes the descriptor once its number may belong to another
+// file.
+bool UartTransport::Abandon(BqrErrorCode /*code*/, const std::string& /*reason*/) {
   if (const std::shared_ptr<H4Protocol> h4 = this->h4()) h4->Close();
-  const int fd = BtHwControl::Get().UartFd();
+  const int fd = hw_.UartFd();
   if (fd >= 0) watcher_.StopWatchingFileDescriptor(fd);
   Close();
   return false;
@@ -68,17 +63,9 @@ size_t UartTransport::Send(uint8_t type, const uint8_t* data, size_t length, boo
   return h4 == nullptr ? 0 : h4->Send(type, data, length);
 }
 
-bool UartTransport::IsReady() const { return BtHwControl::Get().UartFd() >= 0; }
-void UartTransport::BaudrateChange(UartBaudRate rate) { BtHwControl::Get().BaudrateChange(rate); }
-bool UartTransport::LpmSetup() { return BtHwControl::Get().LpmSetup(); }
-void UartTransport::LpmTeardown() { BtHwControl::Get().LpmTeardown(); }
-bool UartTransport::LpmSuspend() { return BtHwControl::Get().LpmSuspend(); }
-bool UartTransport::LpmWakeUp() { return BtHwControl::Get().LpmWakeUp(); }
-bool UartTransport::IsLpmRunning() { return BtHwControl::Get().IsLpmRunning(); }
-
 bool UartTransport::DebugDump(int fd, const std::string& first, const std::string& second) {
-  BtHwControl::Get().GetFsDebugDump(fd, first);
-  BtHwControl::Get().GetFsDebugDump(fd, second);
+  hw_.GetFsDebugDump(fd, first);
+  hw_.GetFsDebugDump(fd, second);
   return true;
 }
 

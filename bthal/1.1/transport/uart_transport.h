@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "h4/hw_control.h"
 #include "transport/async_fd_watcher.h"
 #include "transport/transport.h"
 
@@ -19,29 +20,28 @@ class UartTransport final : public Transport {
   explicit UartTransport(TransportUpcalls upcalls) : upcalls_(std::move(upcalls)) {}
 
   bool Open(const TransportSettings& settings) override;
-  void Connect(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
-               const PacketReceiver& sco_cb, const PacketReceiver& iso_cb) override EXCLUDES(lock_);
+  void Connect(const PacketReceivers& receivers) override EXCLUDES(lock_);
   bool Start() override EXCLUDES(lock_);
   void Stop() override EXCLUDES(lock_);
   void Disconnect() override EXCLUDES(lock_);
   void Close() override;
-  // The error is not reported: the port is closed, and the controller switched off.
-  bool Abandon(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason) override
-      EXCLUDES(lock_);
+  // Closes the port and switches the controller off, without reporting the error.
+  bool Abandon(BqrErrorCode code, const std::string& reason) override EXCLUDES(lock_);
   size_t Send(uint8_t type, const uint8_t* data, size_t length, bool flag) override EXCLUDES(lock_);
-  bool IsReady() const override;
-  void BaudrateChange(UartBaudRate rate) override;
+  bool IsReady() const override { return hw_.UartFd() >= 0; }
+  void BaudrateChange(UartBaudRate rate) override { hw_.BaudrateChange(rate); }
   uint32_t RequiredBaudRate() const override { return 4000000; }
-  bool LpmSetup() override;
-  void LpmTeardown() override;
-  bool LpmSuspend() override;
-  bool LpmWakeUp() override;
-  bool IsLpmRunning() override;
+  bool LpmSetup() override { return hw_.LpmSetup(); }
+  void LpmTeardown() override { hw_.LpmTeardown(); }
+  bool LpmSuspend() override { return hw_.LpmSuspend(); }
+  bool LpmWakeUp() override { return hw_.LpmWakeUp(); }
+  bool IsLpmRunning() override { return hw_.IsLpmRunning(); }
   bool DebugDump(int fd, const std::string& first, const std::string& second) override;
 
  private:
   std::shared_ptr<H4Protocol> h4() EXCLUDES(lock_);
 
+  hwcontrol::BtHwControl& hw_ = hwcontrol::BtHwControl::Get();
   const TransportUpcalls upcalls_;
   std::mutex lock_;                                   // a leaf
   std::shared_ptr<H4Protocol> h4_ GUARDED_BY(lock_);  // null: not connected
