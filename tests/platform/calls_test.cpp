@@ -147,7 +147,9 @@ TEST_F(Calls, ManyThreadsBothWays_GetTheirOwnRepliesAndDoNotBlockEachOther) {
       const Bytes data = Pattern(20, number);
       for (uint32_t i = 0; i < rounds; ++i) {
         (void)service_->echo(data, [&](const Bytes& back) { right += back == data; }).isOk();
-        if (number == 0) EXPECT_TRUE(service_->callBackLater(Bytes(4)).isOk());
+        if (number == 0) {
+          EXPECT_TRUE(service_->callBackLater(Bytes(4)).isOk());
+        }
       }
     });
   }
