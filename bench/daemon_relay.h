@@ -15,11 +15,11 @@ class DaemonRelay : public Relay {
   // Throws std::runtime_error when it does not come up.
   DaemonRelay(const std::string& program, Sink* sink);
 
-  const Process& process() const override { return daemon_; }
+  const test::ChildProcess& process() const override { return daemon_; }
   void SendCommand() override;
 
  private:
-  const Process daemon_;
+  const test::ChildProcess daemon_;
   android::sp<android::hardware::bluetooth::V1_1::IBluetoothHci> hal_;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "process.h"
+#include "tests/support/child_process.h"
 
 namespace bench {
 
@@ -8,7 +8,7 @@ namespace bench {
 class Relay {
  public:
   virtual ~Relay() = default;
-  virtual const Process& process() const = 0;
+  virtual const test::ChildProcess& process() const = 0;
   // Hands it a command, which the controller answers.
   virtual void SendCommand() = 0;
 };

@@ -1,32 +1,32 @@
 #pragma once
 
+#include <android-base/unique_fd.h>
+
 #include <mutex>
 #include <string>
 #include <thread>
 
 #include "controller.h"
+#include "tests/support/pty.h"
 
 namespace bench {
 
-// The controller's end of a pty. Opens at construction, closes at destruction; the answering thread
-// is its own.
+// The controller's end of a pty, with a thread that answers.
 class SerialController : public Controller {
  public:
   SerialController();
   ~SerialController() override;
 
   // The path of the host's end.
-  const std::string& tty() const { return tty_; }
+  const std::string& tty() const { return pty_.path(); }
   // In one write.
   void SendEvent(const Bytes& event) override;
 
  private:
   void Answer();
 
-  int master_ = -1;
-  int slave_ = -1;  // kept open, so that a host may come and go
-  int stop_ = -1;
-  std::string tty_;
+  test::Pty pty_;
+  const android::base::unique_fd stop_;
   std::mutex write_lock_;
   std::thread thread_;
 };

@@ -19,7 +19,7 @@ class SocatRelay : public Relay {
   SocatRelay(const std::string& address, Carries carries, const std::string& folder, Sink* sink);
   ~SocatRelay() override;
 
-  const Process& process() const override { return socat_; }
+  const test::ChildProcess& process() const override { return socat_; }
   void SendCommand() override;
 
  private:
@@ -28,7 +28,7 @@ class SocatRelay : public Relay {
   const Carries carries_;
   const std::string path_;
   Sink* const sink_;
-  const Process socat_;
+  const test::ChildProcess socat_;
   android::base::unique_fd socket_;
   std::thread reader_;
 };

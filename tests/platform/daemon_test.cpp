@@ -47,24 +47,26 @@ TEST_F(Daemon, Log_HoldsLinesInOneForm) {
   EXPECT_THAT(text, HasSubstr(" E test.daemon: lines\n"));
   EXPECT_THAT(text, Not(HasSubstr("not to be seen")));
   EXPECT_THAT(daemon.Output(), HasSubstr(" W test.daemon: a warning with 17\n"));
+
+  std::filesystem::remove(log_);  // it is made again
+  daemon.Signal(SIGUSR1);
+  EXPECT_TRUE(test::WaitFor([&] { return ReadFile(log_).find("a signal") != std::string::npos; }));
 }
 
 TEST_F(Daemon, LogLevel_IsThatOfTheVariable) {
-  {
-    ChildProcess quiet = Start({"idle"}, {{"BTHAL_LOG", "E"}});
-    ASSERT_TRUE(quiet.WaitForOutput("ready", kDeadline));
-    EXPECT_THAT(quiet.Output(), Not(HasSubstr("a warning")));
-    EXPECT_THAT(quiet.Output(), HasSubstr("two"));
+  const struct {
+    const char* level;
+    std::vector<std::string> seen;
+    std::vector<std::string> unseen;
+  } rows[] = {{"E", {"two"}, {"a warning"}},
+              {"debug", {" D test.daemon: not to be seen"}, {}},
+              {"loud", {"not a log level: \"loud\"", " I test.daemon: mode idle"}, {" D "}}};
+  for (const auto& row : rows) {
+    ChildProcess daemon = Start({"idle"}, {{"BTHAL_LOG", row.level}});
+    ASSERT_TRUE(daemon.WaitForOutput("ready", kDeadline));
+    for (const std::string& text : row.seen) EXPECT_THAT(daemon.Output(), HasSubstr(text));
+    for (const std::string& text : row.unseen) EXPECT_THAT(daemon.Output(), Not(HasSubstr(text)));
   }
-  {
-    ChildProcess loud = Start({"idle"}, {{"BTHAL_LOG", "debug"}});
-    ASSERT_TRUE(loud.WaitForOutput("ready", kDeadline));
-    EXPECT_THAT(loud.Output(), HasSubstr(" D test.daemon: not to be seen"));
-  }
-  ChildProcess wrong = Start({"idle"}, {{"BTHAL_LOG", "loud"}});
-  ASSERT_TRUE(wrong.WaitForOutput("ready", kDeadline));
-  EXPECT_THAT(wrong.Output(), HasSubstr("not a log level: \"loud\""));
-  EXPECT_THAT(wrong.Output(), HasSubstr(" I test.daemon: mode idle"));
 }
 
 TEST_F(Daemon, Log_IsBoundedToTwoFiles) {
@@ -78,14 +80,6 @@ TEST_F(Daemon, Log_IsBoundedToTwoFiles) {
   EXPECT_THAT(ReadFile(log_), HasSubstr("line 3999"));
   const std::string older = ReadFile(log_ + ".1");
   EXPECT_EQ(older.substr(older.size() - 4), "xxx\n") << "a line was cut at the change of files";
-}
-
-TEST_F(Daemon, LogThatIsRemoved_IsMadeAgain) {
-  ChildProcess daemon = Start({"idle"});
-  ASSERT_TRUE(daemon.WaitForOutput("ready", kDeadline));
-  std::filesystem::remove(log_);
-  daemon.Signal(SIGUSR1);
-  EXPECT_TRUE(test::WaitFor([&] { return ReadFile(log_).find("a signal") != std::string::npos; }));
 }
 
 TEST_F(Daemon, StandardErrorThatNobodyReads_HoldsNothingUp) {
@@ -152,32 +146,35 @@ TEST_F(Daemon, WakeLockOfAKilledOne_IsReleasedByTheNextAndOnce) {
   }
 }
 
-TEST_F(Daemon, FatalLine_LeavesTombstoneThatNamesFunction) {
-  ChildProcess daemon = Start({"fatal"});
-  const auto result = daemon.Wait(kDeadline);
-  ASSERT_TRUE(result);
-  EXPECT_EQ(result->signal, SIGABRT);
-  const std::string tombstone = ReadFile(root_ / "data/tombstones/tombstone_00");
-  EXPECT_THAT(tombstone, HasSubstr("pid: " + std::to_string(daemon.pid())));
-  EXPECT_THAT(tombstone, HasSubstr("signal 6 (SIGABRT)"));
-  EXPECT_THAT(tombstone, HasSubstr("Abort message: 'the reason of the end'"));
-  EXPECT_THAT(tombstone, HasSubstr("FatalErrorNamed"));
+TEST_F(Daemon, FatalSignal_LeavesTombstoneThatNamesFunctionBesideOlderOnes) {
+  test::WriteFile(root_ / "data/tombstones/tombstone_00", "older");
+  const struct {
+    const char* mode;
+    int signal;
+    const char* file;
+    std::vector<const char*> content;
+  } rows[] = {{"fatal",
+               SIGABRT,
+               "data/tombstones/tombstone_01",
+               {"signal 6 (SIGABRT)", "Abort message: 'the reason of the end'", "FatalErrorNamed"}},
+#ifndef BTHAL_SANITIZED  // which take this signal themselves
+              {"segv",
+               SIGSEGV,
+               "data/tombstones/tombstone_02",
+               {"signal 11 (SIGSEGV)", "#00 pc ", "ReadThroughNull", "daemon_program.cpp"}}
+#endif
+  };
+  for (const auto& row : rows) {
+    ChildProcess daemon = Start({row.mode});
+    const auto result = daemon.Wait(kDeadline);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->signal, row.signal);
+    const std::string tombstone = ReadFile(root_ / row.file);
+    EXPECT_THAT(tombstone, HasSubstr("pid: " + std::to_string(daemon.pid())));
+    for (const char* text : row.content) EXPECT_THAT(tombstone, HasSubstr(text));
+  }
+  EXPECT_EQ(ReadFile(root_ / "data/tombstones/tombstone_00"), "older");
   EXPECT_THAT(ReadFile(log_), HasSubstr(" F test.daemon: the reason of the end\n"));
 }
-
-#ifndef BTHAL_SANITIZED  // which take these signals themselves
-TEST_F(Daemon, Crash_LeavesTombstoneBesideOlderOnes) {
-  test::WriteFile(root_ / "data/tombstones/tombstone_00", "older");
-  ChildProcess daemon = Start({"segv"});
-  const auto result = daemon.Wait(kDeadline);
-  ASSERT_TRUE(result);
-  EXPECT_EQ(result->signal, SIGSEGV);
-  const std::string tombstone = ReadFile(root_ / "data/tombstones/tombstone_01");
-  EXPECT_THAT(tombstone, HasSubstr("signal 11 (SIGSEGV)"));
-  EXPECT_THAT(tombstone, ContainsRegex("#00 pc .*ReadThroughNull"));
-  EXPECT_THAT(tombstone, HasSubstr("daemon_program.cpp"));
-  EXPECT_EQ(ReadFile(root_ / "data/tombstones/tombstone_00"), "older");
-}
-#endif
 
 }  // namespace

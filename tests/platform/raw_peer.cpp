@@ -26,10 +26,6 @@ void Put(std::vector<uint8_t>* bytes, size_t at, T value) {
 RawPeer::RawPeer(const std::string& name)  // of a link to the socket
     : socket_(ConnectUnix(RootFolder() + "/run/bthal/" + name, SOCK_SEQPACKET)) {}
 
-RawPeer::~RawPeer() {
-  if (socket_ >= 0) close(socket_);
-}
-
 bool RawPeer::Send(const std::vector<uint8_t>& message, int descriptor) {
   iovec part{const_cast<uint8_t*>(message.data()), message.size()};
   msghdr header{};
@@ -45,15 +41,15 @@ bool RawPeer::Send(const std::vector<uint8_t>& message, int descriptor) {
     rights->cmsg_len = CMSG_LEN(sizeof(int));
     memcpy(CMSG_DATA(rights), &descriptor, sizeof descriptor);
   }
-  return sendmsg(socket_, &header, MSG_NOSIGNAL) == static_cast<ssize_t>(message.size());
+  return sendmsg(socket_.get(), &header, MSG_NOSIGNAL) == static_cast<ssize_t>(message.size());
 }
 
 std::vector<uint8_t> RawPeer::Receive() {
   std::vector<uint8_t> message(256 * 1024);
-  pollfd ready{socket_, POLLIN, 0};
+  pollfd ready{socket_.get(), POLLIN, 0};
   const auto deadline = std::chrono::milliseconds(kDeadline);
   if (poll(&ready, 1, static_cast<int>(deadline.count())) != 1) return {};
-  const ssize_t size = recv(socket_, message.data(), message.size(), 0);
+  const ssize_t size = recv(socket_.get(), message.data(), message.size(), 0);
   message.resize(size < 0 ? 0 : static_cast<size_t>(size));
   return message;
 }
@@ -62,7 +58,7 @@ bool RawPeer::WaitForEnd() {
   while (!Receive().empty()) {
   }
   char byte;
-  return recv(socket_, &byte, 1, MSG_DONTWAIT) == 0 || errno == ECONNRESET;
+  return recv(socket_.get(), &byte, 1, MSG_DONTWAIT) == 0 || errno == ECONNRESET;
 }
 
 std::vector<uint8_t> RawPeer::Message(uint32_t type, uint32_t object, uint32_t code,
@@ -114,9 +110,9 @@ uint32_t BodyWriter::Buffer(const std::vector<uint8_t>& data, uint32_t parent, u
   return handle;
 }
 
-std::vector<uint8_t> BodyWriter::Vector(uint32_t size) {
+std::vector<uint8_t> BodyWriter::Vector(size_t size) {
   std::vector<uint8_t> bytes(16);
-  Put(&bytes, 8, size);
+  Put(&bytes, 8, static_cast<uint32_t>(size));
   return bytes;
 }
 

@@ -1,6 +1,8 @@
 // A peer that writes its messages by hand, to break the rules.
 #pragma once
 
+#include <android-base/unique_fd.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,11 +13,8 @@ class RawPeer {
  public:
   // Connects to the process that serves name.
   explicit RawPeer(const std::string& name);
-  ~RawPeer();
-  RawPeer(const RawPeer&) = delete;
-  RawPeer& operator=(const RawPeer&) = delete;
 
-  bool connected() const { return socket_ >= 0; }
+  bool connected() const { return socket_.ok(); }
   bool Send(const std::vector<uint8_t>& message, int descriptor = -1);
   // One message; empty at the end of the connection.
   std::vector<uint8_t> Receive();
@@ -29,7 +28,7 @@ class RawPeer {
   uint32_t Find(const std::string& name);
 
  private:
-  int socket_ = -1;
+  const android::base::unique_fd socket_;
 };
 
 // The body's parts, as hardware::Parcel lays them out.
@@ -43,7 +42,7 @@ class BodyWriter {
   const std::vector<uint8_t>& bytes() const { return bytes_; }
 
   // What a hidl_vec or hidl_string of that size looks like in a buffer.
-  static std::vector<uint8_t> Vector(uint32_t size);
+  static std::vector<uint8_t> Vector(size_t size);
 
  private:
   void Align(size_t to);

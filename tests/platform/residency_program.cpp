@@ -42,7 +42,8 @@ int main() {
   ABinderProcess_setThreadPoolMaxThreadCount(1);
   ABinderProcess_startThreadPool();
   const auto provider = ITavioStateResidencyProvider::fromBinder(
-      ndk::SpAIBinder(AServiceManager_waitForService("power.stats-vendor")));
+      ndk::SpAIBinder(AServiceManager_getService("power.stats-vendor")));
+  if (provider == nullptr) return 1;
   const auto callback = ndk::SharedRefBase::make<Callback>();
   const auto other = ndk::SharedRefBase::make<Callback>();
   const bool ok = provider->registerCallback("Bluetooth", callback).isOk() &&

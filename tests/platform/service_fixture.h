@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,8 +25,7 @@ using platform::V1_0::ICallback;
 using platform::V1_0::ITest;
 
 // What the service calls. on_event and on_notify run in the call.
-class Callback : public ICallback {
- public:
+struct Callback : public ICallback {
   android::hardware::Return<void> event(const Bytes& data) override {
     on_event(data);
     ++events;
@@ -41,8 +39,7 @@ class Callback : public ICallback {
 
   std::function<void(const Bytes&)> on_event = [](const Bytes&) {};
   std::function<void(uint32_t)> on_notify = [](uint32_t) {};
-  std::atomic<uint32_t> events{0};
-  std::atomic<uint32_t> notices{0};
+  std::atomic<uint32_t> events{0}, notices{0};
 };
 
 class ServiceTest : public testing::Test {
@@ -55,15 +52,15 @@ class ServiceTest : public testing::Test {
   }
 
   // Starts the service and looks it up.
-  void Serve(const std::string& pool_size = "1") {
-    process_ = StartService(pool_size);
+  void Serve(const std::string& pool_size = "1", const std::string& answer_time_ms = "10000") {
+    process_ = StartService({pool_size, answer_time_ms});
     ASSERT_TRUE(process_->WaitForOutput("serving", kDeadline)) << process_->Output();
     service_ = ITest::tryGetService("default");
     ASSERT_NE(service_, nullptr);
   }
-  static std::unique_ptr<ChildProcess> StartService(const std::string& pool_size = "1") {
-    return std::make_unique<ChildProcess>(
-        std::vector<std::string>{TestProgram("platform_test_service"), pool_size});
+  static std::unique_ptr<ChildProcess> StartService(std::vector<std::string> arguments = {}) {
+    arguments.insert(arguments.begin(), TestProgram("platform_test_service"));
+    return std::make_unique<ChildProcess>(arguments);
   }
   // A client in a process of its own, attached.
   static std::unique_ptr<ChildProcess> StartClient(const std::string& mode) {
@@ -79,16 +76,16 @@ class ServiceTest : public testing::Test {
     EXPECT_TRUE(
         WaitFor([&] { return ReadFile(path).find(") T ") != std::string::npos; }, kDeadline));
   }
-  // callBack() of the service: how many calls got through, and the time that they took.
-  void CallBack(uint32_t count, const Bytes& data, uint32_t* done, uint32_t* time_ms = nullptr) {
-    *done = UINT32_MAX;
-    EXPECT_TRUE(service_
-                    ->callBack(count, data,
-                               [&](uint32_t through, uint32_t milliseconds) {
-                                 *done = through;
-                                 if (time_ms != nullptr) *time_ms = milliseconds;
-                               })
-                    .isOk());
+  // A callback of this process, attached.
+  android::sp<Callback> Attach(std::function<void(const Bytes&)> on_event, bool link = false) {
+    const android::sp<Callback> callback = new Callback;
+    callback->on_event = std::move(on_event);
+    EXPECT_TRUE(service_->attach(callback, link).isOk());
+    return callback;
+  }
+  // callBack() of the service: how many calls got through.
+  uint32_t CallBack(uint32_t count = 1, const Bytes& data = Bytes(1)) {
+    return service_->callBack(count, data).withDefault(UINT32_MAX);
   }
   bool WaitForDeaths(uint32_t count) {
     return WaitFor([&] { return service_->deaths().withDefault(0) == count; }, kDeadline);

@@ -1,4 +1,5 @@
-// A process that serves test.platform@1.0::ITest. usage: platform_test_service [POOL-SIZE]
+// A process that serves test.platform@1.0::ITest.
+// usage: platform_test_service [POOL-SIZE [ANSWER-TIME-MS]]   of clients; 10 s by default
 #include <android-base/thread_annotations.h>
 #include <fcntl.h>
 #include <hidl/HidlTransportSupport.h>
@@ -12,19 +13,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <numeric>
 #include <thread>
 #include <vector>
+
+#include "rpc/connection.h"
 
 using namespace android::hardware;  // NOLINT: as services do
 using android::sp;
 using android::wp;
 using ::android::hidl::base::V1_0::IBase;
-using test::platform::V1_0::Choice;
-using test::platform::V1_0::Color;
 using test::platform::V1_0::ICallback;
 using test::platform::V1_0::ITest;
-using test::platform::V1_0::Outer;
 
 namespace {
 
@@ -32,28 +31,6 @@ class Service : public ITest, public hidl_death_recipient {
  public:
   Return<void> echo(const hidl_vec<uint8_t>& data, echo_cb reply) override {
     reply(data);
-    return Void();
-  }
-
-  Return<void> echoOuter(const Outer& outer, echoOuter_cb reply) override {
-    const Outer copy = outer;  // duplicates the descriptors
-    reply(copy);
-    return Void();
-  }
-
-  Return<void> echoChoice(const Choice& choice, echoChoice_cb reply) override {
-    reply(choice);
-    return Void();
-  }
-
-  Return<void> numbers(const hidl_vec<int16_t>& a, const hidl_vec<double>& b,
-                       const hidl_vec<Color>& c, const hidl_vec<bool>& d,
-                       numbers_cb reply) override {
-    int64_t colors = 0;
-    for (const Color color : c) colors += static_cast<int64_t>(color);
-    reply({std::accumulate(a.begin(), a.end(), int64_t{0}),
-           static_cast<int64_t>(std::accumulate(b.begin(), b.end(), 0.0)), colors,
-           std::count(d.begin(), d.end(), true)});
     return Void();
   }
 
@@ -71,14 +48,10 @@ class Service : public ITest, public hidl_death_recipient {
     return interfacesEqual(callback, Callback());
   }
 
-  Return<void> callBack(uint32_t count, const hidl_vec<uint8_t>& data, callBack_cb reply) override {
-    const auto start = std::chrono::steady_clock::now();
+  Return<uint32_t> callBack(uint32_t count, const hidl_vec<uint8_t>& data) override {
     uint32_t done = 0;
     while (done < count && Callback()->event(data).isOk()) ++done;
-    const auto time = std::chrono::steady_clock::now() - start;
-    reply(done, static_cast<uint32_t>(
-                    std::chrono::duration_cast<std::chrono::milliseconds>(time).count()));
-    return Void();
+    return done;
   }
 
   Return<uint32_t> notifyBack(uint32_t count) override {
@@ -107,14 +80,16 @@ class Service : public ITest, public hidl_death_recipient {
   Return<uint32_t> deaths() override { return deaths_.load(); }
 
   Return<void> push(uint32_t number) override {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (number != ++pushed_) ++disordered_;
+    if (pushing_.exchange(true)) ++overlapping_;
+    std::this_thread::sleep_for(std::chrono::microseconds(10));  // for another thread to come
+    if (number != pushed_ + 1) ++disordered_;
+    ++pushed_;
+    pushing_ = false;
     return Void();
   }
 
   Return<void> pushed(pushed_cb reply) override {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    reply(pushed_, disordered_);
+    reply(pushed_, disordered_, overlapping_);
     return Void();
   }
 
@@ -156,18 +131,19 @@ class Service : public ITest, public hidl_death_recipient {
   }
 
   std::atomic<uint32_t> deaths_{0};
+  std::atomic<bool> pushing_{false};
+  std::atomic<uint32_t> pushed_{0}, disordered_{0}, overlapping_{0};
   std::mutex mutex_;
   std::condition_variable changed_;
   sp<ICallback> callback_ GUARDED_BY(mutex_);
-  std::vector<sp<ICallback>> linked_ GUARDED_BY(mutex_);  // who drops an object is told nothing
-  uint32_t pushed_ GUARDED_BY(mutex_) = 0;
-  uint32_t disordered_ GUARDED_BY(mutex_) = 0;
+  std::vector<sp<ICallback>> linked_ GUARDED_BY(mutex_);  // a dropped proxy is not notified
   bool released_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 2) bthal::rpc::client_answer_time = std::chrono::milliseconds(atoi(argv[2]));
   configureRpcThreadpool(argc > 1 ? static_cast<size_t>(atoi(argv[1])) : 1, true);
   const sp<Service> service = new Service;
   if (service->registerAsService("default") != android::OK) return 1;

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "support/temp_dir.h"
 #include "support/wait.h"
 
 extern char** environ;
@@ -48,26 +49,24 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command,
   const std::vector<char*> argv = Pointers(arguments);
   const std::vector<char*> envp = Pointers(variables);
 
-  output_ = memfd_create("output", MFD_CLOEXEC);
+  output_.reset(memfd_create("output", MFD_CLOEXEC));
   pid_ = fork();
-  if (output_ < 0 || pid_ < 0) throw std::runtime_error("cannot start " + command.front());
+  if (!output_.ok() || pid_ < 0) throw std::runtime_error("cannot start " + command.front());
   if (pid_ == 0) {
     const int null = open("/dev/null", O_RDONLY);
     dup2(null, STDIN_FILENO);
-    fcntl(output_, F_SETFL, O_APPEND);
-    dup2(output_, STDOUT_FILENO);
-    dup2(output_, STDERR_FILENO);
+    fcntl(output_.get(), F_SETFL, O_APPEND);
+    dup2(output_.get(), STDOUT_FILENO);
+    dup2(output_.get(), STDERR_FILENO);
     execvpe(argv[0], argv.data(), envp.data());
     _exit(127);
   }
 }
 
 ChildProcess::~ChildProcess() {
-  if (!result_) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  close(output_);
+  if (result_) return;
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
 }
 
 void ChildProcess::Signal(int signal) {
@@ -89,11 +88,7 @@ std::optional<ChildResult> ChildProcess::Wait(std::chrono::milliseconds deadline
 }
 
 std::string ChildProcess::Output() const {
-  std::string text;
-  char buffer[65536];
-  for (ssize_t n; (n = pread(output_, buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;)
-    text.append(buffer, static_cast<size_t>(n));
-  return text;
+  return ReadFile("/proc/self/fd/" + std::to_string(output_.get()));
 }
 
 bool ChildProcess::WaitForOutput(const std::string& text, std::chrono::milliseconds deadline) {
@@ -101,8 +96,7 @@ bool ChildProcess::WaitForOutput(const std::string& text, std::chrono::milliseco
 }
 
 std::string ProgramDir() {
-  return (std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "bin")
-      .string();
+  return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "bin";
 }
 
 ChildResult Run(const std::vector<std::string>& command, std::string* output,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -36,14 +37,14 @@ class ChildProcess {
 
  private:
   pid_t pid_ = -1;
-  int output_ = -1;
+  android::base::unique_fd output_;
   std::optional<ChildResult> result_;
 };
 
 // A program's build: the folder of the programs, bin/ of the build folder that the test is in.
 std::string ProgramDir();
 
-// Runs a command to its end and returns its output; fails the test's expectations through result.
+// Runs a command until it ends or, at the deadline, kills it.
 ChildResult Run(const std::vector<std::string>& command, std::string* output,
                 const std::map<std::string, std::string>& environment = {},
                 std::chrono::milliseconds deadline = std::chrono::seconds(60));

@@ -31,23 +31,21 @@ Pty::Pty() {
   cfmakeraw(&raw);
   raw.c_cflag |= CREAD;
   char name[64];
-  if (openpty(&master_, &slave_, name, &raw, nullptr) != 0) throw std::runtime_error("openpty");
-  fcntl(master_, F_SETFD, FD_CLOEXEC);
-  fcntl(slave_, F_SETFD, FD_CLOEXEC);
+  int ends[2];
+  if (openpty(&ends[0], &ends[1], name, &raw, nullptr) != 0) throw std::runtime_error("openpty");
+  for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
+  master_.reset(ends[0]);
+  slave_.reset(ends[1]);
   path_ = name;
 }
 
-Pty::~Pty() { HangUp(); }
-
 void Pty::HangUp() {
-  if (master_ < 0) return;
-  close(slave_);
-  close(master_);
-  master_ = -1;
+  slave_.reset();
+  master_.reset();
 }
 
 Bytes Pty::TakeWritten() {
-  WriteAll(slave_, kMark);
+  WriteAll(slave_.get(), kMark);
   for (;;) {
     // The host may have written on behind the mark by now.
     const auto mark = std::search(unread_.begin(), unread_.end(), kMark.begin(), kMark.end());
@@ -57,19 +55,19 @@ Bytes Pty::TakeWritten() {
       return bytes;
     }
     uint8_t chunk[4096];
-    pollfd readable{master_, POLLIN, 0};
+    pollfd readable{master(), POLLIN, 0};
     if (poll(&readable, 1, 10000) != 1) throw std::runtime_error("nothing more from the host");
-    const ssize_t n = read(master_, chunk, sizeof chunk);
+    const ssize_t n = read(master(), chunk, sizeof chunk);
     if (n <= 0) throw std::runtime_error("read of a pty");
     unread_.insert(unread_.end(), chunk, chunk + n);
   }
 }
 
-void Pty::WriteToHost(const Bytes& bytes) { WriteAll(master_, bytes); }
+void Pty::WriteToHost(const Bytes& bytes) { WriteAll(master(), bytes); }
 
 int Pty::Speed() const {
   termios settings{};
-  tcgetattr(master_, &settings);  // a pty has one set for both ends
+  tcgetattr(master(), &settings);  // a pty has one set for both ends
   switch (cfgetospeed(&settings)) {
     case B115200:
       return 115200;
@@ -84,7 +82,7 @@ int Pty::Speed() const {
 
 int Pty::Unread() const {
   int count = -1;
-  ioctl(slave_, FIONREAD, &count);
+  ioctl(slave_.get(), FIONREAD, &count);
   return count;
 }
 

@@ -1,6 +1,8 @@
 // A pty in the place of a serial port.
 #pragma once
 
+#include <android-base/unique_fd.h>
+
 #include <string>
 
 #include "support/vectors.h"
@@ -10,11 +12,7 @@ namespace test {
 class Pty {
  public:
   Pty();
-  ~Pty();
-  Pty(const Pty&) = delete;
-  Pty& operator=(const Pty&) = delete;
-
-  int master() const { return master_; }
+  int master() const { return master_.get(); }
   const std::string& path() const { return path_; }  // of the host's end
   // Exactly what the host has written since the last call.
   Bytes TakeWritten();
@@ -27,8 +25,8 @@ class Pty {
   void HangUp();
 
  private:
-  int master_ = -1;
-  int slave_ = -1;  // kept open, so that the host may come and go
+  android::base::unique_fd master_;
+  android::base::unique_fd slave_;  // kept open, so that the host may come and go
   std::string path_;
   Bytes unread_;  // written by the host, not taken yet
 };

@@ -1,5 +1,8 @@
 #include "support/vectors.h"
 
+#include <android-base/stringprintf.h>
+#include <android-base/strings.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -10,22 +13,9 @@
 namespace test {
 namespace {
 
-std::string Trim(const std::string& text) {
-  const size_t first = text.find_first_not_of(' ');
-  if (first == std::string::npos) return "";
-  return text.substr(first, text.find_last_not_of(' ') - first + 1);
-}
-
 std::vector<std::string> Split(const std::string& text, char separator) {
-  std::vector<std::string> parts(1);
-  for (char c : text) {
-    if (c == separator) {
-      parts.emplace_back();
-    } else {
-      parts.back() += c;
-    }
-  }
-  for (std::string& part : parts) part = Trim(part);
+  std::vector<std::string> parts = android::base::Split(text, std::string(1, separator));
+  for (std::string& part : parts) part = android::base::Trim(part);
   return parts;
 }
 
@@ -70,11 +60,9 @@ Bytes ParseHex(const std::string& text) {
 std::string ToHex(const Bytes& bytes) {
   std::string text;
   for (uint8_t byte : bytes) {
-    char hex[4];
-    snprintf(hex, sizeof hex, "%02X ", byte);
-    text += hex;
+    android::base::StringAppendF(&text, "%02X ", byte);
   }
-  return Trim(text);
+  return android::base::Trim(text);
 }
 
 Bytes Concat(Bytes bytes, const Bytes& more) {
@@ -108,7 +96,7 @@ std::optional<std::string> ParseText(const std::string& field) {
 }
 
 std::vector<std::string> SplitTrimmed(const std::string& text, char separator) {
-  return Trim(text).empty() ? std::vector<std::string>{} : Split(text, separator);
+  return android::base::Trim(text).empty() ? std::vector<std::string>{} : Split(text, separator);
 }
 
 bool HasShape(const std::string& text, const std::string& shape) {
@@ -120,10 +108,8 @@ bool HasShape(const std::string& text, const std::string& shape) {
   return true;
 }
 
-std::string Replaced(std::string text, const std::string& from, const std::string& to) {
-  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
-    text.replace(at, from.size(), to);
-  return text;
+std::string Replaced(const std::string& text, const std::string& from, const std::string& to) {
+  return android::base::StringReplace(text, from, to, /*all=*/true);
 }
 
 }  // namespace test

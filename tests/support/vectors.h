@@ -31,6 +31,6 @@ std::optional<std::string> ParseText(const std::string& field);
 std::vector<std::string> SplitTrimmed(const std::string& text, char separator);
 // Whether text is shape, in which each # stands for a digit.
 bool HasShape(const std::string& text, const std::string& shape);
-std::string Replaced(std::string text, const std::string& from, const std::string& to);
+std::string Replaced(const std::string& text, const std::string& from, const std::string& to);
 
 }  // namespace test

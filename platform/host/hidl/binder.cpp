@@ -16,7 +16,11 @@ BHwBinder::~BHwBinder() = default;
 
 status_t BHwBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags,
                              TransactCallback callback) {
-  return onTransact(code, data, reply, flags, std::move(callback));
+  // Within one process, both were written last.
+  data.setPosition(0);
+  const status_t status = onTransact(code, data, reply, flags, std::move(callback));
+  if (reply != nullptr) reply->setPosition(0);
+  return status;
 }
 
 status_t BHwBinder::linkToDeath(const sp<DeathRecipient>& /*recipient*/, void* /*cookie*/,

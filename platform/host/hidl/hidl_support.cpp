@@ -4,10 +4,6 @@
 #include <android-base/stringprintf.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/Static.h>
-#include <hidl/TaskRunner.h>
-#include <unistd.h>
-
-#include "rpc/locked_wait.h"
 
 namespace android::hardware {
 
@@ -47,52 +43,6 @@ void BnMap::eraseIfEqual(const IBase* implementation, const BHwBinder* stub) {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto found = stubs_.find(implementation);
   if (found != stubs_.end() && found->second.stub == stub) stubs_.erase(found);
-}
-
-TaskRunner::~TaskRunner() {
-  std::thread thread;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    stopping_ = true;
-    thread.swap(thread_);
-  }
-  changed_.notify_all();
-  if (!thread.joinable()) return;
-  if (thread.get_id() == std::this_thread::get_id()) {
-    thread.detach();  // a task dropped the last reference: run() returns next
-  } else {
-    thread.join();
-  }
-}
-
-void TaskRunner::start(size_t limit) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  limit_ = limit;
-}
-
-bool TaskRunner::push(const std::function<void()>& task) {
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (tasks_.size() >= limit_) return false;
-    tasks_.push_back(task);
-    if (!thread_.joinable()) thread_ = std::thread(&TaskRunner::run, this);
-  }
-  changed_.notify_one();
-  return true;
-}
-
-void TaskRunner::run() {
-  for (;;) {
-    std::function<void()> task;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      while (tasks_.empty() && !stopping_) bthal::rpc::LockedWait(changed_, mutex_);
-      if (tasks_.empty()) return;
-      task = std::move(tasks_.front());
-      tasks_.pop_front();
-    }
-    task();
-  }
 }
 
 }  // namespace details

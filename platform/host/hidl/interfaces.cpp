@@ -2,7 +2,6 @@
 #define LOG_TAG "hidl"
 
 #include <android-base/logging.h>
-#include <hidl/HidlPassthroughSupport.h>
 #include <hidl/HidlTransportSupport.h>
 
 #include <cstring>
@@ -32,11 +31,6 @@ Return<bool> canCastInterface(IBase* interface, const char* castTo, bool emitErr
   return Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED, done.description().c_str());
 }
 
-sp<IBase> wrapPassthroughInternal(const sp<IBase>& interface) {
-  const auto make = getBsConstructorMap().get(Descriptor(interface.get()), nullptr);
-  return make == nullptr ? nullptr : make(interface.get());
-}
-
 }  // namespace details
 
 sp<IBinder> getOrCreateCachedBinder(IBase* interface) {
@@ -52,10 +46,6 @@ sp<IBinder> getOrCreateCachedBinder(IBase* interface) {
     LOG(ERROR) << "there is no stub for " << descriptor;
     return nullptr;
   });
-}
-
-bool setMinSchedulerPolicy(const sp<IBase>& service, int /*policy*/, int /*priority*/) {
-  return service != nullptr;
 }
 
 void hidl_binder_death_recipient::binderDied(const wp<IBinder>& /*who*/) {

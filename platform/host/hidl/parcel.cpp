@@ -1,6 +1,6 @@
 #include <hwbinder/Parcel.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -42,13 +42,12 @@ Parcel& Parcel::operator=(Parcel&& other) noexcept {
   }
   size_ = std::exchange(other.size_, 0);
   descriptors_ = std::move(other.descriptors_);
-  owns_descriptors_ = std::exchange(other.owns_descriptors_, false);
+  received_descriptors_ = std::move(other.received_descriptors_);
   binders_ = std::move(other.binders_);
   position_ = other.position_;
   next_descriptor_ = other.next_descriptor_;
   malformed_ = other.malformed_;
   handles_read_ = std::move(other.handles_read_);
-  other.descriptors_.clear();
   other.handles_read_.clear();
   other.reset();
   return *this;
@@ -57,11 +56,8 @@ Parcel& Parcel::operator=(Parcel&& other) noexcept {
 void Parcel::reset() {
   for (native_handle_t* handle : handles_read_) native_handle_delete(handle);
   handles_read_.clear();
-  if (owns_descriptors_) {
-    for (const int descriptor : descriptors_) close(descriptor);
-  }
-  owns_descriptors_ = false;
   descriptors_.clear();
+  received_descriptors_.clear();
   binders_.clear();
   if (block_ != inline_block_) free(block_);
   block_ = inline_block_;
@@ -72,11 +68,13 @@ void Parcel::reset() {
   malformed_ = false;
 }
 
-status_t Parcel::receive(const void* bytes, size_t size, std::vector<int> descriptors,
+status_t Parcel::receive(const void* bytes, size_t size, std::vector<base::unique_fd> descriptors,
                          std::vector<sp<IBinder>> binders) {
   reset();
-  descriptors_ = std::move(descriptors);
-  owns_descriptors_ = true;
+  received_descriptors_ = std::move(descriptors);
+  for (const base::unique_fd& descriptor : received_descriptors_) {
+    descriptors_.push_back(descriptor.get());
+  }
   binders_ = std::move(binders);
   const status_t status = reserve(size);
   if (status != OK) {
@@ -101,6 +99,12 @@ status_t Parcel::reserve(size_t size) {
   return OK;
 }
 
+status_t Parcel::setPosition(size_t position) const {
+  if (position > size_) return fail(BAD_VALUE);
+  position_ = position;
+  return OK;
+}
+
 status_t Parcel::fail(status_t status) const {
   malformed_ = true;
   return status;
@@ -108,12 +112,13 @@ status_t Parcel::fail(status_t status) const {
 
 status_t Parcel::writeBytes(const void* data, size_t size) {
   if (size > kMaxBytes) return NO_MEMORY;
-  const size_t end = size_ + Align(size, 4);
+  const size_t end = position_ + Align(size, 4);
   const status_t status = reserve(end);
   if (status != OK) return status;
-  if (size != 0) memcpy(at(size_), data, size);
-  memset(at(size_ + size), 0, end - size_ - size);
-  size_ = end;
+  if (size != 0) memcpy(at(position_), data, size);
+  memset(at(position_ + size), 0, end - position_ - size);
+  position_ = end;
+  size_ = std::max(size_, end);
   return OK;
 }
 
@@ -132,13 +137,6 @@ status_t Parcel::readBool(bool* value) const {
   uint8_t byte = 0;
   const status_t status = readUint8(&byte);
   *value = byte != 0;
-  return status;
-}
-
-status_t Parcel::readPointer(uintptr_t* value) const {
-  uint64_t number = 0;
-  const status_t status = readUint64(&number);
-  *value = static_cast<uintptr_t>(number);
   return status;
 }
 
@@ -180,19 +178,20 @@ status_t Parcel::clearPointer(size_t parent, size_t offset) {
 status_t Parcel::writeEmbeddedBuffer(const void* data, size_t size, size_t* handle, size_t parent,
                                      size_t offset) {
   if (size > kMaxBytes || offset > kMaxBytes) return NO_MEMORY;
-  const size_t start = Align(size_, 8);
+  const size_t start = Align(position_, 8);
   const size_t payload = start + sizeof(BufferHeader);
   const size_t end = Align(payload + size, 8);
   status_t status = reserve(end);
   if (status == OK) status = clearPointer(parent, offset);
   if (status != OK) return status;
-  memset(at(size_), 0, start - size_);
+  memset(at(position_), 0, start - position_);
   const BufferHeader header{static_cast<uint32_t>(size), static_cast<uint32_t>(parent),
                             static_cast<uint32_t>(offset), 0};
   memcpy(at(start), &header, sizeof header);
   if (size != 0) memcpy(at(payload), data, size);
   memset(at(payload + size), 0, end - payload - size);
-  size_ = end;
+  position_ = end;
+  size_ = std::max(size_, end);
   if (handle != nullptr) *handle = payload;
   return OK;
 }

@@ -31,11 +31,6 @@ status_t ParcelAccess::readHandle(const hidl_handle& received, const Parcel& par
   return status;
 }
 
-void ParcelAccess::normalize(bool* values, size_t count) {
-  auto* bytes = reinterpret_cast<uint8_t*>(values);
-  for (size_t i = 0; i < count; ++i) bytes[i] = bytes[i] != 0;
-}
-
 }  // namespace details
 
 status_t readEmbeddedFromParcel(const hidl_string& text, const Parcel& parcel, size_t parent,

@@ -2,7 +2,6 @@
 
 #include <android-base/thread_annotations.h>
 #include <android/binder_interface_utils.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -12,7 +11,6 @@
 #include <vector>
 
 #include "ndk/parcel.h"
-#include "rpc/call_thread.h"
 
 using android::sp;
 using android::status_t;
@@ -22,7 +20,7 @@ using android::hardware::Parcel;
 
 namespace {
 
-// The remote objects that somebody holds. Never destroyed.
+// The remote objects that are held in this process. Never destroyed.
 struct Remotes {
   static Remotes& Get() {
     static auto* const remotes = new Remotes;
@@ -77,19 +75,11 @@ status_t LocalBinder::onTransact(uint32_t code, const Parcel& data, Parcel* repl
                                  uint32_t /*flags*/, TransactCallback callback) {
   const AIBinder_Class* type = clazz;
   if (!data.enforceInterface(type->descriptor.c_str())) return android::BAD_TYPE;
-  AParcel in;
-  AParcel out;
-  status_t status = in.Unpack(data);
-  if (status == android::OK) status = type->on_transact(this, code, &in, &out);
-  if (status == android::OK) status = out.Pack(reply);
+  const AParcel in(const_cast<Parcel&>(data));  // which is only read
+  AParcel out(*reply);
+  const status_t status = type->on_transact(this, code, &in, &out);
   if (status == android::OK && callback != nullptr) callback(*reply);
   return status;
-}
-
-AIBinder_Class* AIBinder_Class_define(const char* descriptor, AIBinder_Class_onCreate onCreate,
-                                      AIBinder_Class_onDestroy onDestroy,
-                                      AIBinder_Class_onTransact onTransact) {
-  return new AIBinder_Class{descriptor, onCreate, onDestroy, onTransact};
 }
 
 AIBinder* AIBinder_new(const AIBinder_Class* clazz, void* args) {
@@ -111,9 +101,6 @@ bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz) {
          known->descriptor == clazz->descriptor;
 }
 
-const AIBinder_Class* AIBinder_getClass(AIBinder* binder) { return binder->clazz; }
-void* AIBinder_getUserData(AIBinder* binder) { return binder->user_data(); }
-
 struct AIBinder_Weak {
   wp<AIBinder> binder;
 };
@@ -128,43 +115,31 @@ AIBinder* AIBinder_Weak_promote(AIBinder_Weak* weak) {
 
 binder_status_t AIBinder_prepareTransaction(AIBinder* binder, AParcel** in) {
   if (binder == nullptr) return STATUS_UNEXPECTED_NULL;
-  *in = new AParcel;
-  return STATUS_OK;
+  const AIBinder_Class* type = binder->clazz;
+  if (type == nullptr) return STATUS_INVALID_OPERATION;
+  auto parcel = std::make_unique<AParcel>();
+  const status_t status = parcel->parcel.writeInterfaceToken(type->descriptor.c_str());
+  if (status == android::OK) *in = parcel.release();
+  return status;
 }
 
 binder_status_t AIBinder_transact(AIBinder* binder, transaction_code_t code, AParcel** in,
                                   AParcel** out, binder_flags_t flags) {
   const std::unique_ptr<AParcel> arguments(std::exchange(*in, nullptr));
-  const AIBinder_Class* type = binder->clazz;
-  if (type == nullptr) return STATUS_INVALID_OPERATION;
-  Parcel data;
-  Parcel reply;
-  status_t status = data.writeInterfaceToken(type->descriptor.c_str());
-  if (status == android::OK) status = arguments->Pack(&data);
-  if (status == android::OK) status = binder->binder()->transact(code, data, &reply, flags);
-  auto result = std::make_unique<AParcel>();
-  if (status == android::OK && (flags & FLAG_ONEWAY) == 0) status = result->Unpack(reply);
-  *out = result.release();
+  auto reply = std::make_unique<AParcel>();
+  const status_t status =
+      binder->binder()->transact(code, arguments->parcel, &reply->parcel, flags);
+  *out = reply.release();
   return status;
-}
-
-pid_t AIBinder_getCallingPid() {
-  const pid_t pid = bthal::rpc::CallThread::Current()->caller.pid;
-  return pid < 0 ? getpid() : pid;
-}
-
-uid_t AIBinder_getCallingUid() {
-  const bthal::rpc::Identity& caller = bthal::rpc::CallThread::Current()->caller;
-  return caller.pid < 0 ? geteuid() : caller.uid;
 }
 
 // ---- death
 
 namespace {
 
-// A link to the death of an object's process. It does not keep the object, and leaves the
-// recipient's list when the process dies or, at the latest when the recipient is linked again, when
-// nobody holds the object any more.
+// A link to the death of an object's process. It does not keep the object. It leaves the
+// recipient's list when the process dies; when nobody holds the object any more, it leaves it no
+// later than the recipient's next link.
 struct Link : public IBinder::DeathRecipient {
   struct List {
     std::mutex mutex;
@@ -190,7 +165,7 @@ struct Link : public IBinder::DeathRecipient {
   const std::weak_ptr<List> owner;
 };
 
-// Of an object that nobody holds there is nothing to unlink.
+// An object that is not held any more has no links.
 status_t Unlink(const sp<Link>& link) {
   const sp<IBinder> binder = link->binder.promote();
   return binder == nullptr ? android::DEAD_OBJECT : binder->unlinkToDeath(link);
@@ -199,7 +174,6 @@ status_t Unlink(const sp<Link>& link) {
 }  // namespace
 
 struct AIBinder_DeathRecipient {
- public:
   explicit AIBinder_DeathRecipient(AIBinder_DeathRecipient_onBinderDied function)
       : on_died(function) {}
 
@@ -266,18 +240,18 @@ struct Implementation {
 }  // namespace
 
 std::shared_ptr<ICInterface> ICInterface::asInterface(AIBinder* binder) {
-  const auto* implementation = static_cast<Implementation*>(AIBinder_getUserData(binder));
+  const auto* implementation = static_cast<Implementation*>(binder->user_data());
   return implementation == nullptr ? nullptr : implementation->interface;
 }
 
 AIBinder_Class* ICInterface::defineClass(const char* descriptor,
                                          AIBinder_Class_onTransact onTransact) {
-  return AIBinder_Class_define(
+  return new AIBinder_Class{
       descriptor,
       [](void* args) -> void* {
         return new Implementation{static_cast<ICInterface*>(args)->ref<ICInterface>()};
       },
-      [](void* data) { delete static_cast<Implementation*>(data); }, onTransact);
+      [](void* data) { delete static_cast<Implementation*>(data); }, onTransact};
 }
 
 }  // namespace ndk

@@ -29,7 +29,7 @@ struct AIBinder : public virtual android::RefBase {
   // One reference for the caller of a C function.
   static AIBinder* Own(const android::sp<AIBinder>& binder);
 
-  std::atomic<const AIBinder_Class*> clazz;  // null while nobody said what a remote object is
+  std::atomic<const AIBinder_Class*> clazz;  // null until a remote object is associated with one
 };
 
 class LocalBinder : public AIBinder, public android::hardware::BHwBinder {

@@ -12,7 +12,6 @@ bool ABinderProcess_setThreadPoolMaxThreadCount(uint32_t numThreads) {
 }
 
 void ABinderProcess_startThreadPool() { bthal::rpc::NdkThreadPool().Start(); }
-void ABinderProcess_joinThreadPool() { bthal::rpc::NdkThreadPool().Join(); }
 
 binder_exception_t AServiceManager_addService(AIBinder* binder, const char* instance) {
   if (binder == nullptr) return EX_ILLEGAL_ARGUMENT;
@@ -26,11 +25,4 @@ AIBinder* AServiceManager_checkService(const char* instance) {
 
 AIBinder* AServiceManager_getService(const char* instance) {
   return AIBinder::Own(AIBinder::Of(bthal::rpc::Find(instance, /*wait=*/true)));
-}
-
-AIBinder* AServiceManager_waitForService(const char* instance) {
-  for (;;) {
-    AIBinder* binder = AServiceManager_getService(instance);
-    if (binder != nullptr) return binder;
-  }
 }

@@ -11,17 +11,13 @@ AStatus* AStatus_fromExceptionCode(binder_exception_t exception) {
   return new AStatus{exception, 0, ""};
 }
 
-AStatus* AStatus_fromExceptionCodeWithMessage(binder_exception_t exception, const char* message) {
-  return new AStatus{exception, 0, message};
+AStatus* AStatus_fromStatus(binder_status_t status) {
+  if (status == STATUS_OK) return AStatus_newOk();
+  return new AStatus{EX_TRANSACTION_FAILED, status, ""};
 }
 
 AStatus* AStatus_fromServiceSpecificError(int32_t error) {
   return new AStatus{EX_SERVICE_SPECIFIC, error, ""};
-}
-
-AStatus* AStatus_fromStatus(binder_status_t status) {
-  if (status == STATUS_OK) return AStatus_newOk();
-  return new AStatus{EX_TRANSACTION_FAILED, status, ""};
 }
 
 bool AStatus_isOk(const AStatus* status) { return AStatus_getExceptionCode(status) == EX_NONE; }

@@ -18,8 +18,10 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <future>
 #include <map>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 namespace qvr {
@@ -77,7 +79,7 @@ struct SocketClient::Link {
   // What a find, send or call waits for.
   struct Pending {
     Kind answer;
-    std::function<void(int error, const uint8_t* payload, size_t size)> settle;
+    std::function<void(int error, const uint8_t* payload, size_t size)> complete;
   };
 
   unique_fd socket;  // written before the thread starts
@@ -94,9 +96,9 @@ struct SocketClient::Link {
   uint32_t running_type GUARDED_BY(mutex) = 0;  // of the message being handled
   bool lost GUARDED_BY(mutex) = false;
 
-  // On a connection that is lost it succeeds; the outcome tells.
+  // Succeeds on a lost connection, too: complete then gets kServiceNotAvailable.
   int Start(Kind kind, Kind answer, const std::vector<uint8_t>& table, const void* payload,
-            size_t size, decltype(Pending::settle) settle, uint32_t* serial);
+            size_t size, decltype(Pending::complete) complete, uint32_t* serial);
   int Write(const Header& header, const std::vector<uint8_t>& table, const void* payload,
             size_t size) EXCLUDES(write_mutex);
   int Await(Kind kind, Kind answer, const std::vector<uint8_t>& table, const void* payload,
@@ -118,12 +120,12 @@ int SocketClient::Link::Write(const Header& header, const std::vector<uint8_t>& 
   msghdr message{};
   message.msg_iov = parts;
   message.msg_iovlen = 3;
-  // Whoever waits for room has its turn next, and its time begins with it.
+  // A thread that waits for room keeps the turn; the time of the next one begins with its turn.
   const std::lock_guard<std::mutex> turn(write_mutex);
   const auto deadline = steady_clock::now() + kRoomTimeout;
   while (sendmsg(socket.get(), &message, MSG_NOSIGNAL) < 0) {
     if (errno == EINTR) continue;
-    // The reading thread sees that too, and Lose() gives the answer.
+    // The reading thread sees that, too: Lose() completes the request.
     if (errno == EPIPE || errno == ECONNRESET) return 0;
     if (errno != EAGAIN) return kServiceNotAvailable;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
@@ -135,29 +137,29 @@ int SocketClient::Link::Write(const Header& header, const std::vector<uint8_t>& 
 }
 
 int SocketClient::Link::Start(Kind kind, Kind answer, const std::vector<uint8_t>& table,
-                              const void* payload, size_t size, decltype(Pending::settle) settle,
-                              uint32_t* serial) {
+                              const void* payload, size_t size,
+                              decltype(Pending::complete) complete, uint32_t* serial) {
   Pending too_late{answer, nullptr};
   {
     const std::lock_guard<std::mutex> lock(mutex);
     if (socket.get() < 0) return kNotReady;
     if (lost) {
-      too_late.settle = std::move(settle);
+      too_late.complete = std::move(complete);
     } else {
       if (++last_serial == 0) ++last_serial;
       *serial = last_serial;
-      pending[*serial] = {answer, std::move(settle)};
+      pending[*serial] = {answer, std::move(complete)};
     }
   }
-  if (too_late.settle) {
-    too_late.settle(kServiceNotAvailable, nullptr, 0);
+  if (too_late.complete) {
+    too_late.complete(kServiceNotAvailable, nullptr, 0);
     return 0;
   }
   const int error =
       Write({kind, *serial, 0, static_cast<uint32_t>(table.size())}, table, payload, size);
   if (error != 0) {
     const std::lock_guard<std::mutex> lock(mutex);
-    // Gone already if the connection was lost meanwhile: then the answer has been given.
+    // When the connection was lost meanwhile, Lose() has completed it.
     if (pending.erase(*serial) == 0) return 0;
   }
   return error;
@@ -166,34 +168,21 @@ int SocketClient::Link::Start(Kind kind, Kind answer, const std::vector<uint8_t>
 int SocketClient::Link::Await(Kind kind, Kind answer, const std::vector<uint8_t>& table,
                               const void* payload, size_t size, std::chrono::milliseconds timeout,
                               int* error, std::vector<uint8_t>* result) {
-  struct Answer {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool done GUARDED_BY(mutex) = false;
-    int error GUARDED_BY(mutex) = 0;
-    std::vector<uint8_t> payload GUARDED_BY(mutex);
-  };
-  const auto shared = std::make_shared<Answer>();
-  const auto settle = [shared](int outcome, const uint8_t* bytes, size_t count) {
-    const std::lock_guard<std::mutex> lock(shared->mutex);
-    shared->done = true;
-    shared->error = outcome;
-    shared->payload.assign(bytes, bytes + count);
-    shared->changed.notify_all();
+  using Answer = std::pair<int, std::vector<uint8_t>>;
+  const auto promise = std::make_shared<std::promise<Answer>>();
+  std::future<Answer> answered = promise->get_future();
+  const auto complete = [promise](int outcome, const uint8_t* bytes, size_t count) {
+    promise->set_value({outcome, {bytes, bytes + count}});
   };
   const auto deadline = steady_clock::now() + timeout;
   uint32_t serial = 0;
-  const int sent = Start(kind, answer, table, payload, size, settle, &serial);
+  const int sent = Start(kind, answer, table, payload, size, complete, &serial);
   if (sent != 0) return sent;
-  {
-    std::unique_lock<std::mutex> lock(shared->mutex);
-    const android::base::ScopedLockAssertion locked(shared->mutex);
-    while (!shared->done && shared->changed.wait_until(lock, deadline) != std::cv_status::timeout) {
-    }
-    *error = shared->done ? shared->error : static_cast<int>(kOperationTimedOut);
-    *result = shared->payload;
-    if (shared->done) return 0;
+  if (answered.wait_until(deadline) == std::future_status::ready) {
+    std::tie(*error, *result) = answered.get();
+    return 0;
   }
+  *error = kOperationTimedOut;
   const std::lock_guard<std::mutex> lock(mutex);
   pending.erase(serial);
   return 0;
@@ -256,8 +245,8 @@ bool SocketClient::Link::Handle(const Header& header, const uint8_t* body, size_
     answered = std::move(found->second);
     pending.erase(found);
   }
-  answered.settle(static_cast<int>(header.value), body + header.table_bytes,
-                  size - header.table_bytes);
+  answered.complete(static_cast<int>(header.value), body + header.table_bytes,
+                    size - header.table_bytes);
   return true;
 }
 
@@ -274,7 +263,7 @@ void SocketClient::Link::Lose() {
   // The loss itself first: it explains the rest.
   if (tell && !stopping) tell();
   for (auto& [serial, waiting] : unanswered) {
-    if (!stopping) waiting.settle(kServiceNotAvailable, nullptr, 0);
+    if (!stopping) waiting.complete(kServiceNotAvailable, nullptr, 0);
   }
 }
 

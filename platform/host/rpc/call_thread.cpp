@@ -42,48 +42,6 @@ struct Chains {
     static auto* const chains = new Chains;
     return *chains;
   }
-  static void Enter(CallThread& thread) {
-    Chains& chains = Get();
-    const std::lock_guard<std::mutex> lock(chains.mutex);
-    if (thread.blocked_++ == 0) chains.threads.emplace(thread.chain, &thread);
-  }
-  static std::deque<std::unique_ptr<IncomingCall>> Leave(CallThread& thread) {
-    Chains& chains = Get();
-    const std::lock_guard<std::mutex> lock(chains.mutex);
-    if (--thread.blocked_ != 0) return {};
-    chains.threads.erase(thread.chain);
-    return std::exchange(thread.nested_, {});
-  }
-  static bool Deliver(std::unique_ptr<IncomingCall>& call) {
-    Chains& chains = Get();
-    const std::lock_guard<std::mutex> lock(chains.mutex);
-    const auto found = chains.threads.find(call->chain());
-    if (found == chains.threads.end()) return false;
-    CallThread& thread = *found->second;
-    thread.nested_.push_back(std::move(call));
-    thread.Wake();
-    return true;
-  }
-  static std::vector<std::unique_ptr<IncomingCall>> TakeAllObsolete() {
-    Chains& chains = Get();
-    std::vector<std::unique_ptr<IncomingCall>> taken;
-    const std::lock_guard<std::mutex> lock(chains.mutex);
-    for (const auto& [chain, thread] : chains.threads) {
-      for (std::unique_ptr<IncomingCall>& call : TakeObsolete(thread->nested_)) {
-        taken.push_back(std::move(call));
-      }
-    }
-    return taken;
-  }
-  static std::unique_ptr<IncomingCall> Take(CallThread& thread) {
-    Chains& chains = Get();
-    const std::lock_guard<std::mutex> lock(chains.mutex);
-    if (thread.nested_.empty()) return nullptr;
-    std::unique_ptr<IncomingCall> call = std::move(thread.nested_.front());
-    thread.nested_.pop_front();
-    return call;
-  }
-
   std::mutex mutex;
   std::unordered_map<uint64_t, CallThread*> threads GUARDED_BY(mutex);
 };
@@ -108,12 +66,32 @@ CallThread::CallThread() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 CallThread::~CallThread() = default;
 
 bool CallThread::DeliverNested(std::unique_ptr<IncomingCall>& call) {
-  return Chains::Deliver(call);
+  Chains& chains = Chains::Get();
+  const std::lock_guard<std::mutex> lock(chains.mutex);
+  const auto found = chains.threads.find(call->chain());
+  if (found == chains.threads.end()) return false;
+  CallThread& thread = *found->second;
+  thread.nested_.push_back(std::move(call));
+  thread.Wake();
+  return true;
 }
 
-void CallThread::DropObsolete() { Chains::TakeAllObsolete(); }
+void CallThread::DropObsolete() {
+  Chains& chains = Chains::Get();
+  std::vector<std::vector<std::unique_ptr<IncomingCall>>> dropped;  // after the lock is free
+  const std::lock_guard<std::mutex> lock(chains.mutex);
+  for (const auto& [chain, thread] : chains.threads) {
+    dropped.push_back(TakeObsolete(thread->nested_));
+  }
+}
 
-std::unique_ptr<IncomingCall> CallThread::TakeNested() { return Chains::Take(*this); }
+std::unique_ptr<IncomingCall> CallThread::TakeNested() {
+  const std::lock_guard<std::mutex> lock(Chains::Get().mutex);
+  if (nested_.empty()) return nullptr;
+  std::unique_ptr<IncomingCall> call = std::move(nested_.front());
+  nested_.pop_front();
+  return call;
+}
 
 void CallThread::Wake() const {
   if (id_ == std::this_thread::get_id()) return;
@@ -129,27 +107,24 @@ void CallThread::ClearWake() const {
 CallThread::Blocked::Blocked() : starts_chain_(Current()->chain == 0) {
   CallThread& thread = *Current();
   if (starts_chain_) thread.chain = NewChain();
-  Chains::Enter(thread);
+  Chains& chains = Chains::Get();
+  const std::lock_guard<std::mutex> lock(chains.mutex);
+  if (thread.blocked_++ == 0) chains.threads.emplace(thread.chain, &thread);
 }
 
 CallThread::Blocked::~Blocked() {
   CallThread& thread = *Current();
-  // What came too late for this thread is the pool's.
-  for (std::unique_ptr<IncomingCall>& call : Chains::Leave(thread)) {
-    IncomingCall::Post(std::move(call));
+  std::deque<std::unique_ptr<IncomingCall>> late;
+  {
+    Chains& chains = Chains::Get();
+    const std::lock_guard<std::mutex> lock(chains.mutex);
+    if (--thread.blocked_ == 0) {
+      chains.threads.erase(thread.chain);
+      late.swap(thread.nested_);
+    }
   }
+  for (std::unique_ptr<IncomingCall>& call : late) IncomingCall::Post(std::move(call));
   if (starts_chain_) thread.chain = 0;
-}
-
-CallThread::Serving::Serving(uint64_t chain, Identity caller)
-    : outer_chain_(Current()->chain), outer_caller_(Current()->caller) {
-  Current()->chain = chain;
-  Current()->caller = caller;
-}
-
-CallThread::Serving::~Serving() {
-  Current()->chain = outer_chain_;
-  Current()->caller = outer_caller_;
 }
 
 }  // namespace bthal::rpc

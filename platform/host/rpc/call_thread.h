@@ -2,22 +2,16 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
-#include <sys/types.h>
 
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <thread>
+#include <utility>
 
 namespace bthal::rpc {
 
 class IncomingCall;
-
-// Who is at the other end of a connection.
-struct Identity {
-  pid_t pid = -1;
-  uid_t uid = static_cast<uid_t>(-1);
-};
 
 // A chain is a call, the calls that its handler makes, the calls that theirs make, and so on, over
 // all processes. While a thread is blocked in a chain, calls of that chain into this process run on
@@ -32,8 +26,8 @@ class CallThread {
   CallThread(const CallThread&) = delete;
   CallThread& operator=(const CallThread&) = delete;
 
-  // Gives call to the thread that is blocked in its chain; false, and call stays, when there is
-  // none.
+  // Gives call to the thread that is blocked in its chain. False when there is none: the caller
+  // keeps call.
   static bool DeliverNested(std::unique_ptr<IncomingCall>& call);
   // Destroys the calls that became obsolete before a blocked thread took them.
   static void DropObsolete();
@@ -47,9 +41,8 @@ class CallThread {
   void ClearWake() const;
   int wake_descriptor() const { return wake_.get(); }
 
-  // For this thread only: the chain that it works for (0: none), the caller that it serves.
+  // For this thread only: the chain that it works for; 0 for none.
   uint64_t chain = 0;
-  Identity caller;
 
   // This thread is blocked in a call for the lifetime of this object.
   class Blocked {
@@ -66,18 +59,16 @@ class CallThread {
   // This thread serves a call of a chain for the lifetime of this object.
   class Serving {
    public:
-    Serving(uint64_t chain, Identity caller);
-    ~Serving();
+    explicit Serving(uint64_t chain) : outer_chain_(std::exchange(Current()->chain, chain)) {}
+    ~Serving() { Current()->chain = outer_chain_; }
     Serving(const Serving&) = delete;
     Serving& operator=(const Serving&) = delete;
 
    private:
     const uint64_t outer_chain_;
-    const Identity outer_caller_;
   };
 
  private:
-  friend struct Chains;
   const std::thread::id id_ = std::this_thread::get_id();
   const android::base::unique_fd wake_;
   // Guarded by the table of chains.

@@ -3,6 +3,7 @@
 #include "rpc/connection.h"
 
 #include <android-base/logging.h>
+#include <android-base/stringprintf.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -12,7 +13,6 @@
 
 #include "rpc/incoming_call.h"
 #include "rpc/name_service.h"
-#include "rpc/obituaries.h"
 #include "rpc/proxy.h"
 #include "rpc/thread_pool.h"
 
@@ -21,16 +21,17 @@ namespace {
 
 using android::sp;
 using android::status_t;
+using android::base::StringPrintf;
 using android::hardware::BHwBinder;
 using android::hardware::IBinder;
 using android::hardware::Parcel;
 using std::chrono::steady_clock;
 
-Identity PeerOf(int socket) {
+pid_t PeerOf(int socket) {
   ucred credentials{};
   socklen_t size = sizeof credentials;
-  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return {};
-  return {credentials.pid, credentials.uid};
+  return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 ? credentials.pid
+                                                                               : -1;
 }
 
 // For poll(2): -1 without a deadline, else what is left, rounded up.
@@ -85,7 +86,7 @@ Connection::Connection(android::base::unique_fd socket, Side peer_side,
                        std::function<void()> on_end)
     : socket_(std::move(socket)),
       peer_side_(peer_side),
-      peer_(PeerOf(socket_.get())),
+      peer_pid_(PeerOf(socket_.get())),
       on_end_(std::move(on_end)),
       io_key_(IoLoop::Get().NewKey()) {
   // Room for a message of full size whatever the machine's default.
@@ -95,7 +96,7 @@ Connection::Connection(android::base::unique_fd socket, Side peer_side,
 
 Connection::~Connection() = default;
 
-// ---- calls of ours
+// ---- outgoing calls
 
 status_t Connection::Call(uint32_t object, uint32_t code, const Parcel& data, Parcel* reply,
                           uint32_t flags, std::optional<std::chrono::milliseconds> limit) {
@@ -116,10 +117,10 @@ status_t Connection::Call(uint32_t object, uint32_t code, const Parcel& data, Pa
     header.serial = ++last_serial_;
     pending_.emplace(header.serial, &pending);
     if (overfull_) Watch(kOverfull, false);  // the reply may come behind more calls
-    reading = StartReading();                // before a reply can wake somebody else
+    reading = StartReading();                // before a reply can wake another thread
   }
   const status_t sent = Send(header, data);
-  // Of a peer that has gone, what it had sent is read first.
+  // When the peer has gone, the messages that it sent before are read first.
   if (sent != android::OK && (sent != android::DEAD_OBJECT || ended())) {
     const std::lock_guard<std::mutex> lock(mutex_);
     pending_.erase(header.serial);
@@ -139,7 +140,7 @@ void Connection::Wait(PendingReply* pending, uint64_t serial, bool reading,
     if (limit) {
       deadline = steady_clock::now() + *limit;
     } else if (peer_side_ == Side::kClient) {
-      deadline = steady_clock::now() + kClientAnswerTime;
+      deadline = steady_clock::now() + client_answer_time;
     }
   };
   restart_clock();
@@ -157,7 +158,7 @@ void Connection::Wait(PendingReply* pending, uint64_t serial, bool reading,
       }
       nested->Run();
       nested = nullptr;
-      restart_clock();  // the time was ours
+      restart_clock();  // the time was spent in this process
       continue;
     }
     pollfd ready[] = {{thread.wake_descriptor(), POLLIN, 0}, {socket_.get(), POLLIN, 0}};
@@ -171,7 +172,8 @@ void Connection::Wait(PendingReply* pending, uint64_t serial, bool reading,
     if (reading && ready[1].revents != 0) ReadMessage();
     if (count != 0 || PollTime(deadline) != 0) continue;
     if (!limit) {
-      End("a call to it was not answered for 10 s");
+      const std::chrono::duration<double> seconds = client_answer_time;
+      End(StringPrintf("a call to it was not answered for %g s", seconds.count()).c_str());
       continue;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -220,7 +222,7 @@ status_t Connection::Send(MessageHeader header, const Parcel& parcel) {
     End("it does not read what is sent to it");
     return android::DEAD_OBJECT;
   }
-  // The message's own fault, as a descriptor that is not open.
+  // The fault of this message alone, such as a descriptor that is not open.
   for (const ObjectReference& name : names) {
     sp<IBinder> dropped;
     if (name.owner != ObjectReference::Owner::kSender) continue;
@@ -285,7 +287,7 @@ void Connection::OnReady(uint32_t events) {
     if (!unread) reader_ = Reader::kPoller;
   }
   if (unread) {
-    // What it has still sent would be dropped with the rest.
+    // Calls that it sent before it hung up would be dropped unread anyway.
     if ((events & EPOLLHUP) != 0) End(nullptr);
     return;
   }
@@ -323,7 +325,7 @@ const char* Connection::Handle(ReceivedMessage message) {
   Parcel parcel;
   if (parcel.receive(message.data, header.bytes, std::move(message.descriptors),
                      std::move(objects)) != android::OK) {
-    return "no memory for a message of its";
+    return "there is no memory for its message";
   }
   if (!known) return "a message that refers to an unknown object";
   switch (header.type) {
@@ -356,7 +358,7 @@ const char* Connection::HandleCall(const MessageHeader& header, Parcel parcel) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = exports_.find(header.object);
     if (waiting_.Reaches(TotalLoad::Get().Allowance() * kGiveUpFactor)) {
-      return "too many calls of its wait";
+      return "too many of its calls wait";
     }
     if (found != exports_.end() && found->second.references != 0) {
       target = found->second.object;
@@ -532,13 +534,13 @@ void Connection::End(const char* reason) {
     dropped.swap(exports_);
   }
   if (reason != nullptr) {
-    LOG(ERROR) << "connection to process " << peer_.pid << " ended: " << reason;
+    LOG(ERROR) << "connection to process " << peer_pid_ << " ended: " << reason;
   }
   shutdown(socket_.get(), SHUT_RDWR);
   IoLoop::Get().Remove(io_key_, socket_.get());
   for (const std::shared_ptr<CallThread>& thread : callers) thread->Wake();
   on_end_();
-  PostObituaries(std::move(orphans));
+  PostDeathNotifications(std::move(orphans));
   for (const auto& [id, exported] : dropped) {
     if (BHwBinder* local = exported.object->localBinder(); local != nullptr) {
       local->dropObsoleteOneway();

@@ -27,21 +27,24 @@ namespace bthal::rpc {
 
 class Proxy;
 
-// How long a call to a client's object may take. A call to a service may take any time.
-constexpr std::chrono::seconds kClientAnswerTime{10};
+// How long a call to a client's object may take. A call to a service may take any time. Changed, if
+// at all, before the first connection: a test shortens it.
+inline std::chrono::milliseconds client_answer_time = std::chrono::seconds(10);
 // Messages that a peer leaves unread before it is given up.
 constexpr size_t kMaxQueuedMessages = 256;
 constexpr size_t kMaxQueuedBytes = 8 << 20;
 
 // Safe on any thread; no call blocks but Call(), and none holds a lock while user code runs.
 // Messages are read by one thread at a time: the first caller that waits for a reply (which then
-// needs nobody to wake it), else one that the I/O loop wakes. Whoever sends writes to the socket
-// itself; what the socket does not take is queued and written by a thread of the I/O loop.
+// needs no other thread to wake it), else one that the I/O loop wakes. A sending thread writes to
+// the socket itself; what the socket does not take is queued and written by a thread of the I/O
+// loop.
 //
 // A peer that breaks a rule (a malformed message, an unknown object, too much left unread, a client
 // that does not answer) costs its connection and nothing else: one log line, calls into it fail
-// with DEAD_OBJECT, death notices go out. Its descriptor stays open until the last user has gone.
-// When a connection ends, for whatever reason, the peer's calls that have not begun are dropped.
+// with DEAD_OBJECT, death notifications go out. Its descriptor stays open until the last user has
+// gone. When a connection ends, for whatever reason, the peer's calls that have not begun are
+// dropped.
 class Connection : public IoHandler, public std::enable_shared_from_this<Connection> {
  public:
   enum class Side { kService, kClient };  // what the peer is to us
@@ -51,7 +54,6 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
                                            std::function<void()> on_end);
   ~Connection() override;
 
-  const Identity& peer() const { return peer_; }
   bool ended() const { return ended_.load(std::memory_order_acquire); }
   // errno of the service that did not take this connection; 0 otherwise. Known when it has ended.
   int refusal() const { return refusal_; }
@@ -134,7 +136,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
 
   const android::base::unique_fd socket_;
   const Side peer_side_;
-  const Identity peer_;
+  const pid_t peer_pid_;
   const std::function<void()> on_end_;
   const uint64_t io_key_;
   std::atomic<bool> ended_{false};

@@ -16,28 +16,14 @@ using android::hardware::IBinder;
 using android::hardware::Parcel;
 
 // Runs one oneway call of an object, then makes room for other tasks before the next.
-class OnewayTask : public Task {
- public:
-  explicit OnewayTask(sp<BHwBinder> target) : target_(std::move(target)) {}
-  void Run() override {
-    const std::unique_ptr<IncomingCall> call = target_->nextOneway();
+void PostOneway(const sp<BHwBinder>& target) {
+  target->threadPool().Post([target] {
+    const std::unique_ptr<IncomingCall> call = target->nextOneway();
     if (call == nullptr) return;
     call->Run();
-    target_->threadPool().Post(std::make_unique<OnewayTask>(target_));
-  }
-
- private:
-  const sp<BHwBinder> target_;
-};
-
-class DropTask : public Task {
- public:
-  explicit DropTask(sp<IBinder> object) : object_(std::move(object)) {}
-  void Run() override { object_.clear(); }
-
- private:
-  sp<IBinder> object_;
-};
+    PostOneway(target);
+  });
+}
 
 }  // namespace
 
@@ -59,9 +45,7 @@ void IncomingCall::Dispatch(std::unique_ptr<IncomingCall> call) {
   BHwBinder* local = call->target_->localBinder();
   if (call->is_oneway() && local != nullptr) {
     const sp<BHwBinder> target = local;
-    if (target->queueOneway(std::move(call))) {
-      target->threadPool().Post(std::make_unique<OnewayTask>(target));
-    }
+    if (target->queueOneway(std::move(call))) PostOneway(target);
   } else if (call->is_oneway() || !CallThread::DeliverNested(call)) {
     Post(std::move(call));
   }
@@ -75,7 +59,7 @@ void IncomingCall::Post(std::unique_ptr<IncomingCall> call) {
 
 void IncomingCall::Run() {
   if (IsObsolete()) return;
-  const CallThread::Serving serving(header_.chain, connection_->peer());
+  const CallThread::Serving serving(header_.chain);
   Parcel reply;
   const status_t status = target_->transact(header_.code, data_, &reply, header_.flags,
                                             [this](Parcel& filled) { Reply(OK, filled); });
@@ -104,7 +88,7 @@ void DropOnPool(sp<IBinder> object) {
   BHwBinder* local = object->localBinder();
   if (local == nullptr) return;  // of another process: its destructor only sends
   ThreadPool& pool = local->threadPool();
-  pool.Post(std::make_unique<DropTask>(std::move(object)));
+  pool.Post([object = std::move(object)] {});  // the task holds it, and goes with it
 }
 
 }  // namespace bthal::rpc

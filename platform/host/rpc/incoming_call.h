@@ -22,7 +22,8 @@ class IncomingCall : public Task {
                android::hardware::Parcel data);
   ~IncomingCall() override;
 
-  // Hands call to whoever has to run it.
+  // Hands call to the thread that is blocked in its chain, else to the target's pool; oneway calls
+  // queue up at their target.
   static void Dispatch(std::unique_ptr<IncomingCall> call);
   // Hands call to the target's pool.
   static void Post(std::unique_ptr<IncomingCall> call);

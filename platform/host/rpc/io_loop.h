@@ -22,9 +22,9 @@ class IoHandler {
 };
 
 // An epoll set and its thread, which starts with the first descriptor, sleeps while nothing
-// happens, and lives as long as the process. Idle threads wait in it, too: who has waited for the
-// shortest time is woken first, so that a thread that runs one call after the other reads them
-// itself. Safe on any thread.
+// happens, and lives as long as the process. Idle threads of the pool wait in it, too. The
+// thread that has waited for the shortest time is woken first, so that one thread reads and runs
+// one call after the other. Safe on any thread.
 class IoLoop {
  public:
   static IoLoop& Get();

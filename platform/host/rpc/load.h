@@ -40,13 +40,13 @@ struct Load {
   }
 };
 
-// A peer's calls that wait, at which nothing more is read from it (until half of them are done),
-// unless somebody waits for a reply of its; at kGiveUpFactor times that it is given up.
+// With so many calls of a peer waiting, nothing more is read from it until half of them are done,
+// unless a thread waits for a reply from it. With kGiveUpFactor times as many, its connection ends.
 constexpr Load kMaxWaiting{1024, 4 << 20, 32};
 constexpr size_t kGiveUpFactor = 4;
-// The calls of all peers that wait, at which each peer may only have its share of them waiting. A
-// peer that has none is still served; all of them together come to little more than twice the calls
-// and bytes, and to fewer descriptors than the 1024 that a process has by default.
+// With so many calls of all peers waiting, kShare takes the place of kMaxWaiting for each peer. A
+// peer that has none waiting is still served. All peers together come to little more than twice
+// these calls and bytes, and to fewer descriptors than the 1024 that a process has by default.
 constexpr Load kMaxWaitingOfAll{4096, 16 << 20, 128};
 constexpr Load kShare = kMaxWaitingOfAll / kMaxPeers;
 static_assert(kMaxWaitingOfAll.descriptors + kMaxPeers * (kShare.descriptors + kMaxDescriptors) <

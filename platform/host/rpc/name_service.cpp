@@ -107,7 +107,7 @@ class Names {
 
 thread_local int last_find_error = 0;
 
-// 0 or what LastFindError() tells.
+// 0, or what LastFindError() returns.
 int FindNow(const std::string& name, milliseconds answer_time, sp<IBinder>* object) {
   *object = Names::Get().Own(name);
   if (*object != nullptr) return 0;

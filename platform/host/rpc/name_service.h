@@ -18,7 +18,7 @@ android::status_t Publish(const std::string& name,
 // when there is still none after the time in milliseconds that BTHAL_LOOKUP_TIMEOUT_MS names, 5000
 // when it names none. A service that does not answer counts as absent after the same time.
 android::sp<android::hardware::IBinder> Find(const std::string& name, bool wait);
-// Why the calling thread's last Find() found nothing, as android::hardware::details tells it.
+// Why the calling thread's last Find() found nothing: see lastLookUpError().
 int LastFindError();
 
 // For connections: answers a call to object 0 of this process. False when it is malformed.

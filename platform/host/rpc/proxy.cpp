@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "rpc/thread_pool.h"
+
 namespace bthal::rpc {
 
 using android::sp;
@@ -39,13 +41,25 @@ status_t Proxy::unlinkToDeath(const wp<DeathRecipient>& recipient, void* /*cooki
   return android::NAME_NOT_FOUND;
 }
 
-void Proxy::SendObituary() {
+void Proxy::NotifyRecipients() {
   std::vector<sp<DeathRecipient>> recipients;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     recipients.swap(recipients_);
   }
   for (const sp<DeathRecipient>& recipient : recipients) recipient->binderDied(this);
+}
+
+void PostDeathNotifications(std::vector<sp<Proxy>> dead) {
+  static ThreadPool* const thread = [] {
+    auto* pool = new ThreadPool("rpc-death", ThreadPool::Idle::kSleep);
+    pool->Start();
+    return pool;
+  }();
+  if (dead.empty()) return;
+  thread->Post([dead = std::move(dead)] {
+    for (const sp<Proxy>& proxy : dead) proxy->NotifyRecipients();
+  });
 }
 
 }  // namespace bthal::rpc

@@ -15,7 +15,7 @@
 
 namespace bthal::rpc {
 
-// An object of the peer's.
+// An object of the peer.
 class Proxy : public android::hardware::BpHwBinder {
  public:
   Proxy(std::shared_ptr<Connection> connection, uint32_t object)
@@ -32,8 +32,8 @@ class Proxy : public android::hardware::BpHwBinder {
                                   android::wp<DeathRecipient>* out_recipient) override;
   bool isBinderAlive() const override { return !connection_->ended(); }
 
-  // Tells those who linked; once, after the connection has ended.
-  void SendObituary();
+  // Calls the recipients that are linked, once, after the connection has ended.
+  void NotifyRecipients();
 
  private:
   friend class Connection;
@@ -44,5 +44,9 @@ class Proxy : public android::hardware::BpHwBinder {
   std::mutex mutex_;
   std::vector<android::sp<DeathRecipient>> recipients_ GUARDED_BY(mutex_);
 };
+
+// Notifies the recipients of these objects, in order, on a thread for that alone: a pool whose
+// threads are all busy does not delay it.
+void PostDeathNotifications(std::vector<android::sp<Proxy>> dead);
 
 }  // namespace bthal::rpc

@@ -142,7 +142,7 @@ bool SocketFolder::WaitUntil(steady_clock::time_point deadline, const std::funct
   for (;;) {
     const unique_fd changes(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (changes.get() < 0) PLOG(ERROR) << "inotify_init1";
-    // Watch first, ask then: nothing is missed.
+    // The watch comes first, so that no change is missed.
     const std::string watched = NearestFolder();
     inotify_add_watch(changes.get(), watched.c_str(),
                       IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_ATTRIB);

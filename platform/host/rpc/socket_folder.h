@@ -18,18 +18,18 @@ class SocketFolder {
   explicit SocketFolder(bool create);
   bool ok() const { return folder_.get() >= 0; }
 
-  // Binds and listens on a socket of this process's, mode 0660; tells its name and its group.
+  // Binds this process's socket, mode 0660, and listens; sets its name and its group.
   // Invalid, with errno, on failure. Sockets that processes left behind are removed.
   android::base::unique_fd Listen(std::string* socket_name, gid_t* group) const;
   // Points name at the socket, in place of whatever it pointed at. 0 or errno.
   int Link(const std::string& name, const std::string& socket_name) const;
   // The socket that name points at; empty, with errno, when it points at none.
   std::string Target(const std::string& name) const;
-  // Connects; invalid, with errno, when nobody listens.
+  // Connects; invalid, with errno, when no process listens.
   android::base::unique_fd Connect(const std::string& socket_name) const;
 
-  // Asks done until it is true, now and whenever the folder (or what is missing of its path)
-  // changes. False at the deadline.
+  // Calls done until it returns true: now, and whenever the folder (or the part of its path that
+  // exists) changes. False at the deadline.
   static bool WaitUntil(std::chrono::steady_clock::time_point deadline,
                         const std::function<bool()>& done);
 

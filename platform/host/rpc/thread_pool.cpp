@@ -15,10 +15,19 @@
 namespace bthal::rpc {
 namespace {
 
-// The pool whose idle thread the calling one is while it polls, and the task that it has read there
-// for itself.
+// While the calling thread polls as an idle thread of a pool: that pool, and the task that the
+// thread has read there and will run itself.
 thread_local const ThreadPool* polling_for = nullptr;
 thread_local std::unique_ptr<Task> own_task;
+
+class FunctionTask : public Task {
+ public:
+  explicit FunctionTask(std::function<void()> function) : function_(std::move(function)) {}
+  void Run() override { function_(); }
+
+ private:
+  const std::function<void()> function_;
+};
 
 }  // namespace
 
@@ -78,6 +87,10 @@ void ThreadPool::Post(std::unique_ptr<Task> task) {
     wake = idle_ > 0;
   }
   if (wake) Wake();
+}
+
+void ThreadPool::Post(std::function<void()> task) {
+  Post(std::make_unique<FunctionTask>(std::move(task)));
 }
 
 void ThreadPool::DropObsolete() {

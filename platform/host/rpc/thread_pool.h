@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <mutex>
@@ -20,7 +21,7 @@ class Task {
  public:
   virtual ~Task() = default;
   virtual void Run() = 0;
-  // Whether nobody needs it any more. Once true, it stays true.
+  // Whether its result is no longer of use. Once true, it stays true.
   virtual bool IsObsolete() const { return false; }
 };
 
@@ -55,6 +56,7 @@ class ThreadPool {
   // Runs tasks on the calling thread; does not return.
   [[noreturn]] void Join();
   void Post(std::unique_ptr<Task> task);
+  void Post(std::function<void()> task);
   // Destroys the tasks that have become obsolete while they wait.
   void DropObsolete();
 

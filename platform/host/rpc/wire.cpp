@@ -12,6 +12,7 @@
 namespace bthal::rpc {
 namespace {
 
+using android::base::unique_fd;
 using android::hardware::Parcel;
 
 constexpr size_t kControlBytes = CMSG_SPACE(kMaxDescriptors * sizeof(int));
@@ -32,10 +33,7 @@ int SendParts(int socket, iovec* parts, size_t count, const std::vector<int>& de
     rights->cmsg_len = CMSG_LEN(size);
     memcpy(CMSG_DATA(rights), descriptors.data(), size);
   }
-  ssize_t sent;
-  do {
-    sent = sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-  } while (sent < 0 && errno == EINTR);
+  const ssize_t sent = TEMP_FAILURE_RETRY(sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT));
   return sent < 0 ? errno : 0;
 }
 
@@ -46,14 +44,15 @@ size_t ReferenceBytes(const std::vector<ObjectReference>& references) {
 }
 
 // The descriptors that came with a message.
-std::vector<int> TakeDescriptors(msghdr* message) {
-  std::vector<int> descriptors;
+std::vector<unique_fd> TakeDescriptors(msghdr* message) {
+  std::vector<unique_fd> descriptors;
   for (cmsghdr* part = CMSG_FIRSTHDR(message); part != nullptr; part = CMSG_NXTHDR(message, part)) {
     if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
-    const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-    const size_t before = descriptors.size();
-    descriptors.resize(before + count);
-    memcpy(descriptors.data() + before, CMSG_DATA(part), count * sizeof(int));
+    for (size_t at = 0; at < part->cmsg_len - CMSG_LEN(0); at += sizeof(int)) {
+      int descriptor;
+      memcpy(&descriptor, CMSG_DATA(part) + at, sizeof descriptor);
+      descriptors.emplace_back(descriptor);
+    }
   }
   return descriptors;
 }
@@ -91,17 +90,15 @@ QueuedMessage::QueuedMessage(const MessageHeader& header,
   append(references.data(), ReferenceBytes(references));
   append(parcel.bytes(), parcel.byteCount());
   for (const int descriptor : parcel.descriptors()) {
-    descriptors_.push_back(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+    descriptors_.emplace_back(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
   }
-}
-
-QueuedMessage::~QueuedMessage() {
-  for (const int descriptor : descriptors_) close(descriptor);
 }
 
 int QueuedMessage::Send(int socket) const {
   iovec part = Part(bytes_.data(), bytes_.size());
-  return SendParts(socket, &part, 1, descriptors_);
+  std::vector<int> descriptors;
+  for (const unique_fd& descriptor : descriptors_) descriptors.push_back(descriptor.get());
+  return SendParts(socket, &part, 1, descriptors);
 }
 
 int SendMessage(int socket, const MessageHeader& header,
@@ -123,17 +120,16 @@ ReceiveResult ReceiveMessage(int socket, uint8_t* buffer, ReceivedMessage* messa
   ssize_t size;
   do {
     size = recvmsg(socket, &incoming, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    // A reset is told once, before what the peer had sent until then.
+    // The kernel reports a reset once, before the messages that the peer had sent until then.
   } while (size < 0 && (errno == EINTR || errno == ECONNRESET));
   if (size < 0) return errno == EAGAIN ? ReceiveResult::kNothingYet : ReceiveResult::kEnd;
   message->descriptors = TakeDescriptors(&incoming);
-  // A message without bytes reads like the end of the connection, which it then is.
+  // A message without bytes cannot be told from the end of the connection, and is taken for it.
   if (size == 0 && message->descriptors.empty()) return ReceiveResult::kEnd;
   if ((incoming.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0 &&
       Split(buffer, static_cast<size_t>(size), message)) {
     return ReceiveResult::kMessage;
   }
-  for (const int descriptor : message->descriptors) close(descriptor);
   message->descriptors.clear();
   return ReceiveResult::kMalformed;
 }

@@ -2,6 +2,7 @@
 // object references, the parcel's bytes; descriptors travel beside it.
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <hwbinder/Parcel.h>
 
 #include <cstddef>
@@ -47,9 +48,6 @@ class QueuedMessage {
  public:
   QueuedMessage(const MessageHeader& header, const std::vector<ObjectReference>& references,
                 const android::hardware::Parcel& parcel);
-  ~QueuedMessage();
-  QueuedMessage(const QueuedMessage&) = delete;
-  QueuedMessage& operator=(const QueuedMessage&) = delete;
 
   size_t size() const { return bytes_.size(); }
   // 0, or errno: EAGAIN when the socket is full.
@@ -57,7 +55,7 @@ class QueuedMessage {
 
  private:
   std::vector<uint8_t> bytes_;
-  std::vector<int> descriptors_;
+  std::vector<android::base::unique_fd> descriptors_;
 };
 
 // Sends without copying; never blocks. 0, or errno: EAGAIN when the socket is full.
@@ -70,7 +68,7 @@ struct ReceivedMessage {
   MessageHeader header;
   std::vector<ObjectReference> references;
   const uint8_t* data = nullptr;
-  std::vector<int> descriptors;  // open: whoever takes the message closes them
+  std::vector<android::base::unique_fd> descriptors;
 };
 
 enum class ReceiveResult { kMessage, kNothingYet, kEnd, kMalformed };

@@ -7,9 +7,9 @@ namespace bthal::log {
 
 // Lines also go to the file at path from now on, behind what it holds. At kMaxFileBytes it becomes
 // path + ".1", in place of an older one, and a new file begins; it is made again when it is
-// removed. False with errno on failure. A link at path is not followed. Of lines to a standard
-// error that is a pipe or a socket whose reader takes nothing for a second, those that find no room
-// are lost.
+// removed. False with errno on failure. A link at path is not followed. Where standard
+// error is a pipe or a socket whose reader takes nothing for a second, lines that find no room in
+// it are lost there.
 constexpr size_t kMaxFileBytes = 1 << 20;
 bool OpenFile(const std::string& path);
 

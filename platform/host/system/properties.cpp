@@ -1,25 +1,20 @@
-// System properties, kept in this process: they replace those of libbase, which neither lie in
-// files nor are safe to use on several threads. Read at first use from vendor/build.prop and then
+// System properties of this process, in place of those of libbase, which neither lie in files nor
+// are safe to use on several threads. Read at first use from vendor/build.prop and then
 // data/property/persistent.prop; those whose name begins with "persist." are written back to the
-// latter as soon as they change. One "name=value" a line, "#" begins a comment.
+// latter as soon as they change. One "name=value" per line, "#" begins a comment.
 #define LOG_TAG "bthal.properties"
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
-#include <android-base/parsebool.h>
-#include <android-base/parseint.h>
 #include <android-base/properties.h>
 #include <android-base/strings.h>
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
-#include <cutils/properties.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -30,6 +25,9 @@
 #include "root_folder/root_folder.h"
 
 namespace {
+
+// A value is shorter than this, unless the property can only be set once.
+constexpr size_t kMaxValueBytes = 92;
 
 constexpr char kBuildFile[] = "/vendor/build.prop";
 constexpr char kPersistentFile[] = "/data/property/persistent.prop";
@@ -80,7 +78,7 @@ class PropertyStore {
     return *store;
   }
 
-  // Empty when it is not set: the platform makes no difference.
+  // Empty when it is not set; callers cannot tell that from a value that is empty.
   std::string Value(const std::string& name) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = values_.find(name);
@@ -111,7 +109,7 @@ class PropertyStore {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!Parse(name + "=") || name.find('\n') != std::string::npos ||
         value.find('\n') != std::string::npos || name.find('=') != std::string::npos ||
-        (!read_only && value.size() >= PROP_VALUE_MAX) || (read_only && values_.count(name) != 0)) {
+        (!read_only && value.size() >= kMaxValueBytes) || (read_only && values_.count(name) != 0)) {
       return false;
     }
     values_[name] = value;
@@ -146,22 +144,9 @@ class PropertyStore {
   }
 
   std::mutex set_mutex_;  // one change at a time, with its file; taken before mutex_
-  std::mutex mutex_;      // a leaf: whoever asks does not wait for a disk
+  std::mutex mutex_;      // a leaf: a reader does not wait for a disk
   std::map<std::string, std::string> values_ GUARDED_BY(mutex_);
 };
-
-template <typename T>
-T IntegerProperty(const char* key, T fallback) {
-  char* end = nullptr;
-  const std::string text = PropertyStore::Get().Value(key == nullptr ? "" : key);
-  errno = 0;
-  const long long value = strtoll(text.c_str(), &end, 0);
-  if (end == text.c_str() || errno != 0 || value < std::numeric_limits<T>::min() ||
-      value > std::numeric_limits<T>::max()) {
-    return fallback;
-  }
-  return static_cast<T>(value);
-}
 
 }  // namespace
 
@@ -178,36 +163,3 @@ bool SetProperty(const std::string& key, const std::string& value) {
 }
 
 }  // namespace android::base
-
-int property_get(const char* key, char* value, const char* default_value) {
-  const std::string found =
-      android::base::GetProperty(key, default_value == nullptr ? "" : default_value);
-  return snprintf(value, PROPERTY_VALUE_MAX, "%.*s", PROPERTY_VALUE_MAX - 1, found.c_str()) < 0
-             ? 0
-             : static_cast<int>(strlen(value));
-}
-
-int property_set(const char* key, const char* value) {
-  return PropertyStore::Get().Set(key, value == nullptr ? "" : value) ? 0 : -EINVAL;
-}
-
-int8_t property_get_bool(const char* key, int8_t default_value) {
-  const std::string value = PropertyStore::Get().Value(key == nullptr ? "" : key);
-  switch (android::base::ParseBool(value)) {
-    case android::base::ParseBoolResult::kTrue:
-      return 1;
-    case android::base::ParseBoolResult::kFalse:
-      return 0;
-    case android::base::ParseBoolResult::kError:
-      break;
-  }
-  return default_value;
-}
-
-int32_t property_get_int32(const char* key, int32_t default_value) {
-  return IntegerProperty(key, default_value);
-}
-
-int64_t property_get_int64(const char* key, int64_t default_value) {
-  return IntegerProperty(key, default_value);
-}

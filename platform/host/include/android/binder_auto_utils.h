@@ -87,15 +87,8 @@ class ScopedAStatus : public impl::ScopedAResource<AStatus, AStatus_delete> {
   static ScopedAStatus fromExceptionCode(binder_exception_t exception) {
     return ScopedAStatus(AStatus_fromExceptionCode(exception));
   }
-  static ScopedAStatus fromExceptionCodeWithMessage(binder_exception_t exception,
-                                                    const char* message) {
-    return ScopedAStatus(AStatus_fromExceptionCodeWithMessage(exception, message));
-  }
   static ScopedAStatus fromServiceSpecificError(int32_t error) {
     return ScopedAStatus(AStatus_fromServiceSpecificError(error));
-  }
-  static ScopedAStatus fromStatus(binder_status_t status) {
-    return ScopedAStatus(AStatus_fromStatus(status));
   }
 
   bool isOk() const { return AStatus_isOk(get()); }

@@ -2,7 +2,6 @@
 
 #include <android/binder_parcel.h>
 #include <android/binder_status.h>
-#include <sys/types.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -28,11 +27,6 @@ typedef binder_status_t (*AIBinder_Class_onTransact)(AIBinder* binder, transacti
                                                      const AParcel* in, AParcel* out);
 typedef void (*AIBinder_DeathRecipient_onBinderDied)(void* cookie);
 
-// A class is never freed.
-AIBinder_Class* AIBinder_Class_define(const char* descriptor, AIBinder_Class_onCreate onCreate,
-                                      AIBinder_Class_onDestroy onDestroy,
-                                      AIBinder_Class_onTransact onTransact);
-
 // The caller owns one reference.
 AIBinder* AIBinder_new(const AIBinder_Class* clazz, void* args);
 void AIBinder_incStrong(AIBinder* binder);
@@ -42,9 +36,6 @@ bool AIBinder_isAlive(const AIBinder* binder);
 // Says which interface a remote object has; the object itself is not asked. False when binder is
 // null or has another interface already.
 bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz);
-const AIBinder_Class* AIBinder_getClass(AIBinder* binder);
-// What onCreate returned; null for a remote object.
-void* AIBinder_getUserData(AIBinder* binder);
 
 AIBinder_Weak* AIBinder_Weak_new(AIBinder* binder);
 void AIBinder_Weak_delete(AIBinder_Weak* weak);
@@ -64,10 +55,6 @@ binder_status_t AIBinder_linkToDeath(AIBinder* binder, AIBinder_DeathRecipient* 
                                      void* cookie);
 binder_status_t AIBinder_unlinkToDeath(AIBinder* binder, AIBinder_DeathRecipient* recipient,
                                        void* cookie);
-
-// The caller that the current thread serves; of this process itself outside a call.
-pid_t AIBinder_getCallingPid(void);
-uid_t AIBinder_getCallingUid(void);
 
 #ifdef __cplusplus
 }

@@ -12,8 +12,6 @@ binder_exception_t AServiceManager_addService(AIBinder* binder, const char* inst
 AIBinder* AServiceManager_checkService(const char* instance);
 // Waits for it as long as a look-up of a HIDL service does.
 AIBinder* AServiceManager_getService(const char* instance);
-// Waits for it without limit.
-AIBinder* AServiceManager_waitForService(const char* instance);
 
 #ifdef __cplusplus
 }

@@ -9,7 +9,8 @@ extern "C" {
 struct AIBinder;
 typedef struct AIBinder AIBinder;
 
-// The body of a call or a reply. Its position can be moved, to fill in a size afterwards.
+// The body of a call or a reply. Its position can be moved, to fill in a size afterwards; it cannot
+// be moved behind the last byte.
 struct AParcel;
 typedef struct AParcel AParcel;
 
@@ -21,6 +22,7 @@ binder_status_t AParcel_writeInt32(AParcel* parcel, int32_t value);
 binder_status_t AParcel_readInt32(const AParcel* parcel, int32_t* value);
 binder_status_t AParcel_writeInt64(AParcel* parcel, int64_t value);
 binder_status_t AParcel_readInt64(const AParcel* parcel, int64_t* value);
+// Up to the first zero in text.
 binder_status_t AParcel_writeString(AParcel* parcel, const char* text, int32_t length);
 // Asks allocator once, for length + 1 bytes; the text is zero-terminated.
 typedef bool (*AParcel_stringAllocator)(void* data, int32_t length, char** buffer);

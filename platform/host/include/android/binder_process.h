@@ -9,8 +9,6 @@ extern "C" {
 // The pool that serves calls to objects made by AIBinder_new().
 bool ABinderProcess_setThreadPoolMaxThreadCount(uint32_t numThreads);
 void ABinderProcess_startThreadPool(void);
-// Serves calls on the calling thread; does not return.
-void ABinderProcess_joinThreadPool(void);
 
 #ifdef __cplusplus
 }

@@ -11,14 +11,12 @@ extern "C" {
 
 enum {
   STATUS_OK = 0,
-  STATUS_UNKNOWN_ERROR = INT32_MIN,
   STATUS_NO_MEMORY = -12,
   STATUS_INVALID_OPERATION = -38,
   STATUS_BAD_VALUE = -22,
   STATUS_BAD_TYPE = INT32_MIN + 1,
   STATUS_NAME_NOT_FOUND = -2,
   STATUS_DEAD_OBJECT = -32,
-  STATUS_FAILED_TRANSACTION = INT32_MIN + 2,
   STATUS_NOT_ENOUGH_DATA = -61,
   STATUS_UNKNOWN_TRANSACTION = -74,
   STATUS_UNEXPECTED_NULL = INT32_MIN + 8,
@@ -27,15 +25,8 @@ typedef int32_t binder_status_t;
 
 enum {
   EX_NONE = 0,
-  EX_SECURITY = -1,
-  EX_BAD_PARCELABLE = -2,
   EX_ILLEGAL_ARGUMENT = -3,
-  EX_NULL_POINTER = -4,
-  EX_ILLEGAL_STATE = -5,
-  EX_NETWORK_MAIN_THREAD = -6,
-  EX_UNSUPPORTED_OPERATION = -7,
   EX_SERVICE_SPECIFIC = -8,
-  EX_PARCELABLE = -9,
   EX_TRANSACTION_FAILED = -129,
 };
 typedef int32_t binder_exception_t;
@@ -46,7 +37,6 @@ typedef struct AStatus AStatus;
 
 AStatus* AStatus_newOk(void);
 AStatus* AStatus_fromExceptionCode(binder_exception_t exception);
-AStatus* AStatus_fromExceptionCodeWithMessage(binder_exception_t exception, const char* message);
 AStatus* AStatus_fromServiceSpecificError(int32_t error);
 AStatus* AStatus_fromStatus(binder_status_t status);
 bool AStatus_isOk(const AStatus* status);

@@ -8,8 +8,8 @@ extern "C" {
 enum { PARTIAL_WAKE_LOCK = 1 };
 
 // Both return 0, or a negative errno. On a machine whose kernel has no wake locks they succeed, and
-// who holds what is logged. What a daemon held when it died, the next one on its root folder
-// releases.
+// log the lock with its count. The locks of a daemon that died are released by the next one on its
+// root folder.
 int acquire_wake_lock(int lock, const char* id);
 int release_wake_lock(const char* id);
 

@@ -23,7 +23,6 @@
 #include <mutex>
 #include <ostream>
 #include <string>
-#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -37,8 +36,7 @@ struct IBase;
 #define SCHED_NORMAL SCHED_OTHER
 #endif
 
-#ifndef LIKELY
-#define LIKELY(x) __builtin_expect(!!(x), 1)
+#ifndef UNLIKELY
 #define UNLIKELY(x) __builtin_expect(!!(x), 0)
 #endif
 
@@ -57,23 +55,10 @@ constexpr std::array<T, 0> hidl_enum_values{};
 }
 #endif
 
-// For the members of a generated union.
-template <class T>
-void destructElement(T* element) {
-  element->~T();
-}
-
 }  // namespace details
 
 template <typename T>
 using hidl_bitfield = std::underlying_type_t<T>;
-
-// The values of an enumeration, for a range loop.
-template <typename T>
-struct hidl_enum_range {
-  constexpr auto begin() const { return details::hidl_enum_values<T>.begin(); }
-  constexpr auto end() const { return details::hidl_enum_values<T>.end(); }
-};
 
 // Called once, on a thread of the runtime, when the process that holds an object has gone.
 struct hidl_death_recipient : public virtual RefBase {
@@ -222,14 +207,6 @@ class hidl_vec {
     mOwnsBuffer = shouldOwn;
   }
 
-  // The elements in memory from new T[], which the caller now owns; null when there are none.
-  T* releaseData() {
-    if (!mOwnsBuffer && mSize != 0) return hidl_vec(*this).releaseData();
-    T* data = mBuffer;
-    forget();
-    return data;
-  }
-
   // Keeps the elements that fit. Owned bytes shrink in place.
   void resize(size_t size) {
     if (size == mSize) return;
@@ -252,8 +229,6 @@ class hidl_vec {
   iterator end() { return data() + mSize; }
   const_iterator begin() const { return data(); }
   const_iterator end() const { return data() + mSize; }
-  const_iterator cbegin() const { return begin(); }
-  const_iterator cend() const { return end(); }
   // The index of value, size() when it is not there.
   size_t find(const T& value) const {
     return static_cast<size_t>(std::find(begin(), end(), value) - begin());
@@ -310,88 +285,47 @@ bool operator!=(const hidl_vec<T>& a, const hidl_vec<T>& b) {
   return !(a == b);
 }
 
-namespace details {
-
-template <typename T, size_t Size, size_t... Sizes>
-struct nested_array {
-  using row = nested_array<T, Sizes...>;
-  using raw = typename row::raw[Size];
-  using std_type = std::array<typename row::std_type, Size>;
-};
+// An array of fixed size; one dimension is what the interfaces use.
 template <typename T, size_t Size>
-struct nested_array<T, Size> {
-  using raw = T[Size];
-  using std_type = std::array<T, Size>;
-};
-
-}  // namespace details
-
-// An array of fixed size in one or more dimensions.
-template <typename T, size_t Size, size_t... Sizes>
 class hidl_array {
  public:
-  using raw_type = typename details::nested_array<T, Size, Sizes...>::raw;
-  using std_array_type = typename details::nested_array<T, Size, Sizes...>::std_type;
-
   hidl_array() = default;
-  hidl_array(const raw_type& source) { assign(&first(source)); }  // NOLINT
-  hidl_array(const T* source) { assign(source); }                 // NOLINT: elementCount() of them
-  hidl_array(const std_array_type& source) {                      // NOLINT
-    assign(reinterpret_cast<const T*>(&source));
-  }
+  hidl_array(const T (&source)[Size]) { *this = +source; }  // NOLINT
+  hidl_array(const T* source) { *this = source; }           // NOLINT: elementCount() of them
+  hidl_array(const std::array<T, Size>& source) : hidl_array(source.data()) {}  // NOLINT
   hidl_array& operator=(const T* source) {
-    assign(source);
+    std::copy_n(source, Size, mBuffer);
     return *this;
   }
-  operator std_array_type() const {  // NOLINT
-    std_array_type result;
-    std::copy_n(data(), elementCount(), reinterpret_cast<T*>(&result));
+  operator std::array<T, Size>() const {  // NOLINT
+    std::array<T, Size> result;
+    std::copy_n(mBuffer, Size, result.begin());
     return result;
   }
 
-  T* data() { return reinterpret_cast<T*>(&mBuffer); }
-  const T* data() const { return reinterpret_cast<const T*>(&mBuffer); }
-  auto& operator[](size_t index) { return mBuffer[index]; }
-  const auto& operator[](size_t index) const { return mBuffer[index]; }
-
-  // The dimensions: a number, or a tuple when there are several.
-  static constexpr auto size() {
-    if constexpr (sizeof...(Sizes) == 0) {
-      return Size;
-    } else {
-      return std::make_tuple(Size, Sizes...);
-    }
-  }
-  static constexpr size_t elementCount() { return (Size * ... * Sizes); }
+  T* data() { return mBuffer; }
+  const T* data() const { return mBuffer; }
+  T& operator[](size_t index) { return mBuffer[index]; }
+  const T& operator[](size_t index) const { return mBuffer[index]; }
+  static constexpr size_t size() { return Size; }
+  static constexpr size_t elementCount() { return Size; }
 
  private:
-  static const T& first(const raw_type& source) { return *reinterpret_cast<const T*>(&source); }
-  void assign(const T* source) { std::copy_n(source, elementCount(), data()); }
-
-  raw_type mBuffer;
+  T mBuffer[Size];
 };
 
-template <typename T, size_t... Sizes>
-bool operator==(const hidl_array<T, Sizes...>& a, const hidl_array<T, Sizes...>& b) {
-  return std::equal(a.data(), a.data() + a.elementCount(), b.data());
+template <typename T, size_t Size>
+bool operator==(const hidl_array<T, Size>& a, const hidl_array<T, Size>& b) {
+  return std::equal(a.data(), a.data() + Size, b.data());
 }
-template <typename T, size_t... Sizes>
-bool operator!=(const hidl_array<T, Sizes...>& a, const hidl_array<T, Sizes...>& b) {
+template <typename T, size_t Size>
+bool operator!=(const hidl_array<T, Size>& a, const hidl_array<T, Size>& b) {
   return !(a == b);
 }
 
-// A block of shared memory. Only its layout is offered: no interface served or called carries one.
-class hidl_memory {
- public:
-  hidl_memory() = default;
-  const native_handle_t* handle() const { return mHandle; }
-  const hidl_string& name() const { return mName; }
-  uint64_t size() const { return mSize; }
-
- private:
-  hidl_handle mHandle __attribute__((aligned(8)));
-  uint64_t mSize __attribute__((aligned(8))) = 0;
-  hidl_string mName __attribute__((aligned(8)));
+// A block of shared memory: no interface carries one. Generated code asserts the size.
+struct hidl_memory {
+  uint64_t unused[5];
 };
 
 // Text forms. A byte vector reads "[3]{1, 2, 3}".
@@ -412,8 +346,8 @@ std::string toString(const hidl_handle& handle);
 std::string toString(const sp<hidl_death_recipient>& recipient);
 template <typename T>
 std::string toString(const hidl_vec<T>& vec);
-template <typename T, size_t... Sizes>
-std::string toString(const hidl_array<T, Sizes...>& array);
+template <typename T, size_t Size>
+std::string toString(const hidl_array<T, Size>& array);
 
 namespace details {
 
@@ -428,31 +362,15 @@ std::string listToString(const T* elements, size_t count) {
   return text + "}";
 }
 
-// The dimensions in brackets, then the rows.
-template <typename T, size_t Size, size_t... Sizes>
-std::string rowsToString(const T* elements) {
-  if constexpr (sizeof...(Sizes) == 0) {
-    return listToString(elements, Size);
-  } else {
-    std::string text = "{";
-    for (size_t i = 0; i < Size; ++i) {
-      if (i != 0) text += ", ";
-      text += rowsToString<T, Sizes...>(elements + i * (Sizes * ...));
-    }
-    return text + "}";
-  }
-}
-
 }  // namespace details
 
 template <typename T>
 std::string toString(const hidl_vec<T>& vec) {
   return "[" + std::to_string(vec.size()) + "]" + details::listToString(vec.data(), vec.size());
 }
-template <typename T, size_t... Sizes>
-std::string toString(const hidl_array<T, Sizes...>& array) {
-  return (... + ("[" + std::to_string(Sizes) + "]")) +
-         details::rowsToString<T, Sizes...>(array.data());
+template <typename T, size_t Size>
+std::string toString(const hidl_array<T, Size>& array) {
+  return "[" + std::to_string(Size) + "]" + details::listToString(array.data(), Size);
 }
 
 }  // namespace android::hardware

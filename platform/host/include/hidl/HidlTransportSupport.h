@@ -22,8 +22,6 @@ using ::android::hidl::base::V1_0::IBase;
 void configureRpcThreadpool(size_t maxThreads, bool callerWillJoin);
 // Serves calls on the calling thread; does not return.
 void joinRpcThreadpool();
-// Accepted and without effect: the pool's threads run at the process's own priority.
-bool setMinSchedulerPolicy(const sp<IBase>& service, int policy, int priority);
 
 // The object's stub or proxy, made when it has none yet; null for null.
 sp<IBinder> getOrCreateCachedBinder(IBase* interface);
@@ -139,16 +137,11 @@ struct ParcelAccess {
                                                       offset + vecPointerOffset<T>(), &data);
     if (status != OK) vec.mSize = 0;
     vec.mBuffer = static_cast<T*>(const_cast<void*>(data));
-    if constexpr (std::is_same_v<T, bool>) normalize(vec.data(), vec.size());
     return status;
   }
   static status_t readString(const hidl_string& received, const Parcel& parcel, size_t parent,
                              size_t offset);
   static status_t readHandle(const hidl_handle& received, const Parcel& parcel, size_t parent);
-
- private:
-  // A byte that is neither 0 nor 1 is no bool.
-  static void normalize(bool* values, size_t count);
 };
 
 }  // namespace details

@@ -17,9 +17,9 @@ namespace details {
 
 pid_t getPidIfSharable();
 
-// Why the calling thread's last look-up found nothing, as errno: ENOENT, nobody serves that name;
-// ETIMEDOUT, its process does not answer; EACCES, it is not for this user; EUSERS, it has as many
-// clients as it takes; EMFILE, it has no descriptor left. 0 when it found one.
+// Why the calling thread's last look-up found nothing, as errno: ENOENT, no process serves that
+// name; ETIMEDOUT, its process does not answer; EACCES, it is not for this user; EUSERS, it has as
+// many clients as it takes; EMFILE, it has no descriptor left. 0 when it found one.
 int lastLookUpError();
 
 // Publishes service under instance, for its own interface and each one that it descends from.

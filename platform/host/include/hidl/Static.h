@@ -43,7 +43,7 @@ using BsConstructorMap = ConcurrentMap<std::string, std::function<sp<IBase>(void
 BnConstructorMap& getBnConstructorMap();
 BsConstructorMap& getBsConstructorMap();
 
-// The stub of each implementation, for as long as somebody holds it: an implementation has one
+// The stub of each implementation, for as long as the stub is held: an implementation has one
 // identity towards other processes.
 class BnMap {
  public:

@@ -14,15 +14,9 @@ class Status final {
  public:
   enum Exception : int32_t {
     EX_NONE = 0,
-    EX_SECURITY = -1,
-    EX_BAD_PARCELABLE = -2,
     EX_ILLEGAL_ARGUMENT = -3,
     EX_NULL_POINTER = -4,
-    EX_ILLEGAL_STATE = -5,
-    EX_NETWORK_MAIN_THREAD = -6,
-    EX_UNSUPPORTED_OPERATION = -7,
-    EX_HAS_REPLY_HEADER = -128,
-    // The call did not get through; transactionError() tells why.
+    // The call did not get through; see transactionError().
     EX_TRANSACTION_FAILED = -129,
   };
 
@@ -52,7 +46,7 @@ std::ostream& operator<<(std::ostream& out, const Status& status);
 
 namespace details {
 
-// What every Return<T> has. A failure that nobody looks at is logged; the value of a failed call
+// What every Return<T> has. A failure that is not looked at is logged; the value of a failed call
 // that is used without looking ends the process.
 class return_status {
  public:
@@ -68,7 +62,6 @@ class return_status {
     mCheckedStatus = true;
     return mStatus.isOk();
   }
-  bool isOkUnchecked() const { return mStatus.isOk(); }
   bool isDeadObject() const {
     mCheckedStatus = true;
     return mStatus.transactionError() == DEAD_OBJECT;

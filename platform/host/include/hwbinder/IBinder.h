@@ -37,8 +37,8 @@ class IBinder : public virtual RefBase {
 
   virtual status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0,
                             TransactCallback callback = nullptr) = 0;
-  // recipient hears once, on a thread of its own, that the object's process has gone. DEAD_OBJECT
-  // when it has already: recipient then hears nothing.
+  // recipient is called once, on a thread for that alone, when the object's process has gone. When
+  // it has gone already, the result is DEAD_OBJECT and recipient is not called.
   virtual status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie = nullptr,
                                uint32_t flags = 0) = 0;
   virtual status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,

@@ -1,6 +1,7 @@
 // The body of a call or a reply: one block of bytes, and beside it descriptors and objects.
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <cutils/native_handle.h>
 #include <utils/Errors.h>
 #include <utils/StrongPointer.h>
@@ -38,10 +39,7 @@ class Parcel {
   status_t writeUint32(uint32_t value) { return writeValue(value); }
   status_t writeInt64(int64_t value) { return writeValue(value); }
   status_t writeUint64(uint64_t value) { return writeValue(value); }
-  status_t writeFloat(float value) { return writeValue(value); }
-  status_t writeDouble(double value) { return writeValue(value); }
   status_t writeBool(bool value) { return writeUint8(value ? 1 : 0); }
-  status_t writePointer(uintptr_t value) { return writeUint64(value); }
   status_t writeCString(const char* text);
 
   status_t readInt8(int8_t* value) const { return readValue(value); }
@@ -52,10 +50,7 @@ class Parcel {
   status_t readUint32(uint32_t* value) const { return readValue(value); }
   status_t readInt64(int64_t* value) const { return readValue(value); }
   status_t readUint64(uint64_t* value) const { return readValue(value); }
-  status_t readFloat(float* value) const { return readValue(value); }
-  status_t readDouble(double* value) const { return readValue(value); }
   status_t readBool(bool* value) const;
-  status_t readPointer(uintptr_t* value) const;
   // Null when there is none. Lives as long as the parcel.
   const char* readCString() const;
 
@@ -86,6 +81,11 @@ class Parcel {
   status_t readNullableStrongBinder(sp<IBinder>* binder) const;
   status_t readStrongBinder(sp<IBinder>* binder) const;
 
+  // Where the next value is read or written. Writing before the end overwrites; a value may not
+  // begin behind the last byte.
+  size_t position() const { return position_; }
+  status_t setPosition(size_t position) const;
+
   // For the transport.
   const uint8_t* bytes() const { return reinterpret_cast<const uint8_t*>(block_); }
   size_t byteCount() const { return size_; }
@@ -94,7 +94,7 @@ class Parcel {
   bool malformed() const { return malformed_; }
   // Becomes what was received: a copy of the bytes, the descriptors (which it now owns), the
   // objects. NO_MEMORY leaves the descriptors closed.
-  status_t receive(const void* bytes, size_t size, std::vector<int> descriptors,
+  status_t receive(const void* bytes, size_t size, std::vector<base::unique_fd> descriptors,
                    std::vector<sp<IBinder>> binders);
   void reset();
 
@@ -122,7 +122,7 @@ class Parcel {
   size_t size_ = 0;
   size_t capacity_ = sizeof inline_block_;
   std::vector<int> descriptors_;
-  bool owns_descriptors_ = false;
+  std::vector<base::unique_fd> received_descriptors_;  // the same ones, of a received parcel
   std::vector<sp<IBinder>> binders_;
 
   mutable size_t position_ = 0;
