@@ -65,7 +65,9 @@ FNR == NR {
 
   area = substr(from, 1, index(from, "/") - 1)
   target = substr(to, 1, index(to, "/") - 1)
-  if (area != target && !((area, target) in allowed)) refuse(where ": " area "/ may not include " to)
+  folder = to
+  sub(/\/[^\/]*$/, "", folder)
+  if (area != target && !((area, target) in allowed) && !((area, folder) in allowed)) refuse(where ": " area "/ may not include " to)
   if (area != "bthal" || target != "bthal") next
 
   if (floor_of(to) > floor_of(from)) refuse(where ": may not include " to ", which is on a higher floor")

@@ -154,7 +154,7 @@ uint32_t CoProcessor::Execute(const Request& request, Bytes* answer) {
   switch (request.what) {
     case CoRequest::kFind:
       if (payload.Text() != kServerName) return kNotFound;
-      *answer = Packet().U32(kServerNumber).bytes();
+      *answer = Writer().U32(kServerNumber).bytes();
       return kNone;
     case CoRequest::kPacket:
       return Forward(payload);

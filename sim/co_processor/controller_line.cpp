@@ -16,10 +16,11 @@ constexpr int kReadsPerTurn = 16;
 
 }  // namespace
 
-ControllerLine::ControllerLine(EventLoop& loop, const std::string& path, Framer::OnPacket on_packet)
+ControllerLine::ControllerLine(EventLoop& loop, const std::string& path,
+                               H4Framer::OnPacket on_packet)
     : loop_(loop),
       path_(path),
-      framer_(Framer::From::kController, std::move(on_packet),
+      framer_(H4Framer::From::kController, std::move(on_packet),
               [this](uint8_t bad) {
                 Log("co-processor: no packet type from the controller: 0x%02X", bad);
                 framer_.Reset();

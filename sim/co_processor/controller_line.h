@@ -5,7 +5,7 @@
 
 #include "sim/base/event_loop.h"
 #include "sim/base/unique_fd.h"
-#include "sim/controller/framer.h"
+#include "sim/wire.h"
 
 namespace zvk {
 
@@ -13,7 +13,7 @@ namespace zvk {
 // comes and queues what the line does not take.
 class ControllerLine {
  public:
-  ControllerLine(EventLoop& loop, const std::string& path, Framer::OnPacket on_packet);
+  ControllerLine(EventLoop& loop, const std::string& path, H4Framer::OnPacket on_packet);
   ~ControllerLine() { Close(); }
 
   // Returns false when it cannot be opened. An open line is opened anew.
@@ -31,7 +31,7 @@ class ControllerLine {
 
   EventLoop& loop_;
   const std::string path_;
-  Framer framer_;
+  H4Framer framer_;
   UniqueFd line_;
   Bytes queue_;
   Bytes received_;

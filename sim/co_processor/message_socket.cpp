@@ -118,13 +118,13 @@ bool MessageSocket::Take(ByteView datagram) {
 }
 
 void MessageSocket::Send(const CoMessage& message) {
-  SendRaw(Packet()
+  SendRaw(Writer()
               .U32(message.kind)
               .U32(message.serial)
               .U32(message.value)
               .U32(static_cast<uint32_t>(message.table.size()))
-              .Raw(message.table)
-              .Raw(message.payload)
+              .Append(message.table)
+              .Append(message.payload)
               .bytes());
 }
 

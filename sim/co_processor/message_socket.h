@@ -4,9 +4,9 @@
 #include <functional>
 #include <string>
 
-#include "sim/base/bytes.h"
 #include "sim/base/event_loop.h"
 #include "sim/base/unique_fd.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

@@ -10,14 +10,14 @@ constexpr uint8_t kCounters = 1;
 
 void ActivityCommands::Register(CommandTable* table) {
   table->Complete(kReadActivityOpcode, 1, [this](ByteView p) {
-    return p.size() == 1 && p[0] == kCounters ? Read() : Packet{status::kInvalidParameters};
+    return p.size() == 1 && p[0] == kCounters ? Read() : Writer{status::kInvalidParameters};
   });
 }
 
-Packet ActivityCommands::Read() {
+Writer ActivityCommands::Read() {
   using std::chrono::duration_cast;
   using std::chrono::milliseconds;
-  Packet answer{status::kSuccess, kCounters};
+  Writer answer{status::kSuccess, kCounters};
   for (const ActivityCounters::Counters& counters : context_.activity.Take()) {
     answer.U32(static_cast<uint32_t>(counters.entries))
         .U32(static_cast<uint32_t>(duration_cast<milliseconds>(counters.time).count()))

@@ -12,7 +12,7 @@ class ActivityCommands : public CommandGroup {
   void Reset() override { context_.activity.Restart(); }
 
  private:
-  Packet Read();
+  Writer Read();
 };
 
 }  // namespace zvk

@@ -1,6 +1,6 @@
 #include "sim/controller/advertising_commands.h"
 
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -27,41 +27,41 @@ void AdvertisingCommands::Register(CommandTable* table) {
 
 void AdvertisingCommands::RegisterLegacy(CommandTable* table) {
   const auto accept = [this](ByteView) {
-    return Packet{le_.Use(Api::kLegacy) ? status::kSuccess : status::kDisallowed};
+    return Writer{le_.Use(Api::kLegacy) ? status::kSuccess : status::kDisallowed};
   };
   table->Complete(0x2006, 15, accept);  // parameters
   table->Complete(0x2008, 1, accept);   // data
   table->Complete(0x2009, 1, accept);   // scan response data
   table->Complete(0x200A, 1, accept);   // enable
   table->Complete(0x2007, 0, [this](ByteView) {
-    if (!le_.Use(Api::kLegacy)) return Packet{status::kDisallowed};
-    return Packet{status::kSuccess}.U8(kTxPower);
+    if (!le_.Use(Api::kLegacy)) return Writer{status::kDisallowed};
+    return Writer{status::kSuccess}.U8(kTxPower);
   });
 }
 
 void AdvertisingCommands::RegisterExtended(CommandTable* table) {
   const auto known_set = [this](ByteView p) {
-    if (!le_.Use(Api::kExtended)) return Packet{status::kDisallowed};
-    return Packet{sets_.count(p[0]) > 0 ? status::kSuccess : status::kUnknownAdvertisingIdentifier};
+    if (!le_.Use(Api::kExtended)) return Writer{status::kDisallowed};
+    return Writer{sets_.count(p[0]) > 0 ? status::kSuccess : status::kUnknownAdvertisingIdentifier};
   };
   table->Complete(0x2035, 7, known_set);  // random address
   table->Complete(0x2037, 4, known_set);  // data
   table->Complete(0x2038, 4, known_set);  // scan response data
   table->Complete(0x2036, 25, [this](ByteView p) { return SetParameters(p); });
   table->Complete(0x2039, 2, [this](ByteView p) { return Enable(p); });
-  table->Complete(0x203A, 0, [](ByteView) { return Packet{status::kSuccess}.U16(kMaxDataBytes); });
-  table->Complete(0x203B, 0, [](ByteView) { return Packet{status::kSuccess}.U8(kSets); });
+  table->Complete(0x203A, 0, [](ByteView) { return Writer{status::kSuccess}.U16(kMaxDataBytes); });
+  table->Complete(0x203B, 0, [](ByteView) { return Writer{status::kSuccess}.U8(kSets); });
   table->Complete(0x203C, 1, [this](ByteView p) { return Remove(p[0]); });
   table->Complete(0x203D, 0, [this](ByteView) {
     for (const auto& [handle, set] : sets_) {
-      if (set.enabled) return Packet{status::kDisallowed};
+      if (set.enabled) return Writer{status::kDisallowed};
     }
     Reset();
-    return Packet{status::kSuccess};
+    return Writer{status::kSuccess};
   });
 }
 
-Packet AdvertisingCommands::SetParameters(ByteView params) {
+Writer AdvertisingCommands::SetParameters(ByteView params) {
   const uint8_t handle = params[0];
   if (!le_.Use(Api::kExtended)) return {status::kDisallowed};
   if (handle > kLastHandle) return {status::kInvalidParameters};
@@ -69,10 +69,10 @@ Packet AdvertisingCommands::SetParameters(ByteView params) {
   if (found == sets_.end() && sets_.size() == kSets) return {status::kMemoryExceeded};
   if (found != sets_.end() && found->second.enabled) return {status::kDisallowed};
   sets_[handle];
-  return Packet{status::kSuccess}.U8(kTxPower);
+  return Writer{status::kSuccess}.U8(kTxPower);
 }
 
-Packet AdvertisingCommands::Enable(ByteView params) {
+Writer AdvertisingCommands::Enable(ByteView params) {
   const bool enable = params[0] == 1;
   const size_t count = params[1];
   if (!le_.Use(Api::kExtended)) return {status::kDisallowed};
@@ -106,11 +106,11 @@ void AdvertisingCommands::EndAfter(uint8_t handle, EventLoop::Duration duration)
     set.enabled = false;
     set.end = EventLoop::kNoTimer;
     context_.out.LeEvent(
-        Packet{le_event::kAdvertisingSetTerminated, kAdvertisingTimeout, handle}.U16(0).U8(0));
+        Writer{le_event::kAdvertisingSetTerminated, kAdvertisingTimeout, handle}.U16(0).U8(0));
   });
 }
 
-Packet AdvertisingCommands::Remove(uint8_t handle) {
+Writer AdvertisingCommands::Remove(uint8_t handle) {
   const auto found = sets_.find(handle);
   if (found == sets_.end()) return {status::kUnknownAdvertisingIdentifier};
   if (found->second.enabled) return {status::kDisallowed};

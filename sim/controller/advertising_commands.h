@@ -23,9 +23,9 @@ class AdvertisingCommands : public CommandGroup {
 
   void RegisterLegacy(CommandTable* table);
   void RegisterExtended(CommandTable* table);
-  Packet SetParameters(ByteView params);
-  Packet Enable(ByteView params);
-  Packet Remove(uint8_t handle);
+  Writer SetParameters(ByteView params);
+  Writer Enable(ByteView params);
+  Writer Remove(uint8_t handle);
   void EndAfter(uint8_t handle, EventLoop::Duration duration);
 
   LeState& le_;

@@ -1,6 +1,6 @@
 #include "sim/controller/baseband_commands.h"
 
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -65,25 +65,25 @@ void BasebandCommands::Reset() {
 void BasebandCommands::Register(CommandTable* table) {
   table->Complete(0x0C03, 0, [this](ByteView) {
     reset_();
-    return Packet{status::kSuccess};
+    return Writer{status::kSuccess};
   });
   table->Complete(0x0C01, 8, [this](ByteView p) {
     context_.out.SetMask(p.Little(0, 8));
-    return Packet{status::kSuccess};
+    return Writer{status::kSuccess};
   });
   table->Complete(0x0C63, 8, [this](ByteView p) {
     context_.out.SetMask2(p.Little(0, 8));
-    return Packet{status::kSuccess};
+    return Writer{status::kSuccess};
   });
   table->Complete(0x0C13, kNameBytes, [this](ByteView p) {
     host_name_ = p.Sub(0, kNameBytes).Copy();
-    return Packet{status::kSuccess};
+    return Writer{status::kSuccess};
   });
   table->Complete(0x0C14, 0, [this](ByteView) {
-    Packet answer{status::kSuccess};
-    if (!host_name_.empty()) return answer.Raw(host_name_);
+    Writer answer{status::kSuccess};
+    if (!host_name_.empty()) return answer.Append(host_name_);
     const std::string& name = context_.chip.local_name;
-    return answer.Raw(ByteView(name)).Zeros(kNameBytes - name.size());
+    return answer.Append(ByteView(name)).Zeros(kNameBytes - name.size());
   });
   RegisterSettings(table);
   RegisterInquiry(table);
@@ -95,19 +95,19 @@ void BasebandCommands::RegisterSettings(CommandTable* table) {
       Bytes value = p.Sub(0, setting.size).Copy();
       value.resize(setting.size);
       settings_[setting.write] = value;
-      return Packet{status::kSuccess};
+      return Writer{status::kSuccess};
     });
     if (setting.read != 0) {
       table->Complete(setting.read, 0, [=](ByteView) {
-        return Packet{status::kSuccess}.Raw(settings_[setting.write]);
+        return Writer{status::kSuccess}.Append(settings_[setting.write]);
       });
     }
   }
   // Inquiry access codes that it can listen for at a time (Bluetooth Core 5.3, 4.E.7.3.43).
-  table->Complete(0x0C38, 0, [](ByteView) { return Packet{status::kSuccess}.U8(1); });
+  table->Complete(0x0C38, 0, [](ByteView) { return Writer{status::kSuccess}.U8(1); });
   // Stored link keys: there is room for none.
-  table->Complete(0x0C0D, 7, [](ByteView) { return Packet{status::kSuccess}.U16(0).U16(0); });
-  table->Complete(0x0C12, 7, [](ByteView) { return Packet{status::kSuccess}.U16(0); });
+  table->Complete(0x0C0D, 7, [](ByteView) { return Writer{status::kSuccess}.U16(0).U16(0); });
+  table->Complete(0x0C12, 7, [](ByteView) { return Writer{status::kSuccess}.U16(0); });
 }
 
 // Nobody answers an inquiry: the simulated air is Low Energy only.
@@ -117,14 +117,14 @@ void BasebandCommands::RegisterInquiry(CommandTable* table) {
     if (p[3] == 0 || p[3] > 0x30) return status::kInvalidParameters;
     inquiry_ = context_.loop.After(kInquiryUnit * p[3], [this] {
       inquiry_ = EventLoop::kNoTimer;
-      context_.out.Event(event::kInquiryComplete, Packet{status::kSuccess});
+      context_.out.Event(event::kInquiryComplete, Writer{status::kSuccess});
     });
     return status::kSuccess;
   });
   table->Complete(0x0402, 0, [this](ByteView) {
-    if (inquiry_ == EventLoop::kNoTimer) return Packet{status::kDisallowed};
+    if (inquiry_ == EventLoop::kNoTimer) return Writer{status::kDisallowed};
     context_.loop.Cancel(&inquiry_);
-    return Packet{status::kSuccess};
+    return Writer{status::kSuccess};
   });
 }
 

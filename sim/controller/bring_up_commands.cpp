@@ -20,8 +20,8 @@ constexpr uint32_t kSpeeds[] = {115200,  230400,  460800,  921600,  1000000, 150
                                 2500000, 3000000, 3500000, 4000000, 6000000, 6144000};
 
 // Zero is "none of it".
-Packet VendorCapabilities(uint16_t version) {
-  return Packet{status::kSuccess}
+Writer VendorCapabilities(uint16_t version) {
+  return Writer{status::kSuccess}
       .U8(0)   // advertising instances beside the standard's
       .U8(0)   // offloaded resolution of private addresses
       .U16(0)  // bytes of scan results that it stores
@@ -51,7 +51,7 @@ void BringUpCommands::Register(CommandTable* table) {
     Address address;
     std::copy_n(p.begin(), address.size(), address.begin());
     context_.chip.provisioned = address;
-    return Packet{status::kSuccess};
+    return Writer{status::kSuccess};
   });
   table->Complete(kVendorCapabilitiesOpcode, 0,
                   [this](ByteView) { return VendorCapabilities(context_.chip.vendor_version); });
@@ -65,16 +65,16 @@ bool BringUpCommands::Takes(uint16_t opcode) const {
          opcode == kLaunchRamOpcode;
 }
 
-Packet BringUpCommands::VerboseConfig() const {
+Writer BringUpCommands::VerboseConfig() const {
   // Chip id, then target, build base and build number.
-  return Packet{status::kSuccess}
+  return Writer{status::kSuccess}
       .U8(context_.chip.preset->id)
       .U8(1)
       .U8(0)
       .U16(context_.chip.patched ? 1 : 0);
 }
 
-Packet BringUpCommands::UpdateBaudRate(ByteView params) {
+Writer BringUpCommands::UpdateBaudRate(ByteView params) {
   const uint32_t speed = params.U32(2);
   if (params.U16(0) != 0 ||
       std::find(std::begin(kSpeeds), std::end(kSpeeds), speed) == std::end(kSpeeds)) {
@@ -84,18 +84,18 @@ Packet BringUpCommands::UpdateBaudRate(ByteView params) {
   return {status::kSuccess};
 }
 
-Packet BringUpCommands::DownloadMinidriver() {
+Writer BringUpCommands::DownloadMinidriver() {
   download_ = std::make_unique<Download>(context_.chip.preset->id);
   return {status::kSuccess};
 }
 
-Packet BringUpCommands::SetDownloadConfig(ByteView params) {
+Writer BringUpCommands::SetDownloadConfig(ByteView params) {
   if (params[0] != 0 || params[1] > 1) return {status::kInvalidParameters};
   fast_ = params[1] == 1;
   return {status::kSuccess};
 }
 
-Packet BringUpCommands::WriteRam(ByteView params) {
+Writer BringUpCommands::WriteRam(ByteView params) {
   if (!download_) return {status::kDisallowed};
   const bool was_sound = download_->fault().empty();
   const uint8_t result = download_->Write(params);
@@ -106,7 +106,7 @@ Packet BringUpCommands::WriteRam(ByteView params) {
   return {result};
 }
 
-Packet BringUpCommands::LaunchRam(ByteView params) {
+Writer BringUpCommands::LaunchRam(ByteView params) {
   if (!download_) return {status::kDisallowed};
   const uint8_t result = download_->Launch(params);
   if (result != status::kSuccess) {
@@ -117,7 +117,7 @@ Packet BringUpCommands::LaunchRam(ByteView params) {
   return {result};
 }
 
-Packet BringUpCommands::SetSleepMode(ByteView params) {
+Writer BringUpCommands::SetSleepMode(ByteView params) {
   if (params.size() != 12 || params[0] > 1) return {status::kInvalidParameters};
   context_.chip.sleep_mode = params[0] == 1;
   return {status::kSuccess};

@@ -18,13 +18,13 @@ class BringUpCommands : public CommandGroup {
   bool Takes(uint16_t opcode) const;
 
  private:
-  Packet DownloadMinidriver();
-  Packet SetDownloadConfig(ByteView params);
-  Packet WriteRam(ByteView params);
-  Packet LaunchRam(ByteView params);
-  Packet UpdateBaudRate(ByteView params);
-  Packet SetSleepMode(ByteView params);
-  Packet VerboseConfig() const;
+  Writer DownloadMinidriver();
+  Writer SetDownloadConfig(ByteView params);
+  Writer WriteRam(ByteView params);
+  Writer LaunchRam(ByteView params);
+  Writer UpdateBaudRate(ByteView params);
+  Writer SetSleepMode(ByteView params);
+  Writer VerboseConfig() const;
 
   bool fast_ = false;
   std::unique_ptr<Download> download_;

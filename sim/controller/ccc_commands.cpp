@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -32,7 +32,7 @@ void CccCommands::Reset() {
   toggles_ = 0;
 }
 
-Packet CccCommands::Run(ByteView params) {
+Writer CccCommands::Run(ByteView params) {
   if (params[0] == kRemoveAll && params.size() == 1) {
     registered_.clear();
     return {status::kSuccess};
@@ -49,7 +49,7 @@ Packet CccCommands::Run(ByteView params) {
   return {status::kInvalidParameters};
 }
 
-Packet CccCommands::Add(const Address& address, ByteView events) {
+Writer CccCommands::Add(const Address& address, ByteView events) {
   for (const uint8_t event : events) {
     if (event != kConnectInd && event != kPhyUpdateInd) return {status::kInvalidParameters};
   }
@@ -75,8 +75,8 @@ void CccCommands::OnLinkLayer(const Address& address, uint8_t id, Direction dire
   if (found == registered_.end() || found->second.count(id) == 0) return;
   const EventLoop::Time toggled = ToggleOnce();
   const auto offset = static_cast<unsigned>(context_.random() % kMostOffset);
-  context_.out.Event(event::kVendor, Packet{vendor_event::kLinkLayer}
-                                         .Raw({address.data(), address.size()})
+  context_.out.Event(event::kVendor, Writer{vendor_event::kLinkLayer}
+                                         .Append({address.data(), address.size()})
                                          .U8(0)
                                          .U8(direction)
                                          .U64(Microseconds(toggled) - Microseconds(start_) - offset)

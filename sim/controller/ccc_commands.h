@@ -32,8 +32,8 @@ class CccCommands : public CommandGroup {
   const std::map<Address, std::set<uint8_t>>& registered() const { return registered_; }
 
  private:
-  Packet Run(ByteView params);
-  Packet Add(const Address& address, ByteView events);
+  Writer Run(ByteView params);
+  Writer Add(const Address& address, ByteView events);
   EventLoop::Time ToggleOnce();
 
   std::map<Address, std::set<uint8_t>> registered_;

@@ -6,9 +6,17 @@
 #include <string>
 #include <vector>
 
+#include "sim/wire.h"
+
 namespace zvk {
 
 using Address = std::array<uint8_t, 6>;  // as on the wire, least significant byte first
+
+inline Address AddressAt(ByteView params, size_t offset) {
+  Address address{};
+  for (size_t i = 0; i < address.size(); ++i) address[i] = params[offset + i];
+  return address;
+}
 
 // A kind of controller that can be simulated.
 struct ChipPreset {

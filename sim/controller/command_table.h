@@ -4,7 +4,7 @@
 #include <functional>
 #include <map>
 
-#include "sim/base/bytes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 
@@ -13,7 +13,7 @@ namespace zvk {
 class CommandTable {
  public:
   // Returns the return parameters of Command Complete, status first. Empty: no answer is sent.
-  using RunComplete = std::function<Packet(ByteView params)>;
+  using RunComplete = std::function<Writer(ByteView params)>;
   // Returns the status of Command Status; what the command leads to comes later, by a timer.
   using RunStatus = std::function<uint8_t(ByteView params)>;
 

@@ -3,8 +3,9 @@
 #include <algorithm>
 
 #include "sim/base/log.h"
-#include "sim/controller/event_codes.h"
+#include "sim/controller/buffers.h"
 #include "sim/controller/info_commands.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -17,14 +18,7 @@ constexpr auto kAirTime = std::chrono::milliseconds(5);  // until a peer has ans
 constexpr size_t kConnectBytes = 34;                     // CONNECT_IND
 constexpr auto kIntervalUnit = std::chrono::microseconds(1250);
 constexpr uint64_t kPeerFeatures = 0x01 | 0x20;  // encryption, data length
-constexpr uint16_t kMaxOctets = 251;
 constexpr uint8_t kPhy1M = 1;
-
-Address AddressAt(ByteView params, size_t offset) {
-  Address address{};
-  for (size_t i = 0; i < address.size(); ++i) address[i] = params[offset + i];
-  return address;
-}
 
 // Airtime of a packet at 1 Mbit/s, µs.
 constexpr unsigned TimeOf(unsigned octets) { return (octets + 14) * 8; }
@@ -89,7 +83,7 @@ const Advertiser* ConnectionCommands::FindWanted() const {
   return nullptr;
 }
 
-Packet ConnectionCommands::CancelCreate() {
+Writer ConnectionCommands::CancelCreate() {
   if (!wanted_) return {status::kDisallowed};
   context_.loop.Cancel(&making_);
   context_.then([this] { ReportConnection(status::kUnknownConnection, 0, nullptr); });
@@ -110,18 +104,18 @@ void ConnectionCommands::Establish(const Advertiser& advertiser) {
   context_.activity.Transmit(kConnectBytes);
   ccc_.OnLinkLayer(advertiser.address, CccCommands::kConnectInd, CccCommands::kTx, 0);
   ReportConnection(status::kSuccess, handle, &advertiser);
-  context_.out.LeEvent(Packet{le_event::kChannelSelection}.U16(handle).U8(1));
+  context_.out.LeEvent(Writer{le_event::kChannelSelection}.U16(handle).U8(1));
 }
 
 void ConnectionCommands::ReportConnection(uint8_t status, uint16_t handle,
                                           const Advertiser* advertiser) {
   constexpr uint8_t kCentral = 0;
   const bool enhanced = context_.out.LeEventEnabled(le_event::kEnhancedConnectionComplete);
-  Packet report{enhanced ? le_event::kEnhancedConnectionComplete : le_event::kConnectionComplete};
+  Writer report{enhanced ? le_event::kEnhancedConnectionComplete : le_event::kConnectionComplete};
   report.U8(status).U16(handle).U8(kCentral);
   if (advertiser != nullptr) {
     report.U8(advertiser->address_type)
-        .Raw({advertiser->address.data(), advertiser->address.size()});
+        .Append({advertiser->address.data(), advertiser->address.size()});
   } else {
     report.Zeros(7);
   }
@@ -137,7 +131,7 @@ uint8_t ConnectionCommands::Disconnect(uint16_t handle) {
     connections_.erase(handle);
     flow_.Forget(handle);
     context_.out.Event(event::kDisconnectionComplete,
-                       Packet{status::kSuccess}.U16(handle).U8(status::kTerminatedByHost));
+                       Writer{status::kSuccess}.U16(handle).U8(status::kTerminatedByHost));
   });
 }
 
@@ -166,31 +160,31 @@ void ConnectionCommands::RegisterProcedures(CommandTable* table) {
     const uint16_t handle = p.U16(0);
     return Later(handle, [this, handle] {
       context_.out.Event(event::kRemoteVersion,
-                         Packet{status::kSuccess}.U16(handle).U8(kCore53).U16(kNoCompany).U16(1));
+                         Writer{status::kSuccess}.U16(handle).U8(kCore53).U16(kNoCompany).U16(1));
     });
   });
   table->Status(0x2016, 2, [this](ByteView p) {  // remote features
     const uint16_t handle = p.U16(0);
     return Later(handle, [this, handle] {
       context_.out.LeEvent(
-          Packet{le_event::kRemoteFeatures, status::kSuccess}.U16(handle).U64(kPeerFeatures));
+          Writer{le_event::kRemoteFeatures, status::kSuccess}.U16(handle).U64(kPeerFeatures));
     });
   });
   table->Status(0x2013, 14, [this](ByteView p) {  // connection update
     const uint16_t handle = p.U16(0);
-    const Packet parameters = Packet().U16(p.U16(4)).U16(p.U16(6)).U16(p.U16(8));
+    const Writer parameters = Writer().U16(p.U16(4)).U16(p.U16(6)).U16(p.U16(8));
     const uint16_t interval = p.U16(4);
     return Later(handle, [this, handle, interval, parameters] {
       Find(handle)->interval = interval;
       context_.out.LeEvent(
-          Packet{le_event::kConnectionUpdate, status::kSuccess}.U16(handle).Raw(parameters));
+          Writer{le_event::kConnectionUpdate, status::kSuccess}.U16(handle).Append(parameters));
     });
   });
   table->Status(0x2019, 28, [this](ByteView p) {  // encryption: the peers keep no keys
     const uint16_t handle = p.U16(0);
     return Later(handle, [this, handle] {
       context_.out.Event(event::kEncryptionChange,
-                         Packet{status::kPinOrKeyMissing}.U16(handle).U8(0));
+                         Writer{status::kPinOrKeyMissing}.U16(handle).U8(0));
     });
   });
   table->Status(0x2032, 7, [this](ByteView p) {  // PHY: the peers know 1M only
@@ -200,48 +194,48 @@ void ConnectionCommands::RegisterProcedures(CommandTable* table) {
       ccc_.OnLinkLayer(connection.advertiser->address, CccCommands::kPhyUpdateInd, CccCommands::kTx,
                        connection.EventCounter());
       context_.out.LeEvent(
-          Packet{le_event::kPhyUpdate, status::kSuccess}.U16(handle).U8(kPhy1M).U8(kPhy1M));
+          Writer{le_event::kPhyUpdate, status::kSuccess}.U16(handle).U8(kPhy1M).U8(kPhy1M));
     });
   });
 }
 
 void ConnectionCommands::ForConnection(
     CommandTable* table, uint16_t opcode, size_t min_params,
-    std::function<Packet(uint16_t handle, ByteView params)> answer) {
+    std::function<Writer(uint16_t handle, ByteView params)> answer) {
   table->Complete(opcode, min_params, [this, answer = std::move(answer)](ByteView p) {
     const uint16_t handle = p.U16(0);
-    if (Find(handle) == nullptr) return Packet{status::kUnknownConnection}.U16(handle);
-    return Packet{status::kSuccess}.U16(handle).Raw(answer(handle, p));
+    if (Find(handle) == nullptr) return Writer{status::kUnknownConnection}.U16(handle);
+    return Writer{status::kSuccess}.U16(handle).Append(answer(handle, p));
   });
 }
 
 void ConnectionCommands::RegisterParameters(CommandTable* table) {
   ForConnection(table, 0x2022, 6, [this](uint16_t handle, ByteView p) {  // data length
-    const uint16_t octets = std::clamp<uint16_t>(p.U16(2), 27, kMaxOctets);
+    const uint16_t octets = std::clamp<uint16_t>(p.U16(2), 27, kLeAclBytes);
     Find(handle)->tx_octets = octets;
     context_.then([this, handle, octets] {
-      context_.out.LeEvent(Packet{le_event::kDataLengthChange}
+      context_.out.LeEvent(Writer{le_event::kDataLengthChange}
                                .U16(handle)
                                .U16(octets)
                                .U16(TimeOf(octets))
                                .U16(octets)
                                .U16(TimeOf(octets)));
     });
-    return Packet();
+    return Writer();
   });
   ForConnection(table, 0x2030, 2,
-                [](uint16_t, ByteView) { return Packet().U8(kPhy1M).U8(kPhy1M); });
+                [](uint16_t, ByteView) { return Writer().U8(kPhy1M).U8(kPhy1M); });
   ForConnection(table, 0x2015, 2, [](uint16_t, ByteView) {  // channel map: all 37
-    return Packet().U32(0xFFFFFFFF).U8(0x1F);
+    return Writer().U32(0xFFFFFFFF).U8(0x1F);
   });
   ForConnection(table, 0x1405, 2, [this](uint16_t handle, ByteView) {  // RSSI
-    return Packet().U8(static_cast<uint8_t>(Find(handle)->advertiser->rssi));
+    return Writer().U8(static_cast<uint8_t>(Find(handle)->advertiser->rssi));
   });
-  ForConnection(table, 0x0C2D, 3, [](uint16_t, ByteView) { return Packet().U8(0); });  // power
+  ForConnection(table, 0x0C2D, 3, [](uint16_t, ByteView) { return Writer().U8(0); });  // power
   // Answers to requests that no peer makes.
   constexpr uint16_t kNeverAsked[] = {0x201A, 0x201B, 0x2020, 0x2021};
   for (const uint16_t opcode : kNeverAsked) {
-    ForConnection(table, opcode, 2, [](uint16_t, ByteView) { return Packet(); });
+    ForConnection(table, opcode, 2, [](uint16_t, ByteView) { return Writer(); });
   }
 }
 
@@ -249,10 +243,10 @@ void ConnectionCommands::SendToHost(uint16_t handle, bool first, ByteView fragme
   constexpr unsigned kFirst = 0x2000;  // packet boundary flags
   constexpr unsigned kContinuing = 0x1000;
   context_.activity.Receive(fragment.size());
-  flow_.SendAcl(Packet()
+  flow_.SendAcl(Writer()
                     .U16(handle | (first ? kFirst : kContinuing))
                     .U16(static_cast<unsigned>(fragment.size()))
-                    .Raw(fragment));
+                    .Append(fragment));
 }
 
 void ConnectionCommands::OnAcl(ByteView packet) {

@@ -48,7 +48,7 @@ class ConnectionCommands : public CommandGroup {
   void RegisterProcedures(CommandTable* table);
   uint8_t Create(LeState::Api api, const Wanted& wanted);
   const Advertiser* FindWanted() const;
-  Packet CancelCreate();
+  Writer CancelCreate();
   void Establish(const Advertiser& advertiser);
   void ReportConnection(uint8_t status, uint16_t handle, const Advertiser* advertiser);
   uint8_t Disconnect(uint16_t handle);
@@ -58,7 +58,7 @@ class ConnectionCommands : public CommandGroup {
   uint8_t Later(uint16_t handle, std::function<void()> report);
   // Command Complete with status, handle and what answer gives.
   void ForConnection(CommandTable* table, uint16_t opcode, size_t min_params,
-                     std::function<Packet(uint16_t handle, ByteView params)> answer);
+                     std::function<Writer(uint16_t handle, ByteView params)> answer);
 
   LeState& le_;
   DataFlow& flow_;

@@ -5,10 +5,10 @@
 #include "sim/controller/advertising_commands.h"
 #include "sim/controller/baseband_commands.h"
 #include "sim/controller/data_flow_commands.h"
-#include "sim/controller/event_codes.h"
 #include "sim/controller/info_commands.h"
 #include "sim/controller/le_commands.h"
 #include "sim/controller/scan_commands.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -91,21 +91,22 @@ bool Controller::NeedsPatch(uint16_t opcode) const {
 void Controller::Run(uint16_t opcode, ByteView params, bool answer_given) {
   const CommandTable::Entry* entry = table_.Find(opcode);
   if (loopback_->Takes(opcode)) {
-    loopback_->OnCommand(Packet().U16(opcode).U8(static_cast<unsigned>(params.size())).Raw(params));
+    loopback_->OnCommand(
+        Writer().U16(opcode).U8(static_cast<unsigned>(params.size())).Append(params));
   } else if (!bring_up_->Takes(opcode)) {
     Log("command 0x%04X in the middle of a firmware download", opcode);
-    out_.Complete(opcode, Packet{status::kDisallowed});
+    out_.Complete(opcode, Writer{status::kDisallowed});
   } else if (board_.radio && Group(opcode) != kVendorGroup && !NeedsPatch(opcode)) {
     board_.radio(PacketType::kCommand,
-                 Packet().U16(opcode).U8(static_cast<unsigned>(params.size())).Raw(params));
+                 Writer().U16(opcode).U8(static_cast<unsigned>(params.size())).Append(params));
   } else if (!Known(opcode)) {
     if (Group(opcode) == kVendorGroup || answer_given) {
-      out_.Complete(opcode, Packet{status::kUnknownCommand});
+      out_.Complete(opcode, Writer{status::kUnknownCommand});
     } else {
       out_.Status(opcode, status::kUnknownCommand);
     }
   } else if (entry->complete) {
-    const Packet answer = params.size() < entry->min_params ? Packet{status::kInvalidParameters}
+    const Writer answer = params.size() < entry->min_params ? Writer{status::kInvalidParameters}
                                                             : entry->complete(params);
     if (!answer.bytes().empty()) out_.Complete(opcode, answer);
   } else {
@@ -123,7 +124,7 @@ void Controller::OnCommand(ByteView packet, const AnswerChange& change) {
     if (entry != nullptr && entry->status) {
       out_.Status(opcode, *change.status);
     } else {
-      out_.Complete(opcode, Packet{*change.status});
+      out_.Complete(opcode, Writer{*change.status});
     }
   } else {
     Run(opcode, packet.From(3), change.parameters.has_value());
@@ -136,7 +137,7 @@ void Controller::OnCommand(ByteView packet, const AnswerChange& change) {
 
 void Controller::OnLostSync(uint8_t bad) {
   Log("no packet type: 0x%02X; waiting for HCI Reset", bad);
-  out_.Event(event::kHardwareError, Packet{kSyncLost});
+  out_.Event(event::kHardwareError, Writer{kSyncLost});
 }
 
 }  // namespace zvk

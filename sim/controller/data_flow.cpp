@@ -2,7 +2,7 @@
 
 #include "sim/base/log.h"
 #include "sim/controller/buffers.h"
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -28,7 +28,7 @@ bool DataFlow::Take(Buffer buffer, uint16_t handle) {
   constexpr uint8_t kIsoLink = 0x02;
   if (used_[buffer] >= Room(buffer)) {
     Log("the host sent more packets than there are buffers");
-    out_.Event(event::kDataBufferOverflow, Packet{buffer == Buffer::kIso ? kIsoLink : kAclLink});
+    out_.Event(event::kDataBufferOverflow, Writer{buffer == Buffer::kIso ? kIsoLink : kAclLink});
     return false;
   }
   ++used_[buffer];
@@ -38,7 +38,7 @@ bool DataFlow::Take(Buffer buffer, uint16_t handle) {
 
 void DataFlow::Complete() {
   if (completed_.empty()) return;
-  Packet params;
+  Writer params;
   params.U8(static_cast<unsigned>(completed_.size()));
   for (const auto& [handle, count] : completed_) params.U16(handle).U16(count);
   completed_.clear();

@@ -4,8 +4,8 @@
 #include <deque>
 #include <map>
 
-#include "sim/base/bytes.h"
 #include "sim/controller/hci_out.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

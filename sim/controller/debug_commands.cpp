@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -41,14 +41,14 @@ void InFragments(size_t bytes, size_t room, Send send) {
 void DebugCommands::Register(CommandTable* table) {
   table->Complete(kDebugDumpOpcode, 0, [this](ByteView) {
     context_.then([this] { DebugInfo(kAnsweredDumpBytes); });
-    return Packet{status::kSuccess};
+    return Writer{status::kSuccess};
   });
 }
 
 void DebugCommands::Crash(uint8_t error, uint8_t vendor_error) {
   context_.out.Event(
       event::kVendor,
-      Packet{vendor_event::kQualityReport, quality_report::kRootInflammation, error, vendor_error});
+      Writer{vendor_event::kQualityReport, quality_report::kRootInflammation, error, vendor_error});
 }
 
 void DebugCommands::DebugInfo(size_t bytes) {
@@ -56,11 +56,11 @@ void DebugCommands::DebugInfo(size_t bytes) {
   constexpr size_t kHead = 7;
   size_t offset = 0;
   InFragments(bytes, kEventParams - kHead, [&](unsigned number, bool last, const Bytes& content) {
-    context_.out.Event(event::kVendor, Packet{vendor_event::kDebugInfo, kMemoryDump}
+    context_.out.Event(event::kVendor, Writer{vendor_event::kDebugInfo, kMemoryDump}
                                            .U8(number & 0xFF)
                                            .U8(last ? 1 : 0)
                                            .U24(static_cast<unsigned>(offset))
-                                           .Raw(content));
+                                           .Append(content));
     offset += content.size();
   });
 }
@@ -73,9 +73,10 @@ void DebugCommands::NumberedDump(uint8_t report, size_t bytes) {
   constexpr size_t kHead = 4;  // sub-event, report, number
   InFragments(bytes, kEventParams - kHead, [&](unsigned number, bool last, const Bytes& content) {
     const unsigned shown = last ? kLastNumber : number;
-    context_.out.Event(
-        event::kVendor,
-        Packet{vendor_event::kQualityReport, report}.U8(shown >> 8).U8(shown & 0xFF).Raw(content));
+    context_.out.Event(event::kVendor, Writer{vendor_event::kQualityReport, report}
+                                           .U8(shown >> 8)
+                                           .U8(shown & 0xFF)
+                                           .Append(content));
   });
 }
 

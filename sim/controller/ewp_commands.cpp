@@ -22,7 +22,7 @@ void EwpCommands::Reset() {
   interval_ = 0;
 }
 
-Packet EwpCommands::Switch(ByteView params) {
+Writer EwpCommands::Switch(ByteView params) {
   const bool on = params[1] == 1;
   const uint16_t interval = params.U16(4);
   if (params.size() != 6 || params[0] != kSwitch || params[1] > 1 || params[2] != kAllSources ||
@@ -45,13 +45,13 @@ void EwpCommands::Next() {
 void EwpCommands::Record(PacketType type, size_t bytes) {
   const auto uptime =
       std::chrono::duration_cast<std::chrono::milliseconds>(EventLoop::Clock::now() - start_);
-  Packet record;
+  Writer record;
   record.U32(records_++).U32(static_cast<uint32_t>(uptime.count()));
   for (unsigned i = 0; record.bytes().size() < bytes; ++i) record.U8(i & 0xFF);
-  context_.out.Data(type, Packet()
+  context_.out.Data(type, Writer()
                               .U16(type == PacketType::kIso ? kEwpIsoHandle : kEwpAclHandle)
                               .U16(static_cast<unsigned>(bytes))
-                              .Raw(ByteView(record).Sub(0, bytes)));
+                              .Append(ByteView(record).Sub(0, bytes)));
 }
 
 }  // namespace zvk

@@ -20,7 +20,7 @@ class EwpCommands : public CommandGroup {
   void Record(PacketType type, size_t bytes);
 
  private:
-  Packet Switch(ByteView params);
+  Writer Switch(ByteView params);
   void Next();
 
   uint16_t interval_ = 0;

@@ -1,6 +1,6 @@
 #include "sim/controller/hci_out.h"
 
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -16,17 +16,17 @@ void HciOut::ResetMasks() {
 }
 
 void HciOut::SendEvent(uint8_t code, ByteView params) {
-  sink_(PacketType::kEvent, Packet{code}.U8(static_cast<unsigned>(params.size())).Raw(params));
+  sink_(PacketType::kEvent, Writer{code}.U8(static_cast<unsigned>(params.size())).Append(params));
 }
 
-void HciOut::Answer(uint8_t code, const Packet& params) {
+void HciOut::Answer(uint8_t code, const Writer& params) {
   const AnswerChange change = change_.value_or(AnswerChange{});
   change_.reset();
   if (change.lost) return;
   for (int i = 0; i < (change.twice ? 2 : 1); ++i) {
     if (change.truncated) {
-      const Packet whole =
-          Packet{code}.U8(static_cast<unsigned>(params.bytes().size())).Raw(params);
+      const Writer whole =
+          Writer{code}.U8(static_cast<unsigned>(params.bytes().size())).Append(params);
       sink_(PacketType::kEvent, ByteView(whole).Sub(0, whole.bytes().size() - 1));
     } else {
       SendEvent(code, params);
@@ -42,22 +42,22 @@ void HciOut::Complete(uint16_t opcode, ByteView return_parameters) {
   }
   Bytes parameters = change.parameters.value_or(return_parameters.Copy());
   if (change.status && !parameters.empty()) parameters[0] = *change.status;
-  Answer(event::kCommandComplete, Packet()
+  Answer(event::kCommandComplete, Writer()
                                       .U8(change.credits.value_or(kCredits))
                                       .U16(change.opcode.value_or(opcode))
-                                      .Raw(parameters));
+                                      .Append(parameters));
 }
 
 void HciOut::Status(uint16_t opcode, uint8_t status) {
   const AnswerChange change = change_.value_or(AnswerChange{});
-  Answer(event::kCommandStatus, Packet()
+  Answer(event::kCommandStatus, Writer()
                                     .U8(change.status.value_or(status))
                                     .U8(change.credits.value_or(kCredits))
                                     .U16(change.opcode.value_or(opcode)));
 }
 
 void HciOut::GrantCredits(uint8_t credits) {
-  SendEvent(event::kCommandComplete, Packet().U8(credits).U16(0));
+  SendEvent(event::kCommandComplete, Writer().U8(credits).U16(0));
 }
 
 void HciOut::Event(uint8_t code, ByteView params) {

@@ -3,9 +3,7 @@
 #include <functional>
 #include <optional>
 
-#include "sim/base/bytes.h"
-#include "sim/controller/packet_type.h"
-#include "sim/controller/status_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 
@@ -52,7 +50,7 @@ class HciOut {
   void ResetMasks();
 
  private:
-  void Answer(uint8_t code, const Packet& params);
+  void Answer(uint8_t code, const Writer& params);
   void SendEvent(uint8_t code, ByteView params);
 
   static constexpr uint64_t kDefaultMask = 0x00001FFFFFFFFFFF;

@@ -20,7 +20,7 @@ constexpr uint8_t kOverSco = 0x02;  // bit 1 of a codec's transports: BR/EDR SCO
 void InfoCommands::Register(CommandTable* table) {
   table->Complete(0x1001, 0, [this](ByteView) {
     const uint16_t revision = context_.chip.patched ? 1 : 0;
-    return Packet{status::kSuccess}
+    return Writer{status::kSuccess}
         .U8(kCore53)
         .U16(revision)
         .U8(kCore53)
@@ -28,29 +28,29 @@ void InfoCommands::Register(CommandTable* table) {
         .U16(revision);
   });
   table->Complete(0x1002, 0, [table](ByteView) {
-    return Packet{status::kSuccess}.Raw(SupportedCommands(*table));
+    return Writer{status::kSuccess}.Append(SupportedCommands(*table));
   });
   table->Complete(0x1003, 0, [](ByteView) {
-    return Packet{status::kSuccess}.Raw({kFeatures, sizeof(kFeatures)});
+    return Writer{status::kSuccess}.Append({kFeatures, sizeof(kFeatures)});
   });
   table->Complete(0x1004, 1, [](ByteView p) {
-    if (p[0] > kMaxFeaturePage) return Packet{status::kInvalidParameters};
-    Packet answer = Packet{status::kSuccess}.U8(p[0]).U8(kMaxFeaturePage);
-    if (p[0] == 0) return answer.Raw({kFeatures, sizeof(kFeatures)});
+    if (p[0] > kMaxFeaturePage) return Writer{status::kInvalidParameters};
+    Writer answer = Writer{status::kSuccess}.U8(p[0]).U8(kMaxFeaturePage);
+    if (p[0] == 0) return answer.Append({kFeatures, sizeof(kFeatures)});
     return answer.Zeros(sizeof(kFeatures));
   });
   table->Complete(0x1005, 0, [](ByteView) {
-    return Packet{status::kSuccess}.U16(kAclBytes).U8(kScoBytes).U16(kAclBuffers).U16(kScoBuffers);
+    return Writer{status::kSuccess}.U16(kAclBytes).U8(kScoBytes).U16(kAclBuffers).U16(kScoBuffers);
   });
   table->Complete(0x1009, 0, [this](ByteView) {
     const Address address = context_.chip.provisioned.value_or(context_.chip.address);
-    return Packet{status::kSuccess}.Raw({address.data(), address.size()});
+    return Writer{status::kSuccess}.Append({address.data(), address.size()});
   });
   // No vendor's codecs (Bluetooth Core 5.3, 4.E.7.4.8). Version 2 tells the transports besides.
   table->Complete(
-      0x100B, 0, [](ByteView) { return Packet{status::kSuccess}.U8(2).U8(kCvsd).U8(kMsbc).U8(0); });
+      0x100B, 0, [](ByteView) { return Writer{status::kSuccess}.U8(2).U8(kCvsd).U8(kMsbc).U8(0); });
   table->Complete(0x100D, 0, [](ByteView) {
-    return Packet{status::kSuccess}.U8(2).U8(kCvsd).U8(kOverSco).U8(kMsbc).U8(kOverSco).U8(0);
+    return Writer{status::kSuccess}.U8(2).U8(kCvsd).U8(kOverSco).U8(kMsbc).U8(kOverSco).U8(0);
   });
 }
 

@@ -14,16 +14,9 @@ constexpr uint64_t kLeFeatures = 0x1 | 0x4 | 0x8 | 0x20 | 0x40 | 0x100 | 0x1000 
 constexpr uint64_t kStates = 0x000003FFFFFFFFFF;
 constexpr uint8_t kAcceptListSize = 16;
 constexpr uint8_t kResolvingListSize = 8;
-constexpr uint16_t kMaxOctets = 251;
 constexpr uint16_t kMaxTime = 2120;  // µs
 
-Packet Success() { return {status::kSuccess}; }
-
-Address AddressAt(ByteView params, size_t offset) {
-  Address address{};
-  for (size_t i = 0; i < address.size(); ++i) address[i] = params[offset + i];
-  return address;
-}
+Writer Success() { return {status::kSuccess}; }
 
 }  // namespace
 
@@ -48,7 +41,7 @@ void LeCommands::RegisterInformation(CommandTable* table) {
   table->Complete(0x2003, 0, [](ByteView) { return Success().U64(kLeFeatures); });
   table->Complete(0x201C, 0, [](ByteView) { return Success().U64(kStates); });
   table->Complete(0x202F, 0, [](ByteView) {
-    return Success().U16(kMaxOctets).U16(kMaxTime).U16(kMaxOctets).U16(kMaxTime);
+    return Success().U16(kLeAclBytes).U16(kMaxTime).U16(kLeAclBytes).U16(kMaxTime);
   });
   table->Complete(0x204A, 0, [](ByteView) { return Success().U8(0); });           // periodic list
   table->Complete(0x204B, 0, [](ByteView) { return Success().U8(0xEC).U8(8); });  // -20 … 8 dBm
@@ -65,7 +58,7 @@ void LeCommands::RegisterInformation(CommandTable* table) {
     std::reverse_copy(p.begin() + 16, p.begin() + 32, text.begin());
     AesBlock result = AesEncrypt(key, text);
     std::reverse(result.begin(), result.end());
-    return Success().Raw({result.data(), result.size()});
+    return Success().Append({result.data(), result.size()});
   });
 }
 
@@ -76,7 +69,7 @@ void LeCommands::RegisterLists(CommandTable* table) {
     return Success();
   });
   table->Complete(0x2011, 7, [this](ByteView p) {
-    if (le_.accept_list.size() >= kAcceptListSize) return Packet{status::kMemoryExceeded};
+    if (le_.accept_list.size() >= kAcceptListSize) return Writer{status::kMemoryExceeded};
     le_.accept_list.insert({p[0], AddressAt(p, 1)});
     return Success();
   });
@@ -90,17 +83,17 @@ void LeCommands::RegisterLists(CommandTable* table) {
     return Success();
   });
   table->Complete(0x2027, 39, [this](ByteView p) {
-    if (resolving_list_.size() >= kResolvingListSize) return Packet{status::kMemoryExceeded};
+    if (resolving_list_.size() >= kResolvingListSize) return Writer{status::kMemoryExceeded};
     resolving_list_.insert({p[0], AddressAt(p, 1)});
     return Success();
   });
   table->Complete(0x2028, 7, [this](ByteView p) {
     const bool known = resolving_list_.erase({p[0], AddressAt(p, 1)}) > 0;
-    return Packet{known ? status::kSuccess : status::kUnknownConnection};
+    return Writer{known ? status::kSuccess : status::kUnknownConnection};
   });
   table->Complete(0x204E, 8, [this](ByteView p) {  // privacy mode
     const bool known = resolving_list_.count({p[0], AddressAt(p, 1)}) > 0;
-    return Packet{known ? status::kSuccess : status::kUnknownConnection};
+    return Writer{known ? status::kSuccess : status::kUnknownConnection};
   });
 }
 
@@ -129,7 +122,7 @@ void LeCommands::RegisterSettings(CommandTable* table) {
     return Success().U16(suggested_octets_).U16(suggested_time_);
   });
   table->Complete(0x2024, 4, [this](ByteView p) {
-    if (p.U16(0) < 27 || p.U16(0) > kMaxOctets) return Packet{status::kInvalidParameters};
+    if (p.U16(0) < 27 || p.U16(0) > kLeAclBytes) return Writer{status::kInvalidParameters};
     suggested_octets_ = p.U16(0);
     suggested_time_ = p.U16(2);
     return Success();

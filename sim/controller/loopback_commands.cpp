@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "sim/base/log.h"
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -22,11 +22,11 @@ constexpr uint16_t kExecuted[] = {0x0C03, 0x0C31, 0x0C33, 0x0C35, 0x1005, kReadM
 
 void LoopbackCommands::Register(CommandTable* table) {
   table->Complete(kReadMode, 0,
-                  [this](ByteView) { return Packet{status::kSuccess}.U8(local_ ? 1 : 0); });
+                  [this](ByteView) { return Writer{status::kSuccess}.U8(local_ ? 1 : 0); });
   table->Complete(kWriteMode, 1, [this](ByteView p) { return WriteMode(p); });
 }
 
-Packet LoopbackCommands::WriteMode(ByteView params) {
+Writer LoopbackCommands::WriteMode(ByteView params) {
   if (params[0] > 1) return {status::kInvalidParameters};  // no remote loopback
   const bool on = params[0] == 1;
   if (on == local_) return {status::kSuccess};
@@ -35,15 +35,15 @@ Packet LoopbackCommands::WriteMode(ByteView params) {
   for (const uint16_t handle : {kAclHandle, kScoHandle}) {
     if (on) {
       context_.out.Event(event::kConnectionComplete,
-                         Packet{status::kSuccess}
+                         Writer{status::kSuccess}
                              .U16(handle)
-                             .Raw({address.data(), address.size()})
+                             .Append({address.data(), address.size()})
                              .U8(handle == kAclHandle ? 1 : 0)  // link type
                              .U8(0));                           // not encrypted
     } else {
       flow_.Forget(handle);
       context_.out.Event(event::kDisconnectionComplete,
-                         Packet{status::kSuccess}.U16(handle).U8(status::kTerminatedByHost));
+                         Writer{status::kSuccess}.U16(handle).U8(status::kTerminatedByHost));
     }
   }
   return {status::kSuccess};

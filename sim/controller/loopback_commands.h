@@ -21,7 +21,7 @@ class LoopbackCommands : public CommandGroup {
   void OnData(PacketType type, ByteView packet);
 
  private:
-  Packet WriteMode(ByteView params);
+  Writer WriteMode(ByteView params);
 
   DataFlow& flow_;
   bool local_ = false;

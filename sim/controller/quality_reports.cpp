@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -30,7 +30,7 @@ constexpr size_t kMostEntries = 30;  // in one event
 
 }  // namespace
 
-Packet LinkQualityReport(uint8_t id, uint16_t handle, uint16_t version) {
+Writer LinkQualityReport(uint8_t id, uint16_t handle, uint16_t version) {
   const bool is_long = version >= kLongVersion;
   Bytes event((is_long ? kLongEvent : kShortEvent), 0);
   event[2] = vendor_event::kQualityReport;
@@ -40,11 +40,11 @@ Packet LinkQualityReport(uint8_t id, uint16_t handle, uint16_t version) {
   std::copy(std::begin(kRadio), std::end(kRadio),
             event.begin() + (is_long ? kLongRadio : kShortRadio));
   if (is_long) std::copy(std::begin(kQuality), std::end(kQuality), event.begin() + kLongQuality);
-  return Packet().Raw(ByteView(event).From(kEventHead));
+  return Writer().Append(ByteView(event).From(kEventHead));
 }
 
-Packet LatencyTrace(uint16_t handle, uint8_t announced, size_t carried) {
-  Packet trace{vendor_event::kQualityReport, quality_report::kVendorTrace, kA2dpLatency};
+Writer LatencyTrace(uint16_t handle, uint8_t announced, size_t carried) {
+  Writer trace{vendor_event::kQualityReport, quality_report::kVendorTrace, kA2dpLatency};
   trace.U16(handle).U8(announced).U32(kBaseTimestamp);
   const auto entries = static_cast<unsigned>(std::min(carried, kMostEntries));
   // In units of 0.625 ms: when the packet came, and the delays of its first transmission, of the

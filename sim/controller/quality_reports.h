@@ -2,15 +2,15 @@
 // listed in docs/simulator.md.
 #pragma once
 
-#include "sim/base/bytes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 
 // id is the kind of report. Reports of version 0x0101 and later are longer than those before.
-Packet LinkQualityReport(uint8_t id, uint16_t handle, uint16_t version);
+Writer LinkQualityReport(uint8_t id, uint16_t handle, uint16_t version);
 
 // A trace of A2DP latencies that announces so many packets and carries entries of as many as fit
 // into an event, at most carried.
-Packet LatencyTrace(uint16_t handle, uint8_t announced, size_t carried);
+Writer LatencyTrace(uint16_t handle, uint8_t announced, size_t carried);
 
 }  // namespace zvk

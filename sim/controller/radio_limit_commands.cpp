@@ -32,7 +32,7 @@ void RadioLimitCommands::Register(CommandTable* table) {
   table->Complete(kSetCapsOpcode, 1 + kCaps, [this](ByteView p) { return SetCaps(p); });
 }
 
-Packet RadioLimitCommands::SetChannels(ByteView params) {
+Writer RadioLimitCommands::SetChannels(ByteView params) {
   size_t channels = 0;
   for (size_t channel = 0; channel < kChannels; ++channel) {
     channels += (params[channel / 8] >> (channel % 8)) & 1u;
@@ -44,7 +44,7 @@ Packet RadioLimitCommands::SetChannels(ByteView params) {
   return {status::kSuccess};
 }
 
-Packet RadioLimitCommands::SetCaps(ByteView params) {
+Writer RadioLimitCommands::SetCaps(ByteView params) {
   const uint8_t format = params[0];
   const ByteView caps = params.From(1);
   const uint8_t highest = format == kQuarterSteps ? kHighestQuarters : kHighestWhole;

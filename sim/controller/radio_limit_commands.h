@@ -22,8 +22,8 @@ class RadioLimitCommands : public CommandGroup {
   const Bytes& caps() const { return caps_; }
 
  private:
-  Packet SetChannels(ByteView params);
-  Packet SetCaps(ByteView params);
+  Writer SetChannels(ByteView params);
+  Writer SetCaps(ByteView params);
 
   Bytes channel_map_;
   uint8_t cap_format_;

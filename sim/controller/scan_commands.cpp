@@ -1,6 +1,6 @@
 #include "sim/controller/scan_commands.h"
 
-#include "sim/controller/event_codes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -44,7 +44,7 @@ void ScanCommands::Reset() {
   accept_list_only_ = false;
 }
 
-Packet ScanCommands::SetParameters(Api api, ByteView params) {
+Writer ScanCommands::SetParameters(Api api, ByteView params) {
   if (!le_.Use(api) || scanning_) return {status::kDisallowed};
   if (api == Api::kLegacy) {
     if (params[0] > 1) return {status::kInvalidParameters};
@@ -64,7 +64,7 @@ Packet ScanCommands::SetParameters(Api api, ByteView params) {
   return {status::kSuccess};
 }
 
-Packet ScanCommands::Enable(Api api, ByteView params) {
+Writer ScanCommands::Enable(Api api, ByteView params) {
   if (!le_.Use(api)) return {status::kDisallowed};
   if (params[0] > 1) return {status::kInvalidParameters};
   Stop();
@@ -82,7 +82,7 @@ void ScanCommands::Start(EventLoop::Duration duration) {
   if (duration == EventLoop::Duration::zero()) return;
   end_ = context_.loop.After(duration, [this] {
     Stop();
-    context_.out.LeEvent(Packet{kScanTimeout});
+    context_.out.LeEvent(Writer{kScanTimeout});
   });
 }
 
@@ -122,22 +122,22 @@ void ScanCommands::Report(const Advertiser& advertiser, bool scan_response) {
   const auto rssi = static_cast<uint8_t>(advertiser.rssi);
   constexpr uint8_t kOneReport = 1;
   if (le_.api == Api::kLegacy) {
-    context_.out.LeEvent(Packet{le_event::kAdvertisingReport, kOneReport}
+    context_.out.LeEvent(Writer{le_event::kAdvertisingReport, kOneReport}
                              .U8(LegacyType(advertiser, scan_response))
                              .U8(advertiser.address_type)
-                             .Raw(address)
+                             .Append(address)
                              .U8(size)
-                             .Raw(data)
+                             .Append(data)
                              .U8(rssi));
     return;
   }
   constexpr uint8_t kPhy1M = 1;
   constexpr uint8_t kNoSet = 0xFF;
   constexpr uint8_t kNoTxPower = 0x7F;
-  context_.out.LeEvent(Packet{le_event::kExtendedAdvertisingReport, kOneReport}
+  context_.out.LeEvent(Writer{le_event::kExtendedAdvertisingReport, kOneReport}
                            .U16(ExtendedType(advertiser, scan_response))
                            .U8(advertiser.address_type)
-                           .Raw(address)
+                           .Append(address)
                            .U8(kPhy1M)
                            .U8(0)
                            .U8(kNoSet)
@@ -146,7 +146,7 @@ void ScanCommands::Report(const Advertiser& advertiser, bool scan_response) {
                            .U16(0)    // no periodic advertising
                            .Zeros(7)  // no direct address
                            .U8(size)
-                           .Raw(data));
+                           .Append(data));
 }
 
 }  // namespace zvk

@@ -19,8 +19,8 @@ class ScanCommands : public CommandGroup {
   void Reset() override;
 
  private:
-  Packet SetParameters(LeState::Api api, ByteView params);
-  Packet Enable(LeState::Api api, ByteView params);
+  Writer SetParameters(LeState::Api api, ByteView params);
+  Writer Enable(LeState::Api api, ByteView params);
   void Start(EventLoop::Duration duration);
   void Stop();
   void AdvertiseLater(const Advertiser& advertiser);

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "sim/base/bytes.h"
 #include "sim/controller/command_table.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

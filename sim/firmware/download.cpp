@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "sim/controller/status_codes.h"
 #include "sim/firmware/image.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {

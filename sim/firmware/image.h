@@ -20,7 +20,7 @@
 #include <cstdint>
 #include <string>
 
-#include "sim/base/bytes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

@@ -33,7 +33,7 @@ void CoexDevice::HangUp() {
 }
 
 void CoexDevice::Notify(uint8_t event) {
-  Send(Packet{0x01, 0x01, 0x01, event});  // class, length, an event, which
+  Send(Writer{0x01, 0x01, 0x01, event});  // class, length, an event, which
 }
 
 void CoexDevice::Send(ByteView message) {

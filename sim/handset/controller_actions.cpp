@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "sim/controller/event_codes.h"
 #include "sim/controller/quality_reports.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {

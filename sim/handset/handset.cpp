@@ -5,8 +5,8 @@
 
 #include "sim/base/log.h"
 #include "sim/co_processor/co_actions.h"
-#include "sim/controller/event_codes.h"
 #include "sim/handset/controller_actions.h"
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -21,13 +21,6 @@ constexpr size_t kLineBacklog = 1048576;  // bytes that wait for the host; more 
 // The address of a controller that nobody has given one.
 constexpr Address kRomAddress = {0x00, 0x00, 0xF0, 0x4B, 0x56, 0x5A};
 
-std::string AddressText(const Address& address) {
-  char text[24];
-  std::snprintf(text, sizeof(text), "%02X:%02X:%02X:%02X:%02X:%02X", address[5], address[4],
-                address[3], address[2], address[1], address[0]);
-  return text;
-}
-
 }  // namespace
 
 Handset::Handset(EventLoop& loop, const HandsetOptions& options)
@@ -39,7 +32,7 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
       trace_(options.trace_file),
       warm_up_(kWarmUp),
       framer_(
-          Framer::From::kHost,
+          H4Framer::From::kHost,
           [this](PacketType type, ByteView packet) { OnHostPacket(type, packet); },
           [this](uint8_t bad) { OnLostSync(bad); }),
       uart_(
@@ -259,10 +252,10 @@ void Handset::Act(const Action& action) {
       break;
     case Action::Kind::kTruncatedEvent:
       // Announces more than there is; what follows is swallowed by it.
-      uart_.Send(Packet{static_cast<uint8_t>(PacketType::kEvent), event::kVendor, 0x20, 0x00});
+      uart_.Send(Writer{static_cast<uint8_t>(PacketType::kEvent), event::kVendor, 0x20, 0x00});
       break;
     case Action::Kind::kHardwareError:
-      SendToHost(PacketType::kEvent, Packet{event::kHardwareError, 1, byte});
+      SendToHost(PacketType::kEvent, Writer{event::kHardwareError, 1, byte});
       break;
     case Action::Kind::kInject:
       uart_.Send(action.bytes);

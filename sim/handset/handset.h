@@ -7,7 +7,6 @@
 #include "sim/base/event_loop.h"
 #include "sim/co_processor/co_processor.h"
 #include "sim/controller/controller.h"
-#include "sim/controller/framer.h"
 #include "sim/handset/coex_device.h"
 #include "sim/handset/line_faults.h"
 #include "sim/handset/root_folder.h"
@@ -19,6 +18,7 @@
 #include "sim/handset/wake_locks.h"
 #include "sim/radio/radio_bridge.h"
 #include "sim/scenario/scenario_runner.h"
+#include "sim/wire.h"
 
 namespace zvk {
 
@@ -81,7 +81,7 @@ class Handset {
   EventLoop::TimerId warm_up_timer_ = EventLoop::kNoTimer;
   std::unique_ptr<Controller> controller_;  // null while the power is off
   std::unique_ptr<RadioBridge> radio_;      // null with the built-in radio
-  Framer framer_;
+  H4Framer framer_;
   Uart uart_;
   Bytes after_power_on_;  // what a hung controller hears once it is switched on again
   LineFaults line_;

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "sim/base/event_loop.h"
-#include "sim/controller/packet_type.h"
 #include "sim/handset/uart.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "sim/base/bytes.h"
 #include "sim/base/unique_fd.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

@@ -4,8 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "sim/base/bytes.h"
-#include "sim/controller/packet_type.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

@@ -89,7 +89,7 @@ void AttServer::OnPdu(ByteView pdu) {
 }
 
 void AttServer::Error(uint8_t request, uint16_t handle, uint8_t code) {
-  send_(Packet{kErrorResponse, request}.U16(handle).U8(code));
+  send_(Writer{kErrorResponse, request}.U16(handle).U8(code));
 }
 
 bool AttServer::Range(ByteView pdu, uint16_t* start, uint16_t* end) {
@@ -115,7 +115,7 @@ Attribute* AttServer::Find(uint16_t handle) {
 
 void AttServer::ExchangeMtu(ByteView pdu) {
   if (pdu.size() != 3) return Error(pdu[0], 0, kInvalidPdu);
-  send_(Packet{kExchangeMtu + 1}.U16(kServerMtu));
+  send_(Writer{kExchangeMtu + 1}.U16(kServerMtu));
   mtu_ = std::clamp<size_t>(pdu.U16(1), kDefaultMtu, kServerMtu);
 }
 
@@ -123,24 +123,24 @@ void AttServer::FindInformation(ByteView pdu) {
   uint16_t start;
   uint16_t end;
   if (!Range(pdu, &start, &end)) return;
-  Packet list;
+  Writer list;
   size_t type_size = 0;
   for (const Attribute& attribute : attributes_) {
     if (attribute.handle < start || attribute.handle > end) continue;
     if (type_size == 0) type_size = attribute.type.size();
     if (attribute.type.size() != type_size) break;  // one format in an answer
     if (2 + list.bytes().size() + 2 + type_size > mtu_) break;
-    list.U16(attribute.handle).Raw(attribute.type);
+    list.U16(attribute.handle).Append(attribute.type);
   }
   if (type_size == 0) return Error(pdu[0], start, kAttributeNotFound);
-  send_(Packet{kFindInformation + 1}.U8(type_size == 2 ? 1 : 2).Raw(list));
+  send_(Writer{kFindInformation + 1}.U8(type_size == 2 ? 1 : 2).Append(list));
 }
 
 void AttServer::FindByTypeValue(ByteView pdu) {
   uint16_t start;
   uint16_t end;
   if (!Range(pdu, &start, &end)) return;
-  Packet list;
+  Writer list;
   for (const Attribute& attribute : attributes_) {
     if (attribute.handle < start || attribute.handle > end) continue;
     if (!Same(attribute.type, pdu.Sub(5, 2)) || !Same(attribute.value, pdu.From(7))) continue;
@@ -148,7 +148,7 @@ void AttServer::FindByTypeValue(ByteView pdu) {
     list.U16(attribute.handle).U16(std::max(attribute.handle, attribute.group_end));
   }
   if (list.bytes().empty()) return Error(pdu[0], start, kAttributeNotFound);
-  send_(Packet{kFindByTypeValue + 1}.Raw(list));
+  send_(Writer{kFindByTypeValue + 1}.Append(list));
 }
 
 void AttServer::ReadByType(ByteView pdu) {
@@ -157,7 +157,7 @@ void AttServer::ReadByType(ByteView pdu) {
   if (!Range(pdu, &start, &end)) return;
   const ByteView type = pdu.From(5);
   if (type.size() != 2 && type.size() != 16) return Error(pdu[0], start, kInvalidPdu);
-  Packet list;
+  Writer list;
   size_t entry = 0;  // bytes of handle and value: the same in all of an answer
   for (const Attribute& attribute : attributes_) {
     if (attribute.handle < start || attribute.handle > end) continue;
@@ -166,10 +166,10 @@ void AttServer::ReadByType(ByteView pdu) {
     const ByteView value = ByteView(attribute.value).Sub(0, std::min<size_t>(mtu_ - 4, 253));
     if (entry == 0) entry = 2 + value.size();
     if (2 + value.size() != entry || 2 + list.bytes().size() + entry > mtu_) break;
-    list.U16(attribute.handle).Raw(value);
+    list.U16(attribute.handle).Append(value);
   }
   if (entry == 0) return Error(pdu[0], start, kAttributeNotFound);
-  send_(Packet{kReadByType + 1}.U8(static_cast<unsigned>(entry)).Raw(list));
+  send_(Writer{kReadByType + 1}.U8(static_cast<unsigned>(entry)).Append(list));
 }
 
 void AttServer::ReadByGroupType(ByteView pdu) {
@@ -180,17 +180,17 @@ void AttServer::ReadByGroupType(ByteView pdu) {
   if (!Same(type, kPrimaryService) && !Same(type, kSecondaryService)) {
     return Error(pdu[0], start, kUnsupportedGroupType);
   }
-  Packet list;
+  Writer list;
   size_t entry = 0;
   for (const Attribute& attribute : attributes_) {
     if (attribute.handle < start || attribute.handle > end) continue;
     if (!Same(attribute.type, type)) continue;
     if (entry == 0) entry = 4 + attribute.value.size();
     if (4 + attribute.value.size() != entry || 2 + list.bytes().size() + entry > mtu_) break;
-    list.U16(attribute.handle).U16(attribute.group_end).Raw(attribute.value);
+    list.U16(attribute.handle).U16(attribute.group_end).Append(attribute.value);
   }
   if (entry == 0) return Error(pdu[0], start, kAttributeNotFound);
-  send_(Packet{kReadByGroupType + 1}.U8(static_cast<unsigned>(entry)).Raw(list));
+  send_(Writer{kReadByGroupType + 1}.U8(static_cast<unsigned>(entry)).Append(list));
 }
 
 void AttServer::Read(ByteView pdu) {
@@ -198,7 +198,7 @@ void AttServer::Read(ByteView pdu) {
   const Attribute* attribute = Find(pdu.U16(1));
   if (attribute == nullptr) return Error(pdu[0], pdu.U16(1), kInvalidHandle);
   if (!attribute->readable) return Error(pdu[0], attribute->handle, kReadNotPermitted);
-  send_(Packet{kRead + 1}.Raw(ByteView(attribute->value).Sub(0, mtu_ - 1)));
+  send_(Writer{kRead + 1}.Append(ByteView(attribute->value).Sub(0, mtu_ - 1)));
 }
 
 void AttServer::ReadBlob(ByteView pdu) {
@@ -208,7 +208,7 @@ void AttServer::ReadBlob(ByteView pdu) {
   if (attribute == nullptr) return Error(pdu[0], pdu.U16(1), kInvalidHandle);
   if (!attribute->readable) return Error(pdu[0], attribute->handle, kReadNotPermitted);
   if (offset > attribute->value.size()) return Error(pdu[0], attribute->handle, kInvalidOffset);
-  send_(Packet{kReadBlob + 1}.Raw(ByteView(attribute->value).Sub(offset, mtu_ - 1)));
+  send_(Writer{kReadBlob + 1}.Append(ByteView(attribute->value).Sub(offset, mtu_ - 1)));
 }
 
 uint8_t AttServer::Refusal(uint16_t handle, size_t size) {
@@ -238,7 +238,7 @@ void AttServer::Write(ByteView pdu) {
   const uint16_t handle = pdu.U16(1);
   const uint8_t error = Store(handle, pdu.From(3));
   if (error != 0) return Error(pdu[0], handle, error);
-  send_(Packet{kWrite + 1});
+  send_(Writer{kWrite + 1});
   AfterStore(handle);
 }
 
@@ -255,7 +255,7 @@ void AttServer::PrepareWrite(ByteView pdu) {
   if (!attribute->writable) return Error(pdu[0], handle, kWriteNotPermitted);
   if (prepared_.size() == kMostPrepared) return Error(pdu[0], handle, kPrepareQueueFull);
   prepared_.push_back({handle, pdu.U16(3), pdu.From(5).Copy()});
-  send_(Packet{kPrepareWrite + 1}.Raw(pdu.From(1)));
+  send_(Writer{kPrepareWrite + 1}.Append(pdu.From(1)));
 }
 
 // Each part is put at its offset and ends the value; nothing is stored when one is refused.
@@ -264,7 +264,7 @@ void AttServer::ExecuteWrite(ByteView pdu) {
   if (pdu.size() != 2) return Error(pdu[0], 0, kInvalidPdu);
   const std::vector<PreparedWrite> parts = std::move(prepared_);
   prepared_.clear();
-  if (pdu[1] == kCancel) return send_(Packet{kExecuteWrite + 1});
+  if (pdu[1] == kCancel) return send_(Writer{kExecuteWrite + 1});
   std::map<uint16_t, Bytes> values;
   for (const PreparedWrite& part : parts) {
     Bytes& value = values.try_emplace(part.handle, Find(part.handle)->value).first->second;
@@ -277,13 +277,13 @@ void AttServer::ExecuteWrite(ByteView pdu) {
     if (refusal != 0) return Error(pdu[0], handle, refusal);
   }
   for (const auto& [handle, value] : values) Store(handle, value);
-  send_(Packet{kExecuteWrite + 1});
+  send_(Writer{kExecuteWrite + 1});
   for (const auto& [handle, value] : values) AfterStore(handle);
 }
 
 void AttServer::Notify() {
   const ByteView value(Find(kValueHandle)->value);
-  send_(Packet{kNotification}.U16(kValueHandle).Raw(value.Sub(0, mtu_ - 3)));
+  send_(Writer{kNotification}.U16(kValueHandle).Append(value.Sub(0, mtu_ - 3)));
 }
 
 void AttServer::Tick() {

@@ -8,7 +8,7 @@ constexpr uint8_t kMayWriteCommand = 0x04;
 constexpr uint8_t kMayWrite = 0x08;
 constexpr uint8_t kMayNotify = 0x10;
 
-Bytes Uuid16(uint16_t uuid) { return Packet().U16(uuid).bytes(); }
+Bytes Uuid16(uint16_t uuid) { return Writer().U16(uuid).bytes(); }
 
 Bytes Uuid128(uint8_t last) {
   return {last, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x8E,
@@ -23,7 +23,7 @@ Attribute Service(uint16_t handle, const Bytes& uuid, uint16_t end) {
 
 // The value follows at the next handle.
 Attribute Characteristic(uint16_t handle, uint8_t properties, const Bytes& uuid) {
-  return {handle, Uuid16(0x2803), Packet{properties}.U16(handle + 1u).Raw(uuid).bytes()};
+  return {handle, Uuid16(0x2803), Writer{properties}.U16(handle + 1u).Append(uuid).bytes()};
 }
 
 }  // namespace

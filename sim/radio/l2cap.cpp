@@ -30,8 +30,8 @@ void L2cap::OnFragment(bool first, ByteView fragment) {
 }
 
 void L2cap::Send(uint16_t channel, ByteView payload, size_t fragment_bytes) {
-  const Packet frame =
-      Packet().U16(static_cast<unsigned>(payload.size())).U16(channel).Raw(payload);
+  const Writer frame =
+      Writer().U16(static_cast<unsigned>(payload.size())).U16(channel).Append(payload);
   const ByteView all(frame);
   for (size_t at = 0; at < all.size(); at += fragment_bytes) {
     send_(at == 0, all.Sub(at, fragment_bytes));

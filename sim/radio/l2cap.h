@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "sim/base/bytes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

@@ -56,7 +56,7 @@ class AttPeer : public Peer {
     const bool request = (code % 2 == 0 && code <= kLastEvenRequest) ||
                          code == kCreditConnectionRequest || code == kReconfigureRequest;
     if (payload.size() < 4 || !request) return;
-    Send(kSignallingChannel, Packet{kCommandReject, payload[1]}.U16(2).U16(0));
+    Send(kSignallingChannel, Writer{kCommandReject, payload[1]}.U16(2).U16(0));
   }
 
   void OnSecurity(ByteView payload) {
@@ -64,7 +64,7 @@ class AttPeer : public Peer {
     constexpr uint8_t kPairingFailed = 0x05;
     constexpr uint8_t kNotSupported = 0x05;
     if (payload[0] == kPairingRequest)
-      Send(kSecurityChannel, Packet{kPairingFailed, kNotSupported});
+      Send(kSecurityChannel, Writer{kPairingFailed, kNotSupported});
   }
 
   const PeerPort port_;

@@ -40,7 +40,7 @@ void CheckEndpoint(const std::string& endpoint) {
 RadioBridge::RadioBridge(EventLoop& loop, const std::string& endpoint, OnPacket on_packet)
     : loop_(loop),
       endpoint_(endpoint),
-      framer_(Framer::From::kController, std::move(on_packet), [this](uint8_t bad) {
+      framer_(H4Framer::From::kController, std::move(on_packet), [this](uint8_t bad) {
         Log("%s sent 0x%02X, no packet type", endpoint_.c_str(), bad);
       }) {
   CheckEndpoint(endpoint);
@@ -154,7 +154,7 @@ void RadioBridge::Send(PacketType type, ByteView packet) {
     complained_ = true;
     return;
   }
-  queue_.push_back(Packet{static_cast<uint8_t>(type)}.Raw(packet).bytes());
+  queue_.push_back(Writer{static_cast<uint8_t>(type)}.Append(packet).bytes());
   if (connected_ && queue_.size() == 1) Flush();
 }
 

@@ -6,7 +6,7 @@
 
 #include "sim/base/event_loop.h"
 #include "sim/base/unique_fd.h"
-#include "sim/controller/framer.h"
+#include "sim/wire.h"
 
 namespace zvk {
 
@@ -37,7 +37,7 @@ class RadioBridge {
 
   EventLoop& loop_;
   const std::string endpoint_;
-  Framer framer_;
+  H4Framer framer_;
   UniqueFd socket_;
   bool connected_ = false;
   bool complained_ = false;

@@ -14,36 +14,36 @@ constexpr uint8_t kCompleteName = 0x09;
 constexpr uint8_t kManufacturer = 0xFF;
 constexpr uint8_t kLeOnlyDiscoverable = 0x06;
 
-Packet& Add(Packet& data, uint8_t type, ByteView value) {
-  return data.U8(static_cast<unsigned>(value.size() + 1)).U8(type).Raw(value);
+Writer& Add(Writer& data, uint8_t type, ByteView value) {
+  return data.U8(static_cast<unsigned>(value.size() + 1)).U8(type).Append(value);
 }
 
 Bytes Flags() {
-  Packet data;
-  return Add(data, kFlags, Packet{kLeOnlyDiscoverable}).bytes();
+  Writer data;
+  return Add(data, kFlags, Writer{kLeOnlyDiscoverable}).bytes();
 }
 
 Bytes FlagsAndName(const std::string& name) {
-  Packet data;
-  Add(data, kFlags, Packet{kLeOnlyDiscoverable});
+  Writer data;
+  Add(data, kFlags, Writer{kLeOnlyDiscoverable});
   return Add(data, kCompleteName, ByteView(name)).bytes();
 }
 
 Bytes Name(const std::string& name) {
-  Packet data;
+  Writer data;
   return Add(data, kCompleteName, ByteView(name)).bytes();
 }
 
 Bytes BeaconData() {
   constexpr uint8_t kPayload[] = {0xFF, 0xFF, 0x01};  // the company reserved for tests, a byte
-  Packet data;
+  Writer data;
   Add(data, kCompleteName, ByteView(std::string("ZVK Beacon")));
   return Add(data, kManufacturer, {kPayload, sizeof kPayload}).bytes();
 }
 
 Bytes GattData() {
-  Packet data;
-  Add(data, kFlags, Packet{kLeOnlyDiscoverable});
+  Writer data;
+  Add(data, kFlags, Writer{kLeOnlyDiscoverable});
   return Add(data, kServices128, ServiceUuid()).bytes();
 }
 

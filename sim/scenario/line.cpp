@@ -72,22 +72,17 @@ uint32_t Line::TakeWord(const char* expected, const std::map<std::string, uint32
 
 Bytes Line::TakeAddress() {
   const std::string word = Next("an address");
-  std::string digits = word;
-  std::replace(digits.begin(), digits.end(), ':', ' ');
-  Bytes address;
-  if (word.size() != 17 || !ParseHex(digits, &address) || address.size() != 6) {
-    Bad(word, "an address");
-  }
-  std::reverse(address.begin(), address.end());
-  return address;
+  const std::optional<Bytes> address = ParseAddress(word);
+  if (!address) Bad(word, "an address");
+  return *address;
 }
 
 Bytes Line::TakeHex() {
   std::string text = Next("a row of hexadecimal bytes");
   while (!Empty()) text += " " + words_[next_++];
-  Bytes bytes;
-  if (!ParseHex(text, &bytes)) Bad(text, "a row of hexadecimal bytes");
-  return bytes;
+  const std::optional<Bytes> bytes = ParseHex(text);
+  if (!bytes || bytes->empty()) Bad(text, "a row of hexadecimal bytes");
+  return *bytes;
 }
 
 void Line::Bad(const std::string& word, const char* expected) {

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "sim/base/bytes.h"
 #include "sim/scenario/scenario.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

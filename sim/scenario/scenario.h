@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/base/bytes.h"
+#include "sim/wire.h"
 
 namespace zvk {
 

@@ -1,8 +1,9 @@
-#include "sim/controller/framer.h"
 
 #include <gtest/gtest.h>
 
 #include <random>
+
+#include "sim/wire.h"
 
 namespace zvk {
 namespace {
@@ -10,19 +11,19 @@ namespace {
 struct Seen {
   std::vector<Bytes> packets;  // with type byte
   std::vector<uint8_t> lost;
-  Framer framer;
+  H4Framer framer;
 
-  explicit Seen(Framer::From from)
+  explicit Seen(H4Framer::From from)
       : framer(
             from,
             [this](PacketType type, ByteView packet) {
-              packets.push_back(Packet{static_cast<uint8_t>(type)}.Raw(packet).bytes());
+              packets.push_back(Writer{static_cast<uint8_t>(type)}.Append(packet).bytes());
             },
             [this](uint8_t bad) { lost.push_back(bad); }) {}
 };
 
 Bytes Filled(std::initializer_list<uint8_t> header, size_t payload) {
-  Packet packet(header);
+  Writer packet(header);
   for (size_t i = 0; i < payload; ++i) packet.U8(i & 0xFF);
   return packet.bytes();
 }
@@ -47,7 +48,7 @@ TEST(SimulatorFramer, SplitAtEveryByte_YieldsTheSamePackets) {
   Bytes stream;
   for (const Bytes& packet : packets) stream.insert(stream.end(), packet.begin(), packet.end());
   for (const size_t chunk : {size_t{1}, size_t{2}, size_t{3}, size_t{7}, stream.size()}) {
-    Seen seen(Framer::From::kHost);
+    Seen seen(H4Framer::From::kHost);
     for (size_t at = 0; at < stream.size(); at += chunk) {
       seen.framer.Push(ByteView(stream).Sub(at, chunk));
     }
@@ -55,7 +56,7 @@ TEST(SimulatorFramer, SplitAtEveryByte_YieldsTheSamePackets) {
   }
   const Bytes two = {0x01, 0x03, 0x0C, 0x00, 0x02, 0x40, 0x00, 0x02, 0x00, 0xAA, 0xBB};
   for (size_t at = 0; at <= two.size(); ++at) {
-    Seen seen(Framer::From::kHost);
+    Seen seen(H4Framer::From::kHost);
     seen.framer.Push(ByteView(two).Sub(0, at));
     seen.framer.Push(ByteView(two).From(at));
     EXPECT_EQ(seen.packets.size(), 2u) << at;
@@ -64,7 +65,7 @@ TEST(SimulatorFramer, SplitAtEveryByte_YieldsTheSamePackets) {
 
 TEST(SimulatorFramer, NoPacketType_OnlyResetBringsBackStep) {
   for (const uint8_t bad : std::initializer_list<uint8_t>{0x00, 0x04, 0x06, 0xFF}) {
-    Seen seen(Framer::From::kHost);
+    Seen seen(H4Framer::From::kHost);
     seen.framer.Push(Bytes{bad, 0x01, 0x01, 0x18, 0x00, 0x01, 0x03});
     EXPECT_EQ(seen.lost, std::vector<uint8_t>{bad});
     EXPECT_TRUE(seen.packets.empty());
@@ -73,7 +74,7 @@ TEST(SimulatorFramer, NoPacketType_OnlyResetBringsBackStep) {
               (std::vector<Bytes>{{0x01, 0x03, 0x0C, 0x00}, {0x01, 0x01, 0x18, 0x00}}));
     EXPECT_EQ(seen.lost.size(), 1u);
   }
-  Seen controller(Framer::From::kController);
+  Seen controller(H4Framer::From::kController);
   controller.framer.Push(Bytes{0x04, 0x0E, 0x00, 0x01});
   EXPECT_EQ(controller.packets.size(), 1u);
   EXPECT_EQ(controller.lost, std::vector<uint8_t>{0x01});
@@ -82,7 +83,7 @@ TEST(SimulatorFramer, NoPacketType_OnlyResetBringsBackStep) {
 TEST(SimulatorFramer, Garbage_NeverYieldsABrokenPacket) {
   std::mt19937 random(7);
   for (int run = 0; run < 200; ++run) {
-    Seen seen(Framer::From::kHost);
+    Seen seen(H4Framer::From::kHost);
     for (int chunk = 0; chunk < 20; ++chunk) {
       Bytes bytes(random() % 300);
       for (uint8_t& byte : bytes)

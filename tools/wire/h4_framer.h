@@ -2,16 +2,16 @@
 
 #include <functional>
 
-#include "sim/base/bytes.h"
-#include "sim/controller/packet_type.h"
+#include "tools/wire/bytes.h"
+#include "tools/wire/packet.h"
 
-namespace zvk {
+namespace wire {
 
 // Cuts a byte stream in H4 framing into packets: any chunk in, whole packets out, no I/O. It serves
 // the controller (packets of a host) and the bridge to another emulator (packets of a controller).
 // A byte that is no type of that direction loses synchronisation; as the Core specification has it
 // (Vol 4, Part A, 4), the only way back is the byte sequence of HCI Reset, or Reset() here.
-class Framer {
+class H4Framer {
  public:
   enum class From { kHost, kController };
   // packet is without its type byte and lives for the call.
@@ -19,7 +19,7 @@ class Framer {
   // bad is the byte that is no type.
   using OnLost = std::function<void(uint8_t bad)>;
 
-  Framer(From from, OnPacket packet, OnLost lost)
+  H4Framer(From from, OnPacket packet, OnLost lost)
       : from_(from), on_packet_(std::move(packet)), on_lost_(std::move(lost)) {}
 
   // OnPacket may call Reset: the rest of chunk is then dropped.
@@ -41,4 +41,4 @@ class Framer {
   unsigned resets_ = 0;       // lets Push notice a Reset from inside OnPacket
 };
 
-}  // namespace zvk
+}  // namespace wire

@@ -3,12 +3,19 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace zvk {
+#include "tools/wire/bytes.h"
 
-// The H4 type byte (Bluetooth Core 5.3, Vol 4, Part A, 2).
+namespace wire {
+
+// The H4 type byte (Core 5.3, 4.A.2).
 enum class PacketType : uint8_t { kCommand = 1, kAcl = 2, kSco = 3, kEvent = 4, kIso = 5 };
 
-// Where a packet's length is (Bluetooth Core 5.3, Vol 4, Part E, 5.4).
+struct Packet {
+  PacketType type = PacketType::kCommand;
+  Bytes bytes;  // without the type byte
+};
+
+// Where a packet's length is (Core 5.3, 4.E.5.4).
 struct PacketLayout {
   size_t header;         // bytes before the payload, without the type byte
   size_t length_offset;  // of the length field
@@ -28,4 +35,11 @@ inline const PacketLayout* LayoutOf(uint8_t type) {
   return type >= 1 && type <= 5 ? &kLayouts[type - 1] : nullptr;
 }
 
-}  // namespace zvk
+// Size of a packet by its header, both without the type byte; 0 while the header is incomplete.
+inline size_t PacketSize(const PacketLayout& layout, ByteView packet) {
+  if (packet.size() < layout.header) return 0;
+  const uint64_t length = packet.Little(layout.length_offset, layout.length_width);
+  return layout.header + (length & layout.length_mask);
+}
+
+}  // namespace wire

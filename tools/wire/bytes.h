@@ -1,13 +1,15 @@
 // Bytes on the wire: checked little-endian reading and writing.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
-namespace zvk {
+namespace wire {
 
 using Bytes = std::vector<uint8_t>;
 
@@ -17,6 +19,8 @@ class ByteView {
   constexpr ByteView() = default;
   constexpr ByteView(const uint8_t* data, size_t size) : data_(data), size_(size) {}
   ByteView(const Bytes& bytes) : data_(bytes.data()), size_(bytes.size()) {}
+  template <size_t size>
+  constexpr ByteView(const std::array<uint8_t, size>& bytes) : data_(bytes.data()), size_(size) {}
   explicit ByteView(const std::string& text)
       : data_(reinterpret_cast<const uint8_t*>(text.data())), size_(text.size()) {}
 
@@ -52,41 +56,35 @@ class ByteView {
 };
 
 // Builds a packet field by field.
-class Packet {
+class Writer {
  public:
-  Packet() = default;
-  Packet(std::initializer_list<uint8_t> bytes) : bytes_(bytes) {}
+  Writer() = default;
+  Writer(std::initializer_list<uint8_t> bytes) : bytes_(bytes) {}
 
-  Packet& U8(unsigned value) { return Little(value, 1); }
-  Packet& U16(unsigned value) { return Little(value, 2); }
-  Packet& U24(unsigned value) { return Little(value, 3); }
-  Packet& U32(uint32_t value) { return Little(value, 4); }
-  Packet& U64(uint64_t value) { return Little(value, 8); }
-  Packet& Raw(ByteView view) {
+  Writer& U8(unsigned value) { return Little(value, 1); }
+  Writer& U16(unsigned value) { return Little(value, 2); }
+  Writer& U24(unsigned value) { return Little(value, 3); }
+  Writer& U32(uint32_t value) { return Little(value, 4); }
+  Writer& U64(uint64_t value) { return Little(value, 8); }
+  Writer& Little(uint64_t value, size_t width) {
+    for (size_t i = 0; i < width; ++i) bytes_.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    return *this;
+  }
+  Writer& Append(ByteView view) {
     bytes_.insert(bytes_.end(), view.begin(), view.end());
     return *this;
   }
-  Packet& Zeros(size_t count) {
+  Writer& Zeros(size_t count) {
     bytes_.resize(bytes_.size() + count);
     return *this;
   }
 
   operator ByteView() const { return bytes_; }
   const Bytes& bytes() const { return bytes_; }
+  Bytes Done() { return std::move(bytes_); }
 
  private:
-  Packet& Little(uint64_t value, size_t width) {
-    for (size_t i = 0; i < width; ++i) bytes_.push_back(static_cast<uint8_t>(value >> (8 * i)));
-    return *this;
-  }
-
   Bytes bytes_;
 };
 
-// "04 0e 04", at most limit bytes and then "…".
-std::string Hex(ByteView bytes, size_t limit = SIZE_MAX);
-
-// Bytes in hexadecimal with or without blanks between them; false when text is anything else.
-bool ParseHex(const std::string& text, Bytes* bytes);
-
-}  // namespace zvk
+}  // namespace wire

@@ -1,26 +1,24 @@
-#include "sim/controller/framer.h"
+#include "tools/wire/h4_framer.h"
 
-namespace zvk {
+namespace wire {
 namespace {
 
 constexpr uint8_t kResetCommand[] = {0x01, 0x03, 0x0C, 0x00};
 
 // Size with the type byte, or 0 while the header is incomplete.
 size_t WholeSize(ByteView packet) {
-  const PacketLayout& layout = *LayoutOf(packet[0]);
-  if (packet.size() < 1 + layout.header) return 0;
-  const uint64_t length = packet.Little(1 + layout.length_offset, layout.length_width);
-  return 1 + layout.header + (length & layout.length_mask);
+  const size_t size = PacketSize(*LayoutOf(packet[0]), packet.From(1));
+  return size == 0 ? 0 : 1 + size;
 }
 
 }  // namespace
 
-bool Framer::Accepts(uint8_t type) const {
+bool H4Framer::Accepts(uint8_t type) const {
   const auto foreign = from_ == From::kHost ? PacketType::kEvent : PacketType::kCommand;
   return LayoutOf(type) != nullptr && type != static_cast<uint8_t>(foreign);
 }
 
-void Framer::Reset() {
+void H4Framer::Reset() {
   lost_ = false;
   reset_matched_ = 0;
   partial_.clear();
@@ -28,7 +26,7 @@ void Framer::Reset() {
 }
 
 // Returns what follows in rest once the sequence is complete, and delivers it as a packet.
-ByteView Framer::FindReset(ByteView rest) {
+ByteView H4Framer::FindReset(ByteView rest) {
   for (size_t i = 0; i < rest.size(); ++i) {
     if (rest[i] != kResetCommand[reset_matched_]) reset_matched_ = 0;
     if (rest[i] == kResetCommand[reset_matched_]) ++reset_matched_;
@@ -43,7 +41,7 @@ ByteView Framer::FindReset(ByteView rest) {
 }
 
 // Adds to the partial packet until it is whole; returns how many bytes it took.
-size_t Framer::Gather(ByteView rest) {
+size_t H4Framer::Gather(ByteView rest) {
   const size_t header = 1 + LayoutOf(partial_[0])->header;
   const size_t whole = WholeSize(partial_);
   const ByteView part = rest.Sub(0, (whole != 0 ? whole : header) - partial_.size());
@@ -51,7 +49,7 @@ size_t Framer::Gather(ByteView rest) {
   return part.size();
 }
 
-void Framer::Push(ByteView chunk) {
+void H4Framer::Push(ByteView chunk) {
   const unsigned resets = resets_;
   while (!chunk.empty() && resets == resets_) {
     if (lost_) {
@@ -86,4 +84,4 @@ void Framer::Push(ByteView chunk) {
   }
 }
 
-}  // namespace zvk
+}  // namespace wire
