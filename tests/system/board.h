@@ -55,11 +55,11 @@ class Board {
   std::unique_ptr<ChildProcess> stack_;
 };
 
-// What a stack prints of the event that it gets with a report.
+// What system_test_stack prints of the event that a stack gets with a report.
 std::string RootInflammation(int code);
 
-// Expects an abort in the function of code, and one pair of crash files and one tombstone that say
-// so. reason: what the reporter has added.
+// Expects an abort in the function that belongs to code, one pair of crash files and one tombstone.
+// reason: the reporter's additional text.
 void ExpectDeath(int code, const std::string& reason, const std::optional<ChildResult>& end,
                  const std::string& log, const Board::Evidence& evidence);
 

@@ -1,4 +1,4 @@
-// Every byte that the host writes in a bring-up, and every step of one going wrong in every way.
+// Every byte that the host writes in a bring-up, and what becomes of it when one step goes wrong.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -21,18 +21,19 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-// The columns of bringup_faults.txt, in their order; before them what is no fault.
+// kNone is a bring-up without a fault; the others are the columns of bringup_faults.txt, in order.
 enum class Fault { kNone, kSilent, kRefused, kLate, kTooLate, kHangUp, kWrongSpeed, kSplit };
 constexpr const char* kFaultNames[] = {"None",    "Silent", "Refused",    "Late",
                                        "TooLate", "HangUp", "WrongSpeed", "Split"};
 
 constexpr uint8_t kRefusal = 0x0C;
-// What another speed may look like: its first byte is no packet type.
+// What the host may read when the controller sends at another speed; the first byte is no packet
+// type.
 const Bytes kNoise = {0xF8, 0x00, 0xC0, 0x1E, 0xE6, 0x80};
 constexpr char kReadError[] = "OnDataReady: Read packet type error: Input/output error";
-// On both sides of the 2 s that a command may take, with room for a machine that is busy.
+// When a late answer comes: a command may take 2 s, and either time leaves 1 s for a busy machine.
 constexpr milliseconds kLateTime{1000}, kTooLateTime{3000};
-// The minidriver gets ready before the first record.
+// The pause that the host makes between the completion of Download Minidriver and the first record.
 constexpr milliseconds kMinidriverTime{50};
 
 bool Contains(const std::string& text, const std::string& part) {
@@ -45,7 +46,7 @@ struct Row {
   Fault fault{};
   bool stack = false;
   std::string outcome;
-  std::string record;  // that the step leaves when it is not answered
+  std::string record;  // what the core dump says of the step when it is not answered
 
   const WireStep& Step() const { return vector.steps[step]; }
   bool Fatal() const { return isdigit(outcome[0]) != 0; }
@@ -62,12 +63,12 @@ struct Row {
 
 struct Result {
   std::optional<ChildResult> end;  // empty when the service lives
-  bool told = false;               // the end of the bring-up, to the stack or in the log
-  bool recovered = false;          // for the next stack, after the end of one that was not told
+  bool told = false;               // whether stack or log was told that the bring-up has ended
+  bool recovered = false;          // whether a second stack was served after the first was stuck
   std::string log;
   std::string stack;
-  std::string wire;     // a line for each command: speed and bytes
-  std::string unasked;  // what the host wrote without an answer or a pause that it must wait for
+  std::string wire;     // a line per command: speed and bytes
+  std::string unasked;  // what the host wrote before the answer or pause that it must wait for
   Board::Evidence evidence;
 };
 
@@ -94,7 +95,7 @@ std::vector<Row> RowsOf(Fault fault) {
     row.step = IndexOf(v.fields.at(0), row.vector);
     if (row.outcome == "-") continue;
     rows.push_back(row);
-    // Without a stack there is nobody to tell, which makes a difference once for each end.
+    // Without a stack nobody is told. Two columns show that for every step.
     row.stack = false;
     const bool differs = fault == Fault::kSilent || fault == Fault::kRefused;
     if (differs && row.Step().name != "write_address") rows.push_back(row);
@@ -102,7 +103,6 @@ std::vector<Row> RowsOf(Fault fault) {
   return rows;
 }
 
-// A line for a command as it goes over the wire.
 std::string WireLine(int speed, const Bytes& packet) {
   return std::to_string(speed) + " bit/s: " + ToHex(packet) + "\n";
 }
@@ -113,10 +113,10 @@ std::string WireLines(const std::vector<WireStep>& steps) {
   return lines;
 }
 
-// The controller of a row: the vector's own but for the one step.
+// The controller of a row: answers as the vector says, except to the step that goes wrong.
 class FaultyController {
  public:
-  // Once repaired is true, it is as good as new.
+  // Answers everything from the moment at which repaired becomes true.
   FaultyController(Board& board, const Row& row, Result& run, const std::atomic<bool>& repaired)
       : board_(board), row_(row), run_(run), repaired_(repaired) {}
 
@@ -165,7 +165,7 @@ class FaultyController {
   }
 
  private:
-  // Late enough for a host that does not wait for it to give itself away.
+  // Answers after 20 ms, in which a host that does not wait writes its next command.
   Bytes Answer(const WireStep& step, const Bytes& command) {
     pollfd more{board_.pty().master(), POLLIN, 0};
     if (poll(&more, 1, 20) != 0) run_.unasked += "after " + ToHex(command) + "\n";
@@ -199,13 +199,13 @@ Result Play(const Row& row) {
                                          : Contains(board.Log(), sign);
   }
   if (row.Stuck() && !run.end) {
-    // Nothing happens from here on, until the stack dies.
+    // The bring-up waits until the stack dies.
     run.end = board.service().Wait(milliseconds(300));
     run.told = Contains(board.StackOutput(), "complete");
     run.stack = board.StackOutput();
     board.stack()->Signal(SIGKILL);
     run.recovered = board.service().WaitForOutput("BluetoothHci::close() Done", kDeadline);
-    if (row.fault != Fault::kHangUp) {  // the line is there no more
+    if (row.fault != Fault::kHangUp) {  // a line that has hung up stays so
       repaired = true;
       board.StartStack();
       board.stack()->WaitForOutput("initialize ", kDeadline);
@@ -244,7 +244,7 @@ std::string ExpectedReason(const Row& row) {
          (second ? "after firmware downloaded" : "before downloading firmware");
 }
 
-// The completion of a command that nobody waits for belongs to the stack.
+// The stack gets the completion of a command that the service does not, or no longer, wait for.
 std::string ExpectedEvents(const Row& row) {
   const bool late = row.fault == Fault::kTooLate && row.Step().name != "write_address";
   const bool unasked =
@@ -329,7 +329,7 @@ void PlayAll(Fault fault) {
     } else {
       JudgeLife(row, run);
     }
-    // In fast download more records may be under way when the first one meets its fate.
+    // In fast download the host may have written more records before the failure shows.
     const std::string expected = ExpectedWire(row);
     if (!row.Step().awaited && row.Fatal()) {
       EXPECT_THAT(run.wire, StartsWith(expected));

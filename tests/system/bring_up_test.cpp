@@ -1,4 +1,4 @@
-// Bluetooth on and off, and who may have it.
+// Bluetooth on and off, which stack may attach, and what the service does with wrong input.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -28,7 +28,7 @@ constexpr char kReady[] = "BTZVK controller is ready";
 class BringUp : public ::testing::TestWithParam<Mode> {
  protected:
   bool Accelerated() const { return GetParam() == Mode::kAccelerated; }
-  // When each of the services came to be found, by its name.
+  // When each of the services was registered, by its name.
   std::map<std::string, Time> Services() {
     std::map<std::string, Time> times;
     for (const auto& entry : std::filesystem::directory_iterator(handset_.Path("run/bthal"))) {
@@ -86,7 +86,7 @@ TEST_P(BringUp, StacksComeAndGo_ControllerAnswersEachTime) {
   // Accelerated keeps the controller up between stacks; plain powers it up for each.
   EXPECT_EQ(CountOf(kReady, handset_.Log()), Accelerated() ? 1 : 2) << handset_.Log();
 
-  // One that dies lets go of it, too; accelerated brings it up anew.
+  // The death of a stack frees the controller, too; accelerated brings it up anew.
   const auto stack = handset_.StartStack();
   ASSERT_TRUE(stack->WaitForOutput("initialize done", kDeadline)) << handset_.Log();
   stack->Signal(SIGKILL);
@@ -115,7 +115,7 @@ TEST_P(BringUp, ServiceDies_ClientSaysSoAndTheNextServiceIsUsable) {
   handset_.StartService();
   ChildProcess up(handset_.CtlCommand({"up"}));
   ASSERT_TRUE(up.WaitForOutput("Bluetooth is up after", kDeadline)) << up.Output();
-  // Whoever finds the HAL finds the extensions.
+  // A client that finds the HAL finds the extensions, too: it is registered last.
   std::map<std::string, Time> services = Services();
   EXPECT_EQ(services.size(), 9u) << handset_.Log();
   const Time hal = services["android.hardware.bluetooth@1.1::IBluetoothHci:default"];
@@ -144,7 +144,7 @@ TEST(BadInput, RootFolderThatIsAbsentOrTaken_OneLineAndExitCodeOne) {
   EXPECT_EQ(handset.Ctl({"cmd", "reset"}).exit_code, 0) << handset.Log();
 }
 
-// The holder hands packets on as they are.
+// The holder does not check the packets that it passes on; the service does.
 TEST(BadInput, PacketsWhoseLengthLies_AreDroppedWithAWarningEach) {
   Handset handset(Mode::kAccelerated);
   handset.StartService();
@@ -168,7 +168,7 @@ TEST(BadInput, PacketsWhoseLengthLies_AreDroppedWithAWarningEach) {
   }
   EXPECT_TRUE(WaitFor([&] { return CountOf(" W ", handset.Log()) >= before + std::size(packets); }))
       << handset.Log();
-  // Right: the two bits above the length of ISO data are none of it.
+  // This one is right: the two bits above the length of ISO data are reserved.
   const Bytes iso = ParseHex("05 00 0E 05 C0 00 01 00 01 AA");
   ASSERT_GT(send(holder, iso.data(), iso.size(), MSG_NOSIGNAL), 0);
   EXPECT_EQ(handset.Ctl({"cmd", "read_bd_addr"}).exit_code, 0) << handset.Log();

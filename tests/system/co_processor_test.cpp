@@ -1,4 +1,5 @@
-// A co-processor between service and controller that dies, refuses or talks nonsense.
+// A co-processor between service and controller that dies, refuses requests or sends broken
+// messages.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,14 +14,14 @@ namespace {
 using ::testing::HasSubstr;
 
 constexpr char kGone[] = "Handle Qvr Connection Event Error";
-constexpr char kLost[] = "event FF 04 58 05 00 D6\n";  // what the stack is told of it
+constexpr char kLost[] = "event FF 04 58 05 00 D6\n";  // what the stack is told of the same
 
 TEST(CoProcessor, ThatFails_EndsTheServiceWithItsReportOrTheStackIsTold) {
   const struct {
     const char* scenario;
     int signal;          // 0: the service lives
     const char* reason;  // in the crash information file, if there is one
-    std::string stack;   // what a stack says, with plain Bluetooth; none: there is no stack
+    std::string stack;   // what a stack prints, in plain mode; empty: accelerated, without a stack
   } rows[] = {
       {"at 0s co-absent\n", SIGABRT, "Qvr Transport Prepare Failed", ""},
       {"request power nth 2 status 5\n", SIGKILL, "", ""},
@@ -28,7 +29,7 @@ TEST(CoProcessor, ThatFails_EndsTheServiceWithItsReportOrTheStackIsTold) {
       {"request packet nth 3 co-disconnect\n", SIGABRT, kGone, ""},
       {"after 0xFC27 nth 1 500ms co-absent\n", SIGABRT, kGone, ""},
       {"after 0xFC27 nth 1 500ms co-garbage 100\n", SIGABRT, kGone, ""},
-      // It is told of the error first, and then of the attachment, which stands.
+      // The stack is told of the error first, then of its attachment, which stands.
       {"request power nth 2 status 5\n", 0, "", "complete 2\ncomplete 0\ninitialize done\n"},
       {"request packet nth 3 co-disconnect\n", SIGABRT, kGone,
        kLost + std::string("initialize failed\n")},

@@ -1,4 +1,4 @@
-// What an engineer finds after the service has ended itself, and that nothing keeps it from ending.
+// The evidence that the service leaves when it ends itself.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -38,7 +38,7 @@ struct Ending {
   Board::Evidence evidence;
 };
 
-// last_words: of the stack, whose call fails once the service is gone.
+// last_words: what the stack prints when its call fails because the service is gone.
 Ending WaitForEnd(Board& board, const std::string& last_words = kFailed) {
   Ending ending;
   ending.end = board.service().Wait(kDeadline);
@@ -52,7 +52,7 @@ Ending WaitForEnd(Board& board, const std::string& last_words = kFailed) {
 TEST(CrashReport, OfABoardWithAPartMissing_NamesThePart) {
   const struct {
     const char* part;
-    const char* instead;  // nothing, or a file that takes its place
+    const char* instead;  // a file that takes its place; empty: none
     int code;
     const char* reason;
     bool stack;
@@ -63,7 +63,7 @@ TEST(CrashReport, OfABoardWithAPartMissing_NamesThePart) {
       {"dev/ttyBT7", "", 144, "Host Open Port Error", true},
       {"dev/ttyBT7", "/dev/null", 144, "Host Open Port Error", false},
       {"proc/device-tree/chosen/config/bt_addr", "", 150, "Can't fetch the provisioning BDA", true},
-      // The one code without a message: looking the message up is the end.
+      // The one code without a message: the look-up of the message ends the process.
       {"dev/wbrc", "", 151, "", true},
   };
   const auto endings = InParallel<Ending>(std::size(rows), [&](size_t i) {
@@ -95,11 +95,11 @@ TEST(CrashReport, OfABoardWithAPartMissing_NamesThePart) {
   }
 }
 
-// The chip keeps running between two stacks, which are given it by a reset only.
+// In accelerated mode the chip keeps running between two stacks; each gets it by a reset.
 TEST(CrashReport, OfAnAcceleratedResetThatFails_NamesIt) {
   const struct {
     const char* stack;
-    int resets;  // that are answered
+    int resets;  // how many are answered
     int code;
     const char* reason;
     const char* output;
@@ -125,7 +125,7 @@ TEST(CrashReport, OfAnAcceleratedResetThatFails_NamesIt) {
   }
 }
 
-// It has attached by the time that the bring-up begun without it fails.
+// The stack attaches while a bring-up that began without it still runs, and fails.
 TEST(CrashReport, StackThatComesDuringABringUp_IsToldOfItsFailure) {
   Board board(Mode::kAccelerated, Plain());
   std::atomic<bool> attached{false};

@@ -18,7 +18,7 @@ using Plan = std::vector<std::string>;
 
 constexpr int kClosedWell = 0, kServiceDied = 3;
 constexpr int kHandsets = 8;
-// A bring-up with every answer late takes less, and nobody but a stack that waits longer.
+// Longer than a bring-up in which every answer is late.
 constexpr std::chrono::seconds kPatience{10};
 
 // A stack that does as it should.
@@ -50,7 +50,7 @@ Plan RandomPlan(std::mt19937& random) {
   }
 }
 
-// The chip is reset by its other half at random moments of some bring-ups, and on a cue.
+// Reset notices at random moments of some bring-ups, and when a stack sends Read Voice Setting.
 std::string BigHammers(std::mt19937& random) {
   std::string scenario = "on 0x0C25 coex 0x42\n";
   for (int power_on = 3; power_on < 400; power_on += 1 + static_cast<int>(random() % 20)) {
@@ -60,7 +60,7 @@ std::string BigHammers(std::mt19937& random) {
   return scenario;
 }
 
-// Steps of the first bring-ups that go wrong.
+// Random faults in the first bring-ups.
 std::string RandomFaults(std::mt19937& random) {
   const char* const answers[] = {"no-answer",    "late 1900ms",  "late 2100ms", "lost",
                                  "status 0x0C",  "wrong-opcode", "answer",      "answer 00",
@@ -91,10 +91,10 @@ std::string RandomFaults(std::mt19937& random) {
 }
 
 struct Tally {
-  std::atomic<int> ready{0};      // the controller answers
-  std::atomic<int> ended{0};      // the service, as it should
-  std::atomic<int> waiting{0};    // for the answer to the address, until the stack gave up
-  std::atomic<int> timed_out{0};  // the service ended although the controller has no faults
+  std::atomic<int> ready{0};      // cycles in which the controller answered
+  std::atomic<int> ended{0};      // ends of the service
+  std::atomic<int> waiting{0};    // stacks that gave up waiting for the device address
+  std::atomic<int> timed_out{0};  // ends of the service that nothing asked for
 };
 
 // One handset, and a service that is started again whenever it ends.
@@ -112,7 +112,7 @@ class Endurance {
     watched_.StartService();
   }
 
-  // Stacks misbehave, signals come, and only what asks the service to end ends it.
+  // A stack or two with random plans, and now and then a signal.
   void DisturbByStacks() {
     auto stack = watched_.StartStack(RandomPlan(random_));
     std::unique_ptr<ChildProcess> second;
@@ -133,8 +133,8 @@ class Endurance {
     CheckService();
   }
 
-  // Up, some traffic, down: by close, or by the death of the stack. Whether the controller answered
-  // and the service still is there.
+  // Up, some traffic, down: by close, or by the death of the stack. Returns whether the controller
+  // answered and the service still runs.
   bool Cycle(bool die) {
     auto stack = watched_.StartStack({"main", "25", die ? "die" : "none", "50"});
     if (!stack->Wait(kPatience) && WaitsForTheAddress()) {
@@ -150,7 +150,7 @@ class Endurance {
 
   void ExpectRest() { EXPECT_EQ(watched_.WaitForRest(), "") << scenario_; }
 
-  // An honest stack is served, if not the first then one of those behind it, and nothing is left.
+  // Once the faults are used up, a stack is served, and nothing is left behind.
   void Recover() {
     bool recovered = false;
     for (int tries = 0; tries < 20 && !recovered; ++tries) recovered = Cycle(false);
@@ -160,7 +160,7 @@ class Endurance {
   }
 
  private:
-  // A stack ends by its plan or because the service died.
+  // A stack must end by its plan or because the service died.
   void WaitForEndOf(ChildProcess& stack) {
     const auto end = stack.Wait(std::chrono::minutes(2));
     EXPECT_TRUE(end && (end->signal == SIGKILL || end->exit_code == kClosedWell ||
@@ -170,7 +170,7 @@ class Endurance {
     if (end && end->exit_code == kServiceDied) watched_.service().Wait(milliseconds(2000));
   }
 
-  // Whether the service still is there; another one is started if not.
+  // Returns whether the service still runs; checks its end and starts another one if not.
   bool CheckService() {
     if (watched_.Runs()) return true;
     EXPECT_EQ(watched_.WaitForEnd(), "") << scenario_;
@@ -187,7 +187,7 @@ class Endurance {
     return false;
   }
 
-  // A stack waits for the answer to its address as long as it likes, and for nothing else.
+  // The one answer that is waited for without a limit.
   bool WaitsForTheAddress() {
     const std::string log = watched_.Log();
     const size_t asked = log.rfind("Provision: BDADDR");
@@ -203,7 +203,7 @@ class Endurance {
   bool signalled_ = false;  // this service, with SIGTERM
 };
 
-// Plays on some handsets at a time, each with its own seed.
+// Runs play for each handset, several at a time, each with its own seed.
 Tally& PlayOnEach(int handsets, const std::function<void(Mode, std::mt19937&, Tally&)>& play) {
   static Tally tally;
   const unsigned seed = NewSeed();
@@ -232,7 +232,7 @@ TEST(EnduranceSlow, StacksThatMisbehave_NothingHangsAndNothingIsLeft) {
     }
     run.Recover();
   });
-  // Where the machine stands still for 2 s, an answer comes too late.
+  // One, as an answer comes too late when the machine stands still for 2 s.
   EXPECT_LE(tally.timed_out, 1);
 }
 

@@ -54,8 +54,8 @@ TEST_F(Extension, CccClientDies_EachOfItsAddressesIsRemovedAndTheOthersStay) {
   EXPECT_THAT(status, HasSubstr(kOther));
 }
 
-// More events than its queue and its socket take for a client that is stopped, and 25 for another
-// one between them.
+// The stopped client is sent more events than its queue and its socket take, and another client 25
+// events between them.
 TEST_F(Extension, ClientThatNeverReads_DelaysNobody) {
   std::string scenario;
   for (int i = 0; i < 2000; ++i) {
@@ -73,12 +73,12 @@ TEST_F(Extension, ClientThatNeverReads_DelaysNobody) {
   const auto end = other->Wait(seconds(8));
   ASSERT_TRUE(end) << other->Output();
   EXPECT_EQ(handset_->Ctl({"cmd", "0x1009"}).exit_code, 0);
-  // What is too much for it ends its connection, and so its registration.
+  // The stopped client loses its connection, and so its registration.
   EXPECT_TRUE(WaitFor([&] { return handset_->Status().find(kFirst) == std::string::npos; }))
       << handset_->Status();
 }
 
-// Each holds the one RPC thread for its 2 s.
+// Each call holds the only RPC thread for 2 s.
 TEST_F(Extension, UnansweredInjections_TakeTwoSecondsEachAndThenNothingIsLost) {
   Start("on 0xFC80 command-status\n");
   const auto start = steady_clock::now();
@@ -95,7 +95,7 @@ TEST_F(Extension, UnansweredInjections_TakeTwoSecondsEachAndThenNothingIsLost) {
   EXPECT_EQ(handset_->Ctl({"cmd", "0x1009"}).exit_code, 0);
 }
 
-// Each reading is a provider of its own, which dies after it.
+// Each reading is by a power-statistics provider of its own, which then ends.
 TEST(Residency, ProvidersDieAndBluetoothGoesOff_TotalsGoOnAndNothingIsLeft) {
   Handset handset(Mode::kPlain);
   handset.StartService();

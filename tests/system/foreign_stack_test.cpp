@@ -1,4 +1,4 @@
-// A host stack that nobody here wrote works on top of the service.
+// A host stack of other authors works on top of the service.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

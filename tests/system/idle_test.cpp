@@ -1,4 +1,4 @@
-// What the service does when there is nothing to do: nothing.
+// A service with nothing to do does not wake up.
 
 #include <gtest/gtest.h>
 

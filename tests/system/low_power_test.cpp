@@ -1,4 +1,5 @@
-// When the controller sleeps, as the handset sees it, and that nothing is lost by it.
+// The controller's sleep as the handset sees it: its times, the wake lock, and that no byte is
+// lost.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,7 +26,7 @@ struct Interval {
   double end;
 };
 
-// What begins and ends again and again; a gap shorter than the tolerance is none.
+// The intervals in which something is on; a gap shorter than the tolerance does not divide one.
 class Stretches {
  public:
   void Set(bool on, double now) {

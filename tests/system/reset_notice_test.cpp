@@ -1,5 +1,4 @@
-// The WLAN driver has reset the chip: what the service does about it, as the handset, the stack and
-// the log see it.
+// The WLAN driver tells that it has reset the chip: what the handset, the stack and the log see.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -45,7 +44,7 @@ TEST_P(ResetNotice, ClosesTellsTheStackAndEndsTheServiceInOrder) {
   stack->WaitForOutput("event", kDeadline);
   EXPECT_EQ(stack->Output(), "complete 0\ninitialize done\nevent FF 04 58 05 00 7F\n");
 
-  // The chip loses its power, the driver waits for that, then it has its answer.
+  // The chip is switched off first; the driver gets its acknowledgement after the delay.
   std::vector<TraceLine> trace;
   WaitFor([&] {
     trace = handset.Trace();
@@ -73,7 +72,7 @@ TEST_P(ResetNotice, ClosesTellsTheStackAndEndsTheServiceInOrder) {
     at += line.size();
   }
   EXPECT_EQ(CountOf("BtSend msg: 0x81", log), acknowledged ? 1u : 0u);
-  // Nobody here is to blame.
+  // A reset by the other side is no crash.
   EXPECT_TRUE(std::filesystem::is_empty(handset.Path("data/vendor/ssrdump/coredump")));
   EXPECT_TRUE(std::filesystem::is_empty(handset.Path("data/tombstones")));
 }

@@ -1,4 +1,4 @@
-// Stacks that go away without a word, or while the controller is not to be had.
+// Stacks that die, or close at an unexpected moment.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -37,7 +37,7 @@ TEST_P(StackDeath, AtAnyMoment_NextStackAttachesAtOnceAndNothingGrows) {
   EXPECT_EQ(watched.WaitForRest(), "");
 }
 
-// A stack that has closed is nobody's any more: its death takes nothing from the next one.
+// A stack that has closed is no longer watched: its death does not close the next one.
 TEST_P(StackDeath, AfterItsClose_DoesNotConcernTheNextStack) {
   WatchedService watched(GetParam());
   watched.StartService();

@@ -1,18 +1,22 @@
-// A Bluetooth stack. usage: system_test_stack [close | WHERE NTH ACTION TRAFFIC_MS]
-//   Without a plan it attaches and stays, with "close" it detaches at once and stays. It prints
-//   what it is given, "complete STATUS" and "event BYTES", and how its calls end, "CALL done" or
-//   "CALL failed".
-// The others misbehave at a chosen moment:
-//   WHERE       main: after NTH ms of traffic; init, event, acl, sco, iso: inside the NTH callback
-//   of
-//               that kind
-//   ACTION      none; close; die (SIGKILL); die-in-close (main only: dies NTH µs after close()
-//   began);
-//               cue (main only: Read Voice Setting, which a scenario may wait for); flood (main
-//               only: the traffic is long ACL packets without a pause)
-//   TRAFFIC_MS  of data through the controller's loopback, then close
-// They print "ready" once attached, "answered" when the controller answers commands. Exit codes:
-// 0 closed, 3 no service or it died, 5 stuck.
+// A Bluetooth stack.
+// usage: system_test_stack [close | WHERE NTH ACTION TRAFFIC_MS]
+//
+// Without arguments it attaches and stays; with "close" it also detaches at once. It prints what it
+// is given, "complete STATUS" and "event BYTES", and how its calls end: "CALL done" or "CALL
+// failed".
+//
+// With a plan it attaches, sends data for TRAFFIC_MS through the controller's loopback and closes,
+// but does ACTION at the moment that WHERE and NTH say:
+//   WHERE   main                        after NTH ms of traffic
+//           init, event, acl, sco, iso  inside the NTH callback of that kind
+//   ACTION  none
+//           close
+//           die           SIGKILL
+//           die-in-close  NTH microseconds after close() began; with main only
+//           cue           sends Read Voice Setting, for which a scenario may wait; with main only
+//           flood         long ACL packets without a pause are the traffic; with main only
+// It prints "ready" once it is attached, "answered" when the controller answers commands, and
+// "closed". Exit codes: 0 closed, 3 there is no service or it died, 5 a call does not return.
 #include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
 #include <hidl/HidlTransportSupport.h>
 #include <signal.h>

@@ -14,7 +14,7 @@ using std::chrono::milliseconds;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
-// Mode: accelerated; bring-up does not change the road of data.
+// In accelerated mode only: data take the same way in both.
 TEST(Traffic, OfEachKind_ComesBackWholeAndInOrder) {
   const std::string bytes = std::to_string(Count("bytes of mixed packets", 2'000'000));
   const struct {
@@ -57,7 +57,7 @@ TEST(TrafficSlow, OfABusyHandset_IsToldInReportAndLog) {
       Mode::kAccelerated);
   handset.StartService();
   ASSERT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
-  // One that goes on until it is told to stop: a gap would let the controller sleep.
+  // One run without a gap, in which the controller could sleep.
   ChildProcess loop(handset.CtlCommand({"loopback", "--types", "acl", "--bytes", "100000M"}));
   ASSERT_FALSE(loop.Wait(milliseconds(12000))) << loop.Output();  // with room for a slow start
   loop.Signal(SIGINT);

@@ -13,7 +13,7 @@
 namespace test {
 namespace {
 
-// While Bluetooth is up there are 21.
+// There are 21 while Bluetooth is up.
 constexpr int kMostDescriptors = 26;
 
 // What follows text up to the end of its line, where it stands last; empty when it does not.
@@ -50,7 +50,7 @@ std::string WatchedService::WaitForEnd() {
   if (end->signal == SIGTERM) {
     return Has(log, "sigaction(SIGTERM)") ? wrong("SIGTERM was not handled") : "";
   }
-  // The line was taken away: there is nobody left to report to.
+  // A port that cannot be read ends the process without a report.
   if (end->signal == SIGABRT && Has(log, "Read packet type error: ")) return "";
   if (end->signal != SIGABRT || reported.empty()) return wrong("the service died without a report");
   if (!Has(log, "Bluetooth HAL crash with error code 0, vendor error code ")) {
