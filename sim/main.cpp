@@ -1,5 +1,6 @@
 // zvksim: a simulated handset. See docs/simulator.md.
 
+#include <android-base/unique_fd.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -12,7 +13,6 @@
 
 #include "sim/base/event_loop.h"
 #include "sim/base/log.h"
-#include "sim/base/unique_fd.h"
 #include "sim/firmware/image.h"
 #include "sim/handset/handset.h"
 
@@ -57,14 +57,14 @@ class StopSignals {
     sigaddset(&signals, SIGTERM);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    fd_ = zvk::UniqueFd(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+    fd_.reset(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
     loop_.Watch(fd_.get(), EPOLLIN, [this](uint32_t) { loop_.Stop(); });
   }
   ~StopSignals() { loop_.Unwatch(fd_.get()); }
 
  private:
   zvk::EventLoop& loop_;
-  zvk::UniqueFd fd_;
+  android::base::unique_fd fd_;
 };
 
 int RunHandset(const zvk::HandsetOptions& options) {
@@ -142,7 +142,8 @@ int main(int argc, char** argv) {
                                        : "--root DIR is missing; see --help");
       return kUsage;
     }
-    if (!scenario.empty()) handset.scenario = zvk::ReadScenario(scenario);
+    if (!scenario.empty())
+      handset.scenario = zvk::ReadScenario(scenario, zvk::Handset::ActionTypes());
     return RunHandset(handset);
   } catch (const std::invalid_argument& error) {
     zvk::Log("%s", error.what());

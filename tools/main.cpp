@@ -21,7 +21,7 @@ constexpr char kFooter[] =
     "  bthalctl --root /tmp/handset cmd read_bd_addr\n"
     "  bthalctl --root /tmp/handset down\n"
     "Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 3 no service or it died,\n"
-    "4 somebody else holds Bluetooth.";
+    "4 another program holds Bluetooth, 130 Ctrl-C (143 SIGTERM) before it was done.";
 
 // The root folder is read before main() starts, so the program starts once more in the right one.
 void StartIn(const std::string& root, char** argv) {
@@ -47,7 +47,7 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
     for (; grouped < commands.size(); ++grouped) commands[grouped]->group(name);
   };
   bthalctl::AddUp(app, options);
-  bthalctl::AddDown(app);
+  bthalctl::AddDown(app, options);
   bthalctl::AddStatus(app, options);
   bthalctl::AddInfo(app, options);
   bthalctl::AddCmd(app, options);
@@ -57,7 +57,7 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
   bthalctl::AddPeer(app, options);
   group("Bluetooth");
   bthalctl::AddDebug(app, options);
-  bthalctl::AddCrashes(app);
+  bthalctl::AddCrashes(app, options);
   bthalctl::AddActivity(app, options);
   group("Diagnostics");
   bthalctl::AddAfh(app, options);
@@ -68,7 +68,7 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
   bthalctl::AddResidency(app, options);
   group("The service's extensions");
   bthalctl::AddServeH4(app, options);
-  bthalctl::AddPrepareRoot(app);
+  bthalctl::AddPrepareRoot(app, options);
   group("Other stacks, other boards");
 }
 
@@ -104,8 +104,8 @@ int main(int argc, char** argv) {
     return End(ExitCode::kUsage, what + "; --help tells more");
   } catch (const bthalctl::Failure& failure) {
     return End(failure.code(), failure.what());
-  } catch (const bthalctl::Interrupted&) {
-    return End(ExitCode::kFailed, "interrupted");
+  } catch (const bthalctl::Interrupted& interrupted) {
+    return End(static_cast<ExitCode>(128 + interrupted.signal), "interrupted");
   } catch (const std::exception& error) {
     return End(ExitCode::kFailed, error.what());
   }

@@ -173,13 +173,16 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stac
   ALOGI("BluetoothHci::close() Done");
 }
 
-Return<void> BluetoothHci::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& /*options*/) {
+Return<void> BluetoothHci::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) {
   const native_handle_t* handle = fd.getNativeHandle();
-  if (handle != nullptr && handle->numFds >= 1) {
+  if (handle == nullptr || handle->numFds < 1) return Void();
+  if (options.size() == 1 && options[0] == "state") {
+    debug::WriteToReader(handle->data[0], hci::shim::CurrentState().Text());
+  } else {
     ALOGI("%s: Dump debug log", __func__);
     DebugCentral::Get().Dump(handle->data[0]);
-    fsync(handle->data[0]);
   }
+  fsync(handle->data[0]);
   return Void();
 }
 

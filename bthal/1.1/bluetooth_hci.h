@@ -50,6 +50,7 @@ class BluetoothHci : public IBluetoothHci {
   Return<void> sendScoData(const hidl_vec<uint8_t>& packet) override;
   Return<void> sendIsoData(const hidl_vec<uint8_t>& packet) override;
   Return<void> close() override;
+  // Writes the debug report; with {"state"} as options the lines of hci::TransportState instead.
   Return<void> debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) override;
 
   // What the death of the attached stack leaves to do; on the thread that learnt of it.

@@ -4,12 +4,14 @@
 
 #include <android-base/properties.h>
 #include <log/log.h>
+#include <poll.h>
 
 #include <atomic>
 #include <mutex>
 
 #include "base/teardown_gate.h"
 #include "conf.h"
+#include "h4/hw_control.h"
 #include "transport/co_processor_transport.h"
 #include "transport/uart_transport.h"
 
@@ -28,8 +30,16 @@ struct Shim {
   Owner owner;        // written before anything is opened
   std::mutex lock;    // a leaf
   std::shared_ptr<HciFlowControl> flow_control GUARDED_BY(lock);
+  TransportState told GUARDED_BY(lock);  // what CurrentState() cannot ask the transport for
 
-  void Select(uint32_t type) {
+  void Select(const TransportSettings& settings) {
+    const uint32_t type = settings.userial_type;
+    {
+      std::lock_guard<std::mutex> guard(lock);
+      told = {};
+      told.uart_port = settings.uart_port;
+      if (type == kUserialTty) told.line_baud = static_cast<uint32_t>(UartBaudRate::kRate115200);
+    }
     userial_type = type;
     transport = type == kUserialCoProcessor ? static_cast<Transport*>(&co_processor) : &uart;
   }
@@ -65,7 +75,7 @@ void CloseTransport(Shim& state) {
     flow.reset();
   }
   transport.Close();
-  state.Select(kUserialClosed);
+  state.Select({kUserialClosed, ""});
 }
 
 }  // namespace
@@ -80,7 +90,7 @@ std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_
   const TeardownGate::Passage passage(state.gate);
   if (!passage) return nullptr;
   const TransportSettings settings = ReadSettings();
-  state.Select(settings.userial_type);
+  state.Select(settings);
   Transport& transport = OpenTransport();
   if (!transport.Open(settings)) return nullptr;
 
@@ -118,7 +128,11 @@ size_t Send(uint8_t type, const uint8_t* data, size_t length, bool flag) {
   return OpenTransport().Send(type, data, length, flag);
 }
 
-void BaudrateChange(UartBaudRate rate) { OpenTransport().BaudrateChange(rate); }
+void BaudrateChange(UartBaudRate rate) {
+  OpenTransport().BaudrateChange(rate);
+  std::lock_guard<std::mutex> guard(State().lock);
+  State().told.line_baud = static_cast<uint32_t>(rate);
+}
 uint32_t RequiredBaudRate() { return OpenTransport().RequiredBaudRate(); }
 
 bool LpmSetup() { return OpenTransport().LpmSetup(); }
@@ -137,12 +151,30 @@ bool IsInitialized() {
   return State().flow_control != nullptr && IsUserialReady();
 }
 
+TransportState CurrentState() {
+  TransportState now;
+  {
+    std::lock_guard<std::mutex> guard(State().lock);
+    now = State().told;
+  }
+  now.userial_type = GetUserialType();
+  now.ready = IsUserialReady();
+  pollfd port{hwcontrol::BtHwControl::Get().UartFd(), 0, 0};  // -1: poll() leaves it out
+  if (poll(&port, 1, 0) > 0 && now.loss.empty()) now.loss = "the far end of the port is gone";
+  now.low_power = IsLpmRunning();
+  return now;
+}
+
 bool GetTlDebugDump(int fd, const std::string& first, const std::string& second) {
   return OpenTransport().DebugDump(fd, first, second);
 }
 
 void CatchException(V1_1::zvkbtlinux::debug::BqrErrorCode code, const std::string& reason) {
   State().owner.shut_down();
+  {
+    std::lock_guard<std::mutex> guard(State().lock);
+    State().told.loss = reason;
+  }
   if (OpenTransport().Abandon(code, reason)) Deinitialize();
 }
 

@@ -12,6 +12,7 @@
 #include "hci/packet.h"
 #include "hci_flow_control.h"
 #include "transport/transport.h"
+#include "transport/transport_state.h"
 
 namespace android::hardware::bluetooth::hci::shim {
 
@@ -59,6 +60,8 @@ bool SupportBaudRateChange();
 bool IsUserialReady();
 // The port is open and the flow control exists.
 bool IsInitialized();
+// All of it at once, for a tool that asks.
+TransportState CurrentState();
 
 // Appends the transport's own debug files to fd.
 bool GetTlDebugDump(int fd, const std::string& first, const std::string& second);

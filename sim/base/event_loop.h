@@ -1,13 +1,13 @@
 #pragma once
 
+#include <android-base/unique_fd.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <utility>
-
-#include "sim/base/unique_fd.h"
 
 namespace zvk {
 
@@ -44,8 +44,8 @@ class EventLoop {
   void RunDueTimers();
   void ArmTimer();
 
-  UniqueFd epoll_;
-  UniqueFd timer_fd_;
+  ::android::base::unique_fd epoll_;
+  ::android::base::unique_fd timer_fd_;
   bool running_ = true;
   std::map<int, std::shared_ptr<std::function<void(uint32_t)>>> watched_;
   std::map<std::pair<Time, TimerId>, std::function<void()>> timers_;

@@ -17,8 +17,7 @@ namespace {
 
 constexpr size_t kMostBytes = 192 * 1024;  // of a datagram
 constexpr size_t kHeaderBytes = 16;
-constexpr size_t kMostWaitingBytes = 1048576;  // bytes that wait for the host; more are dropped
-constexpr int kReceivesPerTurn = 64;           // then everybody else has a turn
+constexpr Stream::Limits kHostLimits = {kMostBytes + 1, 1048576};
 
 [[noreturn]] void Fail(const std::string& what) {
   throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -27,7 +26,17 @@ constexpr int kReceivesPerTurn = 64;           // then everybody else has a turn
 }  // namespace
 
 MessageSocket::MessageSocket(EventLoop& loop, const std::string& path, OnMessage on_message)
-    : loop_(loop), path_(path), on_message_(std::move(on_message)), received_(kMostBytes + 1) {
+    : loop_(loop),
+      path_(path),
+      on_message_(std::move(on_message)),
+      host_(
+          loop, kHostLimits,
+          [this](ByteView datagram) {
+            if (Take(datagram)) return;
+            Log("co-processor: a datagram that is no message; the host is disconnected");
+            Disconnect();
+          },
+          [this] { Disconnect(); }) {
   Open();
 }
 
@@ -37,13 +46,14 @@ void MessageSocket::Open() {
   if (listener_.ok()) return;
   // A name of any length is bound through the folder's descriptor.
   const size_t slash = path_.rfind('/');
-  const UniqueFd folder(open(path_.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const ::android::base::unique_fd folder(
+      open(path_.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::string name = "/proc/self/fd/" + std::to_string(folder.get()) + path_.substr(slash);
   std::strncpy(address.sun_path, name.c_str(), sizeof(address.sun_path) - 1);
   unlink(path_.c_str());
-  listener_ = UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  listener_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!folder.ok() || !listener_.ok() ||
       bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
       chmod(path_.c_str(), 0660) != 0 || listen(listener_.get(), 4) != 0) {
@@ -52,52 +62,26 @@ void MessageSocket::Open() {
   loop_.Watch(listener_.get(), EPOLLIN, [this](uint32_t) { Accept(); });
 }
 
-// The socket goes first: a host that is disconnected finds nobody.
+// The socket is removed first: a host that is disconnected cannot connect again.
 void MessageSocket::Close() {
   if (listener_.ok()) {
     unlink(path_.c_str());
     loop_.Unwatch(listener_.get());
-    listener_.Reset();
+    listener_.reset();
   }
   Disconnect();
 }
 
 void MessageSocket::Accept() {
-  UniqueFd host(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  ::android::base::unique_fd host(
+      accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (!host.ok()) return;
-  if (host_.ok()) {
+  if (connected()) {
     Log("co-processor: a second host is turned away");
     return;
   }
-  host_ = std::move(host);
   ++connections_;
-  loop_.Watch(host_.get(), EPOLLIN, [this](uint32_t events) { OnReady(events); });
-}
-
-void MessageSocket::Disconnect() {
-  if (!host_.ok()) return;
-  loop_.Unwatch(host_.get());
-  host_.Reset();
-  queue_.clear();
-  queued_bytes_ = 0;
-}
-
-void MessageSocket::OnReady(uint32_t events) {
-  if ((events & EPOLLOUT) != 0) Flush();
-  if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) Receive();
-}
-
-void MessageSocket::Receive() {
-  for (int turn = 0; turn < kReceivesPerTurn && host_.ok(); ++turn) {
-    const ssize_t count = recv(host_.get(), received_.data(), received_.size(), 0);
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (count <= 0) {
-      Disconnect();
-    } else if (!Take(ByteView(received_).Sub(0, static_cast<size_t>(count)))) {
-      Log("co-processor: a message that is none; the host is disconnected");
-      Disconnect();
-    }
-  }
+  host_.Open(std::move(host));
 }
 
 bool MessageSocket::Take(ByteView datagram) {
@@ -129,27 +113,9 @@ void MessageSocket::Send(const CoMessage& message) {
 }
 
 void MessageSocket::SendRaw(const Bytes& datagram) {
-  if (!host_.ok()) return;
-  if (queued_bytes_ + datagram.size() > kMostWaitingBytes) {
+  if (connected() && !host_.Send(datagram)) {
     Log("co-processor: the host does not read; a message is dropped");
-    return;
   }
-  queue_.push_back(datagram);
-  queued_bytes_ += datagram.size();
-  Flush();
-}
-
-// A host that has gone is noticed by the next Receive.
-void MessageSocket::Flush() {
-  while (!queue_.empty()) {
-    const Bytes& datagram = queue_.front();
-    const ssize_t count =
-        send(host_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count < 0 && errno == EAGAIN) break;
-    queued_bytes_ -= datagram.size();
-    queue_.pop_front();
-  }
-  loop_.Change(host_.get(), queue_.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT);
 }
 
 }  // namespace zvk

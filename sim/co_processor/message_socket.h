@@ -1,11 +1,9 @@
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <string>
 
-#include "sim/base/event_loop.h"
-#include "sim/base/unique_fd.h"
+#include "sim/base/stream.h"
 #include "sim/wire.h"
 
 namespace zvk {
@@ -29,8 +27,8 @@ struct CoMessage {
   ByteView payload;
 };
 
-// The co-processor's end of the socket: one host at a time, others are turned away. Nothing is ever
-// waited for: what the host does not read is queued, up to a limit.
+// The co-processor's end of the socket: one host at a time, others are turned away. What the host
+// does not read is queued up to a limit; beyond it, messages are dropped.
 class MessageSocket {
  public:
   using OnMessage = std::function<void(const CoMessage& message)>;
@@ -43,30 +41,24 @@ class MessageSocket {
   void Send(const CoMessage& message);
   // A datagram of any content.
   void SendRaw(const Bytes& datagram);
-  void Disconnect();
-  // Nobody can connect, as if there was no co-processor.
+  void Disconnect() { host_.Close(); }
+  // Removes the socket: no host can connect, as if there were no co-processor.
   void Close();
   void Open();
 
-  bool connected() const { return host_.ok(); }
+  bool connected() const { return host_.is_open(); }
   uint64_t connections() const { return connections_; }
 
  private:
   void Accept();
-  void OnReady(uint32_t events);
-  void Receive();
   bool Take(ByteView datagram);
-  void Flush();
 
   EventLoop& loop_;
   const std::string path_;
   const OnMessage on_message_;
-  UniqueFd listener_;
-  UniqueFd host_;
+  ::android::base::unique_fd listener_;
+  Stream host_;
   uint64_t connections_ = 0;
-  Bytes received_;
-  std::deque<Bytes> queue_;
-  size_t queued_bytes_ = 0;
 };
 
 }  // namespace zvk

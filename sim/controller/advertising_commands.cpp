@@ -1,5 +1,6 @@
-#include "sim/controller/advertising_commands.h"
+#include <map>
 
+#include "sim/controller/groups.h"
 #include "sim/wire.h"
 
 namespace zvk {
@@ -13,7 +14,30 @@ constexpr uint16_t kMaxDataBytes = 251;
 constexpr uint8_t kTxPower = 7;  // dBm
 constexpr auto kDurationUnit = std::chrono::milliseconds(10);
 
-}  // namespace
+// Advertising, legacy and extended: accepted and kept; nobody in the simulated air listens.
+class AdvertisingCommands : public CommandGroup {
+ public:
+  AdvertisingCommands(Context& context, LeState& le) : CommandGroup(context), le_(le) {}
+  ~AdvertisingCommands() override { AdvertisingCommands::Reset(); }
+  void Register(CommandTable* table) override;
+  void Reset() override;
+
+ private:
+  struct Set {
+    bool enabled = false;
+    EventLoop::TimerId end = EventLoop::kNoTimer;
+  };
+
+  void RegisterLegacy(CommandTable* table);
+  void RegisterExtended(CommandTable* table);
+  Writer SetParameters(ByteView params);
+  Writer Enable(ByteView params);
+  Writer Remove(uint8_t handle);
+  void EndAfter(uint8_t handle, EventLoop::Duration duration);
+
+  LeState& le_;
+  std::map<uint8_t, Set> sets_;  // by advertising handle
+};
 
 void AdvertisingCommands::Reset() {
   for (auto& [handle, set] : sets_) context_.loop.Cancel(&set.end);
@@ -49,8 +73,8 @@ void AdvertisingCommands::RegisterExtended(CommandTable* table) {
   table->Complete(0x2038, 4, known_set);  // scan response data
   table->Complete(0x2036, 25, [this](ByteView p) { return SetParameters(p); });
   table->Complete(0x2039, 2, [this](ByteView p) { return Enable(p); });
-  table->Complete(0x203A, 0, [](ByteView) { return Writer{status::kSuccess}.U16(kMaxDataBytes); });
-  table->Complete(0x203B, 0, [](ByteView) { return Writer{status::kSuccess}.U8(kSets); });
+  table->Complete(0x203A, Writer{status::kSuccess}.U16(kMaxDataBytes));
+  table->Complete(0x203B, Writer{status::kSuccess}.U8(kSets));
   table->Complete(0x203C, 1, [this](ByteView p) { return Remove(p[0]); });
   table->Complete(0x203D, 0, [this](ByteView) {
     for (const auto& [handle, set] : sets_) {
@@ -116,6 +140,12 @@ Writer AdvertisingCommands::Remove(uint8_t handle) {
   if (found->second.enabled) return {status::kDisallowed};
   sets_.erase(found);
   return {status::kSuccess};
+}
+
+}  // namespace
+
+std::unique_ptr<CommandGroup> MakeAdvertisingCommands(Context& context, LeState& le) {
+  return std::make_unique<AdvertisingCommands>(context, le);
 }
 
 }  // namespace zvk

@@ -1,5 +1,6 @@
-#include "sim/controller/baseband_commands.h"
+#include <map>
 
+#include "sim/controller/groups.h"
 #include "sim/wire.h"
 
 namespace zvk {
@@ -42,7 +43,24 @@ constexpr Setting kSettings[] = {
     {0x0C7A, 0x0C79, 1, 0},           // secure connections host support
 };
 
-}  // namespace
+// Reset, event masks, and the many settings that a host stack writes at bring-up and may read back.
+class BasebandCommands : public CommandGroup {
+ public:
+  // reset is what HCI Reset does to the whole controller.
+  BasebandCommands(Context& context, std::function<void()> reset);
+  ~BasebandCommands() override { context_.loop.Cancel(&inquiry_); }
+  void Register(CommandTable* table) override;
+  void Reset() override;
+
+ private:
+  void RegisterSettings(CommandTable* table);
+  void RegisterInquiry(CommandTable* table);
+
+  const std::function<void()> reset_;
+  std::map<uint16_t, Bytes> settings_;  // by the opcode that writes them
+  Bytes host_name_;                     // written by the host; empty: the firmware's own
+  EventLoop::TimerId inquiry_ = EventLoop::kNoTimer;
+};
 
 BasebandCommands::BasebandCommands(Context& context, std::function<void()> reset)
     : CommandGroup(context), reset_(std::move(reset)) {
@@ -104,7 +122,7 @@ void BasebandCommands::RegisterSettings(CommandTable* table) {
     }
   }
   // Inquiry access codes that it can listen for at a time (Bluetooth Core 5.3, 4.E.7.3.43).
-  table->Complete(0x0C38, 0, [](ByteView) { return Writer{status::kSuccess}.U8(1); });
+  table->Complete(0x0C38, Writer{status::kSuccess}.U8(1));
   // Stored link keys: there is room for none.
   table->Complete(0x0C0D, 7, [](ByteView) { return Writer{status::kSuccess}.U16(0).U16(0); });
   table->Complete(0x0C12, 7, [](ByteView) { return Writer{status::kSuccess}.U16(0); });
@@ -126,6 +144,12 @@ void BasebandCommands::RegisterInquiry(CommandTable* table) {
     context_.loop.Cancel(&inquiry_);
     return Writer{status::kSuccess};
   });
+}
+
+}  // namespace
+
+std::unique_ptr<CommandGroup> MakeBasebandCommands(Context& context, std::function<void()> reset) {
+  return std::make_unique<BasebandCommands>(context, std::move(reset));
 }
 
 }  // namespace zvk

@@ -48,9 +48,7 @@ void BringUpCommands::Register(CommandTable* table) {
   table->Complete(kLaunchRamOpcode, 0, [this](ByteView p) { return LaunchRam(p); });
   table->Complete(kSetSleepModeOpcode, 12, [this](ByteView p) { return SetSleepMode(p); });
   table->Complete(kWriteAddressOpcode, 6, [this](ByteView p) {
-    Address address;
-    std::copy_n(p.begin(), address.size(), address.begin());
-    context_.chip.provisioned = address;
+    context_.chip.provisioned = AddressAt(p, 0);
     return Writer{status::kSuccess};
   });
   table->Complete(kVendorCapabilitiesOpcode, 0,

@@ -1,7 +1,5 @@
 #include "sim/controller/ccc_commands.h"
 
-#include <algorithm>
-
 #include "sim/wire.h"
 
 namespace zvk {
@@ -38,8 +36,7 @@ Writer CccCommands::Run(ByteView params) {
     return {status::kSuccess};
   }
   if (params.size() < kHead || params[7] != 1) return {status::kInvalidParameters};
-  Address address;
-  std::copy_n(params.begin() + 1, address.size(), address.begin());
+  const Address address = AddressAt(params, 1);
   if (params[0] == kRemove && params.size() == kHead) {
     return {registered_.erase(address) == 1 ? status::kSuccess : status::kUnknownConnection};
   }
@@ -76,7 +73,7 @@ void CccCommands::OnLinkLayer(const Address& address, uint8_t id, Direction dire
   const EventLoop::Time toggled = ToggleOnce();
   const auto offset = static_cast<unsigned>(context_.random() % kMostOffset);
   context_.out.Event(event::kVendor, Writer{vendor_event::kLinkLayer}
-                                         .Append({address.data(), address.size()})
+                                         .Append(address)
                                          .U8(0)
                                          .U8(direction)
                                          .U64(Microseconds(toggled) - Microseconds(start_) - offset)

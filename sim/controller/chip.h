@@ -41,8 +41,12 @@ struct ChipState {
   Address address{};  // until the host writes one
   std::optional<Address> provisioned;
   bool sleep_mode = false;
+
+  const Address& CurrentAddress() const { return provisioned ? *provisioned : address; }
 };
 
+constexpr uint8_t kCore53 = 0x0C;        // version number of Core 5.3
+constexpr uint16_t kNoCompany = 0xFFFF;  // reserved for tests
 constexpr uint32_t kBootSpeed = 115200;  // bit/s
 
 }  // namespace zvk

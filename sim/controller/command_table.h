@@ -26,6 +26,10 @@ class CommandTable {
   void Complete(uint16_t opcode, size_t min_params, RunComplete run) {
     entries_[opcode] = {min_params, std::move(run), nullptr};
   }
+  // The answer is always the same.
+  void Complete(uint16_t opcode, const Writer& answer) {
+    Complete(opcode, 0, [answer](ByteView) { return answer; });
+  }
   void Status(uint16_t opcode, size_t min_params, RunStatus run) {
     entries_[opcode] = {min_params, nullptr, std::move(run)};
   }

@@ -4,7 +4,6 @@
 
 #include "sim/base/log.h"
 #include "sim/controller/buffers.h"
-#include "sim/controller/info_commands.h"
 #include "sim/wire.h"
 
 namespace zvk {
@@ -52,7 +51,6 @@ void ConnectionCommands::RegisterMaking(CommandTable* table) {
     return Create(Api::kExtended, wanted);
   });
   table->Complete(0x200E, 0, [this](ByteView) { return CancelCreate(); });
-  table->Status(0x0406, 3, [this](ByteView p) { return Disconnect(p.U16(0)); });
 }
 
 uint8_t ConnectionCommands::Create(Api api, const Wanted& wanted) {
@@ -114,8 +112,7 @@ void ConnectionCommands::ReportConnection(uint8_t status, uint16_t handle,
   Writer report{enhanced ? le_event::kEnhancedConnectionComplete : le_event::kConnectionComplete};
   report.U8(status).U16(handle).U8(kCentral);
   if (advertiser != nullptr) {
-    report.U8(advertiser->address_type)
-        .Append({advertiser->address.data(), advertiser->address.size()});
+    report.U8(advertiser->address_type).Append(advertiser->address);
   } else {
     report.Zeros(7);
   }
@@ -123,16 +120,6 @@ void ConnectionCommands::ReportConnection(uint8_t status, uint16_t handle,
   report.U16(wanted_->interval).U16(wanted_->latency).U16(wanted_->timeout).U8(0);
   wanted_.reset();
   context_.out.LeEvent(report);
-}
-
-uint8_t ConnectionCommands::Disconnect(uint16_t handle) {
-  return Later(handle, [this, handle] {
-    le_.connected.erase(connections_[handle].advertiser->address);
-    connections_.erase(handle);
-    flow_.Forget(handle);
-    context_.out.Event(event::kDisconnectionComplete,
-                       Writer{status::kSuccess}.U16(handle).U8(status::kTerminatedByHost));
-  });
 }
 
 uint16_t ConnectionCommands::Connection::EventCounter() const {
@@ -155,47 +142,49 @@ uint8_t ConnectionCommands::Later(uint16_t handle, std::function<void()> report)
   return status::kSuccess;
 }
 
+void ConnectionCommands::AddProcedure(
+    CommandTable* table, uint16_t opcode, size_t min_params,
+    std::function<void(uint16_t handle, Connection& connection, ByteView params)> report) {
+  table->Status(opcode, min_params, [this, report = std::move(report)](ByteView p) {
+    const uint16_t handle = p.U16(0);
+    return Later(handle, [this, handle, report, params = p.Copy()] {
+      report(handle, *Find(handle), params);
+    });
+  });
+}
+
 void ConnectionCommands::RegisterProcedures(CommandTable* table) {
-  table->Status(0x041D, 2, [this](ByteView p) {  // remote version
-    const uint16_t handle = p.U16(0);
-    return Later(handle, [this, handle] {
-      context_.out.Event(event::kRemoteVersion,
-                         Writer{status::kSuccess}.U16(handle).U8(kCore53).U16(kNoCompany).U16(1));
-    });
+  AddProcedure(table, 0x041D, 2, [this](uint16_t handle, Connection&, ByteView) {  // version
+    context_.out.Event(event::kRemoteVersion,
+                       Writer{status::kSuccess}.U16(handle).U8(kCore53).U16(kNoCompany).U16(1));
   });
-  table->Status(0x2016, 2, [this](ByteView p) {  // remote features
-    const uint16_t handle = p.U16(0);
-    return Later(handle, [this, handle] {
-      context_.out.LeEvent(
-          Writer{le_event::kRemoteFeatures, status::kSuccess}.U16(handle).U64(kPeerFeatures));
-    });
+  AddProcedure(table, 0x2016, 2, [this](uint16_t handle, Connection&, ByteView) {  // features
+    context_.out.LeEvent(
+        Writer{le_event::kRemoteFeatures, status::kSuccess}.U16(handle).U64(kPeerFeatures));
   });
-  table->Status(0x2013, 14, [this](ByteView p) {  // connection update
-    const uint16_t handle = p.U16(0);
-    const Writer parameters = Writer().U16(p.U16(4)).U16(p.U16(6)).U16(p.U16(8));
-    const uint16_t interval = p.U16(4);
-    return Later(handle, [this, handle, interval, parameters] {
-      Find(handle)->interval = interval;
-      context_.out.LeEvent(
-          Writer{le_event::kConnectionUpdate, status::kSuccess}.U16(handle).Append(parameters));
-    });
+  AddProcedure(table, 0x2013, 14, [this](uint16_t handle, Connection& connection, ByteView p) {
+    connection.interval = p.U16(4);  // connection update: largest interval, latency, time-out
+    context_.out.LeEvent(
+        Writer{le_event::kConnectionUpdate, status::kSuccess}.U16(handle).Append(p.Sub(4, 6)));
   });
-  table->Status(0x2019, 28, [this](ByteView p) {  // encryption: the peers keep no keys
-    const uint16_t handle = p.U16(0);
-    return Later(handle, [this, handle] {
-      context_.out.Event(event::kEncryptionChange,
-                         Writer{status::kPinOrKeyMissing}.U16(handle).U8(0));
-    });
+  // Encryption: the peers keep no keys.
+  AddProcedure(table, 0x2019, 28, [this](uint16_t handle, Connection&, ByteView) {
+    context_.out.Event(event::kEncryptionChange,
+                       Writer{status::kPinOrKeyMissing}.U16(handle).U8(0));
   });
-  table->Status(0x2032, 7, [this](ByteView p) {  // PHY: the peers know 1M only
-    const uint16_t handle = p.U16(0);
-    return Later(handle, [this, handle] {
-      const Connection& connection = *Find(handle);
-      ccc_.OnLinkLayer(connection.advertiser->address, CccCommands::kPhyUpdateInd, CccCommands::kTx,
-                       connection.EventCounter());
-      context_.out.LeEvent(
-          Writer{le_event::kPhyUpdate, status::kSuccess}.U16(handle).U8(kPhy1M).U8(kPhy1M));
-    });
+  // PHY: the peers know 1M only.
+  AddProcedure(table, 0x2032, 7, [this](uint16_t handle, Connection& connection, ByteView) {
+    ccc_.OnLinkLayer(connection.advertiser->address, CccCommands::kPhyUpdateInd, CccCommands::kTx,
+                     connection.EventCounter());
+    context_.out.LeEvent(
+        Writer{le_event::kPhyUpdate, status::kSuccess}.U16(handle).U8(kPhy1M).U8(kPhy1M));
+  });
+  AddProcedure(table, 0x0406, 3, [this](uint16_t handle, Connection& connection, ByteView) {
+    le_.connected.erase(connection.advertiser->address);
+    connections_.erase(handle);
+    flow_.Forget(handle);
+    context_.out.Event(event::kDisconnectionComplete,
+                       Writer{status::kSuccess}.U16(handle).U8(status::kTerminatedByHost));
   });
 }
 

@@ -51,11 +51,14 @@ class ConnectionCommands : public CommandGroup {
   Writer CancelCreate();
   void Establish(const Advertiser& advertiser);
   void ReportConnection(uint8_t status, uint16_t handle, const Advertiser* advertiser);
-  uint8_t Disconnect(uint16_t handle);
   Connection* Find(uint16_t handle);
   void SendToHost(uint16_t handle, bool first, ByteView fragment);
   // Runs report after the time that the air takes, if the connection still exists then.
   uint8_t Later(uint16_t handle, std::function<void()> report);
+  // Command Status, and report after the time that the air takes.
+  void AddProcedure(
+      CommandTable* table, uint16_t opcode, size_t min_params,
+      std::function<void(uint16_t handle, Connection& connection, ByteView params)> report);
   // Command Complete with status, handle and what answer gives.
   void ForConnection(CommandTable* table, uint16_t opcode, size_t min_params,
                      std::function<Writer(uint16_t handle, ByteView params)> answer);

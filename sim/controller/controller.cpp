@@ -1,13 +1,7 @@
 #include "sim/controller/controller.h"
 
 #include "sim/base/log.h"
-#include "sim/controller/activity_commands.h"
-#include "sim/controller/advertising_commands.h"
-#include "sim/controller/baseband_commands.h"
-#include "sim/controller/data_flow_commands.h"
-#include "sim/controller/info_commands.h"
-#include "sim/controller/le_commands.h"
-#include "sim/controller/scan_commands.h"
+#include "sim/controller/groups.h"
 #include "sim/wire.h"
 
 namespace zvk {
@@ -41,21 +35,25 @@ Controller::Controller(EventLoop& loop, std::mt19937& random, BoardPort board,
       radio_limits_(Add<RadioLimitCommands>()),
       connections_(Add<ConnectionCommands>(le_, flow_, *ccc_)),
       loopback_(Add<LoopbackCommands>(flow_)) {
-  Add<ActivityCommands>();
-  Add<BasebandCommands>([this] { Reset(); });
-  Add<InfoCommands>();
-  Add<DataFlowCommands>(flow_);
-  Add<LeCommands>(le_);
-  Add<ScanCommands>(le_);
-  Add<AdvertisingCommands>(le_);
+  Own(MakeBasebandCommands(context_, [this] { Reset(); }));
+  Own(MakeLeCommands(context_, le_));
+  Own(MakeScanCommands(context_, le_));
+  Own(MakeAdvertisingCommands(context_, le_));
+  RegisterActivityCommands(context_, &table_);
+  RegisterInfoCommands(context_, &table_);
+  RegisterDataFlowCommands(flow_, &table_);
+}
+
+void Controller::Own(std::unique_ptr<CommandGroup> group) {
+  group->Register(&table_);
+  groups_.push_back(std::move(group));
 }
 
 template <typename Group, typename... Arguments>
 Group* Controller::Add(Arguments&&... arguments) {
   auto group = std::make_unique<Group>(context_, std::forward<Arguments>(arguments)...);
   Group* const raw = group.get();
-  raw->Register(&table_);
-  groups_.push_back(std::move(group));
+  Own(std::move(group));
   return raw;
 }
 
@@ -64,6 +62,8 @@ Controller::~Controller() = default;
 // Patch, speed, sleep mode and address stay.
 void Controller::Reset() {
   for (const auto& group : groups_) group->Reset();
+  activity_.Restart();
+  flow_.Reset();
 }
 
 void Controller::OnPacket(PacketType type, ByteView packet) {

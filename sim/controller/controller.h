@@ -48,6 +48,7 @@ class Controller {
   bool Known(uint16_t opcode) const;
   bool NeedsPatch(uint16_t opcode) const;
   void Reset();
+  void Own(std::unique_ptr<CommandGroup> group);
   template <typename Group, typename... Arguments>
   Group* Add(Arguments&&... arguments);
 

@@ -9,7 +9,7 @@ constexpr uint8_t kAllSources = 0xFF;
 
 constexpr unsigned kEwpAclHandle = 0x2E00;  // 0xE00, first fragment
 constexpr unsigned kEwpIsoHandle = 0x2D00;  // 0xD00, a complete one
-constexpr size_t kRecordBytes = 40;
+constexpr size_t kEwpRecordBytes = 40;
 
 }  // namespace
 
@@ -38,7 +38,7 @@ Writer EwpCommands::Switch(ByteView params) {
 void EwpCommands::Next() {
   timer_ = context_.loop.After(std::chrono::milliseconds(interval_), [this] {
     Next();
-    Record(PacketType::kAcl, kRecordBytes);
+    Record(PacketType::kAcl, kEwpRecordBytes);
   });
 }
 

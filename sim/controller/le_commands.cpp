@@ -1,9 +1,9 @@
-#include "sim/controller/le_commands.h"
+#include <nettle/aes.h>
 
 #include <algorithm>
 
-#include "sim/controller/aes.h"
 #include "sim/controller/buffers.h"
+#include "sim/controller/groups.h"
 
 namespace zvk {
 namespace {
@@ -18,7 +18,23 @@ constexpr uint16_t kMaxTime = 2120;  // µs
 
 Writer Success() { return {status::kSuccess}; }
 
-}  // namespace
+// LE settings, lists and answers about the controller itself.
+class LeCommands : public CommandGroup {
+ public:
+  LeCommands(Context& context, LeState& le) : CommandGroup(context), le_(le) {}
+  void Register(CommandTable* table) override;
+  void Reset() override;
+
+ private:
+  void RegisterInformation(CommandTable* table);
+  void RegisterLists(CommandTable* table);
+  void RegisterSettings(CommandTable* table);
+
+  LeState& le_;
+  uint16_t suggested_octets_ = 27;
+  uint16_t suggested_time_ = 328;  // µs
+  std::set<std::pair<uint8_t, Address>> resolving_list_;
+};
 
 void LeCommands::Reset() {
   le_ = {};
@@ -34,36 +50,35 @@ void LeCommands::Register(CommandTable* table) {
 }
 
 void LeCommands::RegisterInformation(CommandTable* table) {
-  table->Complete(0x2002, 0, [](ByteView) { return Success().U16(kLeAclBytes).U8(kLeAclBuffers); });
-  table->Complete(0x2060, 0, [](ByteView) {
-    return Success().U16(kLeAclBytes).U8(kLeAclBuffers).U16(kIsoBytes).U8(kIsoBuffers);
-  });
-  table->Complete(0x2003, 0, [](ByteView) { return Success().U64(kLeFeatures); });
-  table->Complete(0x201C, 0, [](ByteView) { return Success().U64(kStates); });
-  table->Complete(0x202F, 0, [](ByteView) {
-    return Success().U16(kLeAclBytes).U16(kMaxTime).U16(kLeAclBytes).U16(kMaxTime);
-  });
-  table->Complete(0x204A, 0, [](ByteView) { return Success().U8(0); });           // periodic list
-  table->Complete(0x204B, 0, [](ByteView) { return Success().U8(0xEC).U8(8); });  // -20 … 8 dBm
-  table->Complete(0x204C, 0, [](ByteView) { return Success().U16(0).U16(0); });
+  table->Complete(0x2002, Success().U16(kLeAclBytes).U8(kLeAclBuffers));
+  table->Complete(0x2060,
+                  Success().U16(kLeAclBytes).U8(kLeAclBuffers).U16(kIsoBytes).U8(kIsoBuffers));
+  table->Complete(0x2003, Success().U64(kLeFeatures));
+  table->Complete(0x201C, Success().U64(kStates));
+  table->Complete(0x202F, Success().U16(kLeAclBytes).U16(kMaxTime).U16(kLeAclBytes).U16(kMaxTime));
+  table->Complete(0x204A, Success().U8(0));           // periodic list
+  table->Complete(0x204B, Success().U8(0xEC).U8(8));  // -20 … 8 dBm
+  table->Complete(0x204C, Success().U16(0).U16(0));
   table->Complete(0x2018, 0, [this](ByteView) {
     const uint64_t high = context_.random();
     return Success().U64((high << 32) | context_.random());
   });
   table->Complete(0x2017, 32, [](ByteView p) {
-    AesBlock key;
-    AesBlock text;
     // The command has both least significant byte first, the cipher most significant first.
-    std::reverse_copy(p.begin(), p.begin() + 16, key.begin());
-    std::reverse_copy(p.begin() + 16, p.begin() + 32, text.begin());
-    AesBlock result = AesEncrypt(key, text);
-    std::reverse(result.begin(), result.end());
-    return Success().Append({result.data(), result.size()});
+    uint8_t key[AES128_KEY_SIZE];
+    uint8_t block[AES_BLOCK_SIZE];
+    std::reverse_copy(p.begin(), p.begin() + 16, key);
+    std::reverse_copy(p.begin() + 16, p.begin() + 32, block);
+    aes128_ctx cipher;
+    aes128_set_encrypt_key(&cipher, key);
+    aes128_encrypt(&cipher, sizeof(block), block, block);
+    std::reverse(std::begin(block), std::end(block));
+    return Success().Append({block, sizeof(block)});
   });
 }
 
 void LeCommands::RegisterLists(CommandTable* table) {
-  table->Complete(0x200F, 0, [](ByteView) { return Success().U8(kAcceptListSize); });
+  table->Complete(0x200F, Success().U8(kAcceptListSize));
   table->Complete(0x2010, 0, [this](ByteView) {
     le_.accept_list.clear();
     return Success();
@@ -77,7 +92,7 @@ void LeCommands::RegisterLists(CommandTable* table) {
     le_.accept_list.erase({p[0], AddressAt(p, 1)});
     return Success();
   });
-  table->Complete(0x202A, 0, [](ByteView) { return Success().U8(kResolvingListSize); });
+  table->Complete(0x202A, Success().U8(kResolvingListSize));
   table->Complete(0x2029, 0, [this](ByteView) {
     resolving_list_.clear();
     return Success();
@@ -127,6 +142,12 @@ void LeCommands::RegisterSettings(CommandTable* table) {
     suggested_time_ = p.U16(2);
     return Success();
   });
+}
+
+}  // namespace
+
+std::unique_ptr<CommandGroup> MakeLeCommands(Context& context, LeState& le) {
+  return std::make_unique<LeCommands>(context, le);
 }
 
 }  // namespace zvk

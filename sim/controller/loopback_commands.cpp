@@ -31,13 +31,13 @@ Writer LoopbackCommands::WriteMode(ByteView params) {
   const bool on = params[0] == 1;
   if (on == local_) return {status::kSuccess};
   local_ = on;
-  const Address address = context_.chip.provisioned.value_or(context_.chip.address);
+  const Address address = context_.chip.CurrentAddress();
   for (const uint16_t handle : {kAclHandle, kScoHandle}) {
     if (on) {
       context_.out.Event(event::kConnectionComplete,
                          Writer{status::kSuccess}
                              .U16(handle)
-                             .Append({address.data(), address.size()})
+                             .Append(address)
                              .U8(handle == kAclHandle ? 1 : 0)  // link type
                              .U8(0));                           // not encrypted
     } else {

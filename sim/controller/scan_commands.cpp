@@ -1,5 +1,8 @@
-#include "sim/controller/scan_commands.h"
+#include <map>
+#include <set>
 
+#include "sim/controller/groups.h"
+#include "sim/radio/world.h"
 #include "sim/wire.h"
 
 namespace zvk {
@@ -8,8 +11,8 @@ namespace {
 using Api = LeState::Api;
 
 constexpr int kMaxDelayMs = 10;  // random part of every advertising interval
-constexpr auto kDurationUnit = std::chrono::milliseconds(10);
-constexpr auto kIntervalUnit = std::chrono::microseconds(625);
+constexpr auto kScanDurationUnit = std::chrono::milliseconds(10);
+constexpr auto kScanIntervalUnit = std::chrono::microseconds(625);
 constexpr uint8_t kScanTimeout = 0x11;
 
 // Legacy report: ADV_IND, ADV_SCAN_IND, ADV_NONCONN_IND, SCAN_RSP.
@@ -28,7 +31,37 @@ uint16_t ExtendedType(const Advertiser& advertiser, bool scan_response) {
   return static_cast<uint16_t>(type);
 }
 
-}  // namespace
+// Scanning, legacy and extended: while it is on, each device in the air is reported at its own
+// advertising interval.
+class ScanCommands : public CommandGroup {
+ public:
+  ScanCommands(Context& context, LeState& le) : CommandGroup(context), le_(le) {}
+  ~ScanCommands() override { Stop(); }
+  void Register(CommandTable* table) override;
+  void Reset() override;
+
+ private:
+  Writer SetParameters(LeState::Api api, ByteView params);
+  Writer Enable(LeState::Api api, ByteView params);
+  void Start(EventLoop::Duration duration);
+  void Stop();
+  void AdvertiseLater(const Advertiser& advertiser);
+  void Hear(const Advertiser& advertiser);
+  void Report(const Advertiser& advertiser, bool scan_response);
+
+  LeState& le_;
+  // Of the receiver, in units of 0.625 ms.
+  static constexpr uint16_t kDefaultInterval = 16;
+  uint16_t interval_ = kDefaultInterval;
+  uint16_t window_ = kDefaultInterval;
+  bool active_ = false;
+  bool accept_list_only_ = false;
+  bool filter_duplicates_ = false;
+  bool scanning_ = false;
+  std::map<Address, EventLoop::TimerId> timers_;  // of each advertiser's next packet
+  EventLoop::TimerId end_ = EventLoop::kNoTimer;
+  std::set<std::pair<Address, bool>> reported_;  // address and whether a scan response
+};
 
 void ScanCommands::Register(CommandTable* table) {
   table->Complete(0x200B, 7, [this](ByteView p) { return SetParameters(Api::kLegacy, p); });
@@ -71,13 +104,13 @@ Writer ScanCommands::Enable(Api api, ByteView params) {
   if (params[0] == 0) return {status::kSuccess};
   filter_duplicates_ = params[1] != 0;
   const int units = api == Api::kExtended ? params.U16(2) : 0;
-  context_.then([this, units] { Start(units * kDurationUnit); });
+  context_.then([this, units] { Start(units * kScanDurationUnit); });
   return {status::kSuccess};
 }
 
 void ScanCommands::Start(EventLoop::Duration duration) {
   scanning_ = true;
-  context_.activity.StartScan(interval_ * kIntervalUnit, window_ * kIntervalUnit);
+  context_.activity.StartScan(interval_ * kScanIntervalUnit, window_ * kScanIntervalUnit);
   for (const Advertiser& advertiser : World()) AdvertiseLater(advertiser);
   if (duration == EventLoop::Duration::zero()) return;
   end_ = context_.loop.After(duration, [this] {
@@ -118,7 +151,7 @@ void ScanCommands::Report(const Advertiser& advertiser, bool scan_response) {
   if (filter_duplicates_ && !reported_.insert({advertiser.address, scan_response}).second) return;
   const Bytes& data = scan_response ? advertiser.scan_response : advertiser.data;
   const auto size = static_cast<unsigned>(data.size());
-  const ByteView address(advertiser.address.data(), advertiser.address.size());
+  const Address& address = advertiser.address;
   const auto rssi = static_cast<uint8_t>(advertiser.rssi);
   constexpr uint8_t kOneReport = 1;
   if (le_.api == Api::kLegacy) {
@@ -147,6 +180,12 @@ void ScanCommands::Report(const Advertiser& advertiser, bool scan_response) {
                            .Zeros(7)  // no direct address
                            .U8(size)
                            .Append(data));
+}
+
+}  // namespace
+
+std::unique_ptr<CommandGroup> MakeScanCommands(Context& context, LeState& le) {
+  return std::make_unique<ScanCommands>(context, le);
 }
 
 }  // namespace zvk

@@ -1,7 +1,7 @@
 #include "sim/firmware/image.h"
 
-#include <algorithm>
-#include <array>
+#include <zlib.h>
+
 #include <random>
 
 namespace zvk {
@@ -14,23 +14,10 @@ void AddRecord(Writer* file, uint16_t opcode, ByteView params) {
   file->U16(opcode).U8(static_cast<unsigned>(params.size())).Append(params);
 }
 
-std::array<uint32_t, 256> MakeCrcTable() {
-  std::array<uint32_t, 256> table{};
-  for (uint32_t i = 0; i < table.size(); ++i) {
-    uint32_t value = i;
-    for (int bit = 0; bit < 8; ++bit) value = (value >> 1) ^ ((value & 1) != 0 ? 0xEDB88320u : 0u);
-    table[i] = value;
-  }
-  return table;
-}
-
 }  // namespace
 
 uint32_t Crc32(uint32_t crc, ByteView bytes) {
-  static const std::array<uint32_t, 256> kTable = MakeCrcTable();
-  crc = ~crc;
-  for (const uint8_t byte : bytes) crc = (crc >> 8) ^ kTable[(crc ^ byte) & 0xFF];
-  return ~crc;
+  return static_cast<uint32_t>(crc32(crc, bytes.data(), static_cast<uInt>(bytes.size())));
 }
 
 Bytes MakeFirmware(const ImageOptions& options) {

@@ -1,11 +1,11 @@
 #include "sim/handset/handset.h"
 
 #include <cstdio>
+#include <fstream>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "sim/base/log.h"
-#include "sim/co_processor/co_actions.h"
-#include "sim/handset/controller_actions.h"
 #include "sim/wire.h"
 
 namespace zvk {
@@ -55,7 +55,8 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
                   }),
       coex_(loop, root_ / "dev/wbrc", [this](const std::string& text) { trace_.Note(text); }),
       time_sync_(root_ / "proc/bluetooth/timesync"),
-      scenario_(loop, options.scenario, [this](const Action& action) { Act(action); }) {
+      scenario_(loop, options.scenario,
+                [this](const Action& action) { action.type->act(*this, action.arguments); }) {
   if (options.root.co_processor) {
     co_processor_ = std::make_unique<CoProcessor>(loop_, root_ / "run/qvr/transport",
                                                   root_ / kCoProcessorLine, CoProcessorBoard());
@@ -101,7 +102,9 @@ void Handset::DrainFiles() {
   btwrite_.Drain();
 }
 
-bool Handset::Awake() const { return !status_.sleep_mode || !lpm_enabled_ || wake_asserted_; }
+bool Handset::SleepMode() const { return controller_ && controller_->chip().sleep_mode; }
+
+bool Handset::Awake() const { return !SleepMode() || !lpm_enabled_ || wake_asserted_; }
 
 void Handset::OnPower(bool on, bool more) {
   if (!on) {
@@ -116,7 +119,7 @@ void Handset::OnPower(bool on, bool more) {
     return;
   }
   if (controller_) return;
-  ++status_.power_cycles;
+  ++counts_.power_cycles;
   uart_.DropStale();
   PowerOn();
   scenario_.OnPowerOn();
@@ -163,9 +166,9 @@ void Handset::StartController(const ChipState& chip) {
         std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch()).count()));
     return now;
   };
-  ++status_.starts;
+  ++counts_.starts;
   controller_ = std::make_unique<Controller>(loop_, random_, board, chip);
-  status_.listening = true;
+  listening_ = true;
 }
 
 void Handset::SetSpeed(uint32_t speed) {
@@ -179,26 +182,26 @@ void Handset::StopController() {
   controller_.reset();
   framer_.Reset();
   loop_.Cancel(&warm_up_timer_);
-  status_.listening = false;
+  listening_ = false;
 }
 
 void Handset::LaunchFirmware(const std::string& name) {
   trace_.Note("firmware \"" + name + "\" starts");
   StopController();
   StartController(Chip(true, name));
-  status_.listening = false;
+  listening_ = false;
   warm_up_timer_ = loop_.After(warm_up_, [this] {
     warm_up_timer_ = EventLoop::kNoTimer;
-    status_.listening = true;
+    listening_ = true;
     trace_.Note("firmware ready");
   });
 }
 
 void Handset::OnHostBytes(ByteView bytes) {
-  if (!status_.listening) return;
+  if (!listening_) return;
   if (!Awake()) {
-    if (status_.bytes_lost_asleep == 0) Log("bytes for a controller that sleeps are lost");
-    status_.bytes_lost_asleep += bytes.size();
+    if (counts_.bytes_lost_asleep == 0) Log("bytes for a controller that sleeps are lost");
+    counts_.bytes_lost_asleep += bytes.size();
     return;
   }
   framer_.Push(bytes);
@@ -206,23 +209,23 @@ void Handset::OnHostBytes(ByteView bytes) {
 }
 
 void Handset::OnHostPacket(PacketType type, ByteView packet) {
-  ++status_.packets_from_host;
+  ++counts_.packets_from_host;
   trace_.FromHost(type, packet);
   if (type != PacketType::kCommand) {
     controller_->OnPacket(type, packet);
     return;
   }
   const uint16_t opcode = packet.U16(0);
-  ++status_.commands[opcode];
-  const uint64_t starts = status_.starts;
+  ++counts_.commands[opcode];
+  const uint64_t starts = counts_.starts;
   const CommandFault fault = scenario_.OnCommand(opcode);
-  if (fault.no_answer || starts != status_.starts) return;
+  if (fault.no_answer || starts != counts_.starts) return;
   if (fault.late == ScenarioTime::zero()) {
     RunCommand(packet, fault.change);
     return;
   }
   loop_.After(fault.late, [this, starts, late = packet.Copy(), change = fault.change] {
-    if (controller_ && starts == status_.starts) RunCommand(late, change);
+    if (controller_ && starts == counts_.starts) RunCommand(late, change);
   });
 }
 
@@ -232,71 +235,15 @@ void Handset::RunCommand(ByteView packet, const AnswerChange& change) {
   scenario_.OnAnswered(opcode);
 }
 
-void Handset::Act(const Action& action) {
-  const auto byte = static_cast<uint8_t>(action.number);
-  switch (action.kind) {
-    case Action::Kind::kHangUp:
-      trace_.Note("hang-up");
-      uart_.HangUp();
-      break;
-    case Action::Kind::kSilence:
-      line_.BeSilent(action.time);
-      break;
-    case Action::Kind::kHang:
-      trace_.Note("hang");
-      line_.BeSilent(action.time);
-      uart_.StopReading(action.time);
-      break;
-    case Action::Kind::kStray:
-      uart_.Send({&byte, 1});
-      break;
-    case Action::Kind::kTruncatedEvent:
-      // Announces more than there is; what follows is swallowed by it.
-      uart_.Send(Writer{static_cast<uint8_t>(PacketType::kEvent), event::kVendor, 0x20, 0x00});
-      break;
-    case Action::Kind::kHardwareError:
-      SendToHost(PacketType::kEvent, Writer{event::kHardwareError, 1, byte});
-      break;
-    case Action::Kind::kInject:
-      uart_.Send(action.bytes);
-      break;
-    case Action::Kind::kCoex:
-      coex_.Notify(byte);
-      break;
-    case Action::Kind::kCoexMessage:
-      coex_.Send(action.bytes);
-      break;
-    case Action::Kind::kCoexHangUp:
-      coex_.HangUp();
-      break;
-    case Action::Kind::kTimeSync:
-      time_sync_.Record(action.number);
-      break;
-    case Action::Kind::kNoise: {
-      Bytes noise(action.number);
-      for (uint8_t& noise_byte : noise) noise_byte = static_cast<uint8_t>(random_());
-      uart_.Send(noise);
-      break;
-    }
-    case Action::Kind::kSplit:
-      line_.SplitAfter(action.number, action.time);
-      break;
-    case Action::Kind::kMerge:
-      line_.Merge(action.number, action.time);
-      break;
-    case Action::Kind::kSpeed:
-      SetSpeed(action.number);
-      break;
-    case Action::Kind::kWarmUp:
-      warm_up_ = action.time;
-      break;
-    case Action::Kind::kBrownOut:
-      if (controller_) BrownOut();
-      break;
-    default:
-      if (controller_) ActOnController(action, *controller_);
-      if (co_processor_) ActOnCoProcessor(action, random_, *co_processor_);
-  }
+void Handset::HangUp() {
+  trace_.Note("hang-up");
+  uart_.HangUp();
+}
+
+void Handset::Hang(EventLoop::Duration time) {
+  trace_.Note("hang");
+  line_.BeSilent(time);
+  uart_.StopReading(time);
 }
 
 // The supply dips: the controller starts anew, and the host is not told.
@@ -310,17 +257,17 @@ void Handset::BrownOut() {
 }
 
 void Handset::OnLostSync(uint8_t bad) {
-  ++status_.sync_losses;
+  ++counts_.sync_losses;
   controller_->OnLostSync(bad);
 }
 
 void Handset::SendToHost(PacketType type, ByteView packet) {
   if (uart_.queued() + packet.size() > kLineBacklog) {
-    if (status_.packets_dropped++ == 0) Log("the host does not read; packets are dropped");
+    if (counts_.packets_dropped++ == 0) Log("the host does not read; packets are dropped");
     return;
   }
   if (!line_.Send(type, packet)) return;
-  ++status_.packets_to_host;
+  ++counts_.packets_to_host;
   trace_.ToHost(type, packet);
 }
 
@@ -330,38 +277,73 @@ void Handset::OnIdle() {
   if (status_timer_ == EventLoop::kNoTimer) WriteStatus();
 }
 
-// At most once a period; a change in between is written at the period's end.
-void Handset::WriteStatus() {
-  status_.powered = controller_ != nullptr;
-  status_.patched = controller_ && controller_->chip().patched;
-  status_.sleep_mode = controller_ && controller_->chip().sleep_mode;
-  status_.speed_baud = controller_ ? uart_.speed() : 0;
-  status_.lpm_enabled = lpm_enabled_;
-  status_.awake = Awake();
-  status_.address.clear();
-  status_.extensions = {};
-  if (controller_) {
-    const ChipState& chip = controller_->chip();
-    status_.address = AddressText(chip.provisioned.value_or(chip.address));
-    const RadioLimitCommands& limits = controller_->radio_limits();
-    status_.extensions = {Hex(limits.channel_map()),
-                          limits.cap_format(),
-                          Hex(limits.caps()),
-                          controller_->ewp().interval(),
-                          {}};
+std::string Handset::StatusText() {
+  const bool on = controller_ != nullptr;
+  // One "name": value per line, so that grep does as well as a JSON reader.
+  nlohmann::ordered_json json = {
+      {"powered", on},
+      {"power_cycles", counts_.power_cycles},
+      {"starts", counts_.starts},
+      {"patched", on && controller_->chip().patched},
+      {"listening", listening_},
+      {"speed_baud", on ? uart_.speed() : 0},
+      {"sleep_mode", SleepMode()},
+      {"lpm_enabled", lpm_enabled_},
+      {"awake", Awake()},
+      {"address", on ? AddressText(controller_->chip().CurrentAddress()) : ""},
+      {"channel_map", on ? Hex(controller_->radio_limits().channel_map()) : ""},
+      {"sar_format", on ? controller_->radio_limits().cap_format() : 0},
+      {"sar_caps", on ? Hex(controller_->radio_limits().caps()) : ""},
+      {"ewp_interval", on ? controller_->ewp().interval() : 0},
+      {"ccc", nlohmann::ordered_json::object()},
+  };
+  if (on) {
     for (const auto& [address, events] : controller_->ccc().registered()) {
-      status_.extensions.ccc[AddressText(address)] = Hex(Bytes(events.begin(), events.end()));
+      json["ccc"][AddressText(address)] = Hex(Bytes(events.begin(), events.end()));
     }
   }
-  if (co_processor_) status_.co_processor = co_processor_->state();
-  status_.bytes_from_host = uart_.received();
-  status_.bytes_to_host = uart_.sent();
-  status_.coex_acknowledged = coex_.acknowledged();
-  const std::string text = StatusJson(status_, wake_locks_.accounts());
-  if (text == written_status_) return;
-  if (!ReplaceFile(root_.status_file(), text) && written_status_.empty()) {
-    Log("cannot write %s", root_.status_file().c_str());
+  if (co_processor_) {
+    const CoProcessor::State state = co_processor_->state();
+    json["co_processor"] = {{"connected", state.connected},  {"connections", state.connections},
+                            {"on", state.powered},           {"low_power", state.low_power},
+                            {"line_baud", state.speed_baud}, {"requests", state.requests}};
   }
+  json.update({
+      {"bytes_from_host", uart_.received()},
+      {"bytes_to_host", uart_.sent()},
+      {"bytes_lost_asleep", counts_.bytes_lost_asleep},
+      {"packets_from_host", counts_.packets_from_host},
+      {"packets_to_host", counts_.packets_to_host},
+      {"packets_dropped", counts_.packets_dropped},
+      {"sync_losses", counts_.sync_losses},
+      {"coex_acknowledged", coex_.acknowledged()},
+  });
+  nlohmann::ordered_json& locks = json["wake_locks"] = nlohmann::ordered_json::object();
+  for (const auto& [name, account] : wake_locks_.accounts()) {
+    locks[name] = {
+        {"held", account.held}, {"acquired", account.acquired}, {"released", account.released}};
+  }
+  nlohmann::ordered_json& commands = json["commands"] = nlohmann::ordered_json::object();
+  for (const auto& [opcode, count] : counts_.commands) {
+    char name[16];
+    std::snprintf(name, sizeof(name), "0x%04X", opcode);
+    commands[name] = count;
+  }
+  using Json = nlohmann::ordered_json;
+  return json.dump(0, ' ', true, Json::error_handler_t::replace) + "\n";
+}
+
+// At most once per period; a change in between is written at the period's end. A reader sees the
+// old or the new file whole.
+void Handset::WriteStatus() {
+  const std::string text = StatusText();
+  if (text == written_status_) return;
+  const std::string fresh = root_.status_file() + ".new";
+  std::ofstream out(fresh, std::ios::binary | std::ios::trunc);
+  out << text;
+  out.close();
+  const bool written = out.good() && std::rename(fresh.c_str(), root_.status_file().c_str()) == 0;
+  if (!written && written_status_.empty()) Log("cannot write %s", root_.status_file().c_str());
   written_status_ = text;
   status_timer_ = loop_.After(kStatusPeriod, [this] { status_timer_ = EventLoop::kNoTimer; });
 }

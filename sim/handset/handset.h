@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -10,7 +11,6 @@
 #include "sim/handset/coex_device.h"
 #include "sim/handset/line_faults.h"
 #include "sim/handset/root_folder.h"
-#include "sim/handset/status_file.h"
 #include "sim/handset/switch_file.h"
 #include "sim/handset/time_sync.h"
 #include "sim/handset/trace.h"
@@ -43,14 +43,28 @@ class Handset {
 
   const std::string& root() const { return root_.path(); }
 
+  // What a scenario can do to a handset.
+  static const std::vector<ActionType>& ActionTypes();
+
  private:
+  // For the status file.
+  struct Counts {
+    uint64_t power_cycles = 0;  // times that the controller was switched on
+    uint64_t starts = 0;        // of a firmware: by power-on and by Launch RAM
+    uint64_t bytes_lost_asleep = 0;
+    uint64_t packets_from_host = 0;
+    uint64_t packets_to_host = 0;
+    uint64_t packets_dropped = 0;  // because the host did not read
+    uint64_t sync_losses = 0;
+    std::map<uint16_t, uint64_t> commands;  // by opcode
+  };
+
   void OnPower(bool on, bool more);
   void OnWake(bool asserted);
   void OnHostBytes(ByteView bytes);
   void OnHostPacket(PacketType type, ByteView packet);
   void OnLostSync(uint8_t bad);
   void RunCommand(ByteView packet, const AnswerChange& change);
-  void Act(const Action& action);
   void SendToHost(PacketType type, ByteView packet);
   ChipState Chip(bool patched, const std::string& local_name) const;
   void PowerOn();
@@ -59,11 +73,15 @@ class Handset {
   void DrainFiles();
   void StartController(const ChipState& chip);
   void StopController();
+  void HangUp();
+  void Hang(EventLoop::Duration time);
   void BrownOut();
   void SetSpeed(uint32_t bits_per_second);
   void LaunchFirmware(const std::string& name);
+  bool SleepMode() const;
   bool Awake() const;
   void OnIdle();
+  std::string StatusText();
   void WriteStatus();
 
   EventLoop& loop_;
@@ -72,7 +90,8 @@ class Handset {
   std::mt19937 random_;
   RootFolder root_;
   Trace trace_;
-  Status status_;
+  Counts counts_;
+  bool listening_ = false;  // false while off and while a new firmware warms up
   bool wake_asserted_ = false;
   bool lpm_enabled_ = false;
   std::string written_status_;

@@ -19,7 +19,7 @@ struct SpeedCode {
   uint32_t bits_per_second;
 };
 
-constexpr SpeedCode kSpeeds[] = {
+constexpr SpeedCode kSpeedCodes[] = {
     {B9600, 9600},       {B19200, 19200},     {B38400, 38400},     {B57600, 57600},
     {B115200, 115200},   {B230400, 230400},   {B460800, 460800},   {B500000, 500000},
     {B576000, 576000},   {B921600, 921600},   {B1000000, 1000000}, {B1152000, 1152000},
@@ -34,13 +34,13 @@ constexpr SpeedCode kSpeeds[] = {
 }  // namespace
 
 Pty::Pty(const std::string& link) : link_(link) {
-  master_ = UniqueFd(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  master_.reset(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   char name[128];
   if (!master_.ok() || grantpt(master_.get()) != 0 || unlockpt(master_.get()) != 0 ||
       ptsname_r(master_.get(), name, sizeof(name)) != 0) {
     Fail("cannot make a pseudo-terminal");
   }
-  slave_ = UniqueFd(open(name, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  slave_.reset(open(name, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   termios settings{};
   if (!slave_.ok() || tcgetattr(slave_.get(), &settings) != 0) Fail(name);
   cfmakeraw(&settings);
@@ -88,7 +88,7 @@ uint32_t Pty::Speed() const {
   termios settings{};
   if (tcgetattr(slave_.get(), &settings) != 0) return 0;
   const speed_t code = cfgetospeed(&settings);
-  for (const SpeedCode& speed : kSpeeds) {
+  for (const SpeedCode& speed : kSpeedCodes) {
     if (speed.code == code) return speed.bits_per_second;
   }
   return 0;

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <android-base/unique_fd.h>
+
 #include <string>
 
-#include "sim/base/unique_fd.h"
 #include "sim/wire.h"
 
 namespace zvk {
@@ -35,8 +36,8 @@ class Pty {
 
  private:
   const std::string link_;
-  UniqueFd master_;
-  UniqueFd slave_;
+  ::android::base::unique_fd master_;
+  ::android::base::unique_fd slave_;
 };
 
 }  // namespace zvk

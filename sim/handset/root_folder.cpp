@@ -79,7 +79,7 @@ RootFolder::~RootFolder() {
 
 void RootFolder::Lock() {
   const std::string file = *this / "run/zvksim/lock";
-  lock_ = UniqueFd(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  lock_.reset(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
   if (!lock_.ok()) throw std::runtime_error(file + ": " + std::strerror(errno));
   if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
     throw std::runtime_error("another zvksim runs on " + path_);

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <android-base/unique_fd.h>
+
 #include <string>
 
-#include "sim/base/unique_fd.h"
 #include "sim/controller/chip.h"
 
 namespace zvk {
@@ -36,7 +37,7 @@ class RootFolder {
   void WriteFirmware(const std::string& file, uint8_t chip_id, const Options& options) const;
 
   std::string path_;  // absolute
-  UniqueFd lock_;
+  ::android::base::unique_fd lock_;
 };
 
 }  // namespace zvk

@@ -10,7 +10,7 @@ namespace zvk {
 namespace {
 
 constexpr size_t kReadBytes = 65536;
-constexpr int kReadsPerTurn = 32;  // then everybody else has a turn
+constexpr int kUartReadsPerTurn = 32;  // then everybody else has a turn
 constexpr size_t kTxHigh = 262144;
 constexpr double kBitsPerByte = 10;  // start bit, 8 data bits, stop bit
 constexpr auto kTick = std::chrono::milliseconds(1);
@@ -125,7 +125,7 @@ bool Uart::ReadOnce(size_t limit) {
 
 void Uart::Read() {
   before_turn_();
-  for (int turn = 0; turn < kReadsPerTurn && queued() < kTxHigh; ++turn) {
+  for (int turn = 0; turn < kUartReadsPerTurn && queued() < kTxHigh; ++turn) {
     size_t limit = SIZE_MAX;
     if (options_.pace) {
       limit = rx_budget_.Available(speed_);

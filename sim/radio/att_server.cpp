@@ -54,56 +54,52 @@ AttServer::AttServer(EventLoop& loop, Send send)
     : loop_(loop), send_(std::move(send)), attributes_(MakeGattDatabase()), mtu_(kDefaultMtu) {}
 
 void AttServer::OnPdu(ByteView pdu) {
-  if (pdu.empty()) return;
-  switch (pdu[0]) {
-    case kExchangeMtu:
-      return ExchangeMtu(pdu);
-    case kFindInformation:
-      return FindInformation(pdu);
-    case kFindByTypeValue:
-      return FindByTypeValue(pdu);
-    case kReadByType:
-      return ReadByType(pdu);
-    case kRead:
-      return Read(pdu);
-    case kReadBlob:
-      return ReadBlob(pdu);
-    case kReadByGroupType:
-      return ReadByGroupType(pdu);
-    case kWrite:
-      return Write(pdu);
-    case kWriteCommand:
-      return WriteCommand(pdu);
-    case kPrepareWrite:
-      return PrepareWrite(pdu);
-    case kExecuteWrite:
-      return ExecuteWrite(pdu);
-    case kConfirmation:
-      return;
-    default:
-      // Commands are ignored when unknown, requests are not. Answers have odd opcodes.
-      if ((pdu[0] & kCommandFlag) == 0 && (pdu[0] & 1) == 0) {
-        Error(pdu[0], 0, kRequestNotSupported);
-      }
+  if (pdu.empty() || pdu[0] == kConfirmation) return;
+  static constexpr struct {
+    uint8_t opcode;
+    size_t least;  // bytes of the request
+    size_t most;
+    bool range;  // of handles: the first two fields
+    void (AttServer::*answer)(ByteView pdu);
+  } kRequests[] = {
+      {kExchangeMtu, 3, 3, false, &AttServer::ExchangeMtu},
+      {kFindInformation, 5, 5, true, &AttServer::FindInformation},
+      {kFindByTypeValue, 7, SIZE_MAX, true, &AttServer::FindByTypeValue},
+      {kReadByType, 7, 21, true, &AttServer::ReadByType},
+      {kRead, 3, 3, false, &AttServer::Read},
+      {kReadBlob, 5, 5, false, &AttServer::ReadBlob},
+      {kReadByGroupType, 7, 21, true, &AttServer::ReadByGroupType},
+      {kWrite, 3, SIZE_MAX, false, &AttServer::Write},
+      {kPrepareWrite, 5, SIZE_MAX, false, &AttServer::PrepareWrite},
+      {kExecuteWrite, 2, 2, false, &AttServer::ExecuteWrite},
+  };
+  if (pdu[0] == kWriteCommand) return WriteCommand(pdu);
+  for (const auto& request : kRequests) {
+    if (request.opcode != pdu[0]) continue;
+    if (pdu.size() < request.least || pdu.size() > request.most) {
+      return Error(pdu[0], 0, kInvalidPdu);
+    }
+    if (request.range && (pdu.U16(1) == 0 || pdu.U16(1) > pdu.U16(3))) {
+      return Error(pdu[0], pdu.U16(1), kInvalidHandle);
+    }
+    return (this->*request.answer)(pdu);
   }
+  // Unknown requests are answered, unknown commands are not. Answers have odd opcodes.
+  if ((pdu[0] & kCommandFlag) == 0 && (pdu[0] & 1) == 0) Error(pdu[0], 0, kRequestNotSupported);
 }
 
 void AttServer::Error(uint8_t request, uint16_t handle, uint8_t code) {
   send_(Writer{kErrorResponse, request}.U16(handle).U8(code));
 }
 
-bool AttServer::Range(ByteView pdu, uint16_t* start, uint16_t* end) {
-  *start = pdu.U16(1);
-  *end = pdu.U16(3);
-  if (pdu.size() < 5) {
-    Error(pdu[0], 0, kInvalidPdu);
-    return false;
+// The attributes of a request's range of handles; with a type, those of that type.
+std::vector<const Attribute*> AttServer::InRange(ByteView pdu, std::optional<ByteView> type) const {
+  std::vector<const Attribute*> found;
+  for (const Attribute& attribute : attributes_) {
+    if (attribute.handle < pdu.U16(1) || attribute.handle > pdu.U16(3)) continue;
+    if (!type || Same(attribute.type, *type)) found.push_back(&attribute);
   }
-  if (*start == 0 || *start > *end) {
-    Error(pdu[0], *start, kInvalidHandle);
-    return false;
-  }
-  return true;
+  return found;
 }
 
 Attribute* AttServer::Find(uint16_t handle) {
@@ -114,87 +110,67 @@ Attribute* AttServer::Find(uint16_t handle) {
 }
 
 void AttServer::ExchangeMtu(ByteView pdu) {
-  if (pdu.size() != 3) return Error(pdu[0], 0, kInvalidPdu);
   send_(Writer{kExchangeMtu + 1}.U16(kServerMtu));
   mtu_ = std::clamp<size_t>(pdu.U16(1), kDefaultMtu, kServerMtu);
 }
 
 void AttServer::FindInformation(ByteView pdu) {
-  uint16_t start;
-  uint16_t end;
-  if (!Range(pdu, &start, &end)) return;
   Writer list;
   size_t type_size = 0;
-  for (const Attribute& attribute : attributes_) {
-    if (attribute.handle < start || attribute.handle > end) continue;
-    if (type_size == 0) type_size = attribute.type.size();
-    if (attribute.type.size() != type_size) break;  // one format in an answer
+  for (const Attribute* attribute : InRange(pdu, std::nullopt)) {
+    if (type_size == 0) type_size = attribute->type.size();
+    if (attribute->type.size() != type_size) break;  // one format in an answer
     if (2 + list.bytes().size() + 2 + type_size > mtu_) break;
-    list.U16(attribute.handle).Append(attribute.type);
+    list.U16(attribute->handle).Append(attribute->type);
   }
-  if (type_size == 0) return Error(pdu[0], start, kAttributeNotFound);
+  if (type_size == 0) return Error(pdu[0], pdu.U16(1), kAttributeNotFound);
   send_(Writer{kFindInformation + 1}.U8(type_size == 2 ? 1 : 2).Append(list));
 }
 
 void AttServer::FindByTypeValue(ByteView pdu) {
-  uint16_t start;
-  uint16_t end;
-  if (!Range(pdu, &start, &end)) return;
   Writer list;
-  for (const Attribute& attribute : attributes_) {
-    if (attribute.handle < start || attribute.handle > end) continue;
-    if (!Same(attribute.type, pdu.Sub(5, 2)) || !Same(attribute.value, pdu.From(7))) continue;
+  for (const Attribute* attribute : InRange(pdu, pdu.Sub(5, 2))) {
+    if (!Same(attribute->value, pdu.From(7))) continue;
     if (1 + list.bytes().size() + 4 > mtu_) break;
-    list.U16(attribute.handle).U16(std::max(attribute.handle, attribute.group_end));
+    list.U16(attribute->handle).U16(std::max(attribute->handle, attribute->group_end));
   }
-  if (list.bytes().empty()) return Error(pdu[0], start, kAttributeNotFound);
+  if (list.bytes().empty()) return Error(pdu[0], pdu.U16(1), kAttributeNotFound);
   send_(Writer{kFindByTypeValue + 1}.Append(list));
 }
 
 void AttServer::ReadByType(ByteView pdu) {
-  uint16_t start;
-  uint16_t end;
-  if (!Range(pdu, &start, &end)) return;
   const ByteView type = pdu.From(5);
-  if (type.size() != 2 && type.size() != 16) return Error(pdu[0], start, kInvalidPdu);
+  if (type.size() != 2 && type.size() != 16) return Error(pdu[0], pdu.U16(1), kInvalidPdu);
   Writer list;
   size_t entry = 0;  // bytes of handle and value: the same in all of an answer
-  for (const Attribute& attribute : attributes_) {
-    if (attribute.handle < start || attribute.handle > end) continue;
-    if (!Same(attribute.type, type)) continue;
-    if (!attribute.readable) return Error(pdu[0], attribute.handle, kReadNotPermitted);
-    const ByteView value = ByteView(attribute.value).Sub(0, std::min<size_t>(mtu_ - 4, 253));
+  for (const Attribute* attribute : InRange(pdu, type)) {
+    if (!attribute->readable) return Error(pdu[0], attribute->handle, kReadNotPermitted);
+    const ByteView value = ByteView(attribute->value).Sub(0, std::min<size_t>(mtu_ - 4, 253));
     if (entry == 0) entry = 2 + value.size();
     if (2 + value.size() != entry || 2 + list.bytes().size() + entry > mtu_) break;
-    list.U16(attribute.handle).Append(value);
+    list.U16(attribute->handle).Append(value);
   }
-  if (entry == 0) return Error(pdu[0], start, kAttributeNotFound);
+  if (entry == 0) return Error(pdu[0], pdu.U16(1), kAttributeNotFound);
   send_(Writer{kReadByType + 1}.U8(static_cast<unsigned>(entry)).Append(list));
 }
 
 void AttServer::ReadByGroupType(ByteView pdu) {
-  uint16_t start;
-  uint16_t end;
-  if (!Range(pdu, &start, &end)) return;
   const ByteView type = pdu.From(5);
   if (!Same(type, kPrimaryService) && !Same(type, kSecondaryService)) {
-    return Error(pdu[0], start, kUnsupportedGroupType);
+    return Error(pdu[0], pdu.U16(1), kUnsupportedGroupType);
   }
   Writer list;
   size_t entry = 0;
-  for (const Attribute& attribute : attributes_) {
-    if (attribute.handle < start || attribute.handle > end) continue;
-    if (!Same(attribute.type, type)) continue;
-    if (entry == 0) entry = 4 + attribute.value.size();
-    if (4 + attribute.value.size() != entry || 2 + list.bytes().size() + entry > mtu_) break;
-    list.U16(attribute.handle).U16(attribute.group_end).Append(attribute.value);
+  for (const Attribute* attribute : InRange(pdu, type)) {
+    if (entry == 0) entry = 4 + attribute->value.size();
+    if (4 + attribute->value.size() != entry || 2 + list.bytes().size() + entry > mtu_) break;
+    list.U16(attribute->handle).U16(attribute->group_end).Append(attribute->value);
   }
-  if (entry == 0) return Error(pdu[0], start, kAttributeNotFound);
+  if (entry == 0) return Error(pdu[0], pdu.U16(1), kAttributeNotFound);
   send_(Writer{kReadByGroupType + 1}.U8(static_cast<unsigned>(entry)).Append(list));
 }
 
 void AttServer::Read(ByteView pdu) {
-  if (pdu.size() != 3) return Error(pdu[0], 0, kInvalidPdu);
   const Attribute* attribute = Find(pdu.U16(1));
   if (attribute == nullptr) return Error(pdu[0], pdu.U16(1), kInvalidHandle);
   if (!attribute->readable) return Error(pdu[0], attribute->handle, kReadNotPermitted);
@@ -202,7 +178,6 @@ void AttServer::Read(ByteView pdu) {
 }
 
 void AttServer::ReadBlob(ByteView pdu) {
-  if (pdu.size() != 5) return Error(pdu[0], 0, kInvalidPdu);
   const Attribute* attribute = Find(pdu.U16(1));
   const size_t offset = pdu.U16(3);
   if (attribute == nullptr) return Error(pdu[0], pdu.U16(1), kInvalidHandle);
@@ -234,7 +209,6 @@ void AttServer::AfterStore(uint16_t handle) {
 }
 
 void AttServer::Write(ByteView pdu) {
-  if (pdu.size() < 3) return Error(pdu[0], 0, kInvalidPdu);
   const uint16_t handle = pdu.U16(1);
   const uint8_t error = Store(handle, pdu.From(3));
   if (error != 0) return Error(pdu[0], handle, error);
@@ -248,7 +222,6 @@ void AttServer::WriteCommand(ByteView pdu) {
 }
 
 void AttServer::PrepareWrite(ByteView pdu) {
-  if (pdu.size() < 5) return Error(pdu[0], 0, kInvalidPdu);
   const uint16_t handle = pdu.U16(1);
   const Attribute* attribute = Find(handle);
   if (attribute == nullptr) return Error(pdu[0], handle, kInvalidHandle);
@@ -261,7 +234,6 @@ void AttServer::PrepareWrite(ByteView pdu) {
 // Each part is put at its offset and ends the value; nothing is stored when one is refused.
 void AttServer::ExecuteWrite(ByteView pdu) {
   constexpr uint8_t kCancel = 0;
-  if (pdu.size() != 2) return Error(pdu[0], 0, kInvalidPdu);
   const std::vector<PreparedWrite> parts = std::move(prepared_);
   prepared_.clear();
   if (pdu[1] == kCancel) return send_(Writer{kExecuteWrite + 1});

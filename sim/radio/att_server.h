@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "sim/base/event_loop.h"
@@ -38,8 +39,7 @@ class AttServer {
     Bytes part;
   };
 
-  // A request's first and last handle; answers with an error and returns false when they are none.
-  bool Range(ByteView pdu, uint16_t* start, uint16_t* end);
+  std::vector<const Attribute*> InRange(ByteView pdu, std::optional<ByteView> type) const;
   Attribute* Find(uint16_t handle);
   // What a write of value would be refused with: an ATT error code, or 0.
   uint8_t Refusal(uint16_t handle, size_t size);

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <deque>
+#include <android-base/unique_fd.h>
+
 #include <functional>
 #include <string>
 
-#include "sim/base/event_loop.h"
-#include "sim/base/unique_fd.h"
+#include "sim/base/stream.h"
 #include "sim/wire.h"
 
 namespace zvk {
@@ -29,20 +29,15 @@ class RadioBridge {
  private:
   int OpenSocket();
   void Retry();
-  void OnReady(uint32_t events);
   void OnConnected();
-  void Read();
-  void Lose(const std::string& why);
-  void Flush();
+  void Complain(const std::string& why);
 
   EventLoop& loop_;
   const std::string endpoint_;
   H4Framer framer_;
-  UniqueFd socket_;
-  bool connected_ = false;
+  ::android::base::unique_fd socket_;  // while it is being connected
+  Stream stream_;                      // once it is connected; keeps packets until then
   bool complained_ = false;
-  std::deque<Bytes> queue_;  // packets that are still to go
-  size_t sent_ = 0;          // bytes of the first that are gone
   EventLoop::TimerId retry_ = EventLoop::kNoTimer;
 };
 

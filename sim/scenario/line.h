@@ -1,17 +1,19 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "sim/scenario/scenario.h"
 #include "sim/wire.h"
 
 namespace zvk {
 
-// The words of one line of a scenario, taken from the left; a comment is left out. What is not as
-// expected throws std::runtime_error with the reason.
+using ScenarioTime = std::chrono::milliseconds;
+
+// The words of one line of a scenario, taken one after the other; comments are skipped. A word that
+// is not what is expected throws std::runtime_error with the reason.
 class Line {
  public:
   explicit Line(const std::string& text);
@@ -20,7 +22,7 @@ class Line {
   bool NextIsTime() const;
 
   std::string Next(const char* expected);
-  // Only if it is this word.
+  // Takes the next word if it is this one.
   bool Take(const std::string& word);
   // Decimal or 0x….
   uint32_t TakeNumber(const char* expected, uint32_t most);
@@ -28,9 +30,9 @@ class Line {
   ScenarioTime TakeTime();
   // The number that the word stands for.
   uint32_t TakeWord(const char* expected, const std::map<std::string, uint32_t>& words);
-  // As on the wire, least significant byte first.
+  // Least significant byte first, as on the wire.
   Bytes TakeAddress();
-  // All that is left, in hexadecimal.
+  // All words that are left, which are hexadecimal bytes.
   Bytes TakeHex();
 
   [[noreturn]] static void Bad(const std::string& word, const char* expected);

@@ -5,8 +5,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "sim/scenario/action_parser.h"
-
 namespace zvk {
 namespace {
 
@@ -49,7 +47,8 @@ Trigger ParseTrigger(Line& line) {
 
 std::string CoRequestName(CoRequest request) { return kRequestNames[static_cast<size_t>(request)]; }
 
-std::vector<Step> ParseScenario(const std::string& text, const std::string& name) {
+std::vector<Step> ParseScenario(const std::string& text, const std::string& name,
+                                const std::vector<ActionType>& types) {
   std::vector<Step> steps;
   std::istringstream lines(text);
   int number = 0;
@@ -59,11 +58,12 @@ std::vector<Step> ParseScenario(const std::string& text, const std::string& name
       Line line(text_line);
       if (line.Empty()) continue;
       const Trigger trigger = ParseTrigger(line);
-      const Action action = ParseAction(line);
+      const Action action = ParseAction(line, types);
       if (!line.Empty()) throw std::runtime_error("\"" + line.Next("") + "\" is too much");
       const bool fits = trigger.kind == Trigger::Kind::kCommand ||
-                        (trigger.kind == Trigger::Kind::kRequest && action.ChangesAnyAnswer());
-      if (action.ChangesAnswer() && !fits) {
+                        (trigger.kind == Trigger::Kind::kRequest &&
+                         action.type->answer == ActionType::Answer::kOfAnything);
+      if (action.type->change && !fits) {
         throw std::runtime_error("this action needs \"on OPCODE\"");
       }
       steps.push_back({trigger, action});
@@ -74,12 +74,12 @@ std::vector<Step> ParseScenario(const std::string& text, const std::string& name
   return steps;
 }
 
-std::vector<Step> ReadScenario(const std::string& file) {
+std::vector<Step> ReadScenario(const std::string& file, const std::vector<ActionType>& types) {
   std::ifstream in(file, std::ios::binary);
   std::ostringstream text;
   text << in.rdbuf();
   if (!in.good()) throw std::runtime_error("cannot read " + file);
-  return ParseScenario(text.str(), file);
+  return ParseScenario(text.str(), file, types);
 }
 
 }  // namespace zvk

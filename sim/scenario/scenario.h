@@ -1,18 +1,15 @@
 // What a scenario file says. The grammar is described in docs/simulator.md.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "sim/wire.h"
+#include "sim/scenario/action.h"
 
 namespace zvk {
 
-using ScenarioTime = std::chrono::milliseconds;
-
-// What a host may ask the co-processor for. The control requests are in the order of their numbers.
+// What a host may ask the co-processor for. Control requests are in the order of their numbers.
 enum class CoRequest { kFind, kPacket, kPower, kLowPower, kSpeed, kDump, kUnknown };
 // As a scenario and the status file call it.
 std::string CoRequestName(CoRequest request);
@@ -38,76 +35,15 @@ struct Trigger {
   }
 };
 
-struct Action {
-  enum class Kind {
-    // To the answer of the command or the request that triggers it.
-    kNoAnswer,
-    kLate,
-    kLost,
-    kStatus,
-    // To the answer of the command that triggers it.
-    kWrongOpcode,
-    kCredits,
-    kAnswer,
-    kCommandStatus,
-    kTwice,
-    kTruncated,
-    // By the handset, at any time.
-    kHangUp,
-    kSilence,
-    kHang,
-    kStray,
-    kTruncatedEvent,
-    kHardwareError,
-    kInject,
-    kGrant,
-    kCoex,
-    kCoexMessage,
-    kCoexHangUp,
-    kTimeSync,
-    kNoise,
-    kSplit,
-    kMerge,
-    kSpeed,
-    kWarmUp,
-    kBrownOut,
-    // By the co-processor.
-    kCoAbsent,
-    kCoDisconnect,
-    kCoGarbage,
-    kCoTable,
-    kCoEvent,
-    kCoTruncated,
-    // By the controller while it has power.
-    kCrash,
-    kDebugInfo,
-    kSocDump,
-    kChreDump,
-    kQuality,
-    kLatencyTrace,
-    kLinkLayer,
-    kToggle,
-    kEwp,
-    kEwpIso,
-    kActivity,
-  };
-  Kind kind;
-  uint32_t number = 0;
-  uint32_t second = 0;
-  ScenarioTime time{0};
-  Bytes bytes;
-
-  bool ChangesAnswer() const { return kind <= Kind::kTruncated; }
-  bool ChangesAnyAnswer() const { return kind <= Kind::kStatus; }
-};
-
 struct Step {
   Trigger trigger;
   Action action;
 };
 
-// name is what errors call the text. Throws std::runtime_error("name:line: reason").
-std::vector<Step> ParseScenario(const std::string& text, const std::string& name);
-std::vector<Step> ReadScenario(const std::string& file);
+// types must outlive the steps. name is what errors call the text. Throws
+// std::runtime_error("name:line: reason").
+std::vector<Step> ParseScenario(const std::string& text, const std::string& name,
+                                const std::vector<ActionType>& types);
+std::vector<Step> ReadScenario(const std::string& file, const std::vector<ActionType>& types);
 
 }  // namespace zvk

@@ -45,40 +45,10 @@ CommandFault ScenarioRunner::FaultOf(Trigger::Kind kind, uint16_t opcode, uint32
   for (const Step& step : steps_) {
     const Trigger& trigger = step.trigger;
     if (trigger.kind != kind || trigger.opcode != opcode || !trigger.Counts(count)) continue;
-    const Action& action = step.action;
-    switch (action.kind) {
-      case Action::Kind::kNoAnswer:
-        fault.no_answer = true;
-        break;
-      case Action::Kind::kLate:
-        fault.late = action.time;
-        break;
-      case Action::Kind::kLost:
-        fault.change.lost = true;
-        break;
-      case Action::Kind::kStatus:
-        fault.change.status = static_cast<uint8_t>(action.number);
-        break;
-      case Action::Kind::kWrongOpcode:
-        fault.change.opcode = static_cast<uint16_t>(action.number);
-        break;
-      case Action::Kind::kCredits:
-        fault.change.credits = static_cast<uint8_t>(action.number);
-        break;
-      case Action::Kind::kAnswer:
-        fault.change.parameters = action.bytes;
-        break;
-      case Action::Kind::kCommandStatus:
-        fault.change.event_status = static_cast<uint8_t>(action.number);
-        break;
-      case Action::Kind::kTwice:
-        fault.change.twice = true;
-        break;
-      case Action::Kind::kTruncated:
-        fault.change.truncated = true;
-        break;
-      default:
-        act_(action);
+    if (step.action.type->change) {
+      step.action.type->change(fault, step.action.arguments);
+    } else {
+      act_(step.action);
     }
   }
   return fault;

@@ -2,24 +2,15 @@
 
 #include <functional>
 #include <map>
-#include <optional>
-#include <set>
 #include <vector>
 
 #include "sim/base/event_loop.h"
-#include "sim/controller/hci_out.h"
 #include "sim/scenario/scenario.h"
 
 namespace zvk {
 
-// What a scenario makes of one command.
-struct CommandFault {
-  bool no_answer = false;  // the command has no effect either
-  ScenarioTime late{0};    // it runs that much later
-  AnswerChange change;
-};
-
-// Plays a scenario: is told what happens at the handset, and acts when a step's time has come.
+// Plays a scenario: the handset reports what happens, and the runner carries out the steps that are
+// due.
 class ScenarioRunner {
  public:
   using Act = std::function<void(const Action& action)>;

@@ -53,7 +53,7 @@ TEST(SimulatorExtensions, State_IsInTheStatusFileUntilReset) {
   EXPECT_TRUE(host.StatusHolds("\"sar_format\": 0"));
   const std::string reset = host.Status();
   EXPECT_THAT(reset, HasSubstr("\"ewp_interval\": 0"));
-  EXPECT_THAT(reset, HasSubstr("\"ccc\": {\n\n}"));
+  EXPECT_THAT(reset, HasSubstr("\"ccc\": {}"));
 }
 
 TEST(SimulatorExtensions, LinkLayerEvents_MatchTheTimeSyncFile) {

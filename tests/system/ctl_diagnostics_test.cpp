@@ -30,7 +30,7 @@ TEST(CtlDiagnostics, Up_ShowsEachStepWithItsTime) {
         "fast download .* is supported", "firmware records",
         "firmware starts +0\\.[5-9][0-9][0-9] s", "reset and chip id", "line speed",
         "local name .* ZVK_B5 simulated 1.0", "low power", "the controller is ready",
-        "device address +[0-9.]+ s  5a:56:4b:00:00:01", "the extensions are ready",
+        "device address +[0-9.]+ s  5A:56:4B:00:00:01", "the extensions are ready",
         "Bluetooth is up after"}) {
     ASSERT_THAT(rest, ContainsRegex(step)) << up.output;
     const std::string word = std::string(step).substr(0, std::string(step).find(" +"));

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -64,19 +65,10 @@ TEST_F(Ctl, ExitCodes_SayWhatHappened) {
 
 TEST(CtlAlone, NoService_ExitCodeThreeForEveryCommandThatNeedsIt) {
   const TempDir root;
-  for (const std::vector<std::string>& command :
-       std::vector<std::vector<std::string>>{{"up"},
-                                             {"up", "--detach"},
-                                             {"status"},
-                                             {"info"},
-                                             {"cmd", "reset"},
-                                             {"scan"},
-                                             {"monitor"},
-                                             {"debug"},
-                                             {"loopback"},
-                                             {"echo", "x"},
-                                             {"read-name", "x"},
-                                             {"serve-h4", "--unix", root / "h4"}}) {
+  for (const char* const words :
+       {"up", "up --detach", "status", "info", "cmd reset", "scan", "monitor", "debug", "loopback",
+        "echo x", "read-name x", "serve-h4 --tcp 0"}) {
+    const std::vector<std::string> command = SplitTrimmed(words, ' ');
     std::vector<std::string> line = {ProgramDir() + "/bthalctl", "--root", root.path(), "--wait",
                                      "0"};
     line.insert(line.end(), command.begin(), command.end());
@@ -86,19 +78,10 @@ TEST(CtlAlone, NoService_ExitCodeThreeForEveryCommandThatNeedsIt) {
   }
 }
 
-TEST_F(Ctl, Monitor_ShowsBothDirectionsOfOtherClients) {
-  ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
-  ChildProcess monitor(handset_.CtlCommand({"monitor", "-n", "2"}));
-  ASSERT_TRUE(monitor.WaitForOutput("following the holder", kDeadline));
-  ASSERT_EQ(handset_.Ctl({"cmd", "read_bd_addr"}).exit_code, 0);
-  ASSERT_TRUE(monitor.Wait(kDeadline)) << monitor.Output();
-  EXPECT_THAT(monitor.Output(), HasSubstr("< CMD Read BD_ADDR (0x1009)"));
-  EXPECT_THAT(monitor.Output(),
-              HasSubstr("> EVT Command Complete: Read BD_ADDR (0x1009): Success"));
-}
-
 TEST_F(Ctl, ClientsOfTheHolder_GetTheirOwnAnswersOnly) {
   ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
+  ChildProcess monitor(handset_.CtlCommand({"monitor", "-n", "16"}));
+  ASSERT_TRUE(monitor.WaitForOutput("following the holder", kDeadline));
   std::vector<std::unique_ptr<ChildProcess>> clients;
   for (int i = 0; i < 8; ++i) {
     clients.push_back(std::make_unique<ChildProcess>(
@@ -111,8 +94,14 @@ TEST_F(Ctl, ClientsOfTheHolder_GetTheirOwnAnswersOnly) {
     EXPECT_THAT(clients[i]->Output(),
                 HasSubstr(i % 2 == 0 ? "00 01 00 00 4B 56 5A" : "00 5A 56 4B"));
   }
-  const CtlResult status = handset_.Ctl({"status", "--json"});
-  EXPECT_THAT(status.output, ContainsRegex("\"to_controller\": [1-9]")) << status.output;
+  ASSERT_TRUE(monitor.Wait(kDeadline)) << monitor.Output();
+  EXPECT_EQ(CountOf("< CMD Read BD_ADDR (0x1009)\n", monitor.Output()), 4u) << monitor.Output();
+  EXPECT_EQ(CountOf("> EVT Command Complete: Read BD_ADDR (0x1009): Success", monitor.Output()),
+            4u);
+  EXPECT_THAT(handset_.Ctl({"status", "--json"}).output,
+              ContainsRegex("\"CMD\": \\{\n *\"from_controller\": 0,\n *\"to_controller\": 8\n"));
+  const CtlResult other = handset_.Ctl({"--no-holder", "cmd", "reset"});
+  EXPECT_EQ(other.exit_code, 4) << other.output;
 }
 
 TEST_F(Ctl, Status_TellsTheTransportAlsoWhenNobodyHoldsIt) {
@@ -134,14 +123,49 @@ TEST_F(Ctl, UpInTheForeground_EndsWithTheSignalAndLeavesTheServiceFree) {
   ASSERT_TRUE(up.WaitForOutput("Bluetooth is up after", kDeadline)) << up.Output();
   EXPECT_THAT(up.Output(), HasSubstr("device address")) << "the steps are shown";
   up.Signal(SIGINT);
-  const auto end = up.Wait(kDeadline);
-  ASSERT_TRUE(end);
-  EXPECT_EQ(end->exit_code, 0) << up.Output();
+  EXPECT_EQ(up.Wait(kDeadline)->exit_code, 0) << up.Output();
   EXPECT_EQ(handset_.Ctl({"cmd", "reset"}).exit_code, 0) << handset_.Log();
 }
 
+TEST(CtlSignals, WaitingCommand_EndsWithTheSignalsCodeUnlessThatIsItsWayToEnd) {
+  const TempDir folder;
+  Handset handset(Mode::kAccelerated, {"--trace", folder / "trace"});
+  handset.StartService();
+  const struct {
+    const char* command;
+    const char* argument;
+    int signal;
+    int exit_code;
+  } rows[] = {{"read-name", "nobody of that name", SIGINT, 130},
+              {"read-name", "nobody of that name", SIGTERM, 143},
+              {"scan", "-t60", SIGINT, 0}};
+  size_t scans = 0;
+  for (const auto& row : rows) {
+    ChildProcess waiting(handset.CtlCommand({row.command, row.argument}));
+    ++scans;
+    ASSERT_TRUE(WaitFor(
+        [&] { return CountOf("> command 0c 20 02 01", ReadFile(folder / "trace")) == scans; }));
+    waiting.Signal(row.signal);
+    const auto end = waiting.Wait(kDeadline);
+    ASSERT_TRUE(end) << row.command;
+    EXPECT_EQ(end->exit_code, row.exit_code) << waiting.Output();
+    EXPECT_THAT(waiting.Output(), HasSubstr(row.exit_code == 0 ? "devices heard" : "interrupted"));
+    EXPECT_EQ(CountOf("> command 0c 20 02 00", ReadFile(folder / "trace")), scans) << "left on";
+  }
+}
+
+TEST(CtlUp, BringUpThatFails_IsNoSuccess) {
+  Handset handset(Mode::kPlain);
+  handset.StartService();
+  ASSERT_EQ(unlink(handset.Path("dev/ttySAC16").c_str()), 0);
+  const CtlResult up = handset.Ctl({"up"});
+  EXPECT_EQ(up.exit_code, 3) << up.output;
+  EXPECT_THAT(up.output, HasSubstr("SIGABRT in HostOpenUserial, process "));
+  EXPECT_THAT(up.output, Not(HasSubstr("Bluetooth is")));
+}
+
 TEST_F(Ctl, UpsAtOnce_OneHoldsBluetoothForAllAndDownEndsIt) {
-  for (int round = 0; round < 3; ++round) {
+  for (int round = 0; round < 2; ++round) {
     std::vector<std::unique_ptr<ChildProcess>> ups;
     for (int i = 0; i < 4; ++i) {
       ups.push_back(std::make_unique<ChildProcess>(handset_.CtlCommand({"up", "-q", "--detach"})));
@@ -159,29 +183,24 @@ TEST_F(Ctl, UpsAtOnce_OneHoldsBluetoothForAllAndDownEndsIt) {
   }
 }
 
-TEST_F(Ctl, ColoursAndProgressBars_AreForTerminalsThatTakeThem) {
+TEST_F(Ctl, Colours_AreForTerminalsThatTakeThem) {
   ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
   const struct {
     const char* term;
     const char* no_colour;
     bool taken;
-  } rows[] = {{"xterm", "", true}, {"dumb", "", false}, {"", "", false}, {"xterm", "1", false}};
+  } rows[] = {{"xterm", "", true}, {"dumb", "", false}, {"xterm", "1", false}};
   for (const auto& row : rows) {
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"status"}, {"echo", "ZVK Loop", "--bytes", "1k"}}) {
-      Pty terminal;
-      std::vector<std::string> command = {"sh", "-c", "exec \"$@\" >" + terminal.path() + " 2>&1",
-                                          "sh"};
-      for (const std::string& word : handset_.CtlCommand(arguments)) command.push_back(word);
-      std::string nothing;
-      const ChildResult end =
-          test::Run(command, &nothing, {{"TERM", row.term}, {"NO_COLOR", row.no_colour}});
-      EXPECT_EQ(end.exit_code, 0) << nothing;
-      const Bytes shown = terminal.TakeWritten();
-      EXPECT_FALSE(shown.empty());
-      EXPECT_EQ(std::count(shown.begin(), shown.end(), 0x1B) > 0, row.taken)
-          << arguments[0] << ", TERM=" << row.term << ", NO_COLOR=" << row.no_colour;
-    }
+    Pty terminal;
+    std::vector<std::string> command = {"sh", "-c", "exec \"$@\" >" + terminal.path() + " 2>&1",
+                                        "sh"};
+    for (const std::string& word : handset_.CtlCommand({"status"})) command.push_back(word);
+    std::string nothing;
+    test::Run(command, &nothing, {{"TERM", row.term}, {"NO_COLOR", row.no_colour}});
+    const Bytes shown = terminal.TakeWritten();
+    EXPECT_FALSE(shown.empty()) << nothing;
+    EXPECT_EQ(std::count(shown.begin(), shown.end(), 0x1B) > 0, row.taken)
+        << "TERM=" << row.term << ", NO_COLOR=" << row.no_colour;
   }
 }
 

@@ -22,31 +22,6 @@ TEST(Decoder, Packets_InOneLine) {
   }
 }
 
-TEST(Decoder, Advertisements_OfBothForms) {
-  // Two reports in one event; the second is a scan response with a shortened name.
-  const auto legacy =
-      Advertisements({kEvt, ParseHex("3E 20 02 02"
-                                     " 00 00 01 02 03 04 05 06 03 02 01 06 D4"
-                                     " 04 01 11 12 13 14 15 16 04 03 08 41 42 7F")});
-  ASSERT_EQ(legacy.size(), 2u);
-  EXPECT_EQ(AddressText(legacy[0].address), "06:05:04:03:02:01");
-  EXPECT_TRUE(legacy[0].connectable);
-  EXPECT_EQ(legacy[0].rssi, -44);
-  EXPECT_TRUE(legacy[1].scan_response);
-  EXPECT_FALSE(legacy[1].connectable);
-  EXPECT_EQ(legacy[1].name, "AB");
-
-  const auto extended = Advertisements(
-      {kEvt,
-       ParseHex("3E 1E 0D 01 13 00 01 01 02 03 04 05 06 01 00 FF 7F C0 00 00 00 00 00 00 00 00 00"
-                " 04 03 09 4F 4B")});
-  ASSERT_EQ(extended.size(), 1u);
-  EXPECT_TRUE(extended[0].random);
-  EXPECT_TRUE(extended[0].connectable);
-  EXPECT_EQ(extended[0].rssi, -64);
-  EXPECT_EQ(extended[0].name, "OK");
-}
-
 TEST(Decoder, AnyBytes_AreDescribedWithoutHarm) {
   std::mt19937 random(1);
   for (int i = 0; i < 50'000; ++i) {

@@ -29,11 +29,15 @@ class FakeLink : public HciLink {
   const ::android::base::unique_fd readable_;
 };
 
+}  // namespace bthalctl
+
+namespace wire {
+
 inline bool operator==(const Packet& a, const Packet& b) {
   return a.type == b.type && a.bytes == b.bytes;
 }
 inline void PrintTo(const Packet& packet, std::ostream* out) {
-  *out << TypeName(packet.type) << " " << HexText(packet.bytes);
+  *out << bthalctl::TypeName(packet.type) << " " << Hex(packet.bytes);
 }
 
-}  // namespace bthalctl
+}  // namespace wire

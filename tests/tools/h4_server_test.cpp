@@ -3,9 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,51 +23,25 @@ namespace {
 using ::android::base::unique_fd;
 using ::testing::HasSubstr;
 
-enum class Kind { kPty, kUnix, kTcp };
-
-void PrintTo(Kind kind, std::ostream* out) {
-  *out << (kind == Kind::kPty ? "Pty" : kind == Kind::kUnix ? "Unix" : "Tcp");
-}
-
 const Bytes kReset = {0x01, 0x03, 0x0C, 0x00};
 const Bytes kResetDone = {0x04, 0x0E, 0x04, 0x01, 0x03, 0x0C, 0x00};
 
 // A server over a fake link, and hosts over real descriptors; one thread does both in turn.
-class H4ServerTest : public ::testing::TestWithParam<Kind> {
+class H4ServerTest : public ::testing::Test {
  protected:
-  H4ServerTest() {
-    switch (GetParam()) {
-      case Kind::kPty:
-        endpoint_ = MakePtyEndpoint(folder_ / "tty");
-        break;
-      case Kind::kUnix:
-        endpoint_ = MakeUnixEndpoint(folder_ / "socket");
-        break;
-      case Kind::kTcp:
-        endpoint_ = MakeTcpEndpoint("127.0.0.1:0");
-        break;
-    }
+  void Serve(std::unique_ptr<Endpoint> endpoint) {
+    endpoint_ = std::move(endpoint);
     server_ = std::make_unique<H4Server>(link_, *endpoint_,
                                          [this](const std::string& line) { said_ += line + "\n"; });
   }
 
   unique_fd Connect() {
-    unique_fd fd;
-    if (GetParam() == Kind::kPty) {
-      fd.reset(open((folder_ / "tty").c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-    } else if (GetParam() == Kind::kUnix) {
-      fd.reset(test::ConnectUnix(folder_ / "socket", SOCK_STREAM));
-    } else {
-      const std::string name = endpoint_->Name();
-      sockaddr_in address = {};
-      address.sin_family = AF_INET;
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      address.sin_port = htons(static_cast<uint16_t>(std::stoi(name.substr(name.rfind(':') + 1))));
-      fd.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-      EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    }
+    unique_fd fd(test::ConnectUnix(folder_ / "socket", SOCK_STREAM));
     fcntl(fd.get(), F_SETFL, O_NONBLOCK);
     return fd;
+  }
+  unique_fd OpenTerminal() {
+    return unique_fd(open((folder_ / "tty").c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   }
 
   bool StepUntil(const std::function<bool()>& condition) {
@@ -101,66 +73,67 @@ class H4ServerTest : public ::testing::TestWithParam<Kind> {
   std::string said_;
 };
 
-INSTANTIATE_TEST_SUITE_P(At, H4ServerTest, ::testing::Values(Kind::kPty, Kind::kUnix, Kind::kTcp),
-                         [](const auto& kind) { return ::testing::PrintToString(kind.param); });
-
-TEST_P(H4ServerTest, Packets_GoBothWays) {
-  const unique_fd host = Connect();
-  for (const uint8_t byte : kReset) Write(host, {byte});
-  ASSERT_TRUE(StepUntil([&] { return link_.sent.size() == 1; }));
-  EXPECT_EQ(link_.sent[0], (Packet{PacketType::kCommand, {0x03, 0x0C, 0x00}}));
-  link_.Arrive({PacketType::kEvent, Bytes(kResetDone.begin() + 1, kResetDone.end())});
-  EXPECT_TRUE(Receives(host, kResetDone));
-  // The bytes that a terminal would spoil.
-  const Bytes control = {0x02, 0x01, 0x20, 0x07, 0x00, 0x0A, 0x0D, 0x11, 0x13, 0xFF, 0x03, 0x04};
-  Write(host, control);
-  ASSERT_TRUE(StepUntil([&] { return link_.sent.size() == 2; }));
-  EXPECT_EQ(link_.sent[1], (Packet{PacketType::kAcl, Bytes(control.begin() + 1, control.end())}));
-  link_.Arrive(link_.sent[1]);
-  EXPECT_TRUE(Receives(host, control));
-}
-
-TEST_P(H4ServerTest, HostThatLeavesAMidPacket_ItsPartIsDroppedAndTheNextIsServed) {
+TEST_F(H4ServerTest, HostsOneAfterTheOther_EachGetsItsPackets) {
+  Serve(MakeUnixEndpoint(folder_ / "socket"));
   {
     const unique_fd host = Connect();
-    Write(host, {0x01, 0x03});
-    ASSERT_TRUE(StepUntil([&] { return server_->has_host(); }));
+    for (const uint8_t byte : kReset) Write(host, {byte});
+    ASSERT_TRUE(StepUntil([&] { return link_.sent.size() == 1; }));
+    EXPECT_EQ(link_.sent[0], (Packet{PacketType::kCommand, {0x03, 0x0C, 0x00}}));
+    link_.Arrive({PacketType::kEvent, Bytes(kResetDone.begin() + 1, kResetDone.end())});
+    EXPECT_TRUE(Receives(host, kResetDone));
+    Write(host, {0x01, 0x03});  // leaves in the middle of a packet
     server_->Step(Clock::now() + std::chrono::milliseconds(20));
   }
   ASSERT_TRUE(StepUntil([&] { return !server_->has_host(); })) << said_;
-  link_.Arrive({PacketType::kEvent, {0x10, 0x01, 0x00}});  // nobody's
+  link_.Arrive({PacketType::kEvent, {0x10, 0x01, 0x00}});
   server_->Step(Clock::now() + std::chrono::milliseconds(20));
   const unique_fd next = Connect();
   Write(next, kReset);
-  ASSERT_TRUE(StepUntil([&] { return link_.sent.size() == 1; }));
-  EXPECT_EQ(link_.sent[0].bytes, (Bytes{0x03, 0x0C, 0x00}));
+  ASSERT_TRUE(StepUntil([&] { return link_.sent.size() == 2; }));
+  EXPECT_EQ(link_.sent[1].bytes, (Bytes{0x03, 0x0C, 0x00}));
   link_.Arrive({PacketType::kEvent, Bytes(kResetDone.begin() + 1, kResetDone.end())});
-  EXPECT_TRUE(Receives(next, kResetDone)) << "what came while nobody was there is dropped";
-}
-
-TEST_P(H4ServerTest, HostThatDoesNotRead_IsDisconnectedAndNothingWaits) {
-  const unique_fd host = Connect();
-  Write(host, kReset);
-  ASSERT_TRUE(StepUntil([&] { return link_.sent.size() == 1; }));
-  for (int i = 0; i < 10'000; ++i) {
-    link_.Arrive({PacketType::kAcl, Bytes(1025, 0)});
-    link_.Arrive({PacketType::kAcl, {}});
-  }
+  EXPECT_TRUE(Receives(next, kResetDone))
+      << "a packet that comes while there is no host is dropped";
+  Write(next, {0x77});
   EXPECT_TRUE(StepUntil([&] { return !server_->has_host(); }));
-  EXPECT_THAT(said_, HasSubstr("it does not read"));
-  const unique_fd next = Connect();
-  Write(next, kReset);
-  EXPECT_TRUE(StepUntil([&] { return link_.sent.size() == 2; }));
-}
-
-TEST_P(H4ServerTest, HostThatSendsNoPacket_IsDisconnected) {
-  const unique_fd host = Connect();
-  Write(host, {0x77});
-  EXPECT_TRUE(StepUntil([&] { return !said_.empty() && !server_->has_host(); }));
   EXPECT_THAT(said_, HasSubstr("it sent 0x77 where a packet type belongs"));
 }
 
-TEST(Endpoint, PlaceThatIsTaken_IsRefused) {
+TEST_F(H4ServerTest, PseudoTerminal_LeavesBytesAsTheyAreAndStartsEmptyForTheNextHost) {
+  Serve(MakePtyEndpoint(folder_ / "tty"));
+  const Bytes control = {0x02, 0x01, 0x20, 0x07, 0x00, 0x0A, 0x0D, 0x11, 0x13, 0xFF, 0x03, 0x04};
+  for (size_t hosts = 1; hosts <= 2; ++hosts) {
+    const unique_fd host = OpenTerminal();
+    Write(host, control);
+    ASSERT_TRUE(StepUntil([&] { return link_.sent.size() == hosts; }));
+    const Packet& sent = link_.sent.back();
+    EXPECT_EQ(sent, (Packet{PacketType::kAcl, Bytes(control.begin() + 1, control.end())}));
+    link_.Arrive(sent);
+    EXPECT_TRUE(Receives(host, control));
+    link_.Arrive(sent);  // not read by this host
+    server_->Step(Clock::now() + std::chrono::milliseconds(20));
+  }
+}
+
+TEST_F(H4ServerTest, HostThatDoesNotRead_IsDisconnectedAndNothingWaits) {
+  for (const bool terminal : {false, true}) {
+    Serve(terminal ? MakePtyEndpoint(folder_ / "tty") : MakeUnixEndpoint(folder_ / "socket"));
+    const size_t before = link_.sent.size();
+    const unique_fd host = terminal ? OpenTerminal() : Connect();
+    Write(host, kReset);
+    ASSERT_TRUE(StepUntil([&] { return link_.sent.size() == before + 1; }));
+    for (int i = 0; i < 10'000; ++i) link_.Arrive({PacketType::kAcl, Bytes(1025, 0)});
+    EXPECT_TRUE(StepUntil([&] { return !server_->has_host(); }));
+    EXPECT_THAT(said_, HasSubstr("it does not read"));
+    const unique_fd next = terminal ? OpenTerminal() : Connect();
+    Write(next, kReset);
+    EXPECT_TRUE(StepUntil([&] { return link_.sent.size() == before + 2; }));
+    said_.clear();
+  }
+}
+
+TEST(Endpoint, PlaceThatIsTakenOrBad_IsRefusedAndAStaleOneIsNot) {
   const test::TempDir folder;
   test::WriteFile(folder / "file", "x");
   EXPECT_THROW(MakePtyEndpoint(folder / "file"), Failure);
@@ -170,15 +143,11 @@ TEST(Endpoint, PlaceThatIsTaken_IsRefused) {
   EXPECT_THROW(MakeUnixEndpoint(folder / "absent/socket"), Failure);
   const auto tcp = MakeTcpEndpoint("0");
   EXPECT_THROW(MakeTcpEndpoint(tcp->Name().substr(4)), Failure);
-}
-
-TEST(Endpoint, StaleSocketAndLongPath_AreNoObstacle) {
-  const test::TempDir folder;
-  const std::string deep = folder / std::string(120, 'd');
-  test::WriteFile(deep + "/x", "");
   close(test::ListenUnix(folder / "stale", SOCK_STREAM));
   EXPECT_NO_THROW(MakeUnixEndpoint(folder / "stale"));
-  EXPECT_NO_THROW(MakeUnixEndpoint(deep + "/socket"));
+  const std::string deep = folder / std::string(120, 'd');
+  test::WriteFile(deep + "/x", "");
+  EXPECT_NO_THROW(MakeUnixEndpoint(deep + "/socket")) << "longer than a socket's address";
 }
 
 TEST(UnixSocket, ListenersAtOnce_OneGetsThePathAndKeepsIt) {

@@ -12,7 +12,7 @@
 namespace test {
 namespace {
 
-TEST(PowerStats, Provider_ReadsDropsTheDeadAndComesBack) {
+TEST(PowerStats, Provider_ReadsAndDropsTheDead) {
   TempDir root;
   const std::map<std::string, std::string> environment = {{"BTHAL_ROOT", root.path()}};
   const std::string program = ProgramDir() + "/zvkpowerstats";
@@ -29,28 +29,19 @@ TEST(PowerStats, Provider_ReadsDropsTheDeadAndComesBack) {
                                      kDeadline))
       << provider.Output();
   provider.Signal(SIGUSR1);
-  EXPECT_TRUE(provider.WaitForOutput(
-      "Bluetooth idle: 4294967296 ms, entered 0 times, last at 1 ms\n"
-      "Bluetooth active: 8589934592 ms, entered -1 times, last at 1 ms\n"
-      "Bluetooth transmitting: 17179869184 ms, entered -2 times, last at 1 ms\n"
-      "Bluetooth receiving: 34359738368 ms, entered -3 times, last at 1 ms\n",
-      kDeadline))
+  EXPECT_TRUE(
+      provider.WaitForOutput("Bluetooth idle: 4294967296 ms, entered 0 times, last at 1 ms\n"
+                             "Bluetooth active: 8589934592 ms, entered -1 times, last at 1 ms\n"
+                             "Bluetooth transmit: 17179869184 ms, entered -2 times, last at 1 ms\n"
+                             "Bluetooth receive: 34359738368 ms, entered -3 times, last at 1 ms\n",
+                             kDeadline))
       << provider.Output();
   provider.Signal(SIGUSR1);  // the client refuses its second reading
   EXPECT_TRUE(provider.WaitForOutput("Bluetooth: no reading: ", kDeadline)) << provider.Output();
   client.Signal(SIGKILL);
   EXPECT_TRUE(provider.WaitForOutput("died Bluetooth\n", kDeadline)) << provider.Output();
-  provider.Signal(SIGUSR1);
-  EXPECT_TRUE(provider.WaitForOutput("nobody has registered\n", kDeadline)) << provider.Output();
-
-  provider.Signal(SIGKILL);
-  provider.Wait(kDeadline);
-  ChildProcess next({program, "--interval", "0.05"}, environment);
-  EXPECT_TRUE(next.WaitForOutput("ready\nnobody has registered\n", kDeadline)) << next.Output();
-  ChildProcess again({client_program}, environment);
-  EXPECT_TRUE(next.WaitForOutput("receiving: 34359738368 ms", kDeadline)) << next.Output();
-  next.Signal(SIGTERM);
-  EXPECT_EQ(next.Wait(kDeadline)->exit_code, 0);
+  provider.Signal(SIGTERM);
+  EXPECT_EQ(provider.Wait(kDeadline)->exit_code, 0);
 }
 
 }  // namespace

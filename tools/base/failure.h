@@ -1,4 +1,4 @@
-// How a command ends: what the user is told and the exit code.
+// How a command ends: its exit code, and the line that the user reads.
 #pragma once
 
 #include <stdexcept>
@@ -12,7 +12,7 @@ enum class ExitCode : int {
   kFailed = 1,     // refused or failed
   kUsage = 2,      // wrong usage
   kNoService = 3,  // no service, or it died
-  kBusy = 4,       // somebody else holds Bluetooth
+  kBusy = 4,       // another program holds Bluetooth
 };
 
 // Ends the command; what() is the one line that the user reads.
@@ -26,8 +26,11 @@ class Failure : public std::runtime_error {
   ExitCode code_;
 };
 
-// SIGINT or SIGTERM arrived. Where that is the way to end a command, the command catches it.
-struct Interrupted {};
+// SIGINT or SIGTERM arrived: the program ends with 128 + signal, as a shell has it. Where that is
+// the way to end a command, the command catches it.
+struct Interrupted {
+  int signal = 0;
+};
 
 // "cannot do it: reason of errno"
 std::string WithErrno(const std::string& text);

@@ -7,11 +7,11 @@
 
 namespace bthalctl {
 
-// Follows a log file that another program writes, also when it is not there yet and when it is
-// replaced by a new one. One thread.
+// Follows a log file that another program writes. The file may appear later, and may be replaced by
+// a new one. One thread.
 class LogFollower {
  public:
-  // from_start: begins with what stands in the file already.
+  // from_start: begins with what the file has already.
   LogFollower(const std::string& path, bool from_start);
 
   // Readable when Drain may have something.

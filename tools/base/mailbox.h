@@ -14,7 +14,7 @@
 
 namespace bthalctl {
 
-// Hands items from threads of a runtime to the user's thread, which waits for fd().
+// Hands items from threads of a runtime to the main thread, which waits for fd().
 template <typename Item>
 class Mailbox {
  public:

@@ -1,4 +1,4 @@
-// What is different on a terminal: colours, and lines that redraw themselves.
+// Output for terminals: colours, and a line that is drawn anew.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@ std::string Paint(Colour colour, const std::string& text);
 
 std::string HumanBytes(uint64_t bytes);
 
-// On stderr, and only if that is a rich terminal, so that it never gets into a script's output.
+// On stderr, and only if that is a rich terminal.
 class ProgressBar {
  public:
   ProgressBar(std::string label, uint64_t total);

@@ -44,7 +44,7 @@ class ShortPath {
 };
 
 // A lock on the folder, released with the descriptor; invalid with errno set when another program
-// keeps it for long.
+// keeps it for 2 s.
 unique_fd LockFolder(const unique_fd& folder) {
   const TimePoint deadline = Clock::now() + std::chrono::seconds(2);
   unique_fd lock(openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));

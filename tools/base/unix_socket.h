@@ -14,9 +14,9 @@ struct PathInUse : Failure {
   using Failure::Failure;
 };
 
-// A listening socket at path, readable and writable for its user only; replaces what no program
-// listens at any more. Of several programs that ask at the same time one gets it, the others
-// PathInUse. Throws Failure.
+// A listening socket at path, readable and writable for its user only; replaces a socket that no
+// program listens at any more. Of several programs that ask at the same time one gets it, the
+// others get PathInUse. Throws Failure.
 ::android::base::unique_fd ListenUnix(const std::string& path, int type);
 // Invalid with errno set when nobody listens at path.
 ::android::base::unique_fd ConnectUnix(const std::string& path, int type);

@@ -16,15 +16,17 @@ namespace {
 
 // Set on the thread that holds the attachment, read on any and by the handler.
 std::atomic<int> stop_fd{-1};
+std::atomic<int> stop_signal{0};
 
-void OnStopSignal(int) {
+void OnStopSignal(int number) {
+  stop_signal = number;
   const int saved = errno;
   const uint64_t one = 1;
   [[maybe_unused]] const ssize_t ignored = write(stop_fd, &one, sizeof one);
   errno = saved;
 }
 
-// Milliseconds for poll(), rounded up so that a wait never ends before its deadline.
+// For poll(), rounded up so that a wait never ends before its deadline.
 int PollTimeout(TimePoint deadline) {
   if (deadline == kNever) return -1;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -46,7 +48,18 @@ void CatchStopSignals() {
   signal(SIGPIPE, SIG_IGN);
 }
 
-int StopDescriptor() { return stop_fd; }
+std::chrono::milliseconds Milliseconds(double seconds) {
+  return std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
+}
+
+TimePoint EndAfter(double seconds) {
+  return seconds > 0 ? Clock::now() + Milliseconds(seconds) : kNever;
+}
+
+void ForgetStopSignal() {
+  uint64_t count = 0;
+  [[maybe_unused]] const ssize_t ignored = read(stop_fd, &count, sizeof count);
+}
 
 bool Wait(std::vector<pollfd>& descriptors, TimePoint deadline) {
   descriptors.push_back({stop_fd, POLLIN, 0});
@@ -57,7 +70,7 @@ bool Wait(std::vector<pollfd>& descriptors, TimePoint deadline) {
   const bool stop = descriptors.back().revents != 0;
   descriptors.pop_back();
   if (ready < 0) throw Failure(WithErrno("poll"));
-  if (stop) throw Interrupted();
+  if (stop) throw Interrupted{stop_signal};
   return ready > 0;
 }
 

@@ -1,4 +1,4 @@
-// Waiting for descriptors, for a time, and for the user's wish to stop.
+// Waiting for descriptors, for a time, and for a signal to stop.
 #pragma once
 
 #include <poll.h>
@@ -15,9 +15,13 @@ constexpr TimePoint kNever = TimePoint::max();
 // From now on SIGINT and SIGTERM make the waits below throw Interrupted; before, they end the
 // process. SIGPIPE is ignored.
 void CatchStopSignals();
-// Readable once one of them arrived; for loops with a poll() of their own. -1 before
-// CatchStopSignals().
-int StopDescriptor();
+
+std::chrono::milliseconds Milliseconds(double seconds);
+// The time in so many seconds; 0: never.
+TimePoint EndAfter(double seconds);
+
+// After Interrupted, for a command that ends in its own way: lets it wait once more.
+void ForgetStopSignal();
 
 // poll() with a deadline; the descriptor of stop signals is watched besides. Returns whether any of
 // the descriptors is ready. Throws Interrupted.

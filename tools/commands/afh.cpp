@@ -11,13 +11,12 @@ namespace {
 
 using ::hardware::nuvexa::bluetooth::bt_channel_avoidance::V1_0::IBTChannelAvoidance;
 
-struct AfhOptions {
+struct AfhOptions : CommandValues {
   std::string avoid;
   std::string use;
   std::string map;
   std::vector<int> wlan;
   bool all = false;
-  bool json = false;
 };
 
 void Afh(const Options& options, const AfhOptions& afh) {
@@ -55,25 +54,22 @@ void Afh(const Options& options, const AfhOptions& afh) {
 }  // namespace
 
 void AddAfh(CLI::App& app, const Options& options) {
-  auto afh = std::make_shared<AfhOptions>();
-  CLI::App* command =
-      app.add_subcommand("afh", "keep classic Bluetooth off channels that others disturb");
-  command->add_option("--avoid", afh->avoid, "channels to avoid, such as 0-10,40")
+  auto [command, afh] =
+      AddCommand(app, options, Afh, "afh",
+                 "keep classic Bluetooth off channels that others disturb", "for a script");
+  command.add_option("--avoid", afh.avoid, "channels to avoid, such as 0-10,40")
       ->type_name("CHANNELS");
-  command->add_option("--use", afh->use, "the only channels to use")->type_name("CHANNELS");
-  command->add_option("--wlan", afh->wlan, "avoid the 22 MHz around these WLAN channels, 1 to 14")
+  command.add_option("--use", afh.use, "the only channels to use")->type_name("CHANNELS");
+  command.add_option("--wlan", afh.wlan, "avoid the 22 MHz around these WLAN channels, 1 to 14")
       ->type_name("N");
-  command->add_option("--map", afh->map, "10 bytes in hex; channel 0 is the first's lowest bit")
+  command.add_option("--map", afh.map, "10 bytes in hex; channel 0 is the first's lowest bit")
       ->type_name("HEX");
-  command->add_flag("--all", afh->all, "nothing is avoided any more");
-  command->add_flag("--json", afh->json, "for a script");
-  command->footer(
+  command.add_flag("--all", afh.all, "nothing is avoided any more");
+  command.footer(
       "Channels are 0 to 78, channel n at 2402 + n MHz; at least 20 must be left. The map goes to\n"
-      "the controller as Set AFH Host Channel Classification (0x0C3F) and holds until the next "
-      "one\n"
-      "or until Bluetooth goes off: then it is forgotten. LE is not concerned.\n"
+      "the controller as Set AFH Host Channel Classification (0x0C3F) and holds until the next\n"
+      "one, or until Bluetooth goes off. It is for classic Bluetooth, not for LE.\n"
       "Examples:\n  bthalctl afh --avoid 0-10,40\n  bthalctl afh --wlan 6\n  bthalctl afh --all");
-  command->callback([&options, afh] { Afh(options, *afh); });
 }
 
 }  // namespace bthalctl

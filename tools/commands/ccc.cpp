@@ -21,13 +21,12 @@ using Ccc = ::hardware::nuvexa::bluetooth::ccc::V1_1::IBluetoothCcc;
 using Timestamp1_0 = ::hardware::nuvexa::bluetooth::ccc::V1_0::Timestamp;
 using Timestamp1_1 = ::hardware::nuvexa::bluetooth::ccc::V1_1::Timestamp;
 
-struct CccOptions {
+struct CccOptions : CommandValues {
   std::vector<std::string> addresses;
   std::vector<std::string> events = {"connect", "phy"};
   uint64_t count = 0;  // 0: no end
   double seconds = 0;  // 0: no end
   bool old_interface = false;
-  bool json = false;
 };
 
 struct Report {
@@ -171,7 +170,7 @@ std::optional<Report> Receive(Callback& callback, TimePoint deadline) {
   return report;
 }
 
-void Watch(const Options& options, const CccOptions& ccc) {
+void WatchEvents(const Options& options, const CccOptions& ccc) {
   std::vector<Bytes> addresses;
   for (const std::string& text : ccc.addresses) {
     const auto address = ParseAddress(text);
@@ -202,10 +201,7 @@ void Watch(const Options& options, const CccOptions& ccc) {
       if (outcome->kind == Report::Kind::kRefused) throw Failure("the controller refused");
       std::fprintf(stderr, "watching %s\n", AddressText(address).c_str());
     }
-    const TimePoint deadline =
-        ccc.seconds > 0
-            ? Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(ccc.seconds * 1000))
-            : kNever;
+    const TimePoint deadline = EndAfter(ccc.seconds);
     for (uint64_t shown = 0; ccc.count == 0 || shown < ccc.count;) {
       const auto report = Receive(*callback, deadline);
       if (!report) return;
@@ -220,35 +216,33 @@ void Watch(const Options& options, const CccOptions& ccc) {
 }  // namespace
 
 void AddCcc(CLI::App& app, const Options& options) {
-  auto ccc = std::make_shared<CccOptions>();
-  CLI::App* command = app.add_subcommand("ccc", "link-layer events of chosen peers");
-  command->require_subcommand(1);
-  CLI::App* watch =
-      command->add_subcommand("watch", "register for a peer's events and show them as they come");
-  watch->add_option("ADDRESS", ccc->addresses, "of the peers, such as 11:22:33:44:55:66")
+  CLI::App* const group = app.add_subcommand("ccc", "link-layer events of chosen peers");
+  group->require_subcommand(1);
+  auto [command, ccc] = AddCommand(*group, options, WatchEvents, "watch",
+                                   "register for a peer's events and show them as they come",
+                                   "one JSON object per line");
+  command.add_option("ADDRESS", ccc.addresses, "of the peers, such as 11:22:33:44:55:66")
       ->type_name("")
       ->required();
-  watch
-      ->add_option("-e,--events", ccc->events,
-                   "connect (CONNECT_IND), phy (LL_PHY_UPDATE_IND); both when left out")
+  command
+      .add_option("-e,--events", ccc.events,
+                  "connect (CONNECT_IND), phy (LL_PHY_UPDATE_IND); both when left out")
       ->type_name("NAME")
       ->check(CLI::IsMember({"connect", "phy"}).description(""))
       ->default_str("");
-  watch->add_option("-n,--count", ccc->count, "end after so many events");
-  watch->add_option("-t,--time", ccc->seconds, "end after so many seconds; else at Ctrl-C")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 86400.0).description(""));
-  watch->add_flag("--1-0", ccc->old_interface,
-                  "register through version 1.0 of the interface: times of 32 bits");
-  watch->add_flag("--json", ccc->json, "one JSON object a line");
-  watch->footer(
+  command.add_option("-n,--count", ccc.count, "end after so many events");
+  AddSeconds(command, "-t,--time", ccc.seconds, "end after so many seconds; else at Ctrl-C", 0,
+             86400);
+  command.add_flag("--1-0", ccc.old_interface,
+                   "register through version 1.0 of the interface: times of 32 bits");
+  command.footer(
       "The Bluetooth time is the controller's clock; the system time is the kernel's time of the\n"
-      "same moment (/proc/bluetooth/timesync), less the controller's offset. Without a reading\n"
-      "it is 0 less the offset: a very large number. The connection event is the counter of the\n"
-      "one in which it happened. An address has one registration: a later one, of whichever\n"
-      "client, replaces it. Registrations end with the client and when Bluetooth goes off.\n"
+      "same moment (/proc/bluetooth/timesync), less the controller's offset. Without a reading of\n"
+      "the kernel's time it is 0 less the offset: a very large number. The connection event is\n"
+      "the counter of the one in which the event happened. An address has one registration: a\n"
+      "later one, of any client, replaces it. Registrations end with the client and when\n"
+      "Bluetooth goes off.\n"
       "Example:\n  bthalctl ccc watch C2:56:4B:AD:00:03 --events connect -n 1");
-  watch->callback([&options, ccc] { Watch(options, *ccc); });
 }
 
 }  // namespace bthalctl

@@ -19,7 +19,7 @@ namespace {
 using ::android::base::unique_fd;
 using ::android::hardware::hidl_handle;
 
-struct DebugOptions {
+struct DebugOptions : CommandValues {
   std::string output;
   std::vector<std::string> sections;  // empty: the whole report
   bool list = false;
@@ -45,17 +45,7 @@ void Debug(const Options& options, const DebugOptions& debug) {
   const std::string report = TakeReport(options);
   if (debug.list) return List(CutReport(report));
 
-  std::string text;
-  if (debug.sections.empty()) {
-    text = report;
-  } else {
-    for (const Section& section : CutReport(report)) {
-      const auto& chosen = debug.sections;
-      if (std::find(chosen.begin(), chosen.end(), section.name) != chosen.end()) {
-        text += section.text;
-      }
-    }
-  }
+  const std::string text = debug.sections.empty() ? report : SectionsOf(report, debug.sections);
   if (!::android::base::WriteStringToFd(text, target)) {
     throw Failure(
         WithErrno("cannot write " + (debug.output.empty() ? "the report" : debug.output)));
@@ -65,7 +55,7 @@ void Debug(const Options& options, const DebugOptions& debug) {
 
 }  // namespace
 
-std::string TakeReport(const Options& options) {
+std::string TakeReport(const Options& options, const std::vector<std::string>& debug_options) {
   const auto service = FindService(options.wait());
   // The service writes into memory, so that a slow reader of ours cannot hold it up.
   const unique_fd report(memfd_create("report", MFD_CLOEXEC));
@@ -73,7 +63,9 @@ std::string TakeReport(const Options& options) {
   NATIVE_HANDLE_DECLARE_STORAGE(storage, 1, 0);
   native_handle_t* const handle = native_handle_init(storage, 1, 0);
   handle->data[0] = report.get();
-  if (!service->debug(hidl_handle(handle), {}).isOk()) {
+  const std::vector<::android::hardware::hidl_string> words(debug_options.begin(),
+                                                            debug_options.end());
+  if (!service->debug(hidl_handle(handle), words).isOk()) {
     throw Failure(ExitCode::kNoService, "the service died while it wrote the report");
   }
   std::string text;
@@ -83,27 +75,25 @@ std::string TakeReport(const Options& options) {
 }
 
 void AddDebug(CLI::App& app, const Options& options) {
-  auto debug = std::make_shared<DebugOptions>();
-  CLI::App* command = app.add_subcommand("debug", "take the service's debug report");
+  auto [command, debug] =
+      AddCommand(app, options, Debug, "debug", "take the service's debug report");
   std::vector<std::string> names;
   std::string footer = "Sections:\n";
   for (const SectionName& section : SectionNames()) {
     names.emplace_back(section.name);
-    char line[128];
-    std::snprintf(line, sizeof line, "  %-10s %s\n", section.name, section.what);
-    footer += line;
+    footer +=
+        "  " + names.back() + std::string(11 - names.back().size(), ' ') + section.what + "\n";
   }
-  command->add_option("-o,--output", debug->output, "file to write; without it, standard output");
+  command.add_option("-o,--output", debug.output, "file to write; without it, standard output");
   CLI::Option* const sections =
-      command->add_option("-s,--section", debug->sections, "only these sections, in their order")
+      command.add_option("-s,--section", debug.sections, "only these sections, in their order")
           ->type_name("NAME")
           ->check(CLI::IsMember(names).description(""));
-  command->add_flag("-l,--list", debug->list, "list the sections and how long each is")
+  command.add_flag("-l,--list", debug.list, "list the sections and how long each is")
       ->excludes(sections);
-  command->footer(footer +
-                  "Examples:\n  bthalctl debug --section history\n"
-                  "  bthalctl debug -s firmware kernel -o report.txt");
-  command->callback([&options, debug] { Debug(options, *debug); });
+  command.footer(footer +
+                 "Examples:\n  bthalctl debug --section history\n"
+                 "  bthalctl debug -s firmware kernel -o report.txt");
 }
 
 }  // namespace bthalctl

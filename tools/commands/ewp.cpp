@@ -12,85 +12,90 @@ namespace {
 using ::hardware::nuvexa::bluetooth::ewp::V1_0::IBluetoothEwp;
 
 constexpr char kTag[] = "bthal.ewp";
-constexpr char kRecord[] = " [BT_EWP_DUMP] ";
 
-struct EwpOptions {
+struct EwpOptions : CommandValues {
   int interval = 1000;
   double seconds = 0;  // 0: no end
-  bool json = false;
+  bool bytes = false;
 };
 
-void Enable(const ::android::sp<IBluetoothEwp>& service, const EwpOptions& ewp) {
-  CallOutcome outcome(kTag);
-  Demand(service->EnableEwp(static_cast<uint16_t>(ewp.interval)));
-  const bool confirmed = outcome.Accepted();
-  TellOutcome("EWP records are on, interval " + std::to_string(ewp.interval), confirmed, ewp.json,
-              {{"on", true}, {"interval", ewp.interval}});
-}
-
-void Disable(const ::android::sp<IBluetoothEwp>& service, const EwpOptions& ewp) {
-  CallOutcome outcome(kTag);
-  Demand(service->DisableEwp());
-  const bool confirmed = outcome.Accepted();
-  TellOutcome("EWP records are off", confirmed, ewp.json, {{"on", false}});
-}
-
-void Watch(const Options& options, const EwpOptions& ewp) {
+void Switch(const Options& options, const EwpOptions& ewp, bool on) {
   const auto service = FindExtension<IBluetoothEwp>(options.wait());
+  CallOutcome outcome(kTag);
+  Demand(on ? service->EnableEwp(static_cast<uint16_t>(ewp.interval)) : service->DisableEwp());
+  nlohmann::json details = {{"on", on}};
+  std::string done = "EWP records are off";
+  if (on) {
+    details["interval"] = ewp.interval;
+    done = "EWP records are on, interval " + std::to_string(ewp.interval);
+  }
+  TellOutcome(done, outcome.Accepted(), ewp.json, details);
+}
+
+void Enable(const Options& options, const EwpOptions& ewp) { Switch(options, ewp, true); }
+void Disable(const Options& options, const EwpOptions& ewp) { Switch(options, ewp, false); }
+
+// The log has " [BT_EWP_DUMP] OFFSET : [Handle=0xe00, LEN=40]{DATA=x00, …": the handle and the
+// length on a record's first line, 32 bytes on each.
+void ShowRecord(const std::string& text, bool bytes) {
+  constexpr char kMark[] = "[BT_EWP_DUMP] ";
+  const size_t at = text.find(kMark);
+  if (at == std::string::npos) return;
+  const std::string record = text.substr(at + sizeof kMark - 1);
+  unsigned handle = 0, size = 0;
+  const bool first =
+      std::sscanf(record.c_str(), "0x000 : [Handle=0x%x, LEN=%u]", &handle, &size) == 2;
+  if (bytes) {
+    std::puts(record.c_str());
+  } else if (first) {
+    std::printf("EWP record of %u bytes on handle 0x%03X\n", size, handle);
+  }
+}
+
+void WatchRecords(const Options& options, const EwpOptions& ewp) {
   LogFollower log(root_folder::Resolve("/run/bthal/log"), false);
-  Enable(service, ewp);
-  const TimePoint deadline =
-      ewp.seconds > 0
-          ? Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(ewp.seconds * 1000))
-          : kNever;
+  Enable(options, ewp);
+  const TimePoint deadline = EndAfter(ewp.seconds);
   try {
     do {
-      log.Drain([](const std::string& text) {
+      log.Drain([&](const std::string& text) {
         const std::optional<LogLine> line = ParseLogLine(text);
-        if (!line || line->tag != kTag) return;
-        if (const size_t at = line->text.find(kRecord + 1); at != std::string::npos) {
-          std::puts(line->text.substr(at + sizeof kRecord - 2).c_str());
-        }
+        if (line && line->tag == kTag) ShowRecord(line->text, ewp.bytes);
       });
       std::fflush(stdout);
     } while (WaitReadable(log.fd(), deadline));
   } catch (const Interrupted&) {
-    // The way to end it.
+    ForgetStopSignal();  // the way to end it
   }
-  Disable(service, ewp);
+  Disable(options, ewp);
 }
 
 }  // namespace
 
 void AddEwp(CLI::App& app, const Options& options) {
-  auto ewp = std::make_shared<EwpOptions>();
-  CLI::App* command = app.add_subcommand("ewp", "switch the controller's EWP records");
-  command->require_subcommand(1);
-  command->footer(
-      "The controller sends EWP records as ACL data on reserved handles; the service writes them\n"
-      "to its log in hex; the stack gets them, too. They are off after Bluetooth went off and on.\n"
+  CLI::App* const group = app.add_subcommand("ewp", "switch the controller's EWP records");
+  group->require_subcommand(1);
+  group->footer(
+      "The controller sends EWP records as ACL data on reserved handles. The service writes them\n"
+      "to its log in hex and passes them on to the stack. They are off when Bluetooth comes on.\n"
       "Examples:\n  bthalctl ewp on --interval 500\n  bthalctl ewp watch -t 5\n  bthalctl ewp off");
-  const auto interval = [&](CLI::App* sub) {
-    sub->add_option("-i,--interval", ewp->interval,
+  const auto add_interval = [](Declared<EwpOptions> declared) {
+    declared.command
+        .add_option("-i,--interval", declared.values.interval,
                     "between records, in the controller's unit, 0 to 65535")
         ->capture_default_str()
         ->type_name("N")
         ->check(CLI::Range(0, 65535).description(""));
   };
-  CLI::App* on = command->add_subcommand("on", "let the records come");
-  interval(on);
-  on->add_flag("--json", ewp->json, "for a script");
-  on->callback([&options, ewp] { Enable(FindExtension<IBluetoothEwp>(options.wait()), *ewp); });
-  CLI::App* off = command->add_subcommand("off", "end them");
-  off->add_flag("--json", ewp->json, "for a script");
-  off->callback([&options, ewp] { Disable(FindExtension<IBluetoothEwp>(options.wait()), *ewp); });
-  CLI::App* watch =
-      command->add_subcommand("watch", "switch them on, show them as they come, switch them off");
-  interval(watch);
-  watch->add_option("-t,--time", ewp->seconds, "end after so many seconds; else at Ctrl-C")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 86400.0).description(""));
-  watch->callback([&options, ewp] { Watch(options, *ewp); });
+  add_interval(AddCommand(*group, options, Enable, "on", "let the records come", "for a script"));
+  AddCommand(*group, options, Disable, "off", "end them", "for a script");
+  const auto watch = AddCommand(*group, options, WatchRecords, "watch",
+                                "switch them on, show them as they come, switch them off");
+  add_interval(watch);
+  watch.command.add_flag("-b,--bytes", watch.values.bytes,
+                         "show the bytes, as the service logs them");
+  AddSeconds(watch.command, "-t,--time", watch.values.seconds,
+             "end after so many seconds; else at Ctrl-C", 0, 86400);
 }
 
 }  // namespace bthalctl

@@ -2,8 +2,8 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/commands/commands.h"
-#include "tools/hci/codes.h"
 #include "tools/hci/names.h"
+#include "tools/hci/packet.h"
 #include "tools/link/exchange.h"
 
 namespace bthalctl {
@@ -45,7 +45,7 @@ Json Info(Exchange& exchange) {
   return info;
 }
 
-void Print(const Json& info) {
+void PrintInfo(const Json& info) {
   const Json& buffers = info["buffers"];
   std::printf("name         %s\n", info["name"].get<std::string>().c_str());
   std::printf("address      %s\n", info["address"].get<std::string>().c_str());
@@ -60,22 +60,22 @@ void Print(const Json& info) {
               buffers["sco"].get<unsigned>(), buffers["sco_bytes"].get<unsigned>());
 }
 
+void ShowInfo(const Options& options, const CommandValues& values) {
+  const auto link = OpenLink(options);
+  Exchange exchange(*link);
+  const Json info = Info(exchange);
+  if (values.json) {
+    std::puts(info.dump(2).c_str());
+  } else {
+    PrintInfo(info);
+  }
+}
+
 }  // namespace
 
 void AddInfo(CLI::App& app, const Options& options) {
-  auto as_json = std::make_shared<bool>(false);
-  CLI::App* command = app.add_subcommand("info", "the controller's version, address and features");
-  command->add_flag("--json", *as_json, "for a script");
-  command->callback([&options, as_json] {
-    const auto link = OpenLink(options);
-    Exchange exchange(*link);
-    const Json info = Info(exchange);
-    if (*as_json) {
-      std::puts(info.dump(2).c_str());
-    } else {
-      Print(info);
-    }
-  });
+  AddCommand(app, options, ShowInfo, "info", "the controller's version, address and features",
+             "for a script");
 }
 
 }  // namespace bthalctl

@@ -6,13 +6,13 @@
 #include "tools/base/terminal.h"
 #include "tools/commands/commands.h"
 #include "tools/commands/transfer_options.h"
-#include "tools/hci/codes.h"
+#include "tools/hci/packet.h"
 #include "tools/link/le_peer.h"
 
 namespace bthalctl {
 namespace {
 
-// ISO data in local loopback needs no connection; any handle that is not one serves.
+// ISO data in local loopback needs no connection: any handle without one will do.
 constexpr uint16_t kIsoHandle = 0x0E00;
 constexpr std::chrono::seconds kConnectTime{5};
 
@@ -38,27 +38,27 @@ class LocalLoopback {
   Exchange& exchange_;
 };
 
-std::map<PacketType, Lane> Buffers(Exchange& exchange, bool iso) {
-  std::map<PacketType, Lane> lanes;
+std::map<PacketType, Stream> Buffers(Exchange& exchange, bool iso) {
+  std::map<PacketType, Stream> streams;
   const CommandAnswer buffers = exchange.Demand(opcode::kReadBufferSize);
   Reader in(buffers.parameters);
   in.Skip(1);
   const uint16_t acl_bytes = in.U16();
   const uint8_t sco_bytes = in.U8();
-  lanes[PacketType::kAcl] = {PacketType::kAcl, 0, acl_bytes, in.U16(), true};
-  lanes[PacketType::kSco] = {PacketType::kSco, 0, sco_bytes, in.U16(), false};
+  streams[PacketType::kAcl] = {PacketType::kAcl, 0, acl_bytes, in.U16(), true};
+  streams[PacketType::kSco] = {PacketType::kSco, 0, sco_bytes, in.U16(), false};
   if (iso) {
     const CommandAnswer le_buffers = exchange.Demand(opcode::kLeReadBufferSizeV2);
     Reader le_in(le_buffers.parameters);
     le_in.Skip(4);
     const uint16_t iso_bytes = le_in.U16();
-    lanes[PacketType::kIso] = {PacketType::kIso, kIsoHandle, iso_bytes, le_in.U8(), true};
+    streams[PacketType::kIso] = {PacketType::kIso, kIsoHandle, iso_bytes, le_in.U8(), true};
   }
-  return lanes;
+  return streams;
 }
 
-// The loopback's connections announce themselves.
-void TakeHandles(Exchange& exchange, std::map<PacketType, Lane>& lanes) {
+// The controller announces the connections of the loopback by events.
+void TakeHandles(Exchange& exchange, std::map<PacketType, Stream>& streams) {
   const TimePoint deadline = Clock::now() + kConnectTime;
   bool acl = false;
   bool sco = false;
@@ -73,16 +73,18 @@ void TakeHandles(Exchange& exchange, std::map<PacketType, Lane>& lanes) {
     const bool is_acl = in.U8() == 1;
     if (status != 0) continue;
     bool& have = is_acl ? acl : sco;
-    if (!have) lanes[is_acl ? PacketType::kAcl : PacketType::kSco].handle = handle;
+    if (!have) streams[is_acl ? PacketType::kAcl : PacketType::kSco].handle = handle;
     have = true;
   }
 }
 
-void Loopback(const Options& options, const TransferFlags& flags,
-              const std::vector<std::string>& types) {
+struct LoopbackValues : TransferValues {
+  std::vector<std::string> types = {"acl", "sco", "iso"};
+};
+
+void Loopback(const Options& options, const LoopbackValues& values) {
   std::vector<PacketType> wanted;
-  wanted.reserve(types.size());
-  for (const std::string& type : types) {
+  for (const std::string& type : values.types) {
     wanted.push_back(type == "acl"   ? PacketType::kAcl
                      : type == "sco" ? PacketType::kSco
                                      : PacketType::kIso);
@@ -91,32 +93,28 @@ void Loopback(const Options& options, const TransferFlags& flags,
   const auto link = OpenLink(options);
   Exchange exchange(*link);
   ResetController(exchange);
-  std::map<PacketType, Lane> all = Buffers(exchange, iso);
+  std::map<PacketType, Stream> all = Buffers(exchange, iso);
   const LocalLoopback loopback(exchange);
   TakeHandles(exchange, all);
-  std::vector<Lane> lanes;
-  lanes.reserve(wanted.size());
-  for (const PacketType type : wanted) lanes.push_back(all[type]);
-  RunTransfer(exchange, lanes, flags, "loopback");
+  std::vector<Stream> streams;
+  for (const PacketType type : wanted) streams.push_back(all[type]);
+  RunTransfer(exchange, streams, values, "loopback");
 }
 
 }  // namespace
 
 void AddLoopback(CLI::App& app, const Options& options) {
-  auto flags = std::make_shared<TransferFlags>();
-  auto types =
-      std::make_shared<std::vector<std::string>>(std::vector<std::string>{"acl", "sco", "iso"});
-  CLI::App* command = app.add_subcommand(
-      "loopback", "move data through the controller's local loopback and check every byte");
-  command->add_option("--types", *types, "kinds of packets, mixed: acl,sco,iso")
+  auto [command, values] = AddCommand(
+      app, options, Loopback, "loopback",
+      "move data through the controller's local loopback and check every byte", "for a script");
+  command.add_option("--types", values.types, "kinds of packets, mixed: acl,sco,iso")
       ->delimiter(',')
       ->check(CLI::IsMember({"acl", "sco", "iso"}))
       ->capture_default_str();
-  AddTransferFlags(*command, *flags);
-  command->footer(
+  AddTransferOptions(command, values.transfer);
+  command.footer(
       "Examples:\n  bthalctl loopback --bytes 10M\n"
       "  bthalctl loopback --types acl --pattern control --size 1 --bytes 20000");
-  command->callback([&options, flags, types] { Loopback(options, *flags, *types); });
 }
 
 }  // namespace bthalctl

@@ -12,10 +12,9 @@
 namespace bthalctl {
 namespace {
 
-struct MonitorOptions {
+struct MonitorOptions : CommandValues {
   uint64_t count = 0;  // 0: no end
   double seconds = 0;  // 0: no end
-  bool json = false;
 };
 
 std::string WallTime() {
@@ -29,7 +28,7 @@ std::string WallTime() {
   return text;
 }
 
-void Print(const HolderLink::Passing& passing, bool json) {
+void PrintPassing(const HolderLink::Passing& passing, bool json) {
   if (json) {
     const nlohmann::json line = {{"time", WallTime()},
                                  {"direction", passing.from_controller ? "in" : "out"},
@@ -63,15 +62,12 @@ void Monitor(const Options& options, const MonitorOptions& monitor) {
   };
   std::fprintf(stderr, shared != nullptr ? "following the holder\n"
                                          : "attached as the stack: only what arrives is seen\n");
-  const TimePoint deadline =
-      monitor.seconds > 0
-          ? Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(monitor.seconds * 1000))
-          : kNever;
+  const TimePoint deadline = EndAfter(monitor.seconds);
   uint64_t shown = 0;
   try {
     do {
       while (std::optional<HolderLink::Passing> passing = next()) {
-        Print(*passing, monitor.json);
+        PrintPassing(*passing, monitor.json);
         if (++shown == monitor.count) return;
       }
     } while (WaitReadable(shared != nullptr ? shared->fd() : own->fd(), deadline));
@@ -83,15 +79,14 @@ void Monitor(const Options& options, const MonitorOptions& monitor) {
 }  // namespace
 
 void AddMonitor(CLI::App& app, const Options& options) {
-  auto monitor = std::make_shared<MonitorOptions>();
-  CLI::App* command = app.add_subcommand("monitor", "show HCI traffic, one line a packet");
-  command->add_option("-n,--count", monitor->count, "end after so many packets");
-  command->add_option("-t,--time", monitor->seconds, "end after so many seconds");
-  command->add_flag("--json", monitor->json, "one JSON object a line");
-  command->footer(
+  auto [command, monitor] =
+      AddCommand(app, options, Monitor, "monitor", "show HCI traffic, one line per packet",
+                 "one JSON object per line");
+  command.add_option("-n,--count", monitor.count, "end after so many packets");
+  AddSeconds(command, "-t,--time", monitor.seconds, "end after so many seconds", 0, 86400);
+  command.footer(
       "With a holder (\"up\") it sees both directions of all its clients:\n"
       "  bthalctl up --detach; bthalctl monitor & bthalctl scan");
-  command->callback([&options, monitor] { Monitor(options, *monitor); });
 }
 
 }  // namespace bthalctl

@@ -3,41 +3,43 @@
 
 #include "tools/commands/commands.h"
 #include "tools/commands/transfer_options.h"
-#include "tools/hci/codes.h"
+#include "tools/hci/packet.h"
 #include "tools/link/le_peer.h"
 
 namespace bthalctl {
 namespace {
 
-constexpr char kTargetHelp[] = "address, or the name that the peer advertises";
+struct PeerValues : TransferValues {
+  std::string target;
+  bool no_reset = false;
+};
 
-void Prepare(Exchange& exchange, bool reset) {
-  if (reset) {
-    ResetController(exchange);
-  } else {
+void PrepareController(Exchange& exchange, const PeerValues& values) {
+  if (values.no_reset) {
     UnmaskEvents(exchange);
+  } else {
+    ResetController(exchange);
   }
 }
 
-void ReadName(const Options& options, const std::string& target, bool reset, bool json) {
+void ReadName(const Options& options, const PeerValues& values) {
   const auto link = OpenLink(options);
   Exchange exchange(*link);
-  Prepare(exchange, reset);
-  LePeer peer(exchange, target);
+  PrepareController(exchange, values);
+  LePeer peer(exchange, values.target);
   const std::string name = peer.ReadDeviceName();
   const std::string address = AddressText(peer.advertisement().address);
-  if (json) {
+  if (values.json) {
     std::puts(nlohmann::json{{"address", address}, {"name", name}}.dump().c_str());
   } else {
     std::printf("%s is called \"%s\"\n", address.c_str(), name.c_str());
   }
 }
 
-void Echo(const Options& options, const std::string& target, bool reset,
-          const TransferFlags& flags) {
+void Echo(const Options& options, const PeerValues& values) {
   const auto link = OpenLink(options);
   Exchange exchange(*link);
-  Prepare(exchange, reset);
+  PrepareController(exchange, values);
   const CommandAnswer buffers = exchange.Demand(opcode::kLeReadBufferSize);
   Reader in(buffers.parameters);
   in.Skip(1);
@@ -51,38 +53,29 @@ void Echo(const Options& options, const std::string& target, bool reset,
     shared_in.Skip(1);
     count = shared_in.U16();
   }
-  LePeer peer(exchange, target);
-  RunTransfer(exchange, {{PacketType::kAcl, peer.handle(), bytes, count, true}}, flags, "echo");
+  LePeer peer(exchange, values.target);
+  RunTransfer(exchange, {{PacketType::kAcl, peer.handle(), bytes, count, true}}, values, "echo");
 }
 
 }  // namespace
 
 void AddPeer(CLI::App& app, const Options& options) {
-  auto target = std::make_shared<std::string>();
-  auto json = std::make_shared<bool>(false);
-  auto no_reset = std::make_shared<bool>(false);
-  const auto add_no_reset = [&](CLI::App* command) {
-    command->add_flag("--no-reset", *no_reset,
-                      "no HCI Reset before it, which would undo what the extensions have set");
+  const auto add = [&](void (*run)(const Options&, const PeerValues&), const char* name,
+                       const char* what) {
+    auto declared = AddCommand(app, options, run, name, what, "for a script");
+    auto& [command, values] = declared;
+    command.add_option("PEER", values.target, "address, or the name that the peer advertises")
+        ->required();
+    command.add_flag("--no-reset", values.no_reset,
+                     "no HCI Reset before it, which would undo what the extensions have set");
+    return declared;
   };
-  CLI::App* name =
-      app.add_subcommand("read-name", "connect to an LE peer and read its device name");
-  name->add_option("PEER", *target, kTargetHelp)->required();
-  add_no_reset(name);
-  name->add_flag("--json", *json, "for a script");
-  name->footer("Example:\n  bthalctl read-name \"ZVK GATT\"");
-  name->callback(
-      [&options, target, no_reset, json] { ReadName(options, *target, !*no_reset, *json); });
-
-  auto flags = std::make_shared<TransferFlags>();
-  CLI::App* echo =
-      app.add_subcommand("echo", "connect to an LE peer that sends ACL data back, and check it");
-  echo->add_option("PEER", *target, kTargetHelp)->required();
-  add_no_reset(echo);
-  AddTransferFlags(*echo, *flags);
-  echo->footer("Example:\n  bthalctl echo \"ZVK Loop\" --bytes 100k");
-  echo->callback(
-      [&options, target, no_reset, flags] { Echo(options, *target, !*no_reset, *flags); });
+  add(ReadName, "read-name", "connect to an LE peer and read its device name")
+      .command.footer("Example:\n  bthalctl read-name \"ZVK GATT\"");
+  const auto echo =
+      add(Echo, "echo", "connect to an LE peer that sends ACL data back, and check it");
+  AddTransferOptions(echo.command, echo.values.transfer);
+  echo.command.footer("Example:\n  bthalctl echo \"ZVK Loop\" --bytes 100k");
 }
 
 }  // namespace bthalctl

@@ -15,9 +15,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct PrepareOptions {
+struct PrepareOptions : CommandValues {
   std::string folder;
-  std::string uart;
+  std::string uart = "/dev/ttyUSB0";
   std::string firmware;
   std::string address;
 };
@@ -33,12 +33,12 @@ void Write(const fs::path& path, const std::string& content) {
   if (!out.flush()) throw Failure("cannot write " + path.string());
 }
 
-// Leaves what is there already: a second run repairs, it does not overwrite a board's settings.
+// A second run completes a folder and keeps a board's settings.
 void WriteIfAbsent(const fs::path& path, const std::string& content) {
   if (!fs::exists(path)) Write(path, content);
 }
 
-// In the form in which it is shown everywhere. Throws Failure.
+// The address in capitals. Throws Failure.
 std::string CheckedAddress(const std::string& text) {
   const std::optional<Bytes> address = ParseAddress(text);
   if (!address) {
@@ -71,9 +71,9 @@ void TellAddress(const fs::path& root) {
       "property ro.vendor.bluetooth.evb_bdaddr in vendor/build.prop.");
 }
 
-void Prepare(const PrepareOptions& options) {
-  const fs::path root = options.folder;
-  const std::string address = options.address.empty() ? "" : CheckedAddress(options.address);
+void PrepareRoot(const Options& /*options*/, const PrepareOptions& prepare) {
+  const fs::path root = prepare.folder;
+  const std::string address = prepare.address.empty() ? "" : CheckedAddress(prepare.address);
   try {
     for (const char* folder :
          {"dev", "data/property", "data/tombstones", "data/vendor/ssrdump/coredump",
@@ -83,7 +83,7 @@ void Prepare(const PrepareOptions& options) {
     }
     const fs::path uart = root / "dev/ttySAC16";
     fs::remove(uart);
-    fs::create_symlink(fs::absolute(options.uart), uart);
+    fs::create_symlink(fs::absolute(prepare.uart), uart);
     const fs::path coexistence = root / "dev/wbrc";
     if (mkfifo(coexistence.c_str(), 0600) != 0 && errno != EEXIST) {
       throw Failure(WithErrno("cannot make " + coexistence.string()));
@@ -94,8 +94,8 @@ void Prepare(const PrepareOptions& options) {
                   "UserialType = 1\n");
     WriteIfAbsent(root / kPropertyFile, "");
     if (!address.empty()) Write(root / kAddressFile, address + "\n");
-    if (!options.firmware.empty()) {
-      fs::copy(options.firmware, root / "vendor/firmware/tovu",
+    if (!prepare.firmware.empty()) {
+      fs::copy(prepare.firmware, root / "vendor/firmware/tovu",
                fs::copy_options::overwrite_existing);
     }
   } catch (const fs::filesystem_error& error) {
@@ -115,32 +115,28 @@ void Prepare(const PrepareOptions& options) {
       "  bthalctl --root %s up --detach\n",
       path.c_str(), path.c_str());
   std::fflush(stdout);
-  if (access(options.uart.c_str(), R_OK | W_OK) != 0) {
-    std::fprintf(stderr, "note: %s\n", WithErrno(options.uart + " cannot be used yet").c_str());
+  if (access(prepare.uart.c_str(), R_OK | W_OK) != 0) {
+    std::fprintf(stderr, "note: %s\n", WithErrno(prepare.uart + " cannot be used yet").c_str());
   }
 }
 
 }  // namespace
 
-void AddPrepareRoot(CLI::App& app) {
-  auto prepare = std::make_shared<PrepareOptions>();
-  CLI::App* command = app.add_subcommand(
-      "prepare-root", "make a root folder for a controller at a real serial port");
-  command->add_option("DIR", prepare->folder, "folder to make or to complete")->required();
-  command->add_option("--uart", prepare->uart, "the serial port")
-      ->capture_default_str()
-      ->default_val("/dev/ttyUSB0");
-  command->add_option("--firmware", prepare->firmware, "firmware file (.hcd), or a folder of them")
+void AddPrepareRoot(CLI::App& app, const Options& options) {
+  auto [command, prepare] = AddCommand(app, options, PrepareRoot, "prepare-root",
+                                       "make a root folder for a controller at a real serial port");
+  command.add_option("DIR", prepare.folder, "folder to make or to complete")->required();
+  command.add_option("--uart", prepare.uart, "the serial port")->capture_default_str();
+  command.add_option("--firmware", prepare.firmware, "firmware file (.hcd), or a folder of them")
       ->check(CLI::ExistingPath);
-  command->add_option("--address", prepare->address, "the controller's address")
+  command.add_option("--address", prepare.address, "the controller's address")
       ->type_name("XX:XX:XX:XX:XX:XX");
-  command->footer(
+  command.footer(
       "The service writes the address to the controller whenever a stack attaches, and ends when\n"
       "there is none. A second run keeps what the first one made, settings and address.\n"
       "Example:\n"
       "  bthalctl prepare-root /srv/board --uart /dev/ttyUSB1 --firmware ZVK_B5.hcd \\\n"
       "      --address 5A:56:4B:01:02:03");
-  command->callback([prepare] { Prepare(*prepare); });
 }
 
 }  // namespace bthalctl

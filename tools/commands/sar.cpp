@@ -11,12 +11,11 @@ namespace {
 using ::android::hardware::hidl_array;
 using ::hardware::nuvexa::bluetooth::sar::V1_1::IBluetoothSar;
 
-struct SarOptions {
+struct SarOptions : CommandValues {
   std::vector<int> caps;
   std::vector<int> chain0;
   std::vector<int> chain1;
   std::vector<int> beamforming;
-  bool json = false;
 };
 
 template <size_t kSize>
@@ -74,36 +73,26 @@ void Sar(const Options& options, const SarOptions& sar) {
 }  // namespace
 
 void AddSar(CLI::App& app, const Options& options) {
-  auto sar = std::make_shared<SarOptions>();
-  CLI::App* command = app.add_subcommand("sar", "cap the transmit power");
-  const CLI::Validator range = CLI::Range(0, 80).description("");
-  command->add_option("CAPS", sar->caps, "one cap for everything, or three: BR EDR BLE")
-      ->check(range)
-      ->type_name("")
-      ->expected(0, 3);
-  command->add_option("--chain0", sar->chain0, "BR EDR BLE on antenna chain 0")
-      ->check(range)
-      ->type_name("CAP")
-      ->expected(3);
-  command->add_option("--chain1", sar->chain1, "BR EDR BLE on antenna chain 1")
-      ->check(range)
-      ->type_name("CAP")
-      ->expected(3);
-  command
-      ->add_option("--beamforming", sar->beamforming,
-                   "BR EDR BLE of chain 0, then of chain 1, while beamforming")
-      ->check(range)
-      ->type_name("CAP")
-      ->expected(6);
-  command->add_flag("--json", sar->json, "for a script");
-  command->footer(
+  auto [command, sar] =
+      AddCommand(app, options, Sar, "sar", "cap the transmit power", "for a script");
+  const auto add_caps = [&command = command](const char* name, std::vector<int>& caps,
+                                             const char* what, int least, int most) {
+    command.add_option(name, caps, what)
+        ->check(CLI::Range(0, 80).description(""))
+        ->type_name(name[0] == '-' ? "CAP" : "")
+        ->expected(least, most);
+  };
+  add_caps("CAPS", sar.caps, "one cap for everything, or three: BR EDR BLE", 0, 3);
+  add_caps("--chain0", sar.chain0, "BR EDR BLE on antenna chain 0", 3, 3);
+  add_caps("--chain1", sar.chain1, "BR EDR BLE on antenna chain 1", 3, 3);
+  add_caps("--beamforming", sar.beamforming,
+           "BR EDR BLE of chain 0, then of chain 1, while beamforming", 6, 6);
+  command.footer(
       "Caps are in quarter steps, 0 to 80. A service that is not set to high resolution\n"
       "(SarBackOffHighResolution in its configuration) hands whole steps to the controller, 0 to\n"
-      "20: a cap of 3 becomes 0. They hold until the next call or until Bluetooth goes off: then\n"
-      "the controller has its own again.\n"
+      "20: a cap of 3 becomes 0. Caps hold until the next call, or until Bluetooth goes off.\n"
       "Examples:\n  bthalctl sar 40\n  bthalctl sar 40 20 8\n"
       "  bthalctl sar --chain0 40 40 20 --chain1 40 40 20 --beamforming 30 30 10 30 30 10");
-  command->callback([&options, sar] { Sar(options, *sar); });
 }
 
 }  // namespace bthalctl

@@ -3,6 +3,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "tools/base/failure.h"
 #include "tools/base/terminal.h"
 #include "tools/commands/commands.h"
 #include "tools/link/le_peer.h"
@@ -10,10 +11,9 @@
 namespace bthalctl {
 namespace {
 
-struct ScanOptions {
+struct ScanOptions : CommandValues {
   double seconds = 5;
   bool passive = false;
-  bool json = false;
 };
 
 struct Device {
@@ -21,7 +21,7 @@ struct Device {
   unsigned reports = 0;
 };
 
-void Print(const std::vector<Device>& devices) {
+void PrintHeard(const std::vector<Device>& devices) {
   for (const Device& device : devices) {
     const Advertisement& a = device.last;
     std::printf("%s  %-6s  %4d dBm  %4u reports  %-15s %s\n",
@@ -32,7 +32,7 @@ void Print(const std::vector<Device>& devices) {
   std::printf("%zu devices heard\n", devices.size());
 }
 
-void PrintJson(const std::vector<Device>& devices) {
+void PrintHeardJson(const std::vector<Device>& devices) {
   nlohmann::json list = nlohmann::json::array();
   for (const Device& device : devices) {
     const Advertisement& a = device.last;
@@ -51,8 +51,7 @@ void ScanAndList(const Options& options, const ScanOptions& scan) {
   Exchange exchange(*link);
   ResetController(exchange);
   std::map<Bytes, Device> heard;
-  const auto time = std::chrono::milliseconds(static_cast<int64_t>(scan.seconds * 1000));
-  Scan(exchange, !scan.passive, Clock::now() + time, [&](const Advertisement& report) {
+  const auto on_report = [&](const Advertisement& report) {
     Device& device = heard[report.address];
     ++device.reports;
     Advertisement merged = report;
@@ -60,32 +59,32 @@ void ScanAndList(const Options& options, const ScanOptions& scan) {
     if (report.scan_response) merged.connectable = device.last.connectable;
     device.last = merged;
     return false;
-  });
+  };
+  try {
+    Scan(exchange, !scan.passive, Clock::now() + Milliseconds(scan.seconds), on_report);
+  } catch (const Interrupted&) {
+    // Listening ends early; what was heard counts.
+  }
   std::vector<Device> devices;
-  devices.reserve(heard.size());
   for (const auto& [address, device] : heard) devices.push_back(device);
   std::stable_sort(devices.begin(), devices.end(),
                    [](const Device& a, const Device& b) { return a.last.rssi > b.last.rssi; });
   if (scan.json) {
-    PrintJson(devices);
+    PrintHeardJson(devices);
   } else {
-    Print(devices);
+    PrintHeard(devices);
   }
 }
 
 }  // namespace
 
 void AddScan(CLI::App& app, const Options& options) {
-  auto scan = std::make_shared<ScanOptions>();
-  CLI::App* command =
-      app.add_subcommand("scan", "list LE advertisers (resets the controller first)");
-  command->add_option("-t,--time", scan->seconds, "seconds to listen")
-      ->capture_default_str()
-      ->check(CLI::Range(0.1, 86400.0));
-  command->add_flag("--passive", scan->passive, "only listen, ask no one for more data");
-  command->add_flag("--json", scan->json, "for a script");
-  command->footer("Example:\n  bthalctl scan -t 3 --json");
-  command->callback([&options, scan] { ScanAndList(options, *scan); });
+  auto [command, scan] =
+      AddCommand(app, options, ScanAndList, "scan",
+                 "list LE advertisers (resets the controller first)", "for a script");
+  AddSeconds(command, "-t,--time", scan.seconds, "seconds to listen", 0.1, 86400);
+  command.add_flag("--passive", scan.passive, "only listen, send no scan requests");
+  command.footer("Example:\n  bthalctl scan -t 3 --json");
 }
 
 }  // namespace bthalctl

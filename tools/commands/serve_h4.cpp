@@ -7,7 +7,7 @@
 namespace bthalctl {
 namespace {
 
-struct ServeOptions {
+struct ServeOptions : CommandValues {
   std::string pty;
   std::string unix_path;
   std::string tcp;
@@ -33,18 +33,16 @@ void Serve(const Options& options, const ServeOptions& serve) {
 }  // namespace
 
 void AddServeH4(CLI::App& app, const Options& options) {
-  auto serve = std::make_shared<ServeOptions>();
-  CLI::App* command =
-      app.add_subcommand("serve-h4", "offer the service as an H4 port to any host stack");
-  CLI::Option_group* where = command->add_option_group("endpoint");
-  where->add_option("--pty", serve->pty, "a pseudo-terminal, reached through this link");
-  where->add_option("--unix", serve->unix_path, "a Unix socket at this path");
-  where->add_option("--tcp", serve->tcp, "HOST:PORT; port 0 picks a free one");
+  auto [command, serve] = AddCommand(app, options, Serve, "serve-h4",
+                                     "offer the service as an H4 port to any host stack");
+  CLI::Option_group* const where = command.add_option_group("endpoint");
+  where->add_option("--pty", serve.pty, "a pseudo-terminal, reached through this link");
+  where->add_option("--unix", serve.unix_path, "a Unix socket at this path");
+  where->add_option("--tcp", serve.tcp, "HOST:PORT; port 0 picks a free one");
   where->require_option(1);
-  command->footer(
-      "One host at a time. Prints \"ready ENDPOINT\" when a host may connect.\n"
+  command.footer(
+      "Serves one host at a time. Prints \"ready ENDPOINT\" when a host may connect.\n"
       "Example:\n  bthalctl serve-h4 --pty /tmp/bt0");
-  command->callback([&options, serve] { Serve(options, *serve); });
 }
 
 }  // namespace bthalctl

@@ -1,43 +1,51 @@
+#include <android-base/strings.h>
 #include <root_folder/root_folder.h>
 
 #include <cstdio>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "tools/base/terminal.h"
 #include "tools/commands/commands.h"
-#include "tools/evidence/report_sections.h"
-#include "tools/evidence/transport_records.h"
 #include "tools/link/attachment.h"
 #include "tools/link/holder.h"
 #include "tools/link/holder_protocol.h"
-#include "tools/log/transport_state.h"
-#include "tools/log/whole_log.h"
 
 namespace bthalctl {
 namespace {
 
 using Json = nlohmann::json;
 
-// No call of the service tells of it. Its log does, as far as it reaches back, else its records.
-Json Transport(int pid, const Options& options) {
-  TransportState state(pid);
-  ReadWholeLog(root_folder::Resolve("/run/bthal/log"), [&](const std::string& text) {
-    if (const std::optional<LogLine> line = ParseLogLine(text)) state.Feed(*line);
-  });
-  if (state.phase() == TransportState::Phase::kUnknown) {
-    for (const Section& part : CutReport(TakeReport(options))) {
-      if (part.name == "last") ReadTransportRecords(part.text, &state);
+// What the service answers to "state": lines "name=value".
+Json Transport(const Options& options) {
+  std::map<std::string, std::string> fields;
+  for (const std::string& line : ::android::base::Split(TakeReport(options, {"state"}), "\n")) {
+    if (const size_t sign = line.find('='); sign != std::string::npos) {
+      fields[line.substr(0, sign)] = line.substr(sign + 1);
     }
   }
-  const auto text_or_null = [](const std::string& text) {
-    return text.empty() ? Json() : Json(text);
-  };
-  Json transport = {{"kind", text_or_null(state.KindText())},
-                    {"state", text_or_null(state.PhaseText())},
-                    {"text", state.Describe()}};
-  if (!state.path().empty()) transport["path"] = state.path();
-  if (state.line_baud()) transport["line_baud"] = *state.line_baud();
-  if (state.low_power()) transport["low_power"] = *state.low_power();
+  Json transport = {{"kind", nullptr}, {"state", fields["state"]}};
+  std::string text;
+  if (const std::string kind = fields["transport"]; !kind.empty()) {
+    transport["kind"] = kind;
+    text = kind;
+    if (const std::string path = fields["path"]; !path.empty()) {
+      transport["path"] = path;
+      text += " " + path;
+    }
+    text += ", ";
+  }
+  text += fields["state"];
+  if (const std::string loss = fields["loss"]; !loss.empty()) text += ": " + loss;
+  if (const std::string baud = fields["line_baud"]; !baud.empty()) {
+    transport["line_baud"] = std::stoul(baud);
+    text += ", " + baud + " bit/s";
+  }
+  if (const std::string low_power = fields["low_power"]; !low_power.empty()) {
+    transport["low_power"] = low_power == "on";
+    text += ", low power " + low_power;
+  }
+  transport["text"] = text;
   return transport;
 }
 
@@ -49,9 +57,9 @@ Json Status(const Options& options) {
   service
       ->getDebugInfo([&](const ::android::hidl::base::V1_0::DebugInfo& info) {
         status["service"] = {{"pid", info.pid}};
-        status["transport"] = Transport(info.pid, options);
       })
       .isOk();
+  status["transport"] = Transport(options);
   CatchStopSignals();
   const auto holder = AskHolder(holder::kStatus, std::chrono::seconds(5));
   status["up"] = holder.has_value();
@@ -59,12 +67,10 @@ Json Status(const Options& options) {
   return status;
 }
 
-void Print(const Json& status) {
+void PrintStatus(const Json& status) {
   std::printf("root       %s\n", status["root"].get<std::string>().c_str());
   std::printf("service    running, process %d\n", status["service"].value("pid", 0));
-  if (status.contains("transport")) {
-    std::printf("transport  %s\n", status["transport"]["text"].get<std::string>().c_str());
-  }
+  std::printf("transport  %s\n", status["transport"]["text"].get<std::string>().c_str());
   if (!status["up"]) {
     std::puts("bluetooth  not held by bthalctl");
     return;
@@ -85,21 +91,20 @@ void Print(const Json& status) {
   }
 }
 
+void ShowStatus(const Options& options, const CommandValues& values) {
+  const Json status = Status(options);
+  if (values.json) {
+    std::puts(status.dump(2).c_str());
+  } else {
+    PrintStatus(status);
+  }
+}
+
 }  // namespace
 
 void AddStatus(CLI::App& app, const Options& options) {
-  auto as_json = std::make_shared<bool>(false);
-  CLI::App* command =
-      app.add_subcommand("status", "the service, its transport, the holder and its counters");
-  command->add_flag("--json", *as_json, "for a script");
-  command->callback([&options, as_json] {
-    const Json status = Status(options);
-    if (*as_json) {
-      std::puts(status.dump(2).c_str());
-    } else {
-      Print(status);
-    }
-  });
+  AddCommand(app, options, ShowStatus, "status",
+             "the service, its transport, the holder and its counters", "for a script");
 }
 
 }  // namespace bthalctl

@@ -1,23 +1,22 @@
 // The options and the output that commands which move data share.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
+#include "tools/commands/commands.h"
 #include "tools/link/transfer.h"
 
 namespace bthalctl {
 
-struct TransferFlags {
-  TransferOptions options;
-  bool json = false;
+struct TransferValues : CommandValues {
+  TransferOptions transfer;
 };
 
-void AddTransferFlags(CLI::App& command, TransferFlags& flags);
+void AddTransferOptions(CLI::App& command, TransferOptions& transfer);
 
 // Transfers with a progress bar and prints the result.
-void RunTransfer(Exchange& exchange, const std::vector<Lane>& lanes, const TransferFlags& flags,
-                 const std::string& label);
+void RunTransfer(Exchange& exchange, const std::vector<Stream>& streams,
+                 const TransferValues& values, const std::string& label);
 
 }  // namespace bthalctl

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "tools/base/failure.h"
@@ -24,15 +25,15 @@ namespace {
 
 using ::android::base::unique_fd;
 
-struct UpOptions {
+struct UpOptions : CommandValues {
   bool detach = false;
   bool whole_log = false;
   bool lines = false;
   bool quiet = false;
 };
 
-// The report that the holder makes through a pipe when bring-up has ended: exit code, then a text.
-void Report(int fd, ExitCode code, const std::string& text) {
+// What the holder writes to a pipe when the bring-up has ended: an exit code, then a text.
+void SendReport(int fd, ExitCode code, const std::string& text) {
   const std::string message = static_cast<char>(code) + text;
   [[maybe_unused]] const ssize_t ignored = write(fd, message.data(), message.size());
 }
@@ -40,26 +41,27 @@ void Report(int fd, ExitCode code, const std::string& text) {
 // Attaches, reports, serves clients to the end. Returns when asked to quit.
 void Hold(const Options& options, unique_fd report) {
   try {
-    // First the socket: of two holders that start together, one stops here.
+    // First the socket: of two holders that start at the same time, one fails here.
     const auto service = FindService(options.wait());
     auto holder = std::make_unique<Holder>(root_folder::Resolve(holder::kSocket));
     {
       Attachment attachment(service);
       CatchStopSignals();
-      Report(report.get(), ExitCode::kDone, "");
+      SendReport(report.get(), ExitCode::kDone, "");
       report.reset();
       holder->Run(attachment);
     }
     holder->Finish();
   } catch (const Failure& failure) {
     if (!report.ok()) throw;
-    Report(report.get(), failure.code(), failure.what());
+    SendReport(report.get(), failure.code(), failure.what());
   }
 }
 
-// Log lines as they are, but for what a reader of a bring-up does not need.
+// A log line as it is, without process and thread.
 void ShowLine(const LogLine& line) {
-  if (line.priority == 'I' && line.tag == "bthal.flowcontrol") return;  // one for every event
+  if (line.priority == 'I' && line.tag == "bthal.flowcontrol")
+    return;  // there is one for every event
   const time_t seconds = std::chrono::system_clock::to_time_t(line.time);
   const auto rest = line.time - std::chrono::system_clock::from_time_t(seconds);
   tm local = {};
@@ -77,19 +79,18 @@ void ShowLine(const LogLine& line) {
   std::fflush(stdout);
 }
 
-// Whether this line says that the extensions take calls from now on, which is a moment after the
-// end of initialize.
+// The extensions take calls a moment after the end of initialize: whether this line tells so.
 bool TellsOfExtensions(const LogLine& line) {
   return line.tag == "bthal.activity" && line.text == "OnBluetoothEnabled";
 }
 
-// What the holder reports: an exit code, then a text. Empty when it died.
+// Empty when the holder died before it wrote a report.
 std::string ReadReport(int fd) {
   std::string report;
   char buffer[1024];
   for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
     report.append(buffer, static_cast<size_t>(n));
-    if (report.front() == 0) break;  // the pipe stays open behind a success
+    if (report.front() == 0) break;  // success: the holder lives on, its end of the pipe too
   }
   return report;
 }
@@ -123,31 +124,22 @@ std::string FollowBringUp(LogFollower& log, int report, const UpOptions& up) {
   return verdict;
 }
 
-// What the service has left behind since start.
-void ShowEvidence(SystemTime start) {
-  // Their times are whole seconds.
-  for (const Crash& crash : CollectCrashes()) {
-    if (crash.time >= start - std::chrono::seconds(1)) {
-      std::fputs(Describe(crash).c_str(), stdout);
-    }
-  }
-}
-
-// Whether another "up" holds Bluetooth, once it has brought it up.
+// Whether another "up" holds Bluetooth; waits until it has brought it up.
 bool IsUpAlready() {
   if (!AskHolder(holder::kStatus, std::chrono::seconds(30))) return false;
   std::puts("Bluetooth is up already");
   return true;
 }
 
-// Whether the holder that reports has brought Bluetooth up; false when another did so at the same
-// time. Throws what the report says when it is no success.
-bool Judge(const std::string& report, SystemTime started) {
+// Whether the holder that reports has brought Bluetooth up; false when another one did so at the
+// same time. Throws Failure with the report's text when the bring-up failed.
+bool Judge(const std::string& report, time_t started) {
   if (report.empty()) throw Failure("the holder of the attachment died");
   const auto code = static_cast<ExitCode>(report.front());
   if (code == ExitCode::kDone) return true;
   if (code == ExitCode::kBusy && IsUpAlready()) return false;
-  ShowEvidence(started);
+  // What the service has left behind since; the files' times are whole seconds.
+  std::fputs(DescribeCrashes(CollectCrashes(), started - 1).c_str(), stdout);
   throw Failure(code, report.substr(1));
 }
 
@@ -164,7 +156,7 @@ void Up(const Options& options, const UpOptions& up) {
   const unique_fd report(ends[0]);
   unique_fd reporter(ends[1]);
   LogFollower log(root_folder::Resolve("/run/bthal/log"), up.whole_log);
-  const SystemTime started = std::chrono::system_clock::now();
+  const time_t started = std::time(nullptr);
   const TimePoint start = Clock::now();
   const auto up_line = [&] {
     char text[96];
@@ -218,34 +210,33 @@ void Up(const Options& options, const UpOptions& up) {
   if (held) std::puts("Bluetooth is down");
 }
 
+void Down(const Options& /*options*/, const CommandValues& /*values*/) {
+  CatchStopSignals();
+  if (!AskHolder(holder::kQuit, std::chrono::seconds(30))) {
+    throw Failure("nothing to take down: no \"bthalctl up\" holds Bluetooth here");
+  }
+  std::puts("Bluetooth is down");
+}
+
 }  // namespace
 
 void AddUp(CLI::App& app, const Options& options) {
-  auto up = std::make_shared<UpOptions>();
-  CLI::App* command = app.add_subcommand("up", "bring Bluetooth up and hold it");
-  command->add_flag("--detach", up->detach, "hold it in the background; \"down\" ends it");
-  command->add_flag("--whole-log", up->whole_log, "show what stands in the log already, too");
-  command->add_flag("--lines", up->lines, "show the service's log lines instead of steps");
-  command->add_flag("-q,--quiet", up->quiet, "do not show the steps of the bring-up");
-  command->footer(
-      "Shows each step of the bring-up with when it began, how long it took and what it found, "
-      "out\n"
-      "of the service's log; warnings and errors as they stand there. A service with accelerated\n"
+  auto [command, up] = AddCommand(app, options, Up, "up", "bring Bluetooth up and hold it");
+  command.add_flag("--detach", up.detach, "hold it in the background; \"down\" ends it");
+  command.add_flag("--whole-log", up.whole_log, "begin with what the log has already");
+  command.add_flag("--lines", up.lines, "show the service's log lines instead of steps");
+  command.add_flag("-q,--quiet", up.quiet, "do not show the steps of the bring-up");
+  command.footer(
+      "Shows each step of the bring-up from the service's log: when it began, how long it took,\n"
+      "what it found; warnings and errors as they stand there. A service with accelerated\n"
       "Bluetooth-on brings the controller up when it starts, so that only a reset is left to do:\n"
-      "--whole-log shows that bring-up, too. When the service dies of it, what it left is listed.\n"
+      "--whole-log shows that bring-up, too. When the bring-up fails, the files that the service\n"
+      "left are listed.\n"
       "Examples:\n  bthalctl up            until Ctrl-C\n  bthalctl up --detach");
-  command->callback([&options, up] { Up(options, *up); });
 }
 
-void AddDown(CLI::App& app) {
-  CLI::App* command = app.add_subcommand("down", "take Bluetooth down that \"up\" holds");
-  command->callback([] {
-    CatchStopSignals();
-    if (!AskHolder(holder::kQuit, std::chrono::seconds(30))) {
-      throw Failure("nothing to take down: no \"bthalctl up\" holds Bluetooth here");
-    }
-    std::puts("Bluetooth is down");
-  });
+void AddDown(CLI::App& app, const Options& options) {
+  AddCommand(app, options, Down, "down", "take Bluetooth down that \"up\" holds");
 }
 
 }  // namespace bthalctl

@@ -3,7 +3,10 @@
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
 
-#include <sstream>
+#include <cctype>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <vector>
 
 #include "tools/base/failure.h"
 #include "tools/evidence/evidence_file.h"
@@ -11,81 +14,70 @@
 namespace bthalctl {
 namespace {
 
-using ::android::base::ParseUint;
-using ::android::base::Split;
+using Json = nlohmann::json;
 
-enum class Table { kNone, kDevices, kWakeLocks, kAcl, kAdvertising };
+struct Table {
+  const char* title;
+  const char* name;
+  std::vector<std::string> columns;
+};
 
-// The table whose title this line is.
-Table TableOf(const std::string& line) {
-  const struct {
-    const char* title;
-    Table table;
-  } titles[] = {
-      {" 1. Connected devices Report :", Table::kDevices},
-      {" 2. BtHal Tx Wakelock Report :", Table::kWakeLocks},
-      {" 3. BtHal ACL RX Data Report :", Table::kAcl},
-      {" 4. BLE Advertising Report :", Table::kAdvertising},
+const Table* TableOf(const std::string& title) {
+  static const std::vector<Table> tables = {
+      {" 1. Connected devices Report :", "devices", {"handle", "address", "since"}},
+      {" 2. BtHal Tx Wakelock Report :", "wake_locks", {"start", "end", "ms", "count"}},
+      {" 3. BtHal ACL RX Data Report :", "acl_received", {"start", "end", "handle", "ms", "count"}},
+      {" 4. BLE Advertising Report :", "advertising", {"start", "end", "ms", "count"}},
   };
-  for (const auto& title : titles) {
-    if (line == title.title) return title.table;
+  for (const Table& table : tables) {
+    if (title == table.title) return &table;
   }
-  return Table::kNone;
+  return nullptr;
 }
 
-bool IsHeader(const std::string& line) {
-  return line.rfind("handle, ", 0) == 0 || line.rfind("start_timestamp, ", 0) == 0;
-}
-
-// Returns whether the line has the form of a row of that table.
-bool AddRow(Table table, const std::string& line, ActivityReport* report) {
-  const std::vector<std::string> fields = Split(line, ", ");
-  // Split cuts at each of its characters: an empty field stands between ',' and ' '.
-  std::vector<std::string> row;
-  for (size_t i = 0; i < fields.size(); i += 2) row.push_back(fields[i]);
-
-  if (table == Table::kDevices) {
-    ActivityReport::Device device;
-    if (row.size() != 3 || !ParseUint(row[0], &device.handle)) return false;
-    device.address = row[1];
-    device.since = row[2];
-    report->devices.push_back(device);
-    return true;
+// Empty when line is no row of that table.
+Json Row(const Table& table, const std::string& line) {
+  const std::vector<std::string> fields = ::android::base::Split(line, ",");
+  Json row;
+  if (fields.size() != table.columns.size()) return row;
+  for (size_t i = 0; i < fields.size(); ++i) {
+    std::string field = ::android::base::Trim(fields[i]);
+    const std::string& column = table.columns[i];
+    uint32_t number = 0;
+    if (column == "address") {
+      for (char& c : field) c = static_cast<char>(std::toupper(c));
+    }
+    if (column == "address" || column == "start" || column == "end" || column == "since") {
+      row[column] = field;
+    } else if (::android::base::ParseUint(field, &number,
+                                          column == "handle" ? UINT16_MAX : UINT32_MAX)) {
+      row[column] = number;
+    } else {
+      return Json();
+    }
   }
-  ActivityReport::Period period;
-  const bool has_handle = table == Table::kAcl;
-  if (row.size() != (has_handle ? 5 : 4)) return false;
-  period.start = row[0];
-  period.end = row[1];
-  if (has_handle && !ParseUint(row[2], &period.handle)) return false;
-  if (!ParseUint(row[row.size() - 2], &period.milliseconds) ||
-      !ParseUint(row[row.size() - 1], &period.count)) {
-    return false;
-  }
-  (table == Table::kWakeLocks ? report->wake_locks
-   : has_handle               ? report->acl
-                              : report->advertising)
-      .push_back(period);
-  return true;
+  return row;
 }
 
 }  // namespace
 
-ActivityReport ParseActivityReport(const std::string& section) {
-  ActivityReport report;
-  Table table = Table::kNone;
-  std::istringstream lines(section);
-  for (std::string line; std::getline(lines, line);) {
-    if (const Table next = TableOf(line); next != Table::kNone) {
+Json ReadActivityTables(const std::string& section) {
+  Json tables = {{"devices", Json::array()},
+                 {"wake_locks", Json::array()},
+                 {"acl_received", Json::array()},
+                 {"advertising", Json::array()}};
+  const Table* table = nullptr;
+  for (const std::string& line : ::android::base::Split(section, "\n")) {
+    if (const Table* const next = TableOf(line); next != nullptr) {
       table = next;
-    } else if (line.empty() || line[0] == '*' || line[0] == '=' || IsHeader(line)) {
-      continue;
-    } else if (table == Table::kNone || !AddRow(table, line, &report)) {
-      throw Failure("the activity report has a line that does not belong there: " +
-                    Printable(line));
+    } else if (!line.empty() && std::isdigit(static_cast<unsigned char>(line[0])) != 0) {
+      // Rules, frames and the names of the columns begin otherwise.
+      const Json row = table == nullptr ? Json() : Row(*table, line);
+      if (row.empty()) throw Failure("no row of the activity report: " + Printable(line));
+      tables[table->name].push_back(row);
     }
   }
-  return report;
+  return tables;
 }
 
 }  // namespace bthalctl

@@ -1,31 +1,22 @@
+// What failures of the service have left below the root folder.
 #pragma once
 
-#include <optional>
+#include <ctime>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
-#include <vector>
-
-#include "tools/evidence/evidence_file.h"
 
 namespace bthalctl {
 
-// One failure's evidence, or a file that should be some and is not.
-struct Crash {
-  struct File {
-    std::string path;  // where it really lies
-    uint64_t bytes = 0;
-  };
-  SystemTime time;
-  std::optional<CrashInfo> info;
-  std::optional<Tombstone> tombstone;
-  std::vector<File> files;  // the one that was read first, then its dumps
-  std::string mistake;      // what is wrong with the first file; neither of the two above is there
-};
+// An array, oldest first: crash-information files with the dumps of the same timestamp, dumps
+// without such a file, and tombstones. A folder that is not there holds nothing. Each entry has
+// "time" (seconds since 1970), "files" (the one that was read first, then its dumps) and
+//   of a crash-information file: reason, count (of the files that its process has written)
+//   of a tombstone: signal, function, pid, tid, thread, message, frames
+//   of any other file: mistake
+// Strings hold whatever bytes the file has.
+nlohmann::json CollectCrashes();
 
-// Of the root folder, oldest first: crash-information files with the dumps of the same timestamp,
-// dumps without such a file, and tombstones. A folder that is not there holds nothing.
-std::vector<Crash> CollectCrashes();
-
-// For people: two lines and one more a file.
-std::string Describe(const Crash& crash);
+// For people: one line, and one more for each file, of every crash since then.
+std::string DescribeCrashes(const nlohmann::json& crashes, time_t since = 0);
 
 }  // namespace bthalctl

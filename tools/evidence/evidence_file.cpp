@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <ctime>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "tools/base/failure.h"
@@ -17,164 +17,95 @@
 namespace bthalctl {
 namespace {
 
-// What follows label on the next line of text. Throws Failure when another line stands there.
-std::string Labelled(std::istringstream& text, const std::string& label) {
-  std::string line;
-  if (!std::getline(text, line) || line.compare(0, label.size(), label) != 0) {
-    throw Failure("there is no \"" + label + "\" line where it belongs");
-  }
-  return line.substr(label.size());
-}
+using Json = nlohmann::json;
 
-// The line of text that begins with label, without it. Throws Failure when there is none.
-std::string Find(const std::string& text, const std::string& label) {
+constexpr size_t kMaxBytes = 4 << 20;
+
+// The rest of the first line that begins with label. Throws Failure when there is none.
+std::string Field(const std::string& text, const std::string& label) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    if (line.compare(0, label.size(), label) == 0) return line.substr(label.size());
+    if (line.rfind(label, 0) == 0) return line.substr(label.size());
   }
   throw Failure("there is no \"" + label + "\" line");
 }
 
-// "bthal::log::(anonymous namespace)::Abort(char const*)" is "Abort".
-std::string ShortName(const std::string& function) {
-  std::string name = function.substr(0, function.find("[abi:"));
-  // Without the arguments: the parentheses that close last.
-  if (const size_t close = name.rfind(')'); close != std::string::npos && close > 0) {
-    int depth = 0;
-    for (size_t i = close + 1; i-- > 0;) {
-      if (name[i] == ')') ++depth;
-      if (name[i] == '(' && --depth == 0) {
-        if (i > 0) name.erase(i);
-        break;
-      }
-    }
-  }
-  // Without namespaces: what stands behind the last "::" outside brackets.
-  int depth = 0;
-  for (size_t i = name.size(); i-- > 1;) {
-    if (name[i] == ')' || name[i] == '>') ++depth;
-    if (name[i] == '(' || name[i] == '<') --depth;
-    if (depth == 0 && name[i] == ':' && name[i - 1] == ':') return name.substr(i + 1);
-  }
-  return name;
+[[noreturn]] void Refuse(const std::string& text, const char* what) {
+  throw Failure("\"" + Printable(text) + "\" is no " + what);
 }
 
-struct Frame {
-  std::string object;    // without its folders
-  std::string function;  // may be empty
-};
-
-std::string WithoutFolders(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-// "#06 pc 0000560ad72bfa95  OBJECT (FUNCTION) SOURCE:LINE".
-Frame ParseFrame(const std::string& line) {
-  const size_t address = line.find("pc ");
-  const size_t object = line.find("  ", address == std::string::npos ? 0 : address);
-  if (object == std::string::npos) return {};
-  const size_t open = line.find(" (", object + 2);
-  Frame frame;
-  frame.object = WithoutFolders(line.substr(object + 2, open - object - 2));
-  if (open == std::string::npos) return frame;
-  int depth = 0;
-  size_t end = open + 1;
-  for (; end < line.size(); ++end) {
-    if (line[end] == '(') ++depth;
-    if (line[end] == ')' && --depth == 0) break;
+// "a::(anonymous namespace)::Abort(char const*)" is "Abort".
+std::string ShortName(std::string function) {
+  const std::string unnamed = "(anonymous namespace)::";
+  for (size_t at; (at = function.find(unnamed)) != std::string::npos;) {
+    function.erase(at, unnamed.size());
   }
-  frame.function = line.substr(open + 2, end - open - 2);
-  return frame;
-}
-
-// The way from a fatal log line to the signal, which is the same each time.
-bool IsAbortMachinery(const std::string& function) {
-  for (const char* begin : {"__pthread_kill", "pthread_kill", "raise", "gsignal", "abort",
-                            "__android_log_", "android::base::LogMessage", "bthal::log::"}) {
-    if (function.rfind(begin, 0) == 0) return true;
-  }
-  return false;
+  function.resize(std::min(function.size(), function.find_first_of("()")));
+  const size_t colons = function.rfind("::");
+  return colons == std::string::npos ? function : function.substr(colons + 2);
 }
 
 }  // namespace
 
-std::optional<SystemTime> ParseTimestamp(const std::string& text) {
-  int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, end = 0;
-  if (std::sscanf(text.c_str(), "%4d-%2d-%2d_%2d-%2d-%2d%n", &year, &month, &day, &hour, &minute,
-                  &second, &end) != 6 ||
-      static_cast<size_t>(end) != text.size()) {
-    return std::nullopt;
-  }
-  return LocalTime(year, month, day, hour, minute, second);
+std::optional<time_t> ParseTimestamp(const std::string& text) {
+  return ParseLocalTime(text, "%Y-%m-%d_%H-%M-%S");
 }
 
-CrashInfo ParseCrashInfo(const std::string& text) {
-  std::istringstream lines(text);
-  CrashInfo info;
-  info.reason = Labelled(lines, "crash_reason: ");
-  const std::string count = Labelled(lines, "crash_count: ");
-  if (!android::base::ParseUint(count, &info.count)) {
-    throw Failure("\"" + Printable(count) + "\" is no crash count");
-  }
-  const std::string timestamp = Labelled(lines, "timestamp: ");
-  const auto time = ParseTimestamp(timestamp);
-  if (!time) throw Failure("\"" + Printable(timestamp) + "\" is no timestamp");
-  info.time = *time;
+Json ParseCrashInfo(const std::string& text) {
+  Json info = {{"reason", Field(text, "crash_reason: ")}};
+  const std::string count = Field(text, "crash_count: ");
+  uint32_t number = 0;
+  if (!android::base::ParseUint(count, &number)) Refuse(count, "crash count");
+  info["count"] = number;
+  const std::string timestamp = Field(text, "timestamp: ");
+  const std::optional<time_t> time = ParseTimestamp(timestamp);
+  if (!time) Refuse(timestamp, "timestamp");
+  info["time"] = *time;
   return info;
 }
 
-Tombstone ParseTombstone(const std::string& text) {
-  Tombstone tombstone;
-  const std::string date = Find(text, "Timestamp: ");
-  tm time = {};
-  const char* const rest = strptime(date.c_str(), "%Y-%m-%d %H:%M:%S%z", &time);
-  if (rest == nullptr || *rest != '\0') {
-    throw Failure("\"" + Printable(date) + "\" is no time");
-  }
-  const long offset = time.tm_gmtoff;
-  tombstone.time = std::chrono::system_clock::from_time_t(timegm(&time) - offset);
-
+Json ParseTombstone(const std::string& text) {
+  const std::string date = Field(text, "Timestamp: ");
+  // The offset from UTC that follows is this machine's.
+  const std::optional<time_t> time = ParseLocalTime(date.substr(0, 19), "%Y-%m-%d %H:%M:%S");
+  if (!time) Refuse(date, "time");
+  const std::string process = Field(text, "pid: ");
+  int pid = 0, tid = 0;
   char thread[64] = {};
-  const std::string process = "pid: " + Find(text, "pid: ");
-  if (std::sscanf(process.c_str(), "pid: %d, tid: %d, name: %63[^\n]", &tombstone.pid,
-                  &tombstone.tid, thread) < 2) {
-    throw Failure("\"" + Printable(process) + "\" names no process");
+  if (std::sscanf(process.c_str(), "%d, tid: %d, name: %63[^\n]", &pid, &tid, thread) < 2) {
+    Refuse(process, "process");
   }
-  tombstone.thread = thread;
-
-  const std::string signal = Find(text, "signal ");
-  const size_t open = signal.find('('), close = signal.find(')');
-  if (open == std::string::npos || close == std::string::npos || close < open) {
-    throw Failure("\"" + Printable(signal) + "\" names no signal");
-  }
-  tombstone.signal = signal.substr(open + 1, close - open - 1);
+  const std::string signal = Field(text, "signal ");
+  char name[16] = {};
+  if (std::sscanf(signal.c_str(), "%*d (%15[A-Z0-9])", name) != 1) Refuse(signal, "signal");
+  Json tombstone = {{"time", *time},  {"pid", pid},    {"tid", tid},     {"thread", thread},
+                    {"signal", name}, {"message", ""}, {"function", ""}, {"frames", Json::array()}};
 
   constexpr char kMessage[] = "\nAbort message: '";
   if (size_t begin = text.find(kMessage); begin != std::string::npos) {
     begin += sizeof kMessage - 1;
-    tombstone.message = text.substr(begin, text.find("'\n", begin) - begin);
+    tombstone["message"] = text.substr(begin, text.find("'\n", begin) - begin);
   }
 
+  const std::string command = Field(text, "Cmdline: ");
+  const std::string path = command.substr(0, command.find(' '));
+  const std::string program = "/" + path.substr(path.rfind('/') + 1) + " (";
   const size_t backtrace = text.find("\nbacktrace:\n");
   if (backtrace == std::string::npos) throw Failure("there is no backtrace");
-  // The program's own first frame; where none is there, the first that is no machinery.
-  const std::string command = Find(text, "Cmdline: ");
-  const std::string program = WithoutFolders(command.substr(0, command.find(' ')));
-  std::string other;
   std::istringstream frames(text.substr(backtrace));
   for (std::string line; std::getline(frames, line);) {
     const size_t number = line.find('#');
     if (number == std::string::npos) continue;
-    tombstone.frames.push_back(line.substr(number));
-    const Frame frame = ParseFrame(line.substr(number));
-    if (IsAbortMachinery(frame.function)) continue;
-    const std::string name = frame.function.empty() ? frame.object : ShortName(frame.function);
-    if (other.empty()) other = name;
-    if (tombstone.function.empty() && frame.object == program) tombstone.function = name;
+    tombstone["frames"].push_back(line.substr(number));
+    const size_t object = line.find(program);
+    if (tombstone["function"] != "" || object == std::string::npos) continue;
+    const std::string function = line.substr(object + program.size());
+    if (function.rfind("bthal::log::", 0) != 0) tombstone["function"] = ShortName(function);
   }
-  if (tombstone.function.empty()) tombstone.function = other;
   return tombstone;
 }
 
-std::string ReadEvidence(const std::string& path, size_t limit) {
+std::string ReadEvidence(const std::string& path) {
   // O_NONBLOCK: what stands there under a name of ours may be a FIFO.
   const android::base::unique_fd file(
       open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
@@ -182,7 +113,7 @@ std::string ReadEvidence(const std::string& path, size_t limit) {
   struct stat status = {};
   if (fstat(file.get(), &status) != 0) throw Failure(WithErrno("cannot be read"));
   if (!S_ISREG(status.st_mode)) throw Failure("is no regular file");
-  if (static_cast<uint64_t>(status.st_size) > limit) {
+  if (static_cast<uint64_t>(status.st_size) > kMaxBytes) {
     throw Failure("has " + std::to_string(status.st_size) + " bytes, too many for what it is");
   }
   std::string text;

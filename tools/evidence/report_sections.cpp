@@ -1,77 +1,51 @@
 #include "tools/evidence/report_sections.h"
 
 #include <algorithm>
-#include <string_view>
 
 namespace bthalctl {
 namespace {
 
-const std::string kRule(45, '=');
-const std::string kStars(45, '*');
-constexpr std::string_view kFileBegin = "BEGIN of LogFile: ";
-constexpr std::string_view kFileEnd = "END of LogFile: ";
-
-bool StartsWith(std::string_view text, std::string_view beginning) {
-  return text.substr(0, beginning.size()) == beginning;
-}
-
-// Lines of a text, without their ends; where each begins.
-class Lines {
- public:
-  explicit Lines(const std::string& text) : text_(text) {
-    for (size_t at = 0; at < text.size();) {
-      begins_.push_back(at);
-      const size_t end = text.find('\n', at);
-      at = end == std::string::npos ? text.size() : end + 1;
-    }
-    begins_.push_back(text.size());
-  }
-  size_t count() const { return begins_.size() - 1; }
-  size_t begin(size_t line) const { return begins_[line]; }
-  // Empty behind the last.
-  std::string_view at(size_t line) const {
-    if (line >= count()) return {};
-    std::string_view whole =
-        std::string_view(text_).substr(begins_[line], begins_[line + 1] - begins_[line]);
-    if (!whole.empty() && whole.back() == '\n') whole.remove_suffix(1);
-    return whole;
-  }
-
- private:
-  const std::string& text_;
-  std::vector<size_t> begins_;
+// A heading is a line that begins so, between two rules.
+struct Heading {
+  const char* begin;
+  const char* section;
 };
 
-// The section whose heading begins at this line; empty when none does.
-std::string HeadingAt(const Lines& lines, size_t line) {
-  if (lines.at(line) == kRule) {
-    const std::string_view title = lines.at(line + 1);
-    if (title == "Controller Firmware Information") return "firmware";
-    if (title == "Anchors' Last Appear") return "last";
-    if (title == "Anchors' History") return "history";
-    if (StartsWith(title, "Debugfs:")) return "kernel";
-  }
-  if (lines.at(line) == kStars) {
-    if (lines.at(line + 1).find("Begin Of Bluetooth Activities Reports") != std::string_view::npos)
-      return "activity";
-    const std::string_view file = lines.at(line + 2);
-    if (lines.at(line + 1).empty() && StartsWith(file, kFileBegin)) {
-      const std::string_view name = file.substr(kFileBegin.size());
-      return StartsWith(name, "crashinfo_bt_") ? "crashinfo" : "coredump";
+const std::string kRule = "\n" + std::string(45, '=') + "\n";
+const std::string kStars = "\n" + std::string(45, '*') + "\n";
+
+const Heading kHeadings[] = {
+    {"Controller Firmware Information\n", "firmware"},
+    {"Anchors' Last Appear\n", "last"},
+    {"Anchors' History\n", "history"},
+    {"Debugfs:", "kernel"},
+    {"*   Begin Of Bluetooth Activities Reports", "activity"},
+    {"\nBEGIN of LogFile: crashinfo_bt_", "crashinfo"},
+    {"\nBEGIN of LogFile: ", "coredump"},
+};
+
+// The first heading at or behind from: where the line end before its rule stands, and its section.
+size_t FindHeading(const std::string& report, size_t from, std::string* section) {
+  size_t first = std::string::npos;
+  for (const Heading& heading : kHeadings) {
+    for (const std::string& rule : {kRule, kStars}) {
+      const size_t at = report.find(rule + heading.begin, from);
+      if (at >= first) continue;
+      first = at;
+      *section = heading.section;
     }
   }
-  return "";
+  return first;
 }
 
-// The line behind the block of a file that begins at this line.
-size_t BehindFile(const Lines& lines, size_t line) {
+// The end of the file whose block begins at begin: it is named once more between two rules.
+size_t EndOfFile(const std::string& report, size_t begin) {
+  const size_t name = begin + kStars.size() + sizeof "\nBEGIN of LogFile: " - 1;
   const std::string end =
-      std::string(kFileEnd) + std::string(lines.at(line + 2).substr(kFileBegin.size()));
-  for (size_t i = line + 3; i < lines.count(); ++i) {
-    // stars, "", END, "", stars, ""
-    if (lines.at(i) == end && lines.at(i - 2) == kStars && lines.at(i + 2) == kStars) return i + 4;
-  }
-  return lines.count();
+      kStars + "\nEND of LogFile: " + report.substr(name, report.find('\n', name) - name) + "\n" +
+      kStars;
+  const size_t at = report.find(end, name);
+  return at == std::string::npos ? report.size() : std::min(at + end.size() + 1, report.size());
 }
 
 }  // namespace
@@ -85,36 +59,43 @@ const std::vector<SectionName>& SectionNames() {
       {"crashinfo", "crash-information files"},
       {"coredump", "core dumps and the controller's dumps"},
       {"activity", "connections, wake locks, traffic and advertising reports"},
-      {"other", "what belongs to none of these"},
+      {"other", "lines that belong to none of these"},
   };
   return names;
 }
 
 std::vector<Section> CutReport(const std::string& report) {
-  const Lines lines(report);
+  const std::string text = "\n" + report;  // so that a rule has a line end before it
   std::vector<Section> sections;
-  const auto append = [&](const std::string& name, size_t first, size_t last) {
+  size_t begin = 1;
+  const auto append = [&](const std::string& name, size_t end) {
+    if (end == begin) return;
     if (sections.empty() || sections.back().name != name) sections.push_back({name, ""});
-    sections.back().text.append(report, lines.begin(first), lines.begin(last) - lines.begin(first));
+    sections.back().text.append(text, begin, end - begin);
+    begin = end;
   };
   std::string current = "other";
-  for (size_t line = 0; line < lines.count();) {
-    const std::string heading = HeadingAt(lines, line);
-    size_t next = line + 1;
-    if (heading == "crashinfo" || heading == "coredump") {
-      next = std::min(BehindFile(lines, line), lines.count());
-      append(heading, line, next);
+  for (size_t at = 0;;) {
+    std::string next;
+    at = FindHeading(text, at, &next);
+    append(current, std::min(at, text.size() - 1) + 1);
+    if (at == std::string::npos) return sections;
+    current = next;
+    ++at;
+    if (next == "crashinfo" || next == "coredump") {
+      append(next, EndOfFile(text, at - 1));
       current = "other";
-    } else {
-      if (!heading.empty()) {
-        current = heading;
-        next = std::min(line + 3, lines.count());  // the closing rule begins nothing
-      }
-      append(current, line, next);
+      at = begin - 1;
     }
-    line = next;
   }
-  return sections;
+}
+
+std::string SectionsOf(const std::string& report, const std::vector<std::string>& names) {
+  std::string text;
+  for (const Section& section : CutReport(report)) {
+    if (std::find(names.begin(), names.end(), section.name) != names.end()) text += section.text;
+  }
+  return text;
 }
 
 }  // namespace bthalctl

@@ -17,9 +17,11 @@ struct Section {
   std::string text;  // with its headings, as it stands in the report
 };
 
-// Cuts a report at its headings, in its order; the texts together are the report. Lines that belong
-// to no section that is known are one named "other". What stands inside a file that the report
-// carries is never taken for a heading.
+// Cuts a report at its headings, in its order; the texts together are the report. Lines under no
+// known heading are a section "other". What a file in the report contains is not searched for
+// headings.
 std::vector<Section> CutReport(const std::string& report);
+// The sections of these names, in the report's order.
+std::string SectionsOf(const std::string& report, const std::vector<std::string>& names);
 
 }  // namespace bthalctl

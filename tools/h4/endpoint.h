@@ -1,4 +1,4 @@
-// Where serve-h4 meets its host: a pseudo-terminal behind a link, a Unix socket or a TCP port.
+// Where a host connects to serve-h4: a pseudo-terminal behind a link, a Unix socket or a TCP port.
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -17,7 +17,7 @@ class Endpoint {
   virtual int fd() const = 0;
   // The next host's non-blocking stream; invalid when there is none yet.
   virtual ::android::base::unique_fd Accept() = 0;
-  // What a host connects to, for people and scripts.
+  // What a host connects to, as serve-h4 prints it.
   virtual std::string Name() const = 0;
 };
 

@@ -5,17 +5,19 @@
 #include <functional>
 #include <string>
 
+#include "tools/base/outbox.h"
 #include "tools/h4/endpoint.h"
-#include "tools/h4/h4_framer.h"
 #include "tools/link/hci_link.h"
+#include "tools/wire/h4_framer.h"
 
 namespace bthalctl {
 
-// Offers a link as an H4 stream to one host at a time. What arrives while there is no host is
-// dropped. A host that sends what is not H4, or that does not read, is disconnected. One thread.
+// Offers a link as an H4 stream to one host at a time. Packets that arrive while there is no host
+// are dropped. A host that sends what is not H4, or that does not read, is disconnected. One
+// thread.
 class H4Server {
  public:
-  // say gets one line for people whenever a host comes or goes.
+  // say gets a line for the user when a host comes or goes.
   H4Server(HciLink& link, Endpoint& endpoint, std::function<void(const std::string&)> say)
       : link_(link), endpoint_(endpoint), say_(std::move(say)) {}
 
@@ -26,17 +28,23 @@ class H4Server {
   bool has_host() const { return host_.ok(); }
 
  private:
+  static constexpr size_t kMaxUnsent = 1 << 20;
+
   void ReadHost();
-  void WriteHost();
+  void DropFor(const char* mistake);  // null: keeps the host
   void Disconnect(const std::string& why);
 
   HciLink& link_;
   Endpoint& endpoint_;
   const std::function<void(const std::string&)> say_;
   ::android::base::unique_fd host_;
-  H4Framer framer_;
-  Bytes unsent_;        // to the host
-  size_t written_ = 0;  // of unsent_
+  std::optional<uint8_t> bad_type_;  // in what was read last
+  wire::H4Framer framer_{wire::H4Framer::From::kHost,
+                         [this](PacketType type, ByteView packet) {
+                           link_.Send({type, packet.Copy()});
+                         },
+                         [this](uint8_t bad) { bad_type_ = bad; }};
+  Outbox outbox_{kMaxUnsent};
 };
 
 }  // namespace bthalctl

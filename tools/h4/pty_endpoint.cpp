@@ -15,8 +15,8 @@ namespace {
 
 using ::android::base::unique_fd;
 
-// Every host gets a pseudo-terminal of its own, so that nothing of the one before is left in it;
-// the link is turned to the new one as soon as the old one is given out and a next may come.
+// Each host gets a new pseudo-terminal, which holds no bytes of the host before. As soon as one is
+// given out, the link leads to the next.
 class PtyEndpoint : public Endpoint {
  public:
   explicit PtyEndpoint(const std::string& link)

@@ -7,8 +7,8 @@
 
 namespace bthalctl {
 
-// Which of the 79 channels of classic Bluetooth may be used (Bluetooth Core 5.3, Vol 4, Part E,
-// 7.3.46). Channel n is at 2402 + n MHz.
+// Which of the 79 channels of classic Bluetooth may be used (Core 5.3, 4.E.7.3.46). Channel n is at
+// 2402 + n MHz.
 class ChannelMap {
  public:
   static constexpr size_t kChannels = 79;

@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "tools/hci/codes.h"
 #include "tools/hci/names.h"
+#include "tools/hci/packet.h"
 
 namespace bthalctl {
 namespace {
@@ -20,7 +20,8 @@ std::string Tail(Reader& in) {
   return in.left() == 0 ? "" : " [" + HexText(in.Rest(), kShownBytes) + "]";
 }
 
-// Complete or shortened local name (Core Specification Supplement, Part A, 1.2), printable.
+// Complete or shortened local name (Core Specification Supplement, A.1.2); other characters than
+// printable ones are "?".
 std::string NameIn(const Bytes& data) {
   std::string name;
   Reader in(data);
@@ -87,7 +88,7 @@ void LeConnectionComplete(Reader& in, std::string& out) {
   out += ", " + AddressText(in.Take(6)) + (kind == 0 ? " (public)" : " (random)");
 }
 
-// Rows of a table, so that an event gets details by one function and one line.
+// The function that describes an event's parameters, by its code.
 struct Details {
   uint8_t code;
   void (*describe)(Reader& in, std::string& out);
@@ -97,13 +98,13 @@ constexpr Details kEventDetails[] = {
     {event::kDisconnectionComplete, DisconnectionComplete},
     {event::kCommandComplete, CommandComplete},
     {event::kCommandStatus, CommandStatus},
-    {0x10, HardwareError},
+    {event::kHardwareError, HardwareError},
     {event::kNumberOfCompletedPackets, CompletedPackets},
     {event::kLoopbackCommand, LoopbackCommand},
 };
 constexpr Details kLeEventDetails[] = {
-    {le::kConnectionComplete, LeConnectionComplete},
-    {le::kEnhancedConnectionComplete, LeConnectionComplete},
+    {le_event::kConnectionComplete, LeConnectionComplete},
+    {le_event::kEnhancedConnectionComplete, LeConnectionComplete},
 };
 
 template <size_t n>
@@ -165,11 +166,11 @@ std::string DescribeAcl(Reader& in) {
 
 std::string Describe(const Packet& packet) {
   std::string type = std::string(TypeName(packet.type)) + " ";
-  const size_t header = HeaderSize(static_cast<uint8_t>(packet.type)).value_or(0);
-  if (packet.bytes.size() < header) {
+  const wire::PacketLayout* const layout = wire::LayoutOf(static_cast<uint8_t>(packet.type));
+  if (layout == nullptr || packet.bytes.size() < layout->header) {
     return type + "shorter than its header [" + HexText(packet.bytes) + "]";
   }
-  const size_t size = PacketSize(packet.type, packet.bytes.data());
+  const size_t size = wire::PacketSize(*layout, packet.bytes);
   if (size != packet.bytes.size()) {
     return type + "says it has " + std::to_string(size) + " bytes but has " +
            std::to_string(packet.bytes.size()) + " [" + HexText(packet.bytes, kShownBytes) + "]";
@@ -188,7 +189,7 @@ std::string Describe(const Packet& packet) {
     case PacketType::kSco:
     case PacketType::kIso: {
       const uint16_t head = in.U16();
-      in.Skip(header - 2);
+      in.Skip(layout->header - 2);
       const std::string size_text = std::to_string(in.left());
       return type + "handle " + Hex(head & 0x0FFF, 3) + ", " + size_text + " bytes" + Tail(in);
     }
@@ -203,8 +204,8 @@ std::vector<Advertisement> Advertisements(const Packet& packet) {
   if (in.U8() != event::kLeMeta) return reports;
   in.Skip(1);
   const uint8_t subevent = in.U8();
-  const bool extended = subevent == le::kExtendedAdvertisingReport;
-  if (subevent != le::kAdvertisingReport && !extended) return reports;
+  const bool extended = subevent == le_event::kExtendedAdvertisingReport;
+  if (subevent != le_event::kAdvertisingReport && !extended) return reports;
   for (unsigned left = in.U8(); left > 0; --left) {
     Advertisement report;
     if (extended) {

@@ -1,4 +1,4 @@
-// One line a packet, for people.
+// Packets in words, one line per packet.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ namespace bthalctl {
 // such.
 std::string Describe(const Packet& packet);
 
-// One LE advertiser as a report tells of it.
+// One report of an LE advertiser.
 struct Advertisement {
   Bytes address;
   bool random = false;

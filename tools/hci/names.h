@@ -1,5 +1,5 @@
-// Names of codes, for people (Bluetooth Core 5.3, Vol 4, Part E, 7, and Vol 1, Part F; the
-// controller's own vendor codes besides).
+// Names of commands, events and errors (Core 5.3, 4.E.7 and 1.F), and of the controller's vendor
+// codes.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace bthalctl {
 
 // "Reset (0x0C03)", or "command 0xFC99" for an unknown one.
 std::string OpcodeText(uint16_t opcode);
-// From "Reset", "read_bd_addr" or "0x0C03". Nothing when it is neither.
+// From "Reset", "read_bd_addr" or "0x0C03". Nothing when text is neither name nor opcode.
 std::optional<uint16_t> ParseOpcode(const std::string& text);
 // "Success", or "Command Disallowed (0x0C)".
 std::string StatusText(uint8_t status);

@@ -24,7 +24,7 @@ using ::android::hardware::Return;
 using ::android::hardware::Void;
 using ::android::hardware::bluetooth::V1_0::Status;
 
-// What the service calls, on threads of the HIDL pool; the queue is read on the user's thread.
+// What the service calls, on threads of the HIDL pool; the caller's thread reads the queue.
 class StackCallbacks : public ::android::hardware::bluetooth::V1_1::IBluetoothHciCallbacks,
                        public ::android::hardware::hidl_death_recipient {
  public:
@@ -82,7 +82,7 @@ class StackCallbacks : public ::android::hardware::bluetooth::V1_1::IBluetoothHc
   int fd() const { return readable_; }
 
  private:
-  // A user that stops taking packets must not fill the memory.
+  // A caller that stops taking packets must not fill the memory.
   static constexpr size_t kMaxQueuedBytes = 64 << 20;
 
   Return<void> Push(PacketType type, const hidl_vec<uint8_t>& packet) {
@@ -112,7 +112,7 @@ class StackCallbacks : public ::android::hardware::bluetooth::V1_1::IBluetoothHc
 
 namespace {
 
-// Why there is no service to talk to, as a look-up tells it.
+// Why a look-up found no service.
 Failure NotFound(int error) {
   const std::string root = root_folder::Path().empty() ? "/" : root_folder::Path();
   const std::string service = "the Bluetooth service in " + root;

@@ -11,14 +11,14 @@ namespace bthalctl {
 
 using Hci = ::android::hardware::bluetooth::V1_1::IBluetoothHci;
 
-// The service of the root folder. Waits for it at most so long. Throws Failure(kNoService).
+// The service of the root folder; waits at most so long for it to appear. Throws
+// Failure(kNoService).
 ::android::sp<Hci> FindService(std::chrono::milliseconds wait);
 
 class StackCallbacks;
 
-// The place of the Bluetooth stack at the service, of which there is one: made by initialize, given
-// up by close when the object dies. If the process dies instead, so does the stack as the service
-// sees it.
+// The service's one place for a Bluetooth stack: taken by initialize, given up by close when the
+// object is destroyed. If the process dies instead, that is the stack's death for the service.
 class Attachment : public HciLink {
  public:
   // Brings Bluetooth up and returns when it is. Throws Failure: kNoService, kBusy, kFailed.

@@ -1,8 +1,8 @@
 #include "tools/link/exchange.h"
 
 #include "tools/base/failure.h"
-#include "tools/hci/codes.h"
 #include "tools/hci/names.h"
+#include "tools/hci/packet.h"
 
 namespace bthalctl {
 

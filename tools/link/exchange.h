@@ -9,11 +9,11 @@
 
 namespace bthalctl {
 
-// What came back for a command.
+// The answer to a command.
 struct CommandAnswer {
   uint16_t opcode = 0;
   bool complete = false;  // Command Complete; false: Command Status, or the command looped back
-  uint8_t status = 0xFF;  // an absent status byte counts as a failure
+  uint8_t status = 0xFF;  // 0xFF, a failure, if the answer has none
   Bytes parameters;       // the return parameters of a Command Complete, status included
 };
 

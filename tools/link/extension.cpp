@@ -41,12 +41,12 @@ std::optional<std::string> CallOutcome::Verdict(const LogLine& line, const std::
     return "the controller refused" + (status ? ": " + StatusText(*status) : "");
   }
   if (const size_t result = line.text.find(" Result 0x"); result != std::string::npos) {
-    // Where the answer itself has no line: there was none.
+    // Logged in place of an answer, when there was none.
     return line.text.compare(result, std::string::npos, " Result 0x00") == 0
                ? ""
                : "the controller did not answer with Command Complete within 2 s";
   }
-  // How each of them begins when it has no controller.
+  // Each extension's line for a call while Bluetooth is off.
   if (line.text.find(": Unable to ") != std::string::npos ||
       line.text.find(": unable to ") != std::string::npos) {
     return "Bluetooth is off: nothing was sent (bthalctl up)";
@@ -74,8 +74,9 @@ void TellOutcome(const std::string& done, bool confirmed, bool as_json, nlohmann
     details["accepted"] = confirmed ? nlohmann::json(true) : nlohmann::json(nullptr);
     std::puts(details.dump().c_str());
   } else {
-    std::printf("%s; %s\n", done.c_str(),
-                confirmed ? "the controller accepted it" : "no log here tells of its outcome");
+    std::printf(
+        "%s; %s\n", done.c_str(),
+        confirmed ? "the controller accepted it" : "its outcome is unknown, for there is no log");
   }
 }
 

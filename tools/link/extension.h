@@ -25,20 +25,20 @@ template <typename Interface>
   return extension;
 }
 
-// Most calls of the extensions return nothing: what became of one stands in the service's log only.
-// Made before the call, asked after it. Where several clients call at once, an answer may be
-// another's.
+// Most calls of the extensions return nothing: only the service's log tells their outcome. Made
+// before the call, asked after it. When several clients call at once, it may take the outcome of
+// another's call for its own.
 class CallOutcome {
  public:
   // tag: of the extension's log lines.
   explicit CallOutcome(const std::string& tag);
 
   // Waits for the controller's answer. Throws Failure when Bluetooth is off, when the controller
-  // refused or did not answer. False: there is no log file here, so nobody knows.
+  // refused or did not answer. False: there is no log file, so the outcome is unknown.
   bool Accepted();
 
-  // What a log line says of a call: nothing; else empty for an accepted one and the reason for any
-  // other.
+  // The outcome that a log line tells: empty if the call was accepted, else why it was not. Nothing
+  // if the line tells none.
   static std::optional<std::string> Verdict(const LogLine& line, const std::string& tag);
 
  private:
@@ -53,7 +53,7 @@ void Demand(const Result& result) {
   if (!result.isOk()) throw Failure(ExitCode::kNoService, "the service died during the call");
 }
 
-// Tells the user what was done, or a script as JSON; accepted is null there when nobody knows.
+// Prints what was done, or JSON with "accepted", which is null when the outcome is unknown.
 void TellOutcome(const std::string& done, bool confirmed, bool as_json, nlohmann::json details);
 
 }  // namespace bthalctl

@@ -1,4 +1,4 @@
-// A way to the controller: an attachment to the service of one's own, or a share in the holder's.
+// A link to the controller: an attachment to the service, or a share in the holder's attachment.
 #pragma once
 
 #include <optional>
@@ -8,14 +8,14 @@
 
 namespace bthalctl {
 
-// Used on one thread. When the way ends (the service or the holder is gone), Send and Take throw
-// Failure; Take gives first what had arrived by then.
+// Used on one thread. When the service or the holder is gone, Send and Take throw Failure; Take
+// returns first what had arrived by then.
 class HciLink {
  public:
   virtual ~HciLink() = default;
 
   virtual void Send(const Packet& packet) = 0;
-  // The oldest packet that arrived and was not taken yet; does not wait.
+  // The oldest packet that has arrived and is not taken yet; does not wait.
   virtual std::optional<Packet> Take() = 0;
   // Readable when Take() may have something.
   virtual int fd() const = 0;

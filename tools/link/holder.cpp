@@ -15,7 +15,6 @@
 namespace bthalctl {
 namespace {
 
-constexpr size_t kMaxUnsent = 16 << 20;
 constexpr size_t kMaxPending = 1024;
 
 Bytes Message(uint8_t kind, const Bytes& content) {
@@ -26,7 +25,7 @@ Bytes Message(uint8_t kind, const Bytes& content) {
   try {
     return ListenUnix(path, SOCK_SEQPACKET);
   } catch (const PathInUse&) {
-    throw Failure(ExitCode::kBusy, "somebody else holds Bluetooth: another \"bthalctl up\"");
+    throw Failure(ExitCode::kBusy, "another program holds Bluetooth: a \"bthalctl up\"");
   }
 }
 
@@ -37,7 +36,7 @@ Holder::Holder(const std::string& socket_path)
 
 Holder::~Holder() { StopListening(); }
 
-// The name goes first: while this socket listens nobody else takes its place, so it is still ours.
+// The name goes first: no other holder replaces it while this socket listens.
 void Holder::StopListening() {
   if (!listener_.ok()) return;
   unlink(path_.c_str());
@@ -48,8 +47,8 @@ void Holder::Run(HciLink& link) {
   for (;;) {
     std::vector<pollfd> waits = {{listener_.get(), POLLIN, 0}, {link.fd(), POLLIN, 0}};
     for (const auto& client : clients_) {
-      const bool full = client->unsent_bytes > 0;
-      waits.push_back({client->fd.get(), static_cast<short>(full ? POLLIN | POLLOUT : POLLIN), 0});
+      const int events = client->outbox.waiting() ? POLLIN | POLLOUT : POLLIN;
+      waits.push_back({client->fd.get(), static_cast<short>(events), 0});
     }
     const size_t known = clients_.size();
     try {
@@ -60,8 +59,9 @@ void Holder::Run(HciLink& link) {
     while (std::optional<Packet> packet = link.Take()) Deliver(*packet);
     for (size_t i = 0; i < known; ++i) {
       const short ready = waits[i + 2].revents;
-      if ((ready & POLLOUT) != 0) Flush(*clients_[i]);
-      if ((ready & ~POLLOUT) != 0) ReadFrom(*clients_[i], link);
+      Client& client = *clients_[i];
+      if ((ready & POLLOUT) != 0) client.gone = client.outbox.Flush(client.fd.get()) != nullptr;
+      if ((ready & ~POLLOUT) != 0) ReadFrom(client, link);
     }
     if (waits[0].revents != 0) Accept();
     for (const auto& client : clients_) {
@@ -131,7 +131,7 @@ void Holder::OnMessage(Client& client, const Bytes& message, HciLink& link) {
       return;
     }
     default:
-      client.gone = true;  // it speaks something else
+      client.gone = true;  // no message of this protocol
   }
 }
 
@@ -170,25 +170,7 @@ void Holder::TellWatchers(const Packet& packet, bool from_controller) {
 
 void Holder::Queue(Client& client, Bytes message) {
   if (client.gone) return;
-  if (client.unsent_bytes + message.size() > kMaxUnsent) {
-    client.gone = true;
-    return;
-  }
-  client.unsent_bytes += message.size();
-  client.unsent.push_back(std::move(message));
-  Flush(client);
-}
-
-void Holder::Flush(Client& client) {
-  while (!client.unsent.empty()) {
-    const Bytes& message = client.unsent.front();
-    if (send(client.fd.get(), message.data(), message.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-      if (errno != EAGAIN && errno != EINTR) client.gone = true;
-      return;
-    }
-    client.unsent_bytes -= message.size();
-    client.unsent.pop_front();
-  }
+  client.gone = client.outbox.Put(client.fd.get(), std::move(message)) != nullptr;
 }
 
 std::string Holder::StatusJson() const {

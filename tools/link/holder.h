@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/base/outbox.h"
 #include "tools/link/hci_link.h"
 
 namespace bthalctl {
@@ -24,9 +25,9 @@ class Holder {
   Holder& operator=(const Holder&) = delete;
 
   // Serves until a client asks to quit or a signal arrives. Throws Failure when the attachment
-  // ends. The one that asked is told after link is closed: see Finish().
+  // ends. The client that asked is answered by Finish(), after link is closed.
   void Run(HciLink& link);
-  // Makes room for another holder, then tells whoever asked to quit that it is done.
+  // Makes room for another holder, then answers the clients that asked to quit.
   void Finish();
 
  private:
@@ -36,10 +37,9 @@ class Holder {
     bool watching = false;
     bool quitting = false;
     bool gone = false;
-    std::deque<Bytes> unsent;
-    size_t unsent_bytes = 0;
+    Outbox outbox{16 << 20};
   };
-  // A command on its way: who awaits its answer.
+  // A command on its way, and the client that awaits its answer.
   struct Pending {
     uint16_t opcode = 0;
     uint64_t client = 0;
@@ -51,7 +51,6 @@ class Holder {
   void OnMessage(Client& client, const Bytes& message, HciLink& link);
   void Deliver(const Packet& packet);
   void Queue(Client& client, Bytes message);
-  void Flush(Client& client);
   void TellWatchers(const Packet& packet, bool from_controller);
   std::string StatusJson() const;
 
@@ -68,6 +67,7 @@ class Holder {
 // Asks the holder of the root folder; nothing when there is none, or when it ended instead of
 // answering. Throws Failure when there is no answer in time.
 std::optional<std::string> AskHolder(uint8_t kind, std::chrono::milliseconds timeout);
+
 // A share in the holder's attachment; null when there is no holder. watching: everything that goes
 // by arrives as well, and is read with TakePassing().
 class HolderLink : public HciLink {

@@ -48,7 +48,7 @@ std::optional<Bytes> HolderLink::Read() {
 std::optional<Packet> HolderLink::Take() {
   while (std::optional<Bytes> message = Read()) {
     const uint8_t kind = message->front();
-    if (!HeaderSize(kind)) continue;
+    if (wire::LayoutOf(kind) == nullptr) continue;
     return Packet{static_cast<PacketType>(kind), Bytes(message->begin() + 1, message->end())};
   }
   return std::nullopt;

@@ -1,5 +1,5 @@
-// What the holder of an attachment and its clients say to each other: a SEQPACKET socket, one
-// message a packet, the first byte tells its kind.
+// The messages between the holder of an attachment and its clients: packets of a SEQPACKET socket,
+// whose first byte is the kind.
 #pragma once
 
 #include <cstddef>
@@ -13,10 +13,10 @@ constexpr char kSocket[] = "/run/bthal/holder";
 // Kinds 1 to 5 are HCI packets, the kind being the H4 type: commands and data from a client,
 // events and data to it. The others:
 enum Kind : uint8_t {
-  kWatch = 'W',    // client: from now on, tell everything that goes by (kPassing)
-  kPassing = 'P',  // holder: H4 type, then a packet, in whichever direction
+  kWatch = 'W',    // client: wants all traffic from now on (kPassing)
+  kPassing = 'P',  // holder: H4 type, then a packet of either direction
   kStatus = 'S',   // client asks; holder answers with JSON
-  kQuit = 'Q',     // client: give Bluetooth up; holder answers the same when it has
+  kQuit = 'Q',     // client: asks to give Bluetooth up; holder answers the same when it has
 };
 // The type byte of kPassing has this bit when the packet came from the controller.
 constexpr uint8_t kFromController = 0x80;

@@ -3,8 +3,8 @@
 #include <set>
 
 #include "tools/base/failure.h"
-#include "tools/hci/codes.h"
 #include "tools/hci/names.h"
+#include "tools/hci/packet.h"
 
 namespace bthalctl {
 namespace {
@@ -48,7 +48,9 @@ void Scan(Exchange& exchange, bool active, TimePoint deadline,
       for (const Advertisement& report : Advertisements(*packet)) done = heard(report) || done;
     }
   } catch (const Interrupted&) {
-    // Listening ends early; what was heard counts.
+    ForgetStopSignal();
+    exchange.Command(opcode::kLeSetScanEnable, {0, 0});
+    throw;
   }
   exchange.Command(opcode::kLeSetScanEnable, {0, 0});
 }
@@ -75,8 +77,8 @@ LePeer::LePeer(Exchange& exchange, const std::string& target) : exchange_(exchan
   parameters.U8(advertisement_.random ? 1 : 0).Append(advertisement_.address).U8(0);
   parameters.U16(6).U16(12).U16(0).U16(400).U16(0).U16(0);  // 7.5 to 15 ms, supervision 4 s
   exchange.Demand(opcode::kLeCreateConnection, parameters.Done());
-  const std::optional<Packet> done =
-      exchange.NextEvent(event::kLeMeta, Clock::now() + kPeerAnswerTime, le::kConnectionComplete);
+  const std::optional<Packet> done = exchange.NextEvent(
+      event::kLeMeta, Clock::now() + kPeerAnswerTime, le_event::kConnectionComplete);
   if (!done) {
     exchange.Command(opcode::kLeCreateConnectionCancel);
     throw Failure("\"" + target + "\" does not answer");

@@ -8,12 +8,12 @@
 
 namespace bthalctl {
 
-// Prepares a controller whose state is unknown: HCI Reset, and every event let through.
+// Prepares a controller whose state is unknown: HCI Reset, then UnmaskEvents().
 void ResetController(Exchange& exchange);
-// The second half of it: leaves what others have set as it is.
+// Lets every event through that bthalctl uses; other settings of the controller stay.
 void UnmaskEvents(Exchange& exchange);
 
-// Listens for advertisers until deadline, or until heard returns true.
+// Listens for advertisers until deadline, or until heard returns true. Throws Interrupted.
 void Scan(Exchange& exchange, bool active, TimePoint deadline,
           const std::function<bool(const Advertisement&)>& heard);
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "tools/base/failure.h"
-#include "tools/hci/codes.h"
+#include "tools/hci/packet.h"
 
 namespace bthalctl {
 namespace {
@@ -15,50 +15,51 @@ constexpr std::chrono::seconds kSilence{10};
 // (Bluetooth Core 5.3, Vol 4, Part E, 5.4.5).
 constexpr size_t kIsoDataHeader = 4;
 
-struct LaneState {
-  LaneState(const Lane& from, const TransferOptions& options, uint64_t seed)
-      : lane(from),
+struct StreamState {
+  StreamState(const Stream& from, const TransferOptions& options, uint64_t seed)
+      : stream(from),
         out(options.pattern, seed, options.size, Room(from)),
         back(options.pattern, seed, options.size, Room(from)),
         credits(from.buffers) {
     result.type = from.type;
   }
-  static size_t Room(const Lane& lane) {
-    return lane.type == PacketType::kIso ? lane.max_payload - kIsoDataHeader : lane.max_payload;
+  static size_t Room(const Stream& stream) {
+    return stream.type == PacketType::kIso ? stream.max_payload - kIsoDataHeader
+                                           : stream.max_payload;
   }
   bool MaySend() const {
-    return (lane.counted ? credits : lane.buffers - static_cast<unsigned>(sent - result.packets)) >
-           0;
+    return (stream.counted ? credits
+                           : stream.buffers - static_cast<unsigned>(sent - result.packets)) > 0;
   }
 
-  Lane lane;
+  Stream stream;
   PayloadSource out;
   PayloadSource back;
   unsigned credits;
   uint64_t sent = 0;  // packets
-  LaneResult result;
+  StreamResult result;
 };
 
-Packet Build(const LaneState& state, const Bytes& payload) {
-  switch (state.lane.type) {
+Packet Build(const StreamState& state, const Bytes& payload) {
+  switch (state.stream.type) {
     case PacketType::kIso: {
       Writer data;
       data.U16(state.sent & 0xFFFF)
           .U16(static_cast<unsigned>(payload.size()) & 0x0FFF)
           .Append(payload);
-      return DataPacket(PacketType::kIso, state.lane.handle, 0b10, data.Done());
+      return DataPacket(PacketType::kIso, state.stream.handle, 0b10, data.Done());
     }
     default:
-      return DataPacket(state.lane.type, state.lane.handle, 0, payload);
+      return DataPacket(state.stream.type, state.stream.handle, 0, payload);
   }
 }
 
-void Compare(LaneState& state, const Packet& packet) {
+void Compare(StreamState& state, const Packet& packet) {
   const std::string what =
       std::string(TypeName(packet.type)) + " packet " + std::to_string(state.result.packets + 1);
   if (state.result.packets == state.sent) throw Failure(what + " came back but was never sent");
   Reader in(packet.bytes);
-  in.Skip(*HeaderSize(static_cast<uint8_t>(packet.type)));
+  in.Skip(wire::LayoutOf(static_cast<uint8_t>(packet.type))->header);
   if (packet.type == PacketType::kIso) in.Skip(kIsoDataHeader);
   const Bytes expected = state.back.Next();
   const Bytes got = in.Rest();
@@ -74,14 +75,14 @@ void Compare(LaneState& state, const Packet& packet) {
   state.result.bytes += got.size();
 }
 
-void OnPacket(std::vector<LaneState>& states, const Packet& packet) {
+void OnPacket(std::vector<StreamState>& states, const Packet& packet) {
   if (packet.type != PacketType::kEvent) {
-    for (LaneState& state : states) {
-      if (state.lane.type == packet.type && state.lane.handle == HandleOf(packet)) {
+    for (StreamState& state : states) {
+      if (state.stream.type == packet.type && state.stream.handle == HandleOf(packet)) {
         return Compare(state, packet);
       }
     }
-    return;  // somebody else's
+    return;  // of another connection
   }
   Reader in(packet.bytes);
   const uint8_t code = in.U8();
@@ -90,18 +91,18 @@ void OnPacket(std::vector<LaneState>& states, const Packet& packet) {
     for (unsigned left = in.U8(); left > 0 && in.ok(); --left) {
       const uint16_t handle = in.U16() & 0x0FFF;
       const uint16_t count = in.U16();
-      for (LaneState& state : states) {
-        if (state.lane.counted && state.lane.handle == handle) {
-          state.credits = std::min(state.credits + count, state.lane.buffers);
+      for (StreamState& state : states) {
+        if (state.stream.counted && state.stream.handle == handle) {
+          state.credits = std::min(state.credits + count, state.stream.buffers);
         }
       }
     }
   } else if (code == event::kDisconnectionComplete && in.U8() == 0) {
     const uint16_t handle = in.U16() & 0x0FFF;
-    for (const LaneState& state : states) {
-      if (state.lane.handle == handle) throw Failure("the connection was lost");
+    for (const StreamState& state : states) {
+      if (state.stream.handle == handle) throw Failure("the connection was lost");
     }
-  } else if (code == 0x1A) {
+  } else if (code == event::kDataBufferOverflow) {
     throw Failure("the controller's buffers overflowed");
   }
 }
@@ -132,23 +133,23 @@ Bytes PayloadSource::Next() {
   return payload;
 }
 
-TransferResult Transfer(Exchange& exchange, const std::vector<Lane>& lanes,
+TransferResult Transfer(Exchange& exchange, const std::vector<Stream>& streams,
                         const TransferOptions& options,
                         const std::function<void(uint64_t bytes)>& progress) {
-  std::vector<LaneState> states;
-  for (size_t i = 0; i < lanes.size(); ++i)
-    states.emplace_back(lanes[i], options, options.seed + i);
+  std::vector<StreamState> states;
+  for (size_t i = 0; i < streams.size(); ++i)
+    states.emplace_back(streams[i], options, options.seed + i);
   const TimePoint start = Clock::now();
   uint64_t sent = 0;
   uint64_t back = 0;
   while (sent < options.bytes || back < sent) {
     bool busy = false;
-    for (LaneState& state : states) {
+    for (StreamState& state : states) {
       if (sent >= options.bytes || !state.MaySend()) continue;
       const Bytes payload = state.out.Next();
       exchange.link().Send(Build(state, payload));
       ++state.sent;
-      if (state.lane.counted) --state.credits;
+      if (state.stream.counted) --state.credits;
       sent += payload.size();
       busy = true;
     }
@@ -160,12 +161,12 @@ TransferResult Transfer(Exchange& exchange, const std::vector<Lane>& lanes,
     }
     if (packet) OnPacket(states, *packet);
     back = 0;
-    for (const LaneState& state : states) back += state.result.bytes;
+    for (const StreamState& state : states) back += state.result.bytes;
     progress(back);
   }
   TransferResult result;
   result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  for (const LaneState& state : states) result.lanes.push_back(state.result);
+  for (const StreamState& state : states) result.streams.push_back(state.result);
   return result;
 }
 

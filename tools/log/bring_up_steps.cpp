@@ -3,6 +3,8 @@
 #include <string_view>
 #include <utility>
 
+#include "tools/hci/packet.h"
+
 namespace bthalctl {
 namespace {
 
@@ -11,8 +13,8 @@ using Kind = Progress::Kind;
 enum class Meaning { kBegins, kEnds, kFails, kMark };
 
 // What a log line means. Its text begins with before; what follows, up to after, is the detail. A
-// line that ends a step, well or not, ends only the one of that name. The first rule that fits
-// holds.
+// line that ends a step, well or not, ends only the step of that name. Of several rules that fit
+// the first one counts.
 struct Rule {
   const char* tag;
   const char* before;
@@ -72,7 +74,7 @@ constexpr Rule kRules[] = {
     {"bthal.activity", "OnBluetoothEnabled", nullptr, Meaning::kMark, "the extensions are ready"},
 };
 
-// Troubles that a bring-up may well have, for whoever sees one for the first time.
+// Warnings and errors of bring-ups that go well. Null: a warning of its normal course, not shown.
 struct Explanation {
   char priority;
   const char* tag;
@@ -81,18 +83,18 @@ struct Explanation {
 };
 
 constexpr Explanation kExplanations[] = {
-    {'W', "bthal.hci_h4", "Send: ", "the port took the rest a moment later"},
+    {'W', "bthal.hci_h4", "Send: ", nullptr},  // the port takes the rest a moment later
     {'E', "bthal.hwcontrol", "LpmSetup: Unable to open LPM control port",
      "without low-power files the controller stays awake"},
     {'W', "bthal.zvkbtlinux", "ActivityWatcher registering failure",
      "no power-statistics service runs here"},
 };
 
-std::string Explain(const LogLine& line) {
+const Explanation* ExplanationOf(const LogLine& line) {
   for (const Explanation& row : kExplanations) {
-    if (line.priority == row.priority && DetailOf(line, row.tag, row.begin, "")) return row.meaning;
+    if (line.priority == row.priority && DetailOf(line, row.tag, row.begin, "")) return &row;
   }
-  return "";
+  return nullptr;
 }
 
 // What a detail means, where the log's own form does not say it.
@@ -107,14 +109,9 @@ std::string Readable(std::string_view step, std::string_view detail) {
   if (step == "line speed") return std::string(detail) + " bit/s";
   if (step == "launch") return "";
   if (step == "device address") {
-    // The log has it in the controller's order, last byte first.
-    std::string address;
-    for (size_t end = detail.size(); end >= 2; end -= 3) {
-      address += detail.substr(end - 2, 2);
-      if (end < 5) break;
-      address += ':';
-    }
-    return address;
+    // In the log the least significant byte comes first.
+    const std::optional<Bytes> address = ParseAddress(std::string(detail));
+    return address ? AddressText(Bytes(address->rbegin(), address->rend())) : std::string(detail);
   }
   return std::string(detail);
 }
@@ -140,6 +137,8 @@ std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
   std::string detail;
   const Rule* const rule = RuleOf(line, &detail);
   if (line.IsTrouble()) {
+    const Explanation* const explanation = ExplanationOf(line);
+    if (explanation != nullptr && explanation->meaning == nullptr) return out;
     if (line.priority != 'W' || (rule != nullptr && rule->meaning == Meaning::kFails)) {
       End(Kind::kFailed, now, &out);
     }
@@ -148,7 +147,7 @@ std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
                      now,
                      {},
                      std::string(1, line.priority) + " " + line.text,
-                     Explain(line)});
+                     explanation == nullptr ? "" : explanation->meaning});
     }
     return out;
   }

@@ -10,20 +10,20 @@
 
 namespace bthalctl {
 
-// One thing that a bring-up has to tell.
+// An event of a bring-up.
 struct Progress {
   enum class Kind {
     kBegin,   // a step begins
     kEnd,     // it ended as it should
-    kFailed,  // it ended otherwise
-    kMark,    // no step: something that happened in between
-    kTrouble  // a line of the log that warns or tells of an error
+    kFailed,  // it failed
+    kMark,    // something that is no step
+    kTrouble  // a warning or an error line of the log
   };
   Kind kind = Kind::kMark;
   std::chrono::milliseconds at{};    // since the first line
   std::chrono::milliseconds took{};  // of a step that ended
   std::string name;                  // of the step; the text of a mark or of a line
-  std::string detail;                // what the step found; what a line of trouble means, if known
+  std::string detail;                // what the step found; what the line means, where known
 };
 
 // Makes the steps of a bring-up out of the service's log lines. A step that meets an error line has

@@ -9,37 +9,29 @@ namespace bthalctl {
 
 using std::chrono::system_clock;
 
-std::optional<system_clock::time_point> LocalTime(int year, int month, int day, int hour,
-                                                  int minute, int second) {
-  if (year < 1970 || year > 9999 || month < 1 || month > 12 || day < 1 || day > 31 || hour < 0 ||
-      hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 60) {
-    return std::nullopt;
-  }
+std::optional<time_t> ParseLocalTime(const std::string& text, const char* format) {
   tm local = {};
-  local.tm_year = year - 1900;
-  local.tm_mon = month - 1;
-  local.tm_mday = day;
-  local.tm_hour = hour;
-  local.tm_min = minute;
-  local.tm_sec = second;
   local.tm_isdst = -1;
-  return system_clock::from_time_t(mktime(&local));
+  const char* const rest = strptime(text.c_str(), format, &local);
+  if (rest != text.c_str() + text.size()) return std::nullopt;
+  return mktime(&local);
 }
 
 std::optional<LogLine> ParseLogLine(const std::string& line) {
-  int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, millisecond = 0, end = 0;
+  constexpr size_t kDateSize = 19;
+  const auto time = ParseLocalTime(line.substr(0, kDateSize), "%Y-%m-%d %H:%M:%S");
+  if (!time || line.size() <= kDateSize) return std::nullopt;
   LogLine parsed;
-  if (std::sscanf(line.c_str(), "%4d-%2d-%2d %2d:%2d:%2d.%3d %d %*d %c %n", &year, &month, &day,
-                  &hour, &minute, &second, &millisecond, &parsed.pid, &parsed.priority,
-                  &end) != 9 ||
+  int millisecond = 0, end = 0;
+  if (std::sscanf(line.c_str() + kDateSize, ".%3d %*d %*d %c %n", &millisecond, &parsed.priority,
+                  &end) != 2 ||
       end == 0 || std::strchr("VDIWEF", parsed.priority) == nullptr) {
     return std::nullopt;
   }
-  const auto time = LocalTime(year, month, day, hour, minute, second);
-  const size_t tag_begin = static_cast<size_t>(end);
+  const size_t tag_begin = kDateSize + static_cast<size_t>(end);
   const size_t tag_end = line.find(": ", tag_begin);
-  if (!time || tag_end == std::string::npos) return std::nullopt;
-  parsed.time = *time + std::chrono::milliseconds(millisecond);
+  if (tag_end == std::string::npos) return std::nullopt;
+  parsed.time = system_clock::from_time_t(*time) + std::chrono::milliseconds(millisecond);
   parsed.tag = line.substr(tag_begin, tag_end - tag_begin);
   parsed.text = line.substr(tag_end + 2);
   return parsed;

@@ -28,20 +28,19 @@ std::string Padded(const std::string& name) {
 StepPrinter::StepPrinter() : live_(IsRichTerminal(STDOUT_FILENO)) {}
 
 StepPrinter::~StepPrinter() {
-  if (!open_line_.empty()) std::puts("");
-}
-
-void StepPrinter::EraseOpenLine() {
-  if (!open_line_.empty()) std::fputs("\r\x1b[K", stdout);
+  if (live_ && in_step_) std::puts("");
+  for (const std::string& line : held_) std::fputs(line.c_str(), stdout);
 }
 
 void StepPrinter::Show(const Progress& progress) {
   const std::string at = Paint(Colour::kGrey, Seconds(progress.at)) + "  ";
   switch (progress.kind) {
     case Kind::kBegin:
-      if (!live_) return;
-      open_line_ = at + Padded(progress.name) + "         …   " + progress.detail;
-      std::fputs(open_line_.c_str(), stdout);
+      in_step_ = true;
+      if (live_) {
+        std::printf("%s%s         …   %s", at.c_str(), Padded(progress.name).c_str(),
+                    progress.detail.c_str());
+      }
       break;
     case Kind::kEnd:
     case Kind::kFailed: {
@@ -52,22 +51,25 @@ void StepPrinter::Show(const Progress& progress) {
         name = Paint(Colour::kRed, name);
         found += "  " + Paint(Colour::kRed, "failed");
       }
-      EraseOpenLine();
-      open_line_.clear();
+      if (live_) std::fputs("\r\x1b[K", stdout);
       std::printf("%s%s %s%s\n", at.c_str(), name.c_str(), Seconds(progress.took).c_str(),
                   found.c_str());
+      for (const std::string& line : held_) std::fputs(line.c_str(), stdout);
+      held_.clear();
+      in_step_ = false;
       break;
     }
     case Kind::kMark:
     case Kind::kTrouble: {
-      EraseOpenLine();
       const bool warning = progress.name.compare(0, 2, "W ") == 0;
       const Colour colour = progress.kind == Kind::kMark ? Colour::kBold
                             : warning                    ? Colour::kYellow
                                                          : Colour::kRed;
       const std::string meaning = progress.detail.empty() ? "" : "  (" + progress.detail + ")";
-      std::printf("%s%s%s\n", at.c_str(), Paint(colour, progress.name).c_str(), meaning.c_str());
-      std::fputs(open_line_.c_str(), stdout);
+      held_.push_back(at + Paint(colour, progress.name) + meaning + "\n");
+      if (in_step_) break;
+      std::fputs(held_.back().c_str(), stdout);
+      held_.clear();
       break;
     }
   }

@@ -1,17 +1,19 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "tools/log/bring_up_steps.h"
 
 namespace bthalctl {
 
-// Shows the steps of a bring-up on stdout, one line each: on a terminal a step stands there from
-// its beginning on, elsewhere it is written when it has ended.
+// Shows the steps of a bring-up on stdout, one line each, in the order of their beginnings. On a
+// terminal a running step is shown at once, elsewhere when it has ended. What happens during a step
+// is shown behind it.
 class StepPrinter {
  public:
   StepPrinter();
-  // Ends a line that a running step has left open.
+  // Shows what waits for the end of a running step.
   ~StepPrinter();
   StepPrinter(const StepPrinter&) = delete;
   StepPrinter& operator=(const StepPrinter&) = delete;
@@ -19,10 +21,9 @@ class StepPrinter {
   void Show(const Progress& progress);
 
  private:
-  void EraseOpenLine();
-
   const bool live_;
-  std::string open_line_;  // of the running step, without its end
+  bool in_step_ = false;
+  std::vector<std::string> held_;  // lines of what happened during the running step
 };
 
 }  // namespace bthalctl

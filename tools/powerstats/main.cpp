@@ -1,7 +1,5 @@
 // zvkpowerstats: plays the power-statistics service beside a simulated handset.
 
-#include <android/binder_manager.h>
-#include <android/binder_process.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -20,11 +18,9 @@ constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
 constexpr char kFooter[] =
-    "The root folder of the handset is BTHAL_ROOT. Prints \"ready\", then what happens. A reading "
-    "is\n"
-    "taken on SIGUSR1, for each line on standard input, and every --interval. SIGINT and SIGTERM "
-    "end\n"
-    "it.\n"
+    "The root folder of the handset is BTHAL_ROOT. Prints \"ready\", then what happens. Takes a\n"
+    "reading on SIGUSR1, for each line on standard input, and every --interval. SIGINT and\n"
+    "SIGTERM end it.\n"
     "Exit codes: 0 ended as asked, 1 failed (one line says why), 2 wrong usage.";
 
 std::mutex output_mutex;
@@ -33,11 +29,6 @@ void Print(const std::string& text) {
   const std::lock_guard<std::mutex> lock(output_mutex);
   std::fputs(text.c_str(), stdout);
   std::fflush(stdout);
-}
-
-int Fail(const char* reason) {
-  std::fprintf(stderr, "zvkpowerstats: %s\n", reason);
-  return kFailed;
 }
 
 // Before any thread is started, so that all of them inherit it.
@@ -57,6 +48,21 @@ bool TakeLines() {
   return count > 0;
 }
 
+void PrintReadings(powerstats::Provider& provider) {
+  std::string text;
+  for (const powerstats::Reading& reading : provider.Read()) {
+    if (!reading.mistake.empty())
+      text += reading.entity + ": no reading: " + reading.mistake + "\n";
+    for (const powerstats::StateResidency& state : reading.states) {
+      text += reading.entity + " " + powerstats::StateName(reading.entity, state.id) + ": " +
+              std::to_string(state.totalTimeInStateMs) + " ms, entered " +
+              std::to_string(state.totalStateEntryCount) + " times, last at " +
+              std::to_string(state.lastEntryTimestampMs) + " ms\n";
+    }
+  }
+  Print(text.empty() ? "nobody has registered\n" : text);
+}
+
 // Until SIGINT or SIGTERM. interval_ms below 0: no readings by time.
 void Serve(powerstats::Provider& provider, int signals, int interval_ms) {
   pollfd ready[] = {{signals, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
@@ -72,14 +78,14 @@ void Serve(powerstats::Provider& provider, int signals, int interval_ms) {
       ready[1].fd = -1;
       continue;
     }
-    Print(provider.Read());
+    PrintReadings(provider);
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Plays the power-statistics service: collects residency from who registers.");
+  CLI::App app("Plays the power-statistics service: collects residency from those that register.");
   app.footer(kFooter);
   double interval_seconds = -1;
   app.add_option("--interval", interval_seconds, "seconds between readings (default: none by time)")
@@ -90,15 +96,11 @@ int main(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : kUsage;
   }
   const int signals = BlockSignals();
-  ABinderProcess_setThreadPoolMaxThreadCount(1);
-  ABinderProcess_startThreadPool();
-  const auto provider = ndk::SharedRefBase::make<powerstats::Provider>(
-      [](const std::string& line) { Print(line + "\n"); });
-  if (ndk::SpAIBinder(AServiceManager_checkService(powerstats::kInstance)).get() != nullptr) {
-    return Fail("another power-statistics service runs here");
-  }
-  if (AServiceManager_addService(provider->asBinder().get(), powerstats::kInstance) != EX_NONE) {
-    return Fail("cannot register the service");
+  const auto provider =
+      powerstats::Provider::Publish([](const std::string& line) { Print(line + "\n"); });
+  if (provider == nullptr) {
+    std::fputs("zvkpowerstats: another power-statistics service runs here\n", stderr);
+    return kFailed;
   }
   Print("ready\n");
   Serve(*provider, signals, interval_seconds < 0 ? -1 : static_cast<int>(interval_seconds * 1000));

@@ -1,27 +1,19 @@
 #include "tools/powerstats/provider.h"
 
-#include <vector>
+#include <android/binder_manager.h>
+#include <android/binder_process.h>
 
 namespace powerstats {
-namespace {
 
-using aidl::android::hardware::power::stats::StateResidency;
-
-// The states that the Bluetooth controller reports.
-std::string StateName(const std::string& entity, int32_t id) {
-  static const char* const kStates[] = {"idle", "active", "transmitting", "receiving"};
-  if (entity == "Bluetooth" && id >= 0 && id < 4) return kStates[id];
-  return "state " + std::to_string(id);
+std::shared_ptr<Provider> Provider::Publish(std::function<void(const std::string& line)> tell) {
+  constexpr char kName[] = "power.stats-vendor";
+  if (ndk::SpAIBinder(AServiceManager_checkService(kName)).get() != nullptr) return nullptr;
+  ABinderProcess_setThreadPoolMaxThreadCount(1);
+  ABinderProcess_startThreadPool();
+  auto provider = ndk::SharedRefBase::make<Provider>(std::move(tell));
+  const bool added = AServiceManager_addService(provider->asBinder().get(), kName) == EX_NONE;
+  return added ? provider : nullptr;
 }
-
-std::string Line(const std::string& entity, const StateResidency& state) {
-  return entity + " " + StateName(entity, state.id) + ": " +
-         std::to_string(state.totalTimeInStateMs) + " ms, entered " +
-         std::to_string(state.totalStateEntryCount) + " times, last at " +
-         std::to_string(state.lastEntryTimestampMs) + " ms\n";
-}
-
-}  // namespace
 
 Provider::Provider(std::function<void(const std::string&)> tell)
     : tell_(std::move(tell)), death_(AIBinder_DeathRecipient_new([](void* cookie) {
@@ -65,21 +57,25 @@ void Provider::DropDead() {
   }
 }
 
-std::string Provider::Read() {
+std::vector<Reading> Provider::Read() {
   std::map<std::string, std::shared_ptr<Callback>> entities;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     entities = entities_;
   }
-  if (entities.empty()) return "nobody has registered\n";
-  std::string text;
+  std::vector<Reading> readings;
   for (const auto& [name, callback] : entities) {
-    std::vector<StateResidency> states;
-    const ndk::ScopedAStatus status = callback->getStateResidency(&states);
-    if (!status.isOk()) text += name + ": no reading: " + status.getDescription() + "\n";
-    for (const StateResidency& state : states) text += Line(name, state);
+    Reading reading{name, {}, ""};
+    const ndk::ScopedAStatus status = callback->getStateResidency(&reading.states);
+    if (!status.isOk()) reading.mistake = status.getDescription();
+    readings.push_back(std::move(reading));
   }
-  return text;
+  return readings;
+}
+
+std::string StateName(const std::string& entity, int id) {
+  static const char* const kStates[] = {"idle", "active", "transmit", "receive"};
+  return entity == "Bluetooth" && id >= 0 && id < 4 ? kStates[id] : "state " + std::to_string(id);
 }
 
 }  // namespace powerstats

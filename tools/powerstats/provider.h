@@ -9,11 +9,18 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace powerstats {
 
-// Its name among the services.
-inline constexpr char kInstance[] = "power.stats-vendor";
+using StateResidency = ::aidl::android::hardware::power::stats::StateResidency;
+
+// What an entity answers.
+struct Reading {
+  std::string entity;
+  std::vector<StateResidency> states;
+  std::string mistake;  // why there are none; else empty
+};
 
 // Holds the callbacks of the entities that have registered, by name. Calls come on the threads of
 // the binder pool. A callback whose process has died is dropped.
@@ -21,17 +28,19 @@ class Provider : public aidl::android::vendor::powerstats::BnTavioStateResidency
  public:
   using Callback = aidl::android::vendor::powerstats::ITavioStateResidencyCallback;
 
-  // tell gets a line for each thing that happens: "registered NAME", "unregistered NAME",
-  // "died NAME". It runs on any thread, one at a time.
+  // Publishes one under the name that entities look for; null when another process has, or cannot
+  // be asked. tell gets a line for each thing that happens: "registered NAME", "unregistered NAME",
+  // "died NAME"; it runs on any thread, one at a time.
+  static std::shared_ptr<Provider> Publish(std::function<void(const std::string& line)> tell);
+
   explicit Provider(std::function<void(const std::string& line)> tell);
 
   ndk::ScopedAStatus registerCallback(const std::string& name,
                                       const std::shared_ptr<Callback>& callback) override;
   ndk::ScopedAStatus unregisterCallback(const std::shared_ptr<Callback>& callback) override;
 
-  // Asks every entity for its totals: one line a state, or one that says why there is none. Blocks
-  // until all have answered or died.
-  std::string Read();
+  // Asks every entity for its totals. Blocks until all have answered or died.
+  std::vector<Reading> Read();
 
  private:
   void DropDead();
@@ -41,5 +50,8 @@ class Provider : public aidl::android::vendor::powerstats::BnTavioStateResidency
   std::mutex mutex_;
   std::map<std::string, std::shared_ptr<Callback>> entities_ GUARDED_BY(mutex_);
 };
+
+// The name of a state; those of the Bluetooth controller are known.
+std::string StateName(const std::string& entity, int id);
 
 }  // namespace powerstats
