@@ -12,7 +12,6 @@
 
 #include "tests/support/wait.h"
 #include "tests/system/handset.h"
-#include "tests/system/handset_trace.h"
 
 namespace {
 
@@ -75,17 +74,16 @@ double LoggedMs(const std::string& log, const std::string& text) {
 }
 
 Result BringUp(const Case& what) {
-  const test::TempDir folder;
-  test::Handset handset(test::Mode::kPlain,
-                        {"--pace", "--chip", what.chip, "--firmware-size",
-                         std::to_string(what.firmware_bytes), "--trace", folder / "trace"});
+  test::Handset handset(
+      "", test::Mode::kPlain,
+      {"--pace", "--chip", what.chip, "--firmware-size", std::to_string(what.firmware_bytes)});
   handset.StartService();
   const test::CtlResult used = handset.Ctl({"--no-holder", "cmd", "read_bd_addr"});
   if (used.exit_code != 0) throw std::runtime_error(used.output);
   const std::string log = handset.Log();
   const double measured = LoggedMs(log, "BluetoothHci::initialize() completed") -
                           LoggedMs(log, "bthal.zvkbtlinux: initialize_impl");
-  return {LineMs(test::ReadTrace(folder / "trace")), measured};
+  return {LineMs(handset.Trace()), measured};
 }
 
 bool Measure(const Case& what, int runs) {

@@ -1,29 +1,31 @@
 #include "system/board.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <filesystem>
+#include <map>
 #include <stdexcept>
 
 namespace test {
 namespace {
 
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
 constexpr char kUart[] = "/dev/ttyBT7";
 constexpr uint16_t kReadChipId = 0xFC79;
 constexpr uint16_t kReadLocalName = 0x0C14;
 
-std::vector<std::string> ContentsOf(const std::string& folder) {
-  std::vector<std::string> paths;
-  std::error_code none;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, none)) {
-    if (entry.is_regular_file()) paths.push_back(entry.path());
+Vector ErrorCode(int code) {
+  for (const Vector& v : LoadVectors("error_codes.txt")) {
+    if (v.name == std::to_string(code)) return v;
   }
-  std::sort(paths.begin(), paths.end());
-  std::vector<std::string> contents;
-  for (const std::string& path : paths) contents.push_back(ReadFile(path));
-  return contents;
+  throw std::runtime_error("no error code " + std::to_string(code));
 }
 
 }  // namespace
@@ -40,7 +42,7 @@ Board::Board(Mode mode, const WireVector& vector) {
   for (const char* folder : {"dev", "data/vendor/ssrdump/coredump", "sys/power"}) {
     std::filesystem::create_directories(Path(folder));
   }
-  std::filesystem::create_symlink(pty_.path(), root() + kUart);
+  std::filesystem::create_symlink(pty_.path(), folder_.path() + kUart);
   if (mkfifo(Path("dev/wbrc").c_str(), 0600) != 0) throw std::runtime_error("mkfifo");
   WriteFile(Path("sys/class/rfkill/rfkill0/type"), "bluetooth\n");
   for (const char* file :
@@ -71,27 +73,45 @@ void Board::Play(ScriptedController::Script script) {
   controller_ = std::make_unique<ScriptedController>(pty_, std::move(script));
 }
 
-void Board::StartService(const std::vector<std::string>& prefix) {
-  std::vector<std::string> command = prefix;
-  command.push_back(ServiceProgram());
+void Board::StartService() {
   service_ = std::make_unique<ChildProcess>(
-      command, std::map<std::string, std::string>{{"BTHAL_ROOT", root()}, {"BTHAL_LOG", "debug"}});
+      std::vector<std::string>{ServiceProgram()},
+      std::map<std::string, std::string>{{"BTHAL_ROOT", folder_.path()}, {"BTHAL_LOG", "debug"}});
 }
 
 void Board::StartStack(const std::vector<std::string>& arguments) {
-  std::vector<std::string> command = {StackProgram()};
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  stack_ = std::make_unique<ChildProcess>(
-      command, std::map<std::string, std::string>{{"BTHAL_ROOT", root()},
-                                                  {"BTHAL_LOOKUP_TIMEOUT_MS", "30000"}});
+  stack_ = StartStackOn(folder_.path(), arguments);
 }
 
-std::vector<std::string> Board::CrashInfos() const {
-  return ContentsOf(Path("data/vendor/ssrdump"));
+Board::Evidence Board::Left() const {
+  return {ContentsOf(Path("data/vendor/ssrdump")), ContentsOf(Path("data/vendor/ssrdump/coredump")),
+          ContentsOf(Path("data/tombstones"))};
 }
-std::vector<std::string> Board::CoreDumps() const {
-  return ContentsOf(Path("data/vendor/ssrdump/coredump"));
+
+std::string RootInflammation(int code) {
+  return "event " + ToHex({0xFF, 0x04, 0x58, 0x05, 0x00, static_cast<uint8_t>(code)}) + "\n";
 }
-std::vector<std::string> Board::Tombstones() const { return ContentsOf(Path("data/tombstones")); }
+
+void ExpectDeath(int code, const std::string& reason, const std::optional<ChildResult>& end,
+                 const std::string& log, const Board::Evidence& evidence) {
+  const Vector error = ErrorCode(code);
+  const std::string &function = error.fields[0], &message = error.fields[1];
+  const std::string last_words = "Bluetooth HAL crash with error code 0, vendor error code " +
+                                 std::to_string(code) + ", extra info: " + reason;
+  ASSERT_TRUE(end) << "the service lives";
+  EXPECT_EQ(end->signal, SIGABRT);
+  EXPECT_THAT(log, HasSubstr("ReportBqrError: root inflamed event with reason: " + message + " (" +
+                             std::to_string(code) + ")\n"));
+  EXPECT_THAT(log, HasSubstr(last_words + "\n"));
+  EXPECT_THAT(evidence.crash_infos,
+              ElementsAre(HasSubstr("crash_reason: " + message + "\ncrash_count: 1\n")));
+  EXPECT_THAT(evidence.core_dumps,
+              ElementsAre(AllOf(StartsWith("DUMP REASON: " + message + " - occurred at "),
+                                HasSubstr(": " + reason + "\n"))));
+  EXPECT_THAT(
+      evidence.tombstones,
+      ElementsAre(AllOf(HasSubstr("(SIGABRT)"), HasSubstr("Abort message: '" + last_words + "'\n"),
+                        HasSubstr("::" + function + "("))));
+}
 
 }  // namespace test

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,25 +28,24 @@ class Board {
 
   // The controller's side. script sees the packets in the order of their arrival.
   void Play(ScriptedController::Script script);
-  std::vector<Bytes> Commands() { return controller_->Commands(); }
   // Returns what of an unfinished packet has arrived by then.
   Bytes StopPlaying() { return controller_->Stop(); }
   Pty& pty() { return pty_; }
 
-  // prefix comes before the service's own command.
-  void StartService(const std::vector<std::string>& prefix = {});
+  void StartService();
   void StartStack(const std::vector<std::string>& arguments = {});
   ChildProcess& service() { return *service_; }
   ChildProcess* stack() { return stack_.get(); }
   std::string Log() const { return service_->Output(); }
   std::string StackOutput() const { return stack_ == nullptr ? "" : stack_->Output(); }
-
-  const std::string& root() const { return folder_.path(); }
   std::string Path(const std::string& path) const { return folder_ / path; }
-  // Contents of the files there, ordered by name.
-  std::vector<std::string> CrashInfos() const;
-  std::vector<std::string> CoreDumps() const;
-  std::vector<std::string> Tombstones() const;
+
+  // Contents of the files that a service leaves behind, ordered by name.
+  struct Evidence {
+    std::vector<std::string> crash_infos, core_dumps, tombstones;
+    bool Empty() const { return crash_infos.empty() && core_dumps.empty() && tombstones.empty(); }
+  };
+  Evidence Left() const;
 
  private:
   TempDir folder_{TempDir::Where::kInMemory};
@@ -56,5 +54,13 @@ class Board {
   std::unique_ptr<ChildProcess> service_;
   std::unique_ptr<ChildProcess> stack_;
 };
+
+// What system_test_stack prints of the event that a stack gets with a report.
+std::string RootInflammation(int code);
+
+// Expects an abort in the function that belongs to code, one pair of crash files and one tombstone.
+// reason: the reporter's additional text.
+void ExpectDeath(int code, const std::string& reason, const std::optional<ChildResult>& end,
+                 const std::string& log, const Board::Evidence& evidence);
 
 }  // namespace test

@@ -1,132 +1,72 @@
-// The same service in front of the same controller, with a co-processor between them.
+// A co-processor between service and controller that dies, refuses requests or sends broken
+// messages.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <filesystem>
-
 #include "support/wait.h"
 #include "system/handset.h"
+#include "system/parallel.h"
 
 namespace test {
 namespace {
 
 using ::testing::HasSubstr;
 
-bool StatusHolds(const Handset& handset, const std::string& text) {
-  return WaitFor(
-      [&] { return ReadFile(handset.Path("run/zvksim/status")).find(text) != std::string::npos; });
-}
+constexpr char kGone[] = "Handle Qvr Connection Event Error";
+constexpr char kLost[] = "event FF 04 58 05 00 D6\n";  // what the stack is told of the same
 
-// What the crash information files say.
-std::string CrashReports(const Handset& handset) {
-  std::string text;
-  for (const auto& entry :
-       std::filesystem::directory_iterator(handset.Path("data/vendor/ssrdump"))) {
-    if (entry.is_regular_file()) text += ReadFile(entry.path());
-  }
-  return text;
-}
-
-TEST(CoProcessor, BringUpAndPowerOff_SetPowerSpeedAndSleepOfTheLine) {
-  Handset handset(Mode::kPlain, {"--co-processor"});
-  handset.StartService();
-  ASSERT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
-  EXPECT_TRUE(StatusHolds(handset, "\"line_baud\": 6144000"));
-  EXPECT_TRUE(StatusHolds(handset, "\"low_power\": true"));
-  EXPECT_TRUE(StatusHolds(handset, "\"patched\": true"));
-  EXPECT_EQ(handset.Ctl({"down"}).exit_code, 0);
-  EXPECT_TRUE(StatusHolds(handset, "\"connected\": false"));
-  EXPECT_TRUE(StatusHolds(handset, "\"on\": false"));
-  EXPECT_TRUE(StatusHolds(handset, "\"powered\": false"));
-  EXPECT_EQ(handset.Ctl({"info"}).exit_code, 0) << "it comes up again";
-}
-
-TEST(CoProcessorSlow, Faults_EndTheServiceWithTheirReport) {
-  struct Row {
+TEST(CoProcessor, ThatFails_EndsTheServiceWithItsReportOrTheStackIsTold) {
+  const struct {
     const char* scenario;
-    int signal;
-    const char* reason;  // in a crash information file; or none
-  };
-  const Row rows[] = {
-      {"at 0s co-absent\n", SIGABRT, "Qvr Transport Prepare Failed"},
-      {"request power nth 2 status 5\n", SIGKILL, ""},
-      {"request power nth 2 no-answer\n", SIGKILL, ""},
-      {"request packet nth 3 co-disconnect\n", SIGABRT, "Handle Qvr Connection Event Error"},
-      {"after 0xFC27 nth 1 1s co-disconnect\n", SIGABRT, "Handle Qvr Connection Event Error"},
-      {"after 0xFC27 nth 1 1s co-absent\n", SIGABRT, "Handle Qvr Connection Event Error"},
-      {"after 0xFC27 nth 1 1s co-garbage 100\n", SIGABRT, "Handle Qvr Connection Event Error"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.scenario);
-    TempDir folder;
-    WriteFile(folder / "scenario", row.scenario);
-    Handset handset(Mode::kAccelerated, {"--co-processor", "--firmware-size", "2000", "--scenario",
-                                         folder / "scenario"});
-    handset.StartService();
-    const auto end = handset.service().Wait(kDeadline);
-    ASSERT_TRUE(end.has_value()) << handset.Log();
-    EXPECT_EQ(end->signal, row.signal) << handset.Log();
-    EXPECT_THAT(CrashReports(handset), HasSubstr(row.reason));
-  }
-}
-
-TEST(CoProcessor, ThatDiesOrRefuses_TheStackIsTold) {
-  constexpr char kLost[] = "event FF 04 58 05 00 D6\n";
-  struct Row {
-    const char* scenario;
-    bool survives;
-    std::string stack;  // what it says
-  };
-  const Row rows[] = {
-      // It is told of the error first, and then of the attachment, which stands.
-      {"request power nth 2 status 5\n", true, "complete 2\ncomplete 0\ninitialize done\n"},
-      {"request packet nth 3 co-disconnect\n", false, kLost + std::string("initialize failed\n")},
-      {"after 0xFC01 nth 1 500ms co-disconnect\n", false,
+    int signal;          // 0: the service lives
+    const char* reason;  // in the crash information file, if there is one
+    std::string stack;   // what a stack prints, in plain mode; empty: accelerated, without a stack
+  } rows[] = {
+      {"at 0s co-absent\n", SIGABRT, "Qvr Transport Prepare Failed", ""},
+      {"request power nth 2 status 5\n", SIGKILL, "", ""},
+      {"request power nth 2 no-answer\n", SIGKILL, "", ""},
+      {"request packet nth 3 co-disconnect\n", SIGABRT, kGone, ""},
+      {"after 0xFC27 nth 1 500ms co-absent\n", SIGABRT, kGone, ""},
+      {"after 0xFC27 nth 1 500ms co-garbage 100\n", SIGABRT, kGone, ""},
+      // The stack is told of the error first, then of its attachment, which stands.
+      {"request power nth 2 status 5\n", 0, "", "complete 2\ncomplete 0\ninitialize done\n"},
+      {"request packet nth 3 co-disconnect\n", SIGABRT, kGone,
+       kLost + std::string("initialize failed\n")},
+      {"after 0xFC01 nth 1 500ms co-disconnect\n", SIGABRT, kGone,
        std::string("complete 0\ninitialize done\n") + kLost},
   };
-  for (const Row& row : rows) {
+  InParallel<int>(std::size(rows), [&](size_t i) {
+    const auto& row = rows[i];
     SCOPED_TRACE(row.scenario);
-    TempDir folder;
-    WriteFile(folder / "scenario", row.scenario);
-    Handset handset(Mode::kPlain, {"--co-processor", "--scenario", folder / "scenario"});
+    Handset handset(row.scenario, row.stack.empty() ? Mode::kAccelerated : Mode::kPlain,
+                    {"--co-processor", "--firmware-size", "2000"});
     handset.StartService();
-    ChildProcess stack({StackProgram()}, {{"BTHAL_ROOT", handset.root()}});
-    EXPECT_TRUE(stack.WaitForOutput(row.stack, kDeadline)) << stack.Output() << handset.Log();
-    if (row.survives) {
+    if (!row.stack.empty()) {
+      const auto stack = handset.StartStack();
+      EXPECT_TRUE(stack->WaitForOutput(row.stack, kDeadline)) << stack->Output() << handset.Log();
+    }
+    if (row.signal == 0) {
       EXPECT_FALSE(handset.service().Wait(std::chrono::milliseconds(0))) << handset.Log();
       EXPECT_THAT(handset.Log(), HasSubstr("send err 0, resp err 5"));
-      continue;
+      return 0;
     }
     const auto end = handset.service().Wait(kDeadline);
-    ASSERT_TRUE(end.has_value()) << handset.Log();
-    EXPECT_EQ(end->signal, SIGABRT) << handset.Log();
-    EXPECT_EQ(stack.Output(), row.stack);
-    EXPECT_THAT(CrashReports(handset), HasSubstr("Handle Qvr Connection Event Error"));
-  }
-}
-
-TEST(CoProcessor, ThatDiesInMidTransfer_EndsTheServiceAndWhatUsesIt) {
-  TempDir folder;
-  WriteFile(folder / "scenario", "request packet nth 300 co-disconnect\n");
-  Handset handset(Mode::kPlain, {"--co-processor", "--scenario", folder / "scenario"});
-  handset.StartService();
-  const CtlResult data = handset.Ctl({"--no-holder", "loopback", "--bytes", "10000000"});
-  EXPECT_EQ(data.exit_code, 3) << data.output;
-  const auto end = handset.service().Wait(kDeadline);
-  ASSERT_TRUE(end.has_value()) << handset.Log();
-  EXPECT_EQ(end->signal, SIGABRT) << handset.Log();
-  EXPECT_THAT(CrashReports(handset), HasSubstr("Handle Qvr Connection Event Error"));
+    EXPECT_TRUE(end && end->signal == row.signal) << handset.Log();
+    std::string reports;
+    for (const std::string& text : ContentsOf(handset.Path("data/vendor/ssrdump"))) reports += text;
+    EXPECT_THAT(reports, HasSubstr(row.reason));
+    return 0;
+  });
 }
 
 TEST(CoProcessor, BrokenMessages_AreNamedAndTheNextIsHeard) {
-  TempDir folder;
-  WriteFile(folder / "scenario",
-            "after 0xFC27 nth 1 co-event 12 01 02\n"
-            "after 0xFC27 nth 1 co-table 8 01 02 03\n"
-            "after 0xFC27 nth 1 co-truncated\n"
-            "after 0xFC27 nth 1 co-table 9 01 02 03\n");
-  Handset handset(Mode::kAccelerated, {"--co-processor", "--scenario", folder / "scenario"});
+  Handset handset(
+      "after 0xFC27 nth 1 co-event 12 01 02\n"
+      "after 0xFC27 nth 1 co-table 8 01 02 03\n"
+      "after 0xFC27 nth 1 co-truncated\n"
+      "after 0xFC27 nth 1 co-table 9 01 02 03\n",
+      Mode::kAccelerated, {"--co-processor"});
   handset.StartService();
   EXPECT_EQ(handset.Ctl({"info"}).exit_code, 0) << handset.Log();
   EXPECT_THAT(handset.Log(), HasSubstr("qvr_message_handler: Unimplemented packet type 12"));

@@ -1,4 +1,4 @@
-// A host stack that nobody here wrote works on top of the service.
+// A host stack of other authors works on top of the service.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,16 +11,10 @@ namespace {
 
 using ::testing::HasSubstr;
 
-class ForeignStack : public ::testing::TestWithParam<Mode> {};
-
-INSTANTIATE_TEST_SUITE_P(InEachMode, ForeignStack,
-                         ::testing::Values(Mode::kAccelerated, Mode::kPlain),
-                         [](const auto& mode) { return ModeName(mode.param); });
-
-TEST_P(ForeignStack, OnTheH4Port_ScansConnectsReadsWritesAndIsNotified) {
+TEST(ForeignStack, OnTheH4Port_ScansConnectsReadsWritesAndIsNotified) {
   const char* skip = std::getenv("BTHAL_NO_NODE");
   if (skip != nullptr && std::string(skip) == "1") GTEST_SKIP() << "BTHAL_NO_NODE=1";
-  Handset handset(GetParam());
+  Handset handset(Mode::kPlain);
   handset.StartService();
   const std::string port = handset.Path("h4");
   ChildProcess server(handset.CtlCommand({"serve-h4", "--unix", port}));

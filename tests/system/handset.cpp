@@ -2,9 +2,11 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "support/wait.h"
@@ -18,12 +20,42 @@ std::string ServiceProgram() {
 }
 
 bool OnCoProcessor() { return std::getenv("BTHAL_TEST_CO_PROCESSOR") != nullptr; }
-std::string StackProgram() { return ProgramDir() + "/../tests/system_test_stack"; }
+
+std::unique_ptr<ChildProcess> StartStackOn(const std::string& root,
+                                           const std::vector<std::string>& arguments) {
+  std::vector<std::string> command = {ProgramDir() + "/../tests/system_test_stack"};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return std::make_unique<ChildProcess>(command,
+                                        std::map<std::string, std::string>{{"BTHAL_ROOT", root}});
+}
+
+std::vector<std::string> ContentsOf(const std::string& folder) {
+  std::vector<std::string> paths;
+  std::error_code none;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, none)) {
+    if (entry.is_regular_file()) paths.push_back(entry.path());
+  }
+  std::sort(paths.begin(), paths.end());
+  for (std::string& path : paths) path = ReadFile(path);
+  return paths;
+}
 
 Handset::Handset(Mode mode, const std::vector<std::string>& simulator_options) {
+  StartSimulator(mode, simulator_options);
+}
+
+Handset::Handset(const std::string& scenario, Mode mode,
+                 const std::vector<std::string>& simulator_options) {
+  WriteFile(Path("scenario"), scenario);
+  std::vector<std::string> options = {"--scenario", Path("scenario"), "--trace", Path("trace")};
+  options.insert(options.end(), simulator_options.begin(), simulator_options.end());
+  StartSimulator(mode, options);
+}
+
+void Handset::StartSimulator(Mode mode, const std::vector<std::string>& options) {
   std::vector<std::string> command = {ProgramDir() + "/zvksim", "--root", root()};
   if (OnCoProcessor()) command.push_back("--co-processor");
-  command.insert(command.end(), simulator_options.begin(), simulator_options.end());
+  command.insert(command.end(), options.begin(), options.end());
   simulator_.emplace(command);
   if (!simulator_->WaitForOutput("ready ", kDeadline)) {
     throw std::runtime_error("zvksim is not ready: " + simulator_->Output());
@@ -44,6 +76,27 @@ void Handset::KillService() {
   service_->Wait(kDeadline);
 }
 
+std::string Handset::Status() const { return ReadFile(Path("run/zvksim/status")); }
+
+bool Handset::WaitForStatus(const std::string& text) const {
+  return WaitFor([&] { return Status().find(text) != std::string::npos; });
+}
+
+std::vector<TraceLine> Handset::Trace() const {
+  std::string text = ReadFile(Path("trace"));
+  text.resize(text.rfind('\n') == std::string::npos ? 0 : text.rfind('\n') + 1);
+  std::istringstream in(text);
+  std::vector<TraceLine> lines;
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream words(line);
+    TraceLine parsed{};
+    words >> parsed.seconds >> parsed.direction >> std::ws;
+    std::getline(words, parsed.text);
+    lines.push_back(parsed);
+  }
+  return lines;
+}
+
 std::vector<std::string> Handset::CtlCommand(const std::vector<std::string>& arguments) const {
   std::vector<std::string> command = {ProgramDir() + "/bthalctl", "--root", root(), "--wait", "20"};
   command.insert(command.end(), arguments.begin(), arguments.end());
@@ -55,6 +108,10 @@ CtlResult Handset::Ctl(const std::vector<std::string>& arguments,
   CtlResult result;
   result.exit_code = Run(CtlCommand(arguments), &result.output, {}, deadline).exit_code;
   return result;
+}
+
+std::unique_ptr<ChildProcess> Handset::StartStack(const std::vector<std::string>& arguments) const {
+  return StartStackOn(root(), arguments);
 }
 
 }  // namespace test

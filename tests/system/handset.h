@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -21,6 +22,13 @@ struct CtlResult {
   std::string output;  // stdout and stderr
 };
 
+// One line of a simulator's trace.
+struct TraceLine {
+  double seconds;  // since its start
+  char direction;  // '>' from the host, '<' to it, '-' the handset itself
+  std::string text;
+};
+
 // Whether the controller hangs on a co-processor: BTHAL_TEST_CO_PROCESSOR is in the environment.
 bool OnCoProcessor();
 
@@ -29,6 +37,9 @@ class Handset {
  public:
   // Starts the simulator and waits until it is ready; the service is not started yet.
   explicit Handset(Mode mode, const std::vector<std::string>& simulator_options = {});
+  // The same, playing a scenario and keeping a trace.
+  Handset(const std::string& scenario, Mode mode,
+          const std::vector<std::string>& simulator_options = {});
 
   void StartService();
   // Ends the service for good, as a platform that restarts it would.
@@ -39,18 +50,32 @@ class Handset {
   std::string Path(const std::string& path) const { return folder_ / path; }
   // The service's log so far.
   std::string Log() const { return service_->Output(); }
+  // What the simulator tells of the handset's state.
+  std::string Status() const;
+  bool WaitForStatus(const std::string& text) const;
+  // The whole lines that are there by now.
+  std::vector<TraceLine> Trace() const;
 
   std::vector<std::string> CtlCommand(const std::vector<std::string>& arguments) const;
   CtlResult Ctl(const std::vector<std::string>& arguments,
                 std::chrono::milliseconds deadline = std::chrono::minutes(2)) const;
+  // A stack of its own process: see stack_program.cpp.
+  std::unique_ptr<ChildProcess> StartStack(const std::vector<std::string>& arguments = {}) const;
 
  private:
+  void StartSimulator(Mode mode, const std::vector<std::string>& options);
+
   TempDir folder_;
   std::optional<ChildProcess> simulator_;
   std::optional<ChildProcess> service_;
 };
 
 std::string ServiceProgram();
-std::string StackProgram();  // system_test_stack
+// Runs system_test_stack on a root folder.
+std::unique_ptr<ChildProcess> StartStackOn(const std::string& root,
+                                           const std::vector<std::string>& arguments);
+
+// The contents of the files in a folder, ordered by name.
+std::vector<std::string> ContentsOf(const std::string& folder);
 
 }  // namespace test

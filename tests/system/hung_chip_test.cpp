@@ -50,21 +50,17 @@ INSTANTIATE_TEST_SUITE_P(When, HungChip, ::testing::ValuesIn(kCases),
 
 TEST_P(HungChip, EveryWayOutEndsAndTheNextStackIsServed) {
   const HungChipCase& row = GetParam();
-  TempDir folder;
-  WriteFile(folder / "scenario", row.scenario);
-  Handset handset(row.mode, {"--scenario", folder / "scenario", "--trace", folder / "trace",
-                             "--firmware-size", row.way == Way::kDownload ? "1000000" : "2000"});
+  Handset handset(row.scenario, row.mode,
+                  {"--firmware-size", row.way == Way::kDownload ? "1000000" : "2000"});
   handset.StartService();
   const bool closes = row.way == Way::kStackCloses;
-  ChildProcess stack({ProgramDir() + "/../tests/system_test_rogue_stack", "main", "0", "flood",
-                      closes ? "1500" : "40000"},
-                     {{"BTHAL_ROOT", handset.root()}});
+  const auto stack = handset.StartStack({"main", "0", "flood", closes ? "1500" : "40000"});
   size_t before = 0;
   const auto tell = [&] { return CountOf(row.ends_with, handset.Log()); };
   if (row.way != Way::kDownload && row.way != Way::kResetNotice) {
-    ASSERT_TRUE(stack.WaitForOutput("ready", kDeadline)) << handset.Log();
+    ASSERT_TRUE(stack->WaitForOutput("ready", kDeadline)) << handset.Log();
     before = tell();
-    ASSERT_TRUE(WaitFor([&] { return CountOf("hang", ReadFile(folder / "trace")) > 0; }));
+    ASSERT_TRUE(WaitFor([&] { return CountOf("hang", ReadFile(handset.Path("trace"))) > 0; }));
     // The line takes nothing any more once the sender has not come on for a while.
     size_t lines = 0;
     auto since = std::chrono::steady_clock::now();
@@ -74,7 +70,7 @@ TEST_P(HungChip, EveryWayOutEndsAndTheNextStackIsServed) {
       if (std::exchange(lines, written) != written) since = now;
       return now - since > std::chrono::milliseconds(300);
     }));
-    if (row.way == Way::kStackDies) stack.Signal(SIGKILL);
+    if (row.way == Way::kStackDies) stack->Signal(SIGKILL);
     if (row.way == Way::kTermination) handset.service().Signal(SIGTERM);
   }
   // 2 s for the line to count as stuck, and what the rest takes on a loaded machine.
@@ -86,7 +82,7 @@ TEST_P(HungChip, EveryWayOutEndsAndTheNextStackIsServed) {
     EXPECT_EQ(end->signal, row.signal);
     return;
   }
-  stack.Signal(SIGKILL);
+  stack->Signal(SIGKILL);
   const CtlResult next = handset.Ctl({"--no-holder", "cmd", "reset"});
   EXPECT_EQ(next.exit_code, 0) << next.output << handset.Log();
 }

@@ -1,4 +1,4 @@
-// Rows of a table that mostly wait, run side by side; their results are judged afterwards.
+// Runs the rows of a table side by side, as they mostly wait; the results are judged afterwards.
 #pragma once
 
 #include <algorithm>

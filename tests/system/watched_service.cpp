@@ -3,10 +3,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <filesystem>
+#include <map>
 #include <random>
-#include <thread>
 
 #include "support/vectors.h"
 #include "support/wait.h"
@@ -14,29 +13,8 @@
 namespace test {
 namespace {
 
-// By name. A thread may end while they are listed.
-std::vector<std::string> Threads(pid_t pid) {
-  std::vector<std::string> names;
-  std::error_code gone;
-  const std::string folder = "/proc/" + std::to_string(pid) + "/task";
-  for (const auto& task : std::filesystem::directory_iterator(folder, gone)) {
-    const std::string name = ReadFile((task.path() / "comm").string());
-    names.push_back(name.substr(0, name.find('\n')));
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-std::vector<std::string> Descriptors(pid_t pid) {
-  std::vector<std::string> all;
-  std::error_code ignored;
-  for (const auto& entry :
-       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ignored)) {
-    all.push_back(std::filesystem::read_symlink(entry.path(), ignored).string());
-  }
-  std::sort(all.begin(), all.end());
-  return all;
-}
+// There are 21 while Bluetooth is up.
+constexpr int kMostDescriptors = 26;
 
 // What follows text up to the end of its line, where it stands last; empty when it does not.
 std::string RestOfLine(const std::string& all, const std::string& text) {
@@ -55,12 +33,9 @@ std::string Tail(const std::string& log) {
   return log.size() > kShown ? "…" + log.substr(log.size() - kShown) : log;
 }
 
-WatchedService::WatchedService(Mode mode, const std::vector<std::string>& simulator_options)
-    : handset_(mode, simulator_options) {}
-
 std::string WatchedService::WaitForEnd() {
-  const std::optional<ChildResult> end = handset_.service().Wait(kDeadline);
-  const std::string log = handset_.Log();
+  const std::optional<ChildResult> end = service().Wait(kDeadline);
+  const std::string log = Log();
   if (!end) return "the service does not end\n" + Tail(log);
   const auto wrong = [&](const std::string& what) {
     return what + ", signal " + std::to_string(end->signal) + ", exit " +
@@ -75,7 +50,7 @@ std::string WatchedService::WaitForEnd() {
   if (end->signal == SIGTERM) {
     return Has(log, "sigaction(SIGTERM)") ? wrong("SIGTERM was not handled") : "";
   }
-  // The line was taken away: there is nobody left to report to.
+  // A port that cannot be read ends the process without a report.
   if (end->signal == SIGABRT && Has(log, "Read packet type error: ")) return "";
   if (end->signal != SIGABRT || reported.empty()) return wrong("the service died without a report");
   if (!Has(log, "Bluetooth HAL crash with error code 0, vendor error code ")) {
@@ -85,51 +60,39 @@ std::string WatchedService::WaitForEnd() {
   std::string crash_info = Replaced(core_dump, "coredump/coredump_bt_", "crashinfo_bt_");
   crash_info = Replaced(crash_info, ".bin", ".txt");
   for (const std::string& file : {core_dump, crash_info}) {
-    if (file.empty() || !std::filesystem::exists(handset_.root() + file)) {
+    if (file.empty() || !std::filesystem::exists(root() + file))
       return wrong("there is no " + file);
-    }
   }
   return "";
 }
 
-WatchedService::Possessions WatchedService::Owns() {
-  const pid_t pid = handset_.service().pid();
-  return {Threads(pid), Descriptors(pid)};
+std::string WatchedService::WaitForRest() {
+  const std::string process = "/proc/" + std::to_string(service().pid());
+  std::map<std::string, int> threads;
+  int descriptors = 0;
+  const auto rests = [&] {
+    threads.clear();
+    std::error_code gone;  // a thread may end while they are listed
+    for (const auto& task : std::filesystem::directory_iterator(process + "/task", gone)) {
+      ++threads[ReadFile((task.path() / "comm").string())];
+    }
+    descriptors = CountDescriptors(service().pid());
+    for (const auto& [name, count] : threads) {
+      const bool named = name.rfind("android.hardwar", 0) != 0;  // the main one, or the NDK's
+      if (count > (named ? 1 : 2)) return false;
+    }
+    return descriptors <= kMostDescriptors;
+  };
+  if (WaitFor(rests)) return "";
+  return ::testing::PrintToString(threads) + ", " + std::to_string(descriptors) + " descriptors\n" +
+         Tail(Log());
 }
 
-std::string WatchedService::WaitForNoMoreThan(const Possessions& before) {
-  Possessions now{};
-  if (WaitFor([&] {
-        now = Owns();
-        return now.threads.size() <= before.threads.size() &&
-               now.descriptors.size() <= before.descriptors.size();
-      })) {
-    return "";
-  }
-  return ::testing::PrintToString(now.threads) + "; " + ::testing::PrintToString(now.descriptors) +
-         "\nbefore\n" + ::testing::PrintToString(before.threads) + "; " +
-         ::testing::PrintToString(before.descriptors) + "\n" + Tail(handset_.Log());
-}
-
-bool WatchedService::WaitForReleasedWakeLock() {
+bool WatchedService::WaitForReleasedWakeLock() const {
   return WaitFor([&] {
-    const std::string status = ReadFile(handset_.Path("run/zvksim/status"));
+    const std::string status = Status();
     return !status.empty() && status.find("\"held\": true") == std::string::npos;
   });
-}
-
-void OnEach(int count, const std::function<void(int index)>& run) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < count; ++i) {
-    threads.emplace_back([&run, i] {
-      try {
-        run(i);
-      } catch (const std::exception& error) {
-        ADD_FAILURE() << "handset " << i << ": " << error.what();
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
 }
 
 unsigned NewSeed() {

@@ -1,0 +1,253 @@
+// Bluetooth on and off again and again, while stacks or the controller do what they should not.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <random>
+
+#include "support/wait.h"
+#include "system/parallel.h"
+#include "system/watched_service.h"
+
+namespace test {
+namespace {
+
+using std::chrono::milliseconds;
+using Plan = std::vector<std::string>;
+
+constexpr int kClosedWell = 0, kServiceDied = 3;
+constexpr int kHandsets = 8;
+// Longer than a bring-up in which every answer is late.
+constexpr std::chrono::seconds kPatience{10};
+
+// A stack that does as it should.
+const Plan kHonest = {"main", "0", "none", "30"};
+
+std::string Number(std::mt19937& random, unsigned below) {
+  return std::to_string(random() % below);
+}
+
+Plan RandomPlan(std::mt19937& random) {
+  const std::string traffic_ms = Number(random, 120);
+  const char* const places[] = {"init", "event", "acl", "sco", "iso"};
+  const std::string place = places[random() % std::size(places)];
+  const std::string nth = place == "init" ? "1" : std::to_string(1 + random() % 20);
+  switch (random() % 8) {
+    case 0:
+    case 1:
+    case 2:
+      return {place, nth, "close", traffic_ms};
+    case 3:
+    case 4:
+      return {place, nth, "die", traffic_ms};
+    case 5:
+      return {"main", Number(random, 30000), "die-in-close", traffic_ms};
+    case 6:
+      return random() % 4 == 0 ? Plan{"main", "5", "cue", "500"} : kHonest;
+    default:
+      return {"main", Number(random, 100), "close", traffic_ms};
+  }
+}
+
+// Reset notices at random moments of some bring-ups, and when a stack sends Read Voice Setting.
+std::string BigHammers(std::mt19937& random) {
+  std::string scenario = "on 0x0C25 coex 0x42\n";
+  for (int power_on = 3; power_on < 400; power_on += 1 + static_cast<int>(random() % 20)) {
+    scenario += "power nth " + std::to_string(power_on) + " " + Number(random, 900) + "ms coex " +
+                (random() % 2 == 0 ? "0x42" : "0x43") + "\n";
+  }
+  return scenario;
+}
+
+// Random faults in the first bring-ups.
+std::string RandomFaults(std::mt19937& random) {
+  const char* const answers[] = {"no-answer",    "late 1900ms",  "late 2100ms", "lost",
+                                 "status 0x0C",  "wrong-opcode", "answer",      "answer 00",
+                                 "zero-credits", "truncated",    "twice",       "command-status",
+                                 "brown-out"};
+  const char* const moments[] = {
+      "hangup",          "silence",       "silence 1500ms",     "stray 0x77",
+      "truncated-event", "noise 20",      "hardware-error 19",  "coex 0x42",
+      "coex 0x43",       "brown-out",     "speed 115200",       "speed 3000000",
+      "split 1 3ms",     "grant 5",       "warm-up 400ms",      "crash 0x00 0x10",
+      "inject 04 0E 00", "soc-dump 3000", "inject 04 FF 01 58", "inject 02 01 00 FF FF"};
+  const char* const commands[] = {"0x0C03", "0xFC79", "0xFC18", "0xFE72", "0xFC2E",
+                                  "0xFC4C", "0xFC4E", "0x0C14", "0xFC27", "0xFC01"};
+  const auto any = [&](const auto& choices) {
+    return std::string(choices[random() % std::size(choices)]);
+  };
+  std::string scenario;
+  for (int i = 0; i < 8; ++i) {
+    if (random() % 2 == 0) {
+      scenario += "power nth " + std::to_string(1 + random() % 8) + " " + Number(random, 900) +
+                  "ms " + any(moments) + "\n";
+    } else {
+      scenario += "on " + any(commands) + " nth " + std::to_string(1 + random() % 10) + " " +
+                  (random() % 3 == 0 ? any(moments) : any(answers)) + "\n";
+    }
+  }
+  return scenario;
+}
+
+struct Tally {
+  std::atomic<int> ready{0};      // cycles in which the controller answered
+  std::atomic<int> ended{0};      // ends of the service
+  std::atomic<int> waiting{0};    // stacks that gave up waiting for the device address
+  std::atomic<int> timed_out{0};  // ends of the service that nothing asked for
+};
+
+// One handset, and a service that is started again whenever it ends.
+class Endurance {
+ public:
+  enum class Controller { kGood, kFaulty };
+
+  Endurance(Mode mode, Controller controller, const std::string& scenario, const char* chip,
+            std::mt19937& random, Tally& tally)
+      : controller_(controller),
+        scenario_(scenario),
+        random_(random),
+        tally_(tally),
+        watched_(scenario, mode, {"--firmware-size", "2000", "--chip", chip}) {
+    watched_.StartService();
+  }
+
+  // A stack or two with random plans, and now and then a signal.
+  void DisturbByStacks() {
+    auto stack = watched_.StartStack(RandomPlan(random_));
+    std::unique_ptr<ChildProcess> second;
+    if (random_() % 3 == 0) {
+      stack->Wait(milliseconds(random_() % 300));
+      second = watched_.StartStack(RandomPlan(random_));
+    }
+    if (random_() % 8 == 0) {
+      stack->Wait(milliseconds(random_() % 1000));
+      watched_.service().Signal(SIGTERM);
+      signalled_ = true;
+    } else if (random_() % 4 == 0) {
+      stack->Wait(milliseconds(random_() % 1000));
+      stack->Signal(SIGKILL);
+    }
+    WaitForEndOf(*stack);
+    if (second) WaitForEndOf(*second);
+    CheckService();
+  }
+
+  // Up, some traffic, down: by close, or by the death of the stack. Returns whether the controller
+  // answered and the service still runs.
+  bool Cycle(bool die) {
+    auto stack = watched_.StartStack({"main", "25", die ? "die" : "none", "50"});
+    if (!stack->Wait(kPatience) && WaitsForTheAddress()) {
+      stack->Signal(SIGKILL);
+      ++tally_.waiting;
+    }
+    WaitForEndOf(*stack);
+    if (!CheckService()) return false;
+    const bool ready = stack->Output().find("answered") != std::string::npos;
+    if (ready) ++tally_.ready;
+    return ready;
+  }
+
+  void ExpectRest() { EXPECT_EQ(watched_.WaitForRest(), "") << scenario_; }
+
+  // Once the faults are used up, a stack is served, and nothing is left behind.
+  void Recover() {
+    bool recovered = false;
+    for (int tries = 0; tries < 20 && !recovered; ++tries) recovered = Cycle(false);
+    EXPECT_TRUE(recovered) << scenario_ << Tail(watched_.Log());
+    ExpectRest();
+    EXPECT_TRUE(watched_.WaitForReleasedWakeLock()) << scenario_ << watched_.Status();
+  }
+
+ private:
+  // A stack must end by its plan or because the service died.
+  void WaitForEndOf(ChildProcess& stack) {
+    const auto end = stack.Wait(std::chrono::minutes(2));
+    EXPECT_TRUE(end && (end->signal == SIGKILL || end->exit_code == kClosedWell ||
+                        end->exit_code == kServiceDied))
+        << "a call into the service does not return\n"
+        << scenario_ << Tail(watched_.Log());
+    if (end && end->exit_code == kServiceDied) watched_.service().Wait(milliseconds(2000));
+  }
+
+  // Returns whether the service still runs; checks its end and starts another one if not.
+  bool CheckService() {
+    if (watched_.Runs()) return true;
+    EXPECT_EQ(watched_.WaitForEnd(), "") << scenario_;
+    const std::string log = watched_.Log();
+    if (controller_ == Controller::kGood && !signalled_ &&
+        CountOf("resetBtCallback called", log) == 0) {
+      printf("nothing asked the service to end\n%s\n", Tail(log).c_str());
+      EXPECT_GT(CountOf(" Result 0x03", log), 0u);
+      ++tally_.timed_out;
+    }
+    ++tally_.ended;
+    watched_.StartService();
+    signalled_ = false;
+    return false;
+  }
+
+  // The one answer that is waited for without a limit.
+  bool WaitsForTheAddress() {
+    const std::string log = watched_.Log();
+    const size_t asked = log.rfind("Provision: BDADDR");
+    const size_t completed = log.rfind("initialize() completed");
+    return asked != std::string::npos && (completed == std::string::npos || completed < asked);
+  }
+
+  const Controller controller_;
+  const std::string scenario_;
+  std::mt19937& random_;
+  Tally& tally_;
+  WatchedService watched_;
+  bool signalled_ = false;  // this service, with SIGTERM
+};
+
+// Runs play for each handset, several at a time, each with its own seed.
+Tally& PlayOnEach(int handsets, const std::function<void(Mode, std::mt19937&, Tally&)>& play) {
+  static Tally tally;
+  const unsigned seed = NewSeed();
+  InParallel<int>(static_cast<size_t>(handsets), [&](size_t i) {
+    SCOPED_TRACE("handset of seed " + std::to_string(seed + i));
+    std::mt19937 random(seed + static_cast<unsigned>(i));
+    try {
+      play(i % 2 == 0 ? Mode::kAccelerated : Mode::kPlain, random, tally);
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << error.what();
+    }
+    return 0;
+  });
+  printf("%d times ready, the service ended %d times, %d stacks waited for the address\n",
+         tally.ready.load(), tally.ended.load(), tally.waiting.load());
+  return tally;
+}
+
+TEST(EnduranceSlow, StacksThatMisbehave_NothingHangsAndNothingIsLeft) {
+  const int rounds = Count("rounds of misbehaving stacks", 96) / kHandsets;
+  const Tally& tally = PlayOnEach(kHandsets, [&](Mode mode, std::mt19937& random, Tally& all) {
+    Endurance run(mode, Endurance::Controller::kGood, BigHammers(random), "B5", random, all);
+    for (int round = 1; round <= rounds; ++round) {
+      run.DisturbByStacks();
+      if (round % 4 == 0) run.ExpectRest();
+    }
+    run.Recover();
+  });
+  // One, as an answer comes too late when the machine stands still for 2 s.
+  EXPECT_LE(tally.timed_out, 1);
+}
+
+TEST(EnduranceSlow, ControllersThatFail_EndReadyOrWithAReportAndLeaveNothing) {
+  const int handsets = Count("handsets with faults, 6 power cycles each", 16);
+  const Tally& tally = PlayOnEach(handsets, [](Mode mode, std::mt19937& random, Tally& all) {
+    const char* const chips[] = {"B5", "AE", "AA", "20"};
+    Endurance run(mode, Endurance::Controller::kFaulty, RandomFaults(random), chips[random() % 4],
+                  random, all);
+    for (int cycle = 0; cycle < 6; ++cycle) run.Cycle(random() % 3 == 0);
+    run.Recover();
+  });
+  EXPECT_GT(tally.ready, 0);
+  EXPECT_GT(tally.ended, 0);
+}
+
+}  // namespace
+}  // namespace test
