@@ -1,18 +1,20 @@
 // A process that serves test.platform@1.0::ITest.
 // usage: platform_test_service [POOL-SIZE [ANSWER-TIME-MS]]   of clients; 10 s by default
+//        platform_test_service find   looks it up once, prints "error" and why it was not found
 #include <android-base/thread_annotations.h>
 #include <fcntl.h>
 #include <hidl/HidlTransportSupport.h>
+#include <hidl/ServiceManagement.h>
 #include <test/platform/1.0/ITest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -44,10 +46,6 @@ class Service : public ITest, public hidl_death_recipient {
 
   Return<sp<ICallback>> attached() override { return Callback(); }
 
-  Return<bool> isAttached(const sp<IBase>& callback) override {
-    return interfacesEqual(callback, Callback());
-  }
-
   Return<uint32_t> callBack(uint32_t count, const hidl_vec<uint8_t>& data) override {
     uint32_t done = 0;
     while (done < count && Callback()->event(data).isOk()) ++done;
@@ -58,14 +56,6 @@ class Service : public ITest, public hidl_death_recipient {
     uint32_t taken = 0;
     while (taken < count && Callback()->notify(taken + 1).isOk()) ++taken;
     return taken;
-  }
-
-  Return<void> callBackLater(const hidl_vec<uint8_t>& data) override {
-    const hidl_vec<uint8_t> copy = data;
-    std::thread([this, copy] {
-      if (!Callback()->event(copy).isOk()) printf("the later call failed\n");
-    }).detach();
-    return Void();
   }
 
   void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
@@ -94,33 +84,15 @@ class Service : public ITest, public hidl_death_recipient {
   }
 
   Return<void> writeTo(const hidl_handle& to, const hidl_string& text, writeTo_cb reply) override {
-    if (to == nullptr || to->numFds < 1) {
-      reply(nullptr);
-      return Void();
-    }
-    dprintf(to->data[0], "%s", text.c_str());
-    native_handle_t* copy = native_handle_create(1, 1);
-    copy->data[0] = fcntl(to->data[0], F_DUPFD_CLOEXEC, 0);
-    copy->data[1] = 77;
     hidl_handle owner;
-    owner.setTo(copy, true);
+    if (to != nullptr && to->numFds > 0) {
+      dprintf(to->data[0], "%s", text.c_str());
+      native_handle_t* copy = native_handle_create(1, 1);
+      copy->data[0] = fcntl(to->data[0], F_DUPFD_CLOEXEC, 0);
+      copy->data[1] = 77;
+      owner.setTo(copy, true);
+    }
     reply(owner);
-    return Void();
-  }
-
-  Return<void> block() override {
-    std::unique_lock<std::mutex> lock(mutex_);
-    released_ = false;
-    puts("blocked");
-    fflush(stdout);
-    while (!released_) changed_.wait(lock);
-    return Void();
-  }
-
-  Return<void> release() override {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    released_ = true;
-    changed_.notify_all();
     return Void();
   }
 
@@ -134,15 +106,18 @@ class Service : public ITest, public hidl_death_recipient {
   std::atomic<bool> pushing_{false};
   std::atomic<uint32_t> pushed_{0}, disordered_{0}, overlapping_{0};
   std::mutex mutex_;
-  std::condition_variable changed_;
   sp<ICallback> callback_ GUARDED_BY(mutex_);
   std::vector<sp<ICallback>> linked_ GUARDED_BY(mutex_);  // a dropped proxy is not notified
-  bool released_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && argv[1] == std::string("find")) {
+    ITest::tryGetService("default");
+    printf("error %d\n", details::lastLookUpError());
+    return 0;
+  }
   if (argc > 2) bthal::rpc::client_answer_time = std::chrono::milliseconds(atoi(argv[2]));
   configureRpcThreadpool(argc > 1 ? static_cast<size_t>(atoi(argv[1])) : 1, true);
   const sp<Service> service = new Service;

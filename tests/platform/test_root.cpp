@@ -13,7 +13,9 @@ TempDir* folder;
 // The log's constructor already reads properties below the root folder.
 __attribute__((constructor(101))) void MakeRootFolder() {
   folder = new TempDir;
-  setenv("BTHAL_ROOT", folder->path().c_str(), 1);
+  std::string path = folder->path();  // spelled too long for the address of a socket
+  while (path.size() < 120) path += "/.";
+  setenv("BTHAL_ROOT", path.c_str(), 1);
   atexit([] { delete folder; });
 }
 

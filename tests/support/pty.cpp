@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <stdexcept>
 
 namespace test {
@@ -68,16 +69,10 @@ void Pty::WriteToHost(const Bytes& bytes) { WriteAll(master(), bytes); }
 int Pty::Speed() const {
   termios settings{};
   tcgetattr(master(), &settings);  // a pty has one set for both ends
-  switch (cfgetospeed(&settings)) {
-    case B115200:
-      return 115200;
-    case B3000000:
-      return 3000000;
-    case B4000000:
-      return 4000000;
-    default:
-      return 0;
-  }
+  const std::map<speed_t, int> speeds = {
+      {B115200, 115200}, {B3000000, 3000000}, {B4000000, 4000000}};
+  const auto found = speeds.find(cfgetospeed(&settings));
+  return found == speeds.end() ? 0 : found->second;
 }
 
 int Pty::Unread() const {
