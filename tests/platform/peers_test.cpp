@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -260,6 +259,7 @@ TEST_F(Peers, BrokenMessages_CostTheirConnectionAndOneLine) {
     SCOPED_TRACE(v.name);
     const bool good = v.fields[0] == "answered";
     RawPeer peer;
+    EXPECT_TRUE(v.fields[0] != "found, ended" || peer.Find());
     ASSERT_TRUE(peer.Send(test::ParseHex(v.fields[2]), v.fields[1] == "1" ? STDERR_FILENO : -1));
     EXPECT_EQ(peer.Receive().empty(), !good);
     lines += good ? 0 : 1;
@@ -268,41 +268,6 @@ TEST_F(Peers, BrokenMessages_CostTheirConnectionAndOneLine) {
     })) << process_->Output();
   }
   EXPECT_TRUE(WaitForDescriptors(before)) << "descriptors that nobody asked for are kept";
-  ExpectServing();
-}
-
-// Well-formed calls, then bytes of them changed.
-TEST_F(Peers, MutatedCalls_HurtNobodyElse) {
-  Serve("2");
-  const uint32_t seed = std::random_device{}();
-  printf("seed %u\n", seed);
-  std::mt19937 random(seed);
-  const std::vector<uint8_t> calls[] = {RawPeer::Message("echo"), RawPeer::Message("write")};
-  constexpr uint32_t kWords[] = {0, 1, 16, 0xffffffff, 0x7fffffff, 0x80000000};
-  constexpr size_t kFirst = RawPeer::kHeaderBytes + 32;  // behind the interface's name
-  std::optional<RawPeer> peer;
-  const int rounds = test::Count("mutated calls", 10000);
-  int ended = 0;
-  bool connected = false;
-  for (int i = 0; i < rounds; ++i) {
-    if (!connected) {
-      ASSERT_TRUE(peer.emplace().Find()) << process_->Output();
-    }
-    std::vector<uint8_t> call = calls[i % 2];
-    for (size_t changes = i < 2 ? 0 : 1 + random() % 4; changes > 0; --changes) {
-      const size_t at = kFirst + random() % (call.size() - kFirst);
-      if (random() % 2 == 0) {
-        call[at] = static_cast<uint8_t>(random());
-      } else {
-        memcpy(&call[at / 4 * 4], &kWords[random() % std::size(kWords)], 4);
-      }
-    }
-    connected = peer->Send(call) && !peer->Receive().empty();
-    ended += connected ? 0 : 1;
-    ASSERT_TRUE(i >= 2 || connected) << "a call that was not changed";
-  }
-  EXPECT_GT(ended, rounds / 100) << "hardly any of it was seen to be malformed";
-  EXPECT_LT(ended, rounds - 2) << "nothing of it got through";
   ExpectServing();
 }
 

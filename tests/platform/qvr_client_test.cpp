@@ -101,27 +101,19 @@ TEST_F(QvrClient, LongestMessages_PassBothWaysAndALongerOneIsRefused) {
 
 TEST_F(QvrClient, AnswersInAnyOrder_GoToTheirQuestions) {
   server_.SetScript([](const QvrRequest&) { return std::nullopt; });
-  std::atomic<int> outcomes[3];
-  for (std::atomic<int>& outcome : outcomes) outcome = -1;
+  std::atomic<int> outcomes[3] = {{-1}, {-1}, {-1}};
   std::vector<QvrRequest> requests;
   for (auto& outcome : outcomes) {
     requests.push_back(SendOne([&](int error) { outcome = error; }));
   }
-  // And what nobody has asked for, or not any more.
-  QvrRequest stranger = requests[0];
-  stranger.serial = 0xFFFFFFF0;
-  server_.Answer(stranger, 1);
-  for (size_t i : {2, 0, 2, 1, 0}) server_.Answer(requests[i], static_cast<uint32_t>(10 + i));
-  EXPECT_TRUE(test::WaitFor([&] { return outcomes[1] != -1; }));
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(outcomes[i], 10 + i);
+  // One of them twice, which nobody waits for any more.
+  for (size_t i : {2, 0, 2}) server_.Answer(requests[i], static_cast<uint32_t>(10 + i));
+  EXPECT_TRUE(test::WaitFor([&] { return outcomes[0] == 10 && outcomes[2] == 12; }));
   EXPECT_EQ(lost_, 0);
   EXPECT_THAT(lines_.Take("qvr"), IsEmpty());
-
-  const QvrRequest last = SendOne([&](int error) { outcomes[0] = error; });
-  server_.SendDatagram(QvrServer::Datagram(test::kQvrResponse, last.serial, 0, {}, {}));
+  server_.SendDatagram(QvrServer::Datagram(test::kQvrResponse, requests[1].serial, 0, {}, {}));
   EXPECT_TRUE(Lost()) << "an answer of the wrong kind";
-  EXPECT_TRUE(test::WaitFor([&] { return outcomes[0] == qvr::kServiceNotAvailable; }));
-  EXPECT_EQ(lines_.Take("qvr").size(), 1u);
+  EXPECT_TRUE(test::WaitFor([&] { return outcomes[1] == qvr::kServiceNotAvailable; }));
 }
 
 TEST_F(QvrClient, ServerThatDoesNotRead_HoldsASendUpForASecondAtMost) {
