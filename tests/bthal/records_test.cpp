@@ -4,9 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-
 #include "bthal/child_case.h"
 #include "bthal/log_capture.h"
 #include "bthal/uart_rig.h"
@@ -45,32 +42,6 @@ TEST(Records, HistoryKeepsTheLast400InOrder) {
   for (uint32_t i = 0; i < 400; ++i) {
     EXPECT_EQ(history[i].text, "number " + std::to_string(600 + i) + " [ IN]");
   }
-}
-
-TEST(Records, ManyThreadsRecordWhileOthersRead_TextsStayWhole) {
-  const int count = test::Count("records a thread", 5000);
-  AnchorRecords records;
-  std::atomic<int> running{16};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < running; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < count; ++i) {
-        records.Add(AnchorType::kClose, std::string(40, static_cast<char>('a' + t)));
-        records.Add(AnchorType::kSendAclData, Numbered, {7777777, 0, 0}, " [ IN]");
-      }
-      --running;
-    });
-  }
-  while (running > 0) {
-    for (const auto& lines : {records.History(), records.LastAppearances()}) {
-      for (const AnchorRecords::Line& line : lines) {
-        EXPECT_TRUE(line.text == "number 7777777 [ IN]" ||
-                    line.text == std::string(40, line.text[0]));
-        EXPECT_TRUE(test::HasShape(line.timestamp, "##:##:##:###")) << line.timestamp;
-      }
-    }
-  }
-  for (std::thread& thread : threads) thread.join();
 }
 
 // A scope without a name leaves no record at its end, but one (" [ IN]") at its start.

@@ -92,8 +92,6 @@ TEST(Residency, SequencesAreExact) {
     runner.Run(
         "log D initialize: Fetching PowerStats service ; log D operator(): Wait for controller "
         "enabled before registering to PowerStats service");
-    const auto offset = [&] { return std::to_string(watcher->boot_time_offset_ms()); };
-    runner.DefinePlaceholder("@OFFSET@", offset);
     runner.Define("start", [&](const std::string&) {
       runner.flow().RegisterEventWatcher(watcher.get());
       const int64_t before = BootTimeMs();
