@@ -1,6 +1,7 @@
 // Runs a fuzz target without a fuzzing engine: the vectors of tests/data as seeds, then seeded
 // mutations of them. Arguments: number of mutations, files. A crash leaves the number of the input,
 // to the nearest 10000, in the output; the input then joins the vectors.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

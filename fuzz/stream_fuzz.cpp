@@ -2,6 +2,7 @@
 // go to the flow control, while commands wait.
 #include <android/log.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "h4/h4_protocol.h"

@@ -7,6 +7,8 @@
 #include <map>
 #include <optional>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 #include "bluetooth_ccc.h"
 #include "bthal/child_case.h"

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <thread>
+#include <vector>
 
 #include "bluetooth_Activity.h"
 #include "bluetooth_ccc.h"
