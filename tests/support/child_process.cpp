@@ -12,8 +12,17 @@
 #include "support/temp_dir.h"
 #include "support/wait.h"
 
+extern char** environ;
+
 namespace test {
 namespace {
+
+std::vector<char*> Pointers(std::vector<std::string>& strings) {
+  std::vector<char*> pointers;
+  for (std::string& s : strings) pointers.push_back(s.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
 
 int CountEntries(const std::string& folder) {
   std::error_code error;
@@ -28,12 +37,17 @@ int CountEntries(const std::string& folder) {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& command,
                            const std::map<std::string, std::string>& environment) {
-  std::vector<std::string> arguments = {"env"};  // a program, which becomes the command
-  for (const auto& [name, value] : environment) arguments.push_back(name + "=" + value);
-  arguments.insert(arguments.end(), command.begin(), command.end());
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
+  std::vector<std::string> arguments = command;
+  std::vector<std::string> variables;
+  for (const auto& [name, value] : environment) variables.push_back(name + "=" + value);
+  for (char** v = environ; *v != nullptr; ++v) {
+    const std::string variable = *v;
+    if (environment.count(variable.substr(0, variable.find('='))) == 0) {
+      variables.push_back(variable);
+    }
+  }
+  const std::vector<char*> argv = Pointers(arguments);
+  const std::vector<char*> envp = Pointers(variables);
 
   output_.reset(memfd_create("output", MFD_CLOEXEC));
   pid_ = fork();
@@ -44,7 +58,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command,
     fcntl(output_.get(), F_SETFL, O_APPEND);
     dup2(output_.get(), STDOUT_FILENO);
     dup2(output_.get(), STDERR_FILENO);
-    execvp(argv[0], argv.data());
+    execvpe(argv[0], argv.data(), envp.data());
     _exit(127);
   }
 }
