@@ -176,28 +176,5 @@ TEST(BadInput, PacketsWhoseLengthLies_AreDroppedWithAWarningEach) {
   close(holder);
 }
 
-// A byte that is no packet type closes the transport without a report.
-TEST_P(BringUp, StrayTypeByte_EndsTheTransportAndTheNextStackRecovers) {
-  if (OnCoProcessor()) GTEST_SKIP() << "the co-processor frames what comes from the controller";
-  // Read Voice Setting serves as the cue: no bring-up sends it.
-  Handset handset("after 0x0C25 nth 1 stray 0x77\n", GetParam());
-  handset.StartService();
-  const char* const text = "OnDataReady: Unimplemented Packet Type: 119 detected!";
-  ASSERT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
-  handset.Ctl({"cmd", "0x0C25"});
-  EXPECT_TRUE(handset.service().WaitForOutput(text, kDeadline)) << handset.Log();
-  // The stack stays attached and is not answered.
-  EXPECT_TRUE(WaitFor([&] {
-    return handset.Ctl({"cmd", "read_bd_addr", "--timeout", "0.2"}).exit_code == 1;
-  })) << handset.Log();
-  EXPECT_THAT(handset.Ctl({"status"}).output,
-              AllOf(HasSubstr("lost: "), HasSubstr("Unimplemented Packet Type: 119")));
-  EXPECT_TRUE(std::filesystem::is_empty(handset.Path("data/vendor/ssrdump/coredump")));
-
-  ASSERT_EQ(handset.Ctl({"down"}).exit_code, 0) << handset.Log();
-  EXPECT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
-  EXPECT_EQ(handset.Ctl({"cmd", "read_bd_addr"}).exit_code, 0) << handset.Log();
-}
-
 }  // namespace
 }  // namespace test

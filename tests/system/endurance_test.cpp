@@ -7,8 +7,8 @@
 #include <random>
 
 #include "support/wait.h"
+#include "system/handset.h"
 #include "system/parallel.h"
-#include "system/watched_service.h"
 
 namespace test {
 namespace {
@@ -156,7 +156,8 @@ class Endurance {
     for (int tries = 0; tries < 20 && !recovered; ++tries) recovered = Cycle(false);
     EXPECT_TRUE(recovered) << scenario_ << Tail(watched_.Log());
     ExpectRest();
-    EXPECT_TRUE(watched_.WaitForReleasedWakeLock()) << scenario_ << watched_.Status();
+    EXPECT_TRUE(WaitFor([&] { return CountOf("\"held\": true", watched_.Status()) == 0; }))
+        << scenario_ << watched_.Status();
   }
 
  private:
@@ -172,7 +173,7 @@ class Endurance {
 
   // Returns whether the service still runs; checks its end and starts another one if not.
   bool CheckService() {
-    if (watched_.Runs()) return true;
+    if (!watched_.service().Wait(milliseconds(0))) return true;
     EXPECT_EQ(watched_.WaitForEnd(), "") << scenario_;
     const std::string log = watched_.Log();
     if (controller_ == Controller::kGood && !signalled_ &&
@@ -199,7 +200,7 @@ class Endurance {
   const std::string scenario_;
   std::mt19937& random_;
   Tally& tally_;
-  WatchedService watched_;
+  Handset watched_;
   bool signalled_ = false;  // this service, with SIGTERM
 };
 

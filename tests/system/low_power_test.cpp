@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "support/wait.h"
+#include "system/handset.h"
 #include "system/parallel.h"
-#include "system/watched_service.h"
 
 namespace test {
 namespace {
@@ -140,13 +140,13 @@ milliseconds RandomGap(std::mt19937& random) {
 
 TEST(SleepSlow, RandomTraffic_LosesNoByteToSleep) {
   const unsigned seed = NewSeed();
-  const int seconds = Count("seconds of random traffic on each of 4 handsets", 12);
+  const int duration = Count("seconds of random traffic on each of 4 handsets", 12);
   const auto sleeps = InParallel<size_t>(4, [&](size_t index) {
     Handset handset("", index % 2 == 0 ? Mode::kAccelerated : Mode::kPlain);
     handset.StartService();
     EXPECT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
     std::mt19937 random(seed + static_cast<unsigned>(index));
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(duration);
     bool whole = true;
     while (whole && std::chrono::steady_clock::now() < end) {
       const std::string bytes = std::to_string(1 + random() % 600);
