@@ -159,15 +159,6 @@ TEST_F(Ctl, ClientsOfTheHolder_GetTheirOwnAnswersOnly) {
   EXPECT_EQ(other.exit_code, 4) << other.output;
 }
 
-TEST_F(Ctl, UpInTheForeground_EndsWithTheSignalAndLeavesTheServiceFree) {
-  ChildProcess up(handset_.CtlCommand({"up"}));
-  ASSERT_TRUE(up.WaitForOutput("Bluetooth is up after", kDeadline)) << up.Output();
-  EXPECT_THAT(up.Output(), HasSubstr("device address")) << "the steps are shown";
-  up.Signal(SIGINT);
-  EXPECT_EQ(up.Wait(kDeadline)->exit_code, 0) << up.Output();
-  EXPECT_EQ(handset_.Ctl({"cmd", "reset"}).exit_code, 0) << handset_.Log();
-}
-
 TEST(CtlSignals, WaitingCommand_EndsWithTheSignalsCodeUnlessThatIsItsWayToEnd) {
   const TempDir folder;
   Handset handset(Mode::kAccelerated, {"--trace", folder / "trace"});
@@ -180,6 +171,11 @@ TEST(CtlSignals, WaitingCommand_EndsWithTheSignalsCodeUnlessThatIsItsWayToEnd) {
   } rows[] = {{"read-name", "nobody of that name", SIGINT, 130},
               {"read-name", "nobody of that name", SIGTERM, 143},
               {"scan", "-t60", SIGINT, 0}};
+  ChildProcess up(handset.CtlCommand({"up"}));
+  ASSERT_TRUE(up.WaitForOutput("Bluetooth is up after", kDeadline)) << up.Output();
+  EXPECT_THAT(up.Output(), HasSubstr("device address")) << "the steps are shown";
+  up.Signal(SIGINT);
+  EXPECT_EQ(up.Wait(kDeadline)->exit_code, 0) << up.Output();
   size_t scans = 0;
   for (const auto& row : rows) {
     ChildProcess waiting(handset.CtlCommand({row.command, row.argument}));

@@ -77,32 +77,5 @@ TEST_F(Extension, ClientThatNeverReads_DelaysNobody) {
       << handset_->Status();
 }
 
-// Each reading is by a power-statistics provider of its own, which then ends.
-TEST(Residency, ProvidersDieAndBluetoothGoesOff_TotalsGoOnAndNothingIsLeft) {
-  Handset handset(Mode::kPlain);
-  handset.StartService();
-  long long idle = 0;
-  int descriptors = 0;
-  for (int reading = 0; reading < 4; ++reading) {
-    SCOPED_TRACE(reading);
-    if (reading == 0 || reading == 2) {
-      ASSERT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
-    }
-    const CtlResult result = handset.Ctl({"residency", "--json"});
-    ASSERT_EQ(result.exit_code, 0) << result.output << handset.Log();
-    const char state[] = "\"state\":\"idle\",\"total_ms\":";
-    const size_t at = result.output.find(state);
-    ASSERT_NE(at, std::string::npos) << result.output;
-    const long long now = std::stoll(result.output.substr(at + sizeof state - 1));
-    EXPECT_GT(now, idle) << result.output;
-    idle = now;
-    if (reading == 0) descriptors = CountDescriptors(handset.service().pid());
-    if (reading == 1) {
-      ASSERT_EQ(handset.Ctl({"down"}).exit_code, 0) << handset.Log();
-    }
-  }
-  EXPECT_TRUE(WaitFor([&] { return CountDescriptors(handset.service().pid()) < descriptors + 3; }));
-}
-
 }  // namespace
 }  // namespace test
