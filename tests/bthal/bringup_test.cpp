@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <filesystem>
 
@@ -8,15 +7,12 @@
 #include "bring_up/firmware_patch.h"
 #include "bthal/bring_up_script.h"
 #include "bthal/child_case.h"
-#include "bthal/report_check.h"
 #include "bthal/uart_rig.h"
-#include "btzvk_protocol.h"
 #include "support/temp_dir.h"
 #include "support/vectors.h"
 
 namespace {
 
-using android::hardware::bluetooth::BtZvkProtocol;
 using android::hardware::bluetooth::FindFirmwarePatch;
 using android::hardware::bluetooth::FirmwareDownload;
 using std::chrono::steady_clock;
@@ -87,53 +83,6 @@ TEST(FirmwareFile, IsTheFirstCandidateThatExists) {
                 HasSubstr("chosen: " + v.fields[3] + "\n"))
         << v.name;
   }
-}
-
-// A bring-up in a process of its own. Arguments: an opcode, and which of its commands fails: with a
-// status, or, when it asks for the chip id, with the id 0, which no chip has.
-CHILD_CASE(BringUp) {
-  test::PrintReports();
-  test::UartRig rig;
-  int left = std::stoi(arguments[1]);
-  ScriptedController controller(rig.pty(), [&](const Bytes& command) {
-    const bool fails = OpcodeOf(command) == std::stoul(arguments[0], nullptr, 16) && --left == 0;
-    if (!fails) return test::BringUpAnswer(command);
-    if (OpcodeOf(command) == 0xFC79) return test::BringUpAnswer(command, 0);
-    return ScriptedController::Complete(command, 0x0C);
-  });
-  if (!rig.Open()) return 1;
-  return BtZvkProtocol::GetInstacne()->Initialize(rig.flow().get()) ? 0 : 2;
-}
-
-// The whole table, against the whole service, is in the system's tests.
-TEST(BringUp, StepThatFails_ShutsDownAndIsReported) {
-  const struct {
-    test::Arguments fault;
-    const char* report;
-  } rows[] = {{{"0C03", "1"}, "147, extra info: HCI Reset error before downloading firmware\n"},
-              {{"FC79", "1"}, "147, extra info: HCI Reset error before downloading firmware\n"},
-              {{"FC18", "1"},
-               "146, extra info: Unable to change to 4M baud rate before downloading firmware\n"},
-              {{"FC2E", "1"}, "148, extra info: Unable to download firmware patchram\n"},
-              {{"0C03", "2"}, "149, extra info: HCI Reset error after firmware downloaded\n"},
-              {{"FC79", "2"}, "149, extra info: HCI Reset error after firmware downloaded\n"},
-              {{"FC18", "2"},
-               "146, extra info: Unable to change to 4M baud rate after firmware downloaded\n"}};
-  std::vector<test::TempDir> roots(std::size(rows));
-  test::RunSideBySide(
-      roots.size(),
-      [&](size_t i) {
-        test::WriteConfiguration(roots[i].path());
-        test::WriteFile(roots[i].path() + kFirmware + "ZVK.hcd", "");
-        return test::StartChild("BringUp", roots[i].path(), rows[i].fault);
-      },
-      [&](size_t i, const test::ChildRun& run) {
-        EXPECT_EQ(run.result.signal, SIGABRT) << run.output;
-        const size_t shut_down = run.output.find(" bthal.zvkproto: Shutdown\n");
-        EXPECT_NE(run.output.find(std::string("vendor error code ") + rows[i].report, shut_down),
-                  std::string::npos)
-            << run.output;
-      });
 }
 
 }  // namespace

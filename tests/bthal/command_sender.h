@@ -3,7 +3,6 @@
 #include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
 
 #include <memory>
-#include <mutex>
 
 #include "hci_flow_control.h"
 
@@ -15,34 +14,20 @@ class CommandSender : public android::hardware::bluetooth::V1_1::IBluetoothHci {
  public:
   using Flow = std::shared_ptr<android::hardware::bluetooth::hci::HciFlowControl>;
   using Result = android::hardware::Return<void>;
+  using Callbacks = android::hardware::bluetooth::V1_0::IBluetoothHciCallbacks;
+  using Callbacks_1_1 = android::hardware::bluetooth::V1_1::IBluetoothHciCallbacks;
   template <typename T>
   using Vec = android::hardware::hidl_vec<T>;
 
-  void Use(Flow flow) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    flow_ = std::move(flow);
-  }
+  void Use(const Flow& flow) { std::atomic_store(&flow_, flow); }
 
   Result sendHciCommand(const Vec<uint8_t>& packet) override {
-    Flow flow;
-    {
-      const std::lock_guard<std::mutex> guard(lock_);
-      flow = flow_;
-    }
-    if (flow != nullptr) {
-      flow->Send(android::hardware::bluetooth::hci::HCI_PACKET_TYPE_COMMAND, packet.data(),
-                 packet.size());
-    }
+    const Flow flow = std::atomic_load(&flow_);
+    if (flow != nullptr) flow->Send(kCommand, packet.data(), packet.size());
     return {};
   }
-  Result initialize(
-      const android::sp<android::hardware::bluetooth::V1_0::IBluetoothHciCallbacks>&) override {
-    return {};
-  }
-  Result initialize_1_1(
-      const android::sp<android::hardware::bluetooth::V1_1::IBluetoothHciCallbacks>&) override {
-    return {};
-  }
+  Result initialize(const android::sp<Callbacks>&) override { return {}; }
+  Result initialize_1_1(const android::sp<Callbacks_1_1>&) override { return {}; }
   Result sendAclData(const Vec<uint8_t>&) override { return {}; }
   Result sendScoData(const Vec<uint8_t>&) override { return {}; }
   Result sendIsoData(const Vec<uint8_t>&) override { return {}; }
@@ -53,8 +38,9 @@ class CommandSender : public android::hardware::bluetooth::V1_1::IBluetoothHci {
   }
 
  private:
-  std::mutex lock_;
-  Flow flow_;
+  static constexpr auto kCommand = android::hardware::bluetooth::hci::HCI_PACKET_TYPE_COMMAND;
+
+  Flow flow_;  // atomic: set while other threads send
 };
 
 }  // namespace test

@@ -13,18 +13,15 @@
 #include "bthal/uart_rig.h"
 #include "support/temp_dir.h"
 #include "support/vectors.h"
-#include "transport_shim.h"
 
 namespace {
 
 using namespace android::hardware::bluetooth;
-namespace shim = android::hardware::bluetooth::hci::shim;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using test::Bytes;
 using test::ScriptedController;
 using test::UartRig;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 bool Never() { return false; }
@@ -44,56 +41,31 @@ class VendorCommand : public testing::Test {
 };
 
 TEST_F(VendorCommand, Answer_GivesStatusAndReturnParametersAndStaysFromTheStack) {
-  EXPECT_EQ(Run([](const Bytes& command) {
-              return ScriptedController::Complete(command, 0, {0xB5, 0x01});
-            }),
-            0);
-  EXPECT_THAT(controller_->Commands(), ElementsAre(test::ParseHex("79 FC 00")));
-  EXPECT_EQ(test::ToBytes(btzvk_last_completion()), test::ParseHex("0E 06 01 79 FC 00 B5 01"));
-  EXPECT_TRUE(rig_.TakeReceived().empty());
-}
-
-TEST_F(VendorCommand, Status_IsReturnedLoggedAndRecorded) {
+  const Bytes answer = test::ParseHex("0E 06 01 79 FC 12 B5 01");
   testing::internal::CaptureStderr();
-  EXPECT_EQ(Run([](const Bytes& command) { return ScriptedController::Complete(command, 0x12); },
-                Bytes(255, 0xAB)),
-            0x12);
+  EXPECT_EQ(Run([&](const Bytes&) { return answer; }, Bytes(255, 0xAB)), 0x12);
   const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(log, HasSubstr("OnEventReceive: Recv Failure VSE <[6]{14, 4, 1, 121, 252, 18}>"));
+  EXPECT_THAT(log,
+              HasSubstr("OnEventReceive: Recv Failure VSE <[8]{14, 6, 1, 121, 252, 18, 181, 1"));
   EXPECT_THAT(log, HasSubstr("btzvk_send_command_wait_complete: 0xfc79 LEN 0xff Result 0x12"));
   EXPECT_EQ(controller_->Commands()[0].size(), 258u);
+  EXPECT_EQ(test::ToBytes(btzvk_last_completion()), answer);
+  EXPECT_TRUE(rig_.TakeReceived().empty());
+  // Without a status it is a failure, whatever lies behind the event.
+  controller_.reset();
+  EXPECT_NE(Run([](const Bytes&) { return test::ParseHex("0E 03 01 79 FC"); }), 0);
 }
 
-// An absent status byte is a failure, not what lies behind the event.
-TEST_F(VendorCommand, CompletionWithoutStatus_IsAFailure) {
-  EXPECT_NE(Run([](const Bytes& command) {
-              return Bytes{0x0E, 0x03, 0x01, command[0], command[1]};
-            }),
-            0);
-}
-
-// Neither the completion of another command nor a Command Status ends the wait. Behind the former
-// the command stays at the front of the queue: the next one does not go out before its answer.
+// Neither the completion of another command nor a Command Status ends the wait.
 TEST_F(VendorCommand, NoAnswer_EndsAfterTwoSecondsAsStatus3) {
-  const Bytes reset = test::ParseHex("03 0C 00");
-  for (const char* event : {"0E 04 01 14 0C 00", "0F 04 00 01 79 FC"}) {
-    SCOPED_TRACE(event);
-    const bool held = event[1] == 'E';
-    testing::internal::CaptureStderr();
-    const auto start = steady_clock::now();
-    EXPECT_EQ(Run([&](const Bytes&) { return test::ParseHex(event); }), 3);
-    const auto taken = steady_clock::now() - start;
-    EXPECT_GE(taken, milliseconds(2000));
-    EXPECT_LT(taken, milliseconds(4000));
-    EXPECT_THAT(testing::internal::GetCapturedStderr(),
-                HasSubstr("btzvk_send_command_wait_complete: 0xfc79 LEN 0x00 Result 0x03"));
-    EXPECT_EQ(rig_.flow()->Send(1, reset.data(), reset.size()), held ? 3u : 4u);
-    rig_.TakeReceived();
-    rig_.DeliverEvent(test::ParseHex("0E 04 01 79 FC 00"));
-    EXPECT_TRUE(test::WaitFor([&] { return controller_->Commands().size() == 2; }));
-    rig_.DeliverEvent(test::ParseHex("0E 04 01 03 0C 00"));
-    controller_.reset();
-  }
+  const auto start = steady_clock::now();
+  EXPECT_EQ(
+      Run([](const Bytes&) { return test::ParseHex("0E 04 01 14 0C 00 04 0F 04 00 01 79 FC"); }),
+      3);
+  const auto taken = steady_clock::now() - start;
+  EXPECT_GE(taken, milliseconds(2000));
+  EXPECT_LT(taken, milliseconds(4000));
+  EXPECT_EQ(rig_.TakeReceived().size(), 2u);
 }
 
 TEST_F(VendorCommand, HaltedOrNotSent_FailsAtOnce) {
@@ -111,15 +83,6 @@ TEST_F(VendorCommand, HaltedOrNotSent_FailsAtOnce) {
   deaf->Connect([](const auto&) {});
   EXPECT_EQ(btzvk_send_command_wait_complete(deaf.get(), 0xFC79, 0, nullptr), kCommandTimedOut);
   EXPECT_LT(steady_clock::now() - start, milliseconds(1900));
-}
-
-TEST_F(VendorCommand, NoWait_PassesTheQueueAndItsAnswerReachesTheStack) {
-  const Bytes reset = test::ParseHex("03 0C 00"), params = {0x01, 0x02};
-  rig_.flow()->Send(1, reset.data(), reset.size());
-  btzvk_send_command_no_wait(rig_.flow().get(), 0xFC4C, 2, params.data());
-  EXPECT_EQ(rig_.pty().TakeWritten(), test::ParseHex("01 03 0C 00 01 4C FC 02 01 02"));
-  rig_.DeliverEvent(test::ParseHex("0E 04 01 4C FC 00"));
-  EXPECT_EQ(rig_.TakeReceived().size(), 1u);
 }
 
 // --- the device address ---
@@ -168,86 +131,34 @@ TEST(DeviceAddress, IsReadAndWritten) {
   });
 }
 
-class DeviceAddressWait : public testing::Test {
- protected:
-  void SetUp() override {
-    test::WriteFile(test::RootFolder() + "/proc/device-tree/chosen/config/bt_addr",
-                    "00:11:22:33:44:55");
-    ASSERT_TRUE(rig_.Open());
-  }
-  // Starts a provisioning that the controller does not answer, and waits until it has been asked.
-  void Start() {
-    done_ = abandoned_ = false;
-    thread_ = std::thread([this] {
-      accepted_ =
-          hci::ApplyProvisionBDAddress(rig_.flow().get(), [this] { return abandoned_.load(); });
-      done_ = true;
-    });
-    Bytes written;
-    ASSERT_TRUE(test::WaitFor([&] {
-      const Bytes more = rig_.pty().TakeWritten();
-      written.insert(written.end(), more.begin(), more.end());
-      return written.size() >= 10;
-    }));
-    EXPECT_FALSE(done_);
-  }
-  ~DeviceAddressWait() override {
-    abandoned_ = true;
-    hci::AbandonProvisioning();
-    if (thread_.joinable()) thread_.join();
-  }
-  bool WaitDone() {
-    const bool done = test::WaitFor([this] { return done_.load(); });
-    if (done) thread_.join();
-    return done;
-  }
-
-  UartRig rig_;
-  std::thread thread_;
-  std::atomic<bool> abandoned_{false}, accepted_{true}, done_{false};
-};
-
-TEST_F(DeviceAddressWait, EndsWhenHaltedOrAbandoned) {
-  Start();
-  abandoned_ = true;
-  hci::AbandonProvisioning();
-  EXPECT_TRUE(WaitDone());
-  EXPECT_FALSE(accepted_);
-  shim::Deinitialize();
-  ASSERT_TRUE(rig_.Open());
-  Start();
-  shim::Deinitialize();
-  EXPECT_TRUE(WaitDone());
-  EXPECT_FALSE(accepted_);
-}
-
-TEST_F(DeviceAddressWait, RefusalEndsItAndASecondAnswerGoesToTheStack) {
-  Start();
-  rig_.DeliverEvent(test::ParseHex("0E 04 01 01 FC 12"));
-  EXPECT_TRUE(WaitDone());
-  EXPECT_FALSE(accepted_);
-  EXPECT_TRUE(rig_.TakeReceived().empty());
-  rig_.DeliverEvent(test::ParseHex("0E 04 01 01 FC 00"));
-  EXPECT_EQ(rig_.TakeReceived().size(), 1u);
-}
-
-// Two answers at once: the second one comes before the waiting call has left.
-TEST_F(DeviceAddressWait, TwoAnswersInOneRead_FirstCounts) {
-  Start();
-  rig_.pty().WriteToHost(test::ParseHex("04 0E 04 01 01 FC 00 04 0E 04 01 01 FC 12"));
-  EXPECT_TRUE(WaitDone());
-  EXPECT_TRUE(accepted_);
-  EXPECT_TRUE(test::WaitFor([&] { return rig_.TakeReceived().size() == 1; }));
-}
-
-TEST(DeviceAddressAlone, WithoutOrWithHaltedFlowControl_ReturnsAtOnce) {
+// Starts without an answer of the controller's; abandoned or halted while it waits, or before.
+TEST(DeviceAddress, Wait_EndsWhenHaltedOrAbandoned) {
   EXPECT_FALSE(hci::ApplyProvisionBDAddress(nullptr, Never));
   test::WriteFile(test::RootFolder() + "/proc/device-tree/chosen/config/bt_addr",
                   "00:11:22:33:44:55");
-  UartRig rig;
-  ASSERT_TRUE(rig.Open());
-  rig.flow()->Halt();
-  EXPECT_FALSE(hci::ApplyProvisionBDAddress(rig.flow().get(), Never));
+  for (const bool halts : {false, true}) {
+    SCOPED_TRACE(halts);
+    UartRig rig;
+    ASSERT_TRUE(rig.Open());
+    ScriptedController silent(rig.pty(), [](const Bytes&) { return Bytes{}; });
+    std::atomic<bool> abandoned{false}, done{false};
+    std::thread provisioning([&] {
+      EXPECT_FALSE(
+          hci::ApplyProvisionBDAddress(rig.flow().get(), [&] { return abandoned.load(); }));
+      done = true;
+    });
+    EXPECT_TRUE(test::WaitFor([&] { return silent.Commands().size() == 1; }));
+    EXPECT_FALSE(done);
+    if (halts) {
+      rig.flow()->Halt();
+    } else {
+      abandoned = true;
+      hci::AbandonProvisioning();
+    }
+    provisioning.join();
+    rig.flow()->Halt();
+    EXPECT_FALSE(hci::ApplyProvisionBDAddress(rig.flow().get(), Never));
+  }
 }
 
 }  // namespace

@@ -1,19 +1,13 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <map>
 #include <sstream>
-#include <thread>
 
 #include "bthal/child_case.h"
 #include "bthal/report_check.h"
 #include "bthal/sequence_runner.h"
 #include "bthal/uart_rig.h"
-#include "hci/scoped_event_watcher.h"
 #include "hci_flow_control.h"
-#include "support/temp_dir.h"
-#include "transport_shim.h"
 
 namespace {
 
@@ -22,9 +16,6 @@ using android::hardware::bluetooth::hci::HciEventWatcher;
 using android::hardware::bluetooth::hci::HciFlowControl;
 using test::Bytes;
 using test::UartRig;
-using testing::HasSubstr;
-
-namespace shim = android::hardware::bluetooth::hci::shim;
 
 size_t Send(HciFlowControl& flow, uint8_t type, const std::string& hex) {
   const Bytes packet = test::ParseHex(hex);
@@ -101,11 +92,9 @@ void Play(const test::Vector& sequence) {
 }
 
 TEST(FlowControl, SequencesAreExact) {
-  for (const test::Vector& v : test::LoadVectors("flow_control.txt")) Play(v);
-}
-
-TEST(FlowControl, WatchersAreCalledAsDerived) {
-  for (const test::Vector& v : test::LoadVectors("flow_watchers.txt")) Play(v);
+  for (const char* file : {"flow_control.txt", "flow_watchers.txt"}) {
+    for (const test::Vector& v : test::LoadVectors(file)) Play(v);
+  }
 }
 
 TEST(FlowControl, TooManyWaitingCommands_AreRefused) {
@@ -115,67 +104,6 @@ TEST(FlowControl, TooManyWaitingCommands_AreRefused) {
   EXPECT_EQ(Send(*rig.flow(), 1, "03 0C 00"), 4u) << "goes out, and is never answered";
   for (size_t i = 0; i < limit; ++i) ASSERT_EQ(Send(*rig.flow(), 1, "09 10 00"), 3u);
   EXPECT_EQ(Send(*rig.flow(), 1, "09 10 00"), 0u);
-}
-
-TEST(FlowControl, HaltedCalls_WarnWithTheirName) {
-  UartRig rig;
-  ASSERT_TRUE(rig.Open());
-  HciFlowControl& flow = *rig.flow();
-  flow.Halt();
-  testing::internal::CaptureStderr();
-  NotingWatcher::Notes calls;
-  NotingWatcher watcher(flow, "w", 0xFF, 0, false, calls);
-  Send(flow, 1, "03 0C 00");
-  flow.SendNoAck(1, test::ParseHex("03 0C 00").data(), 3);
-  flow.RegisterEventWatcher(&watcher);
-  flow.UnregisterEventWatcher(&watcher);
-  flow.Halt();
-  EXPECT_FALSE(flow.HciEventPreProcess(test::ToVec({0xFF, 0x01, 0x58})));
-  flow.HciEventPostProcess(test::ToVec({0xFF, 0x01, 0x58}));
-  const std::string log = testing::internal::GetCapturedStderr();
-  for (const char* operation :
-       {"Send", "SendNoAck", "RegisterEventWatcher", "UnregisterEventWatcher", "Halt",
-        "HciEventPreProcess", "HciEventPostProcess"}) {
-    EXPECT_THAT(log, HasSubstr(std::string(" ") + operation + ": called after being halted!"));
-  }
-}
-
-// Registration, sending and events at the same time, on a port that nobody reads, and the end in
-// the midst of it.
-TEST(FlowControl, UsedByManyThreadsWhileClosed_NeitherBlocksNorCallsADeadWatcher) {
-  const int rounds = test::Count("closings under load", 30);
-  for (int round = 0; round < rounds; ++round) {
-    UartRig rig;
-    ASSERT_TRUE(rig.Open());
-    const std::shared_ptr<HciFlowControl> flow = rig.flow();
-    std::atomic<bool> stop{false};
-    std::atomic<int> sent{0};
-    std::vector<std::thread> threads;
-    threads.emplace_back([&] {
-      while (!stop) {
-        std::atomic<int> calls{0};
-        android::hardware::bluetooth::hci::ScopedEventWatcher watcher(
-            "short", flow.get(), 0xFF, 0, [&](const hidl_vec<uint8_t>&) {
-              ++calls;
-              return true;
-            });
-      }
-    });
-    threads.emplace_back([&] {
-      for (; !stop; ++sent) Send(*flow, 3, "01 00 01 CC");
-    });
-    threads.emplace_back([&] {
-      while (!stop) {
-        flow->OnHciEventReady(test::ToVec({0xFF, 0x01, 0x57}), [](const hidl_vec<uint8_t>&) {});
-      }
-    });
-    EXPECT_TRUE(test::WaitFor([&] { return sent > 20; }));
-    shim::Deinitialize();
-    stop = true;
-    for (std::thread& thread : threads) thread.join();
-    // Whoever kept the object beyond the closing of the transport meets a halted one.
-    EXPECT_EQ(Send(*flow, 1, "03 0C 00") + Send(*flow, 2, "40 20 01 00 AA"), 0u);
-  }
 }
 
 CHILD_CASE(DeliverEvent) {

@@ -63,7 +63,8 @@ class Hal : public testing::Test {
     const std::string& root = test::RootFolder();
     test::WriteFile(root + "/vendor/firmware/tovu/ZVK.hcd", "");
     test::WriteFile(root + "/proc/device-tree/chosen/config/bt_addr", "00:11:22:33:44:55");
-    test::WriteFile(root + "/sys/class/rfkill/rfkill0/type", "bluetooth\n");
+    test::WriteFile(root + "/sys/class/rfkill/rfkill0/type", "wlan\n");
+    test::WriteFile(root + "/sys/class/rfkill/rfkill1/type", "bluetooth\n");
     test::WriteFile(power_, "x");
     android::base::SetProperty("persist.bluetooth.disable.accelerate.bt.on", "true");
   }
@@ -89,7 +90,7 @@ class Hal : public testing::Test {
     EXPECT_TRUE(files_.WakeLockReleased());
   }
 
-  const std::string power_ = test::RootFolder() + "/sys/class/rfkill/rfkill0/state";
+  const std::string power_ = test::RootFolder() + "/sys/class/rfkill/rfkill1/state";
   test::LowPowerFiles files_;
   test::LinkedPty uart_{test::RootFolder() + test::kUartPort};
   test::LinkedPty coexistence_{test::RootFolder() + "/dev/wbrc"};

@@ -4,12 +4,9 @@
 
 #include <atomic>
 #include <filesystem>
-#include <mutex>
 #include <thread>
-#include <vector>
 
 #include "base/timer.h"
-#include "base/wake_lock.h"
 #include "bthal/child_case.h"
 #include "bthal/kernel_file.h"
 #include "support/temp_dir.h"
@@ -66,35 +63,6 @@ TEST_F(LowPowerMode, LoneTransmission_SuspendsAfterTwoPeriods) {
   EXPECT_EQ(files_.driver.Text(), "10");
   EXPECT_TRUE(low_power_.WakeUp());
   EXPECT_EQ(files_.line.Text(), "1101");
-}
-
-// One lock for all users: the platform is asked at the first and the last.
-TEST_F(LowPowerMode, WakeLock_CountsItsUses) {
-  WakeLock& lock = WakeLock::Get();
-  lock.Acquire();
-  const std::string once = files_.lock.Text();
-  lock.Acquire();
-  lock.Release();
-  EXPECT_FALSE(files_.WakeLockReleased());
-  lock.Release();
-  EXPECT_TRUE(files_.WakeLockReleased());
-  EXPECT_EQ(files_.lock.Text(), once);
-}
-
-TEST_F(LowPowerMode, WakeUpsAndTeardownsOfManyThreads_EndReleased) {
-  const int rounds = test::Count("low-power cycles", 60);
-  for (int i = 0; i < rounds; ++i) {
-    low_power_.Setup([] { return true; });
-    std::thread sender([&] {
-      for (int k = 0; k < 50; ++k) low_power_.WakeUp();
-    });
-    std::thread closer([&] { low_power_.Teardown(); });
-    sender.join();
-    closer.join();
-  }
-  EXPECT_EQ(test::CountOf("bthal_wakelock", files_.lock.Text()),
-            test::CountOf("bthal_wakelock", files_.unlock.Text()));
-  EXPECT_FALSE(shim::IsLpmRunning());
 }
 
 // A transport that cannot wake the controller, or put it to sleep, ends the low-power mode.
@@ -154,77 +122,6 @@ TEST(LowPowerLine, FirstWriteFails_IsOffForTheSession) {
   std::filesystem::remove(line);
 }
 
-TEST(TimerThread, FiresOnceOrPeriodicallyAndNotOnceDisarmed) {
-  std::atomic<int> fired{0};
-  const auto timer = Timer::Create("test", [&] { ++fired; });
-  ASSERT_NE(timer, nullptr);
-  const auto start = steady_clock::now();
-  timer->Arm(milliseconds(40), milliseconds(0));
-  EXPECT_TRUE(test::WaitFor([&] { return fired == 1; }));
-  EXPECT_GE(steady_clock::now() - start, milliseconds(40));
-  timer->Arm(milliseconds(1), milliseconds(5));
-  EXPECT_TRUE(test::WaitFor([&] { return fired >= 5; }));
-  timer->Disarm();
-  std::atomic<bool> other{false};
-  const int at_disarm = fired;
-  const auto later = Timer::Create("later", [&] { other = true; });
-  later->Arm(milliseconds(60), milliseconds(0));
-  EXPECT_TRUE(test::WaitFor([&] { return other.load(); }));
-  EXPECT_LE(fired, at_disarm + 1) << "one callback may have been under way";
-}
-
-// A stall of some periods: the calls that it has delayed do not follow each other at once.
-TEST(TimerThread, StalledCallback_IsNotMadeUpFor) {
-  constexpr milliseconds kPeriod{40};
-  std::mutex lock;
-  std::vector<steady_clock::time_point> starts;
-  const auto timer = Timer::Create("test", [&] {
-    const std::lock_guard<std::mutex> guard(lock);
-    starts.push_back(steady_clock::now());
-    if (starts.size() == 1) std::this_thread::sleep_for(5 * kPeriod);  // the stall itself
-  });
-  timer->Arm(milliseconds(1), kPeriod);
-  ASSERT_TRUE(test::WaitFor([&] {
-    const std::lock_guard<std::mutex> guard(lock);
-    return starts.size() >= 4;
-  }));
-  timer->Disarm();
-  const std::lock_guard<std::mutex> guard(lock);
-  EXPECT_GE(starts[3] - starts[2], kPeriod);
-}
-
-// How often the thread of a name has gone to sleep so far.
-int SleepsOf(const std::string& name) {
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if (test::ReadFile((task.path() / "comm").string()) != name + "\n") continue;
-    const std::string status = test::ReadFile((task.path() / "status").string());
-    const std::string field = "\nvoluntary_ctxt_switches:";
-    return std::stoi(status.substr(status.find(field) + field.size()));
-  }
-  return -1;
-}
-
-// As each packet of a burst does.
-TEST(TimerThread, PutOffAgainAndAgain_SleepsOnAndStillFires) {
-  std::atomic<int> fired{0};
-  const auto timer = Timer::Create("put_off", [&] { ++fired; });
-  ASSERT_NE(timer, nullptr);
-  timer->Arm(std::chrono::seconds(60), milliseconds(0));
-  int sleeps = 0;
-  const auto asleep = [&] {
-    const int before = std::exchange(sleeps, SleepsOf("put_off"));
-    return before > 0 && sleeps == before;
-  };
-  ASSERT_TRUE(test::WaitFor(asleep));
-  for (int i = 0; i < 1000; ++i) timer->Arm(std::chrono::seconds(60), milliseconds(0));
-  EXPECT_EQ(SleepsOf("put_off"), sleeps);
-  timer->Arm(milliseconds(30), milliseconds(0));
-  timer->Arm(milliseconds(60), milliseconds(0));
-  const auto start = steady_clock::now();
-  EXPECT_TRUE(test::WaitFor([&] { return fired == 1; }));
-  EXPECT_GE(steady_clock::now() - start, milliseconds(59));
-}
-
 TEST(TimerThread, DestructionWaitsForARunningCallback) {
   std::atomic<bool> inside{false}, go_on{false}, finished{false};
   auto timer = Timer::Create("test", [&] {
@@ -240,19 +137,6 @@ TEST(TimerThread, DestructionWaitsForARunningCallback) {
   });
   go_on = true;
   destroyer.join();
-}
-
-TEST(TimerThread, DestroyedInItsOwnCallback_EndsItsThread) {
-  test::ExpectNothingLeft("timers destroyed in their callback", 300, [] {
-    std::unique_ptr<Timer> timer;
-    std::atomic<bool> gone{false};
-    timer = Timer::Create("test", [&] {
-      timer.reset();
-      gone = true;
-    });
-    timer->Arm(milliseconds(0), milliseconds(1));
-    ASSERT_TRUE(test::WaitFor([&] { return gone.load(); }));
-  });
 }
 
 }  // namespace

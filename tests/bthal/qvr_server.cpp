@@ -48,8 +48,8 @@ unique_fd Listener(const std::string& root) {
 
 }  // namespace
 
-QvrServer::QvrServer(const std::string& root, Script script)
-    : listener_(Listener(root)), stop_(eventfd(0, EFD_CLOEXEC)), script_(std::move(script)) {
+QvrServer::QvrServer(const std::string& root)
+    : listener_(Listener(root)), stop_(eventfd(0, EFD_CLOEXEC)) {
   thread_ = std::thread([this] { Run(); });
 }
 
@@ -58,8 +58,6 @@ QvrServer::~QvrServer() {
   if (write(stop_.get(), &one, sizeof one) != sizeof one) abort();
   thread_.join();
 }
-
-void QvrServer::LeaveRefusingSocket(const std::string& root) { Listener(root); }
 
 void QvrServer::SetScript(Script script) {
   const std::lock_guard<std::mutex> guard(lock_);
@@ -121,11 +119,7 @@ bool QvrServer::WaitForConnection(bool connected) {
 void QvrServer::Run() {
   Bytes buffer(kMaxDatagram);
   for (;;) {
-    int client;
-    {
-      const std::lock_guard<std::mutex> guard(lock_);
-      client = client_.get();
-    }
+    const int client = client_.get();
     pollfd ready[] = {{stop_.get(), POLLIN, 0},
                       {client < 0 ? listener_.get() : -1, POLLIN, 0},
                       {client, POLLIN, 0}};
@@ -154,12 +148,10 @@ void QvrServer::Serve(const Bytes& datagram) {
   const uint32_t kind = Le32(datagram, 0), serial = Le32(datagram, 4);
   const auto table = datagram.begin() + kHeaderBytes;
   const auto payload = table + Le32(datagram, 12);
+  std::unique_lock<std::mutex> guard(lock_);
   if (kind == kQvrFind) {
-    std::optional<uint32_t> error;
-    {
-      const std::lock_guard<std::mutex> guard(lock_);
-      error = find_error_;
-    }
+    const std::optional<uint32_t> error = find_error_;
+    guard.unlock();
     if (!error) return;
     Bytes number;
     if (*error == 0) Append(&number, kServerId);
@@ -169,12 +161,9 @@ void QvrServer::Serve(const Bytes& datagram) {
   const Bytes fields(table, payload);
   const QvrRequest request{kind, serial, Field(fields, 0), Field(fields, 1),
                            Bytes(payload, datagram.end())};
-  Script script;
-  {
-    const std::lock_guard<std::mutex> guard(lock_);
-    requests_.push_back(request);
-    script = script_;
-  }
+  requests_.push_back(request);
+  const Script script = script_;
+  guard.unlock();
   const std::optional<uint32_t> error = script ? script(request) : 0;
   if (error) Answer(request, *error);
 }

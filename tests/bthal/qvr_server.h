@@ -1,7 +1,6 @@
 // The co-processor's end of the messaging library's socket, scripted by a test.
 #pragma once
 
-#include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 
 #include <functional>
@@ -20,7 +19,6 @@ enum QvrKind : uint32_t {
   kQvrFind = 1,
   kQvrFound = 2,
   kQvrSend = 3,
-  kQvrCompleted = 4,
   kQvrCall = 5,
   kQvrResponse = 6,
   kQvrMessage = 7,
@@ -43,15 +41,12 @@ class QvrServer {
 
   static constexpr uint32_t kServerId = 0xA1B2C3D4;
 
-  // Without a script, whatever is asked succeeds.
-  explicit QvrServer(const std::string& root, Script script = nullptr);
+  explicit QvrServer(const std::string& root);
   ~QvrServer();
   QvrServer(const QvrServer&) = delete;
   QvrServer& operator=(const QvrServer&) = delete;
 
-  // Binds the socket, then closes it: who connects is refused.
-  static void LeaveRefusingSocket(const std::string& root);
-
+  // Without a script, whatever is asked succeeds.
   void SetScript(Script script);
   // Finds fail with this error; 0 for success, nothing for no answer.
   void SetFindError(std::optional<uint32_t> error);
@@ -77,11 +72,11 @@ class QvrServer {
 
   const android::base::unique_fd listener_;
   const android::base::unique_fd stop_;
-  std::mutex lock_;
-  android::base::unique_fd client_ GUARDED_BY(lock_);
-  Script script_ GUARDED_BY(lock_);
-  std::optional<uint32_t> find_error_ GUARDED_BY(lock_) = 0;
-  std::vector<QvrRequest> requests_ GUARDED_BY(lock_);
+  std::mutex lock_;                  // of all that follow
+  android::base::unique_fd client_;  // changed by the thread only
+  Script script_;
+  std::optional<uint32_t> find_error_ = 0;
+  std::vector<QvrRequest> requests_;
   std::thread thread_;
 };
 

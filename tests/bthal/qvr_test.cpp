@@ -4,18 +4,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
-#include <thread>
 
 #include "bthal/child_case.h"
 #include "bthal/log_capture.h"
 #include "bthal/qvr_server.h"
-#include "bthal/report_check.h"
 #include "bthal/uart_rig.h"
 #include "chre/qvr_helper.h"
 #include "support/vectors.h"
@@ -35,8 +31,6 @@ using test::QvrRequest;
 using test::QvrServer;
 using test::ToHex;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 constexpr char kTag[] = "bthal.qvrhelper";
 const Bytes kReset = {0x03, 0x0C, 0x00};
@@ -71,26 +65,17 @@ class QvrTransport : public testing::Test {
       received_.push_back({name, test::ToBytes(packet), thread});
     };
   }
-  std::vector<Received> WaitForPackets(size_t count) {
-    test::WaitFor([&] {
-      const std::lock_guard<std::mutex> guard(lock_);
-      return received_.size() >= count;
-    });
-    const std::lock_guard<std::mutex> guard(lock_);
-    return std::exchange(received_, {});
-  }
   // Has one more packet come through, so that everything before it has been dealt with.
   std::vector<Received> PacketsUpToMarker() {
     const Bytes marker = {0x3E, 0x02, 0x7F, 0x7F};
     server_.SendMessage(test::QvrEvent(8, marker));
-    std::vector<Received> packets;
-    while (packets.empty() || packets.back().packet != marker) {
-      const std::vector<Received> more = WaitForPackets(1);
-      if (more.empty()) throw std::runtime_error("the marker did not come");
-      packets.insert(packets.end(), more.begin(), more.end());
-    }
-    packets.pop_back();
-    return packets;
+    const bool came = test::WaitFor([&] {
+      const std::lock_guard<std::mutex> guard(lock_);
+      return !received_.empty() && received_.back().packet == marker;
+    });
+    if (!came) throw std::runtime_error("the marker did not come");
+    received_.pop_back();
+    return std::exchange(received_, {});
   }
 
   test::LogCapture lines_;
@@ -143,17 +128,6 @@ TEST_F(QvrTransport, EveryRequest_HasTheLiteralPayloadAndFieldsInOrder) {
   }
 }
 
-TEST_F(QvrTransport, PowerOn_TakesFiftyMillisecondsAndPowerOffDoesNot) {
-  const auto takes = [this](bool on) {
-    const auto start = steady_clock::now();
-    EXPECT_TRUE(helper_.PowerControl(on));
-    return steady_clock::now() - start;
-  };
-  EXPECT_GE(takes(true), milliseconds(50));
-  // A busy machine may hold up any one.
-  EXPECT_TRUE(test::WaitFor([&] { return takes(false) < milliseconds(50); }));
-}
-
 TEST_F(QvrTransport, Message_ReachesItsReceiverOrIsRefusedWithALine) {
   for (const test::Vector& v : test::LoadVectors("qvr_messages.txt")) {
     SCOPED_TRACE(v.name);
@@ -178,22 +152,6 @@ TEST_F(QvrTransport, Message_ReachesItsReceiverOrIsRefusedWithALine) {
     EXPECT_TRUE(packets[0].packet == test::ParseHex(v.fields[2]));
     EXPECT_EQ(packets[0].thread, "BtMsgHandler");
   }
-}
-
-TEST_F(QvrTransport, OtherMessageTypesAndNoReceiver_DisturbNothing) {
-  server_.SendMessage(test::QvrEvent(8, {0x0E, 0x00}), 7);
-  server_.SendMessage(test::QvrEvent(8, {0x0E, 0x00}), 36);
-  EXPECT_THAT(PacketsUpToMarker(), IsEmpty());
-  EXPECT_THAT(lines_.Take(kTag), IsEmpty());
-  helper_.DeinitializeCallback();
-  server_.SendMessage(test::QvrEvent(8, {0x0E, 0x00}));
-  EXPECT_TRUE(helper_.PowerControl(false)) << "whose answer comes behind it";
-  helper_.InitializeCallback(Receiver("event"), nullptr, nullptr, nullptr);
-  lines_.Take(kTag);
-  for (uint32_t kind : {9u, 10u, 11u}) server_.SendMessage(test::QvrEvent(kind, {1, 2, 3, 4}));
-  EXPECT_THAT(PacketsUpToMarker(), IsEmpty());
-  const std::string line = "E hci_packet_handler: no callback.";
-  EXPECT_THAT(lines_.Take(kTag), ElementsAre(line, line, line));
 }
 
 TEST(QvrRequests, SucceedOrFailAsTheCoProcessorAnswers) {
@@ -269,7 +227,9 @@ class QvrShim : public testing::Test {
 };
 
 TEST_F(QvrShim, Open_CyclesThePowerAndCloseSwitchesItOff) {
+  const auto start = steady_clock::now();
   ASSERT_TRUE(Open());
+  EXPECT_GE(steady_clock::now() - start, milliseconds(50)) << "for the power to come up";
   EXPECT_EQ(shim::GetUserialType(), 2u);
   EXPECT_TRUE(shim::IsInitialized());
   EXPECT_FALSE(shim::IsUserialAutoInit());
@@ -290,63 +250,13 @@ TEST_F(QvrShim, Open_CyclesThePowerAndCloseSwitchesItOff) {
 }
 
 // The power-off before the power-on is only an attempt.
-TEST_F(QvrShim, PowerOnRefusedOrCutOff_UndoesTheOpening) {
-  test::LogCapture lines;
+TEST_F(QvrShim, PowerOnRefused_UndoesTheOpening) {
   server_.SetScript([](const QvrRequest&) { return 12; });
   EXPECT_FALSE(Open());
   EXPECT_THAT(Payloads(2), ElementsAre("00 01", "00 00"));
   ExpectClosed();
-  // While it is not open for packets yet, a lost connection fails what runs, and no more.
-  server_.SetScript([&](const QvrRequest& request) -> std::optional<uint32_t> {
-    if (ToHex(request.payload) == "00 01") return 0;
-    server_.Disconnect();
-    return std::nullopt;
-  });
-  EXPECT_FALSE(Open());
-  ExpectClosed();
-  const std::vector<std::string> logged = lines.Take(kTag);
-  for (const char* line :
-       {"E handle_qvr_connection_event: QVR transport disconnected from ULK...exiting",
-        "E PowerControl Attempt failed to deliver message to CHRE: send err 0, resp err 11"}) {
-    EXPECT_EQ(std::count(logged.begin(), logged.end(), line), 1) << line;
-  }
   server_.SetScript(nullptr);
   EXPECT_TRUE(Open()) << "the next one succeeds";
-}
-
-// The server cannot be found for a while.
-TEST_F(QvrShim, ServerThatComesLate_IsFoundByALaterAttempt) {
-  test::LogCapture lines;
-  server_.SetFindError(7);
-  bool opened = false;
-  std::thread opener([&] { opened = Open(); });
-  std::string log;
-  const auto failures = [&] {
-    log += testing::PrintToString(lines.Take(kTag));
-    return test::CountOf("E InitQvrTransport: Failed to find CHRE message server: err 7", log);
-  };
-  EXPECT_TRUE(test::WaitFor([&] { return failures() == 2; }));
-  server_.SetFindError(0);
-  opener.join();
-  EXPECT_TRUE(opened);
-  const std::string count = std::to_string(failures());
-  EXPECT_THAT(log, HasSubstr("I PrepareQvrTransport: return ret (1), count:" + count + "\""));
-}
-
-TEST_F(QvrShim, OpenAndCloseManyTimes_LeavesNothing) {
-  int round = 0;
-  test::ExpectNothingLeft("openings of the co-processor transport", 40, [&] {
-    std::atomic<int> received{0};
-    ASSERT_TRUE(Open([&](const hidl_vec<uint8_t>&) { ++received; }));
-    // SCO data, which pass the flow control.
-    for (int i = 0; i < 4; ++i) server_.SendMessage(test::QvrEvent(10, {1, 2, 1, 3}));
-    ASSERT_EQ(shim::Send(1, kReset.data(), kReset.size(), true), kReset.size());
-    if (++round % 2 == 0) {
-      ASSERT_TRUE(test::WaitFor([&] { return received == 4; }));
-    }
-    shim::Deinitialize();
-    ASSERT_TRUE(server_.WaitForConnection(false));
-  });
 }
 
 // A stack that calls back from its own callback: "BtMsgHandler" closes what it runs on, while more
@@ -373,53 +283,6 @@ TEST_F(QvrShim, CloseFromInsideAReceiver_NeitherHangsNorDeliversMore) {
       EXPECT_EQ(delivered, 1);
     }
   });
-}
-
-// --- what ends the process ---
-
-// Argument: "prepare"; "idle", the connection ends while nothing is sent; or how long a packet is.
-CHILD_CASE(QvrFails) {
-  test::PrintReports();
-  if (arguments[0] == "prepare") return QvrHelper::Get().PrepareQvrTransport() ? 1 : 2;
-  QvrServer server(test::RootFolder());
-  if (shim::InitializeHciHandle(Nothing, Nothing, Nothing, Nothing) == nullptr) return 3;
-  if (arguments[0] == "idle") {
-    server.Disconnect();
-    for (;;) pause();
-  }
-  const Bytes packet(std::stoul(arguments[0]));
-  return static_cast<int>(shim::Send(2, packet.data(), packet.size(), false));
-}
-
-TEST(QvrReports, EachFailure_EndsTheProcessWithItsOwnCode) {
-  const std::string send = "SendHciToQvr: error sending packet via QVR, err: ";
-  const struct {
-    const char* moment;
-    int code;
-    std::string reason;
-    std::string line;  // and how often it is logged
-    size_t count;
-  } rows[] = {
-      // Ten times five attempts: 50 ms after each of the five, 100 ms after each of the ten.
-      {"prepare", 192, "Prepare CHRE QVR transport failed!",
-       " InitQvrTransport: Failed to connect to QVR transport server: err 11\n", 10},
-      {"idle", 214, "QVR transport disconnected from ULK...exiting",
-       " handle_qvr_connection_event: QVR transport disconnected from ULK...exiting\n", 1},
-      // The library's error and 192: it takes no packet of that length.
-      {"200000", 192 + qvr::kValueTooBig, send + std::to_string(qvr::kValueTooBig),
-       " bthal.qvrhelper: " + send + std::to_string(qvr::kValueTooBig) + "\n", 1},
-  };
-  std::vector<test::ReportRoot> roots(std::size(rows));
-  const auto start = steady_clock::now();
-  test::RunSideBySide(
-      roots.size(),
-      [&](size_t i) { return test::StartChild("QvrFails", roots[i].path(), {rows[i].moment}); },
-      [&](size_t i, const test::ChildRun& run) {
-        SCOPED_TRACE(rows[i].moment);
-        EXPECT_EQ(test::CountOf(rows[i].line, run.output), rows[i].count) << run.output;
-        test::ExpectReport(rows[i].code, rows[i].reason, run, roots[i]);
-        EXPECT_GE(steady_clock::now() - start, milliseconds(i == 0 ? 3500 : 0));
-      });
 }
 
 }  // namespace
