@@ -1,18 +1,14 @@
 // Runs a fuzz target without a fuzzing engine: the vectors of tests/data as seeds, then seeded
-// mutations of them. Arguments: kind, number of mutations, and optionally the seed of the
-// mutations, or "@" and a file, which is run alone. A crash leaves kind, seed and number of the
-// input in the output; the input then joins the vectors.
+// mutations of them. Arguments: number of mutations, files. A crash leaves the number of the input,
+// to the nearest 10000, in the output; the input then joins the vectors.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "support/temp_dir.h"
 #include "support/vectors.h"
 #include "support/wait.h"
 
@@ -20,54 +16,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
 
-constexpr unsigned kDefaultSeed = 1;
+using test::Bytes;
+
 constexpr size_t kMaxSize = 1 << 16;
 
-std::string Text(const std::string& hex) {
-  const test::Bytes bytes = test::ParseHex(hex);
-  return {bytes.begin(), bytes.end()};
-}
-
-std::string EventsOf(const std::string& steps) {
-  std::string events;
-  for (const std::string& step : test::SplitTrimmed(steps, ';')) {
-    if (step.rfind("event ", 0) == 0) events += Text(step.substr(6));
-  }
-  return events;
-}
-
-// What a kind of target reads in each vector of its files.
-struct Seeds {
-  std::vector<std::string> files;
-  std::function<std::string(const std::vector<std::string>& fields)> of;
-};
-
-const std::map<std::string, Seeds> kSeeds = {
-    {"framer",
-     {{"h4_packets.txt", "h4_streams.txt", "h4_garbage.txt"},
-      // A stream has its packets, or its log, behind it: only a packet is its type and its bytes.
-      [](const auto& f) {
-        return f.size() == 2 && f[0].size() == 2 ? Text(f[0] + " " + f[1]) : Text(f[0]);
-      }}},
-    {"flow_control", {{"flow_control.txt"}, [](const auto& f) { return EventsOf(f[0]); }}},
-    {"config", {{"config.txt"}, [](const auto& f) { return test::ParseText(f[0]).value_or(""); }}},
-    {"firmware", {{"firmware.txt"}, [](const auto& f) { return f[2] == "-" ? "" : Text(f[2]); }}},
-    {"co_processor", {{"qvr_messages.txt"}, [](const auto& f) { return Text(f[0]); }}},
-};
-
-std::vector<std::string> LoadCorpus(const std::string& kind) {
-  std::vector<std::string> corpus;
-  for (const std::string& file : kSeeds.at(kind).files) {
-    for (const test::Vector& v : test::LoadVectors(file)) {
-      corpus.push_back(kSeeds.at(kind).of(v.fields));
+// The first fields: bytes, or steps, of which the events are taken.
+void AddSeeds(const std::string& file, std::vector<std::string>* corpus) {
+  for (const test::Vector& vector : test::LoadVectors(file)) {
+    Bytes seed;
+    for (const std::string& step : test::SplitTrimmed(vector.fields[0], ';')) {
+      const bool is_event = step.rfind("event ", 0) == 0;
+      if (!is_event && step.find_first_not_of("0123456789ABCDEF* ") != std::string::npos) continue;
+      seed = test::Concat(seed, test::ParseHex(is_event ? "04 " + step.substr(6) : step));
     }
+    corpus->emplace_back(seed.begin(), seed.end());
   }
-  return corpus;
 }
 
 void Run(const std::string& input) {
   // An allocation of exactly this size, so that a read behind the end is seen.
-  const std::vector<uint8_t> bytes(input.begin(), input.end());
+  const Bytes bytes(input.begin(), input.end());
   LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
 
@@ -76,23 +44,16 @@ std::string Mutated(const std::vector<std::string>& corpus, std::mt19937& random
   std::string input = corpus[below(corpus.size())];
   for (size_t i = 1 + below(8); i > 0; --i) {
     const size_t at = below(input.size() + 1);
-    const size_t length = std::min(input.size() - at, 1 + below(16));
     const std::string& other = corpus[below(corpus.size())];
-    switch (below(6)) {
+    switch (below(4)) {
       case 0:
         input.insert(at, 1 + below(4), static_cast<char>(random()));
         break;
       case 1:
-        input.erase(at, length);
+        input.erase(at, 1 + below(16));
         break;
       case 2:
-        if (at < input.size()) input[at] = static_cast<char>(random());
-        break;
-      case 3:
         if (at < input.size()) input[at] ^= static_cast<char>(1 << below(8));
-        break;
-      case 4:
-        input.insert(at, input.substr(at, length));
         break;
       default:
         input = input.substr(0, at) + other.substr(below(other.size() + 1));
@@ -106,24 +67,17 @@ std::string Mutated(const std::vector<std::string>& corpus, std::mt19937& random
 
 int main(int argc, char** argv) {
   if (argc < 3) {
-    fprintf(stderr, "usage: %s KIND COUNT [SEED | @FILE]\n", argv[0]);
+    fprintf(stderr, "usage: %s COUNT FILE...\n", argv[0]);
     return 2;
   }
-  if (argc > 3 && argv[3][0] == '@') {
-    Run(test::ReadFile(argv[3] + 1));
-    return 0;
-  }
-  const unsigned seed =
-      argc > 3 ? static_cast<unsigned>(strtoul(argv[3], nullptr, 10)) : kDefaultSeed;
-  const std::vector<std::string> corpus = LoadCorpus(argv[1]);
-  printf("%s, seed: %u, corpus: %zu\n", argv[1], seed, corpus.size());
-  const int count = test::Count("mutated inputs", atoi(argv[2]));
-  fflush(stdout);
+  std::vector<std::string> corpus;
+  for (int i = 2; i < argc; ++i) AddSeeds(argv[i], &corpus);
   for (const std::string& input : corpus) Run(input);
-  std::mt19937 random(seed);
+  const int count = test::Count("mutated inputs", atoi(argv[1]));
+  std::mt19937 random(1);
   for (int i = 0; i < count; ++i) {
     if (i % 10000 == 0) {
-      printf("input %d\n", i);
+      printf("input %d of %zu seeds\n", i, corpus.size());
       fflush(stdout);
     }
     Run(Mutated(corpus, random));

@@ -248,6 +248,12 @@ void ControllerActivityWatcher::CallProvider() {
         return;
       }
       call.swap(next_);
+      if (IsInForce(*call)) {
+        call->done.set_value(true);
+        continue;
+      }
+      last_ = call;
+      last_is_done_ = false;
       call_began_ = std::chrono::steady_clock::now();
     }
     const bool done = (call->is_on ? call->provider->registerCallback(kEntityName, self)
@@ -259,12 +265,13 @@ void ControllerActivityWatcher::CallProvider() {
     }
     call->done.set_value(done);
     std::lock_guard<std::mutex> guard(lock_);
-    if (done && next_ != nullptr && next_->is_on == call->is_on &&
-        next_->provider == call->provider) {
-      next_->done.set_value(true);  // off and on again meanwhile, or the reverse
-      next_ = nullptr;
-    }
+    last_is_done_ = done;
   }
+}
+
+bool ControllerActivityWatcher::IsInForce(const Registration& registration) const {
+  if (last_ == nullptr || last_->provider != registration.provider) return !registration.is_on;
+  return last_is_done_ && last_->is_on == registration.is_on;
 }
 
 void ControllerActivityWatcher::binderDied() {

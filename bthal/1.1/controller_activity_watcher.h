@@ -92,6 +92,9 @@ class ControllerActivityWatcher final
   // Waits for Ask()'s outcome, until its deadline; false for null.
   static bool Wait(const std::shared_ptr<Registration>& registration);
   void CallProvider() EXCLUDES(lock_);
+  // Whether the provider need not be called: the calls between the last one and this one have been
+  // replaced before they began.
+  bool IsInForce(const Registration& registration) const REQUIRES(lock_);
 
   const sp<V1_1::IBluetoothHci> hci_;
   std::atomic<bool> enabled_{true};
@@ -108,6 +111,8 @@ class ControllerActivityWatcher final
   States live_ GUARDED_BY(lock_) = NoStates();  // of this one
   int64_t boot_time_offset_ms_ GUARDED_BY(lock_) = 0;
   std::shared_ptr<Registration> next_ GUARDED_BY(lock_);  // asked for and not begun
+  std::shared_ptr<Registration> last_ GUARDED_BY(lock_);  // the last one that was begun
+  bool last_is_done_ GUARDED_BY(lock_) = false;           // the provider has confirmed it
   bool is_calling_ GUARDED_BY(lock_) = false;             // the thread runs
   std::chrono::steady_clock::time_point call_began_ GUARDED_BY(lock_);
 

@@ -1,8 +1,7 @@
 #include <android-base/file.h>
-#include <android-base/unique_fd.h>
+#include <android-base/strings.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -110,17 +109,6 @@ CHILD_CASE(ReportFromManyThreads) {
   return 0;
 }
 
-// No thread can be made any more: none has a stack of this size.
-CHILD_CASE(ReportWithoutThreads) {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, size_t{1} << 46);
-  pthread_setattr_default_np(&attributes);
-  test::PrintReports();
-  DebugCentral::Get().ReportBqrError(BqrErrorCode::HostDownloadFw, "");
-  return 0;
-}
-
 TEST(FatalErrors, WhateverTheStackDoes_TheProcessEnds) {
   const struct {
     const char* name;
@@ -137,7 +125,6 @@ TEST(FatalErrors, WhateverTheStackDoes_TheProcessEnds) {
       {"LogFatal", {"151"}, "HostCoexDeviceOpenErrorENSt", 0},
       {"ReportToStuckStack", {}, "vendor error code 148\n", 1},
       {"ReportFromManyThreads", {}, "vendor error code 130\n", 1},
-      {"ReportWithoutThreads", {}, "vendor error code 148\n", 1},
       // A code that no row has: the look-up ends it.
       {"Report", {"250", ""}, "", 0},
   };
@@ -203,46 +190,32 @@ TEST(CrashDump, FoldersThatAreMissing_AreNamedInOneLine) {
   EXPECT_THAT(log, Not(HasSubstr("crashinfo file")));
 }
 
-// A file may have so many bytes. The log goes to a pipe, which may have more.
-std::string LogOfDumpsWithin(rlim_t bytes) {
-  signal(SIGXFSZ, SIG_IGN);
-  android::base::unique_fd out, in, log(dup(STDERR_FILENO));
-  EXPECT_TRUE(android::base::Pipe(&out, &in));
-  dup2(in.get(), STDERR_FILENO);
-  rlimit limit{bytes, RLIM_INFINITY};
-  setrlimit(RLIMIT_FSIZE, &limit);
-  CrashDump dump([] { return std::string(200, 'r'); });
-  dump.Start("FullDisk");
-  const hidl_vec<uint8_t> fragment = {0xFF, 0x03, 0x58, 0x13, 0x00};
-  for (int i = 0; i < 50; ++i) dump.AppendToControllerDump(fragment);
-  limit.rlim_cur = RLIM_INFINITY;
-  setrlimit(RLIMIT_FSIZE, &limit);
-  dup2(log.get(), STDERR_FILENO);
-  in.reset();
-  std::string text;
-  android::base::ReadFdToString(out, &text);
-  return text;
-}
-
 TEST(CrashDump, FileThatCannotBeWrittenWhole_IsOneLineAndNotLeftEmpty) {
+  signal(SIGXFSZ, SIG_IGN);
   const struct {
-    rlim_t limit;
+    rlim_t limit;        // of a file's size
     size_t core_dumps;   // and dumps of the controller that are left
     size_t crash_infos;  // whole, where there is one
   } cases[] = {{0, 0, 0}, {120, 2, 1}};
-  const auto not_whole = [](const std::string& path) {
-    return "start_crash_dump: /data/vendor/ssrdump/" + path;
-  };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.limit);
     const test::CrashFolders root(test::RootFolder());
-    const std::string log = LogOfDumpsWithin(c.limit);
+    test::LogCapture capture;
+    rlimit limit{c.limit, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    CrashDump dump([] { return std::string(200, 'r'); });
+    dump.Start("FullDisk");
+    for (int i = 0; i < 50; ++i) dump.AppendToControllerDump({0xFF, 0x03, 0x58, 0x13, 0x00});
+    limit.rlim_cur = RLIM_INFINITY;
+    setrlimit(RLIMIT_FSIZE, &limit);
     EXPECT_EQ(root.CoreDumps().size(), c.core_dumps);
     EXPECT_EQ(root.CrashInfos().size(), c.crash_infos);
-    EXPECT_EQ(test::CountOf(not_whole("coredump/coredump_bt_"), log), 1u) << log;
-    EXPECT_EQ(test::CountOf(not_whole("crashinfo_bt_"), log), 1 - c.crash_infos) << log;
+    const std::string log = android::base::Join(capture.Take("bthal.debug_central"), '\n') + "\n";
+    const auto lines = [&](const std::string& text) { return test::CountOf(text, log); };
+    EXPECT_EQ(lines("start_crash_dump: /data/vendor/ssrdump/coredump/coredump_bt_"), 1u) << log;
+    EXPECT_EQ(lines("start_crash_dump: /data/vendor/ssrdump/crashinfo_bt_"), 1 - c.crash_infos);
     // One line for the dump of the controller, however many fragments it has.
-    EXPECT_EQ(test::CountOf(" is not whole: File too large (27)\n", log), 3 - c.crash_infos) << log;
+    EXPECT_EQ(lines(" is not whole: File too large (27)\n"), 3 - c.crash_infos) << log;
   }
 }
 

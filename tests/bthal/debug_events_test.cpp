@@ -116,10 +116,4 @@ TEST_F(DebugEvents, DumpsOfTheNextCycle_HaveFilesOfTheirOwnWithTheirFragmentsOnl
   EXPECT_EQ(files_.CoreDumpLike("coredump_bt_chredump_" + stamp), TextOf("FF 04 58 14 5A 00"));
 }
 
-TEST(DebugMonitor, WithoutFlowControl_IsRefused) {
-  testing::internal::CaptureStderr();
-  DebugCentral::Get().StartMonitor(nullptr);
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("StartMonitor: Invalid handle!"));
-}
-
 }  // namespace

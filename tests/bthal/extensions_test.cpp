@@ -27,7 +27,6 @@ using vendor::ewp::V1_0::implementation::BluetoothEwp;
 using vendor::ext::V1_0::implementation::BluetoothExt;
 using vendor::sar::V1_1::implementation::BeamformingCaps;
 using vendor::sar::V1_1::implementation::BluetoothSar;
-using vendor::sar::V1_1::implementation::buildCommand;
 using vendor::sar::V1_1::implementation::ChainCaps;
 
 std::vector<int8_t> ParseCaps(const std::string& text) {
@@ -82,17 +81,6 @@ TEST(Extensions, PowerCapsInHighResolution) {
   test::WriteConfiguration(root.path(), "SarBackOffHighResolution = true\n");
   const test::ChildRun run = test::RunChild("PowerCapsInHighResolution", root.path());
   EXPECT_EQ(run.result.exit_code, 0) << run.output;
-}
-
-TEST(Extensions, PowerCapCommands) {
-  for (const test::Vector& vector : test::LoadVectors("sar_command.txt")) {
-    SCOPED_TRACE(vector.name);
-    const auto caps = [&](size_t field) { return ParseCaps(vector.fields[field]); };
-    const std::vector<uint8_t> command =
-        buildCommand(ChainCaps(caps(1).data()), ChainCaps(caps(2).data()),
-                     BeamformingCaps(caps(3).data()), vector.fields[0] == "1");
-    EXPECT_EQ(test::ToHex(command), test::ToHex(ParseHex(vector.fields[4])));
-  }
 }
 
 TEST(Extensions, Injection) {

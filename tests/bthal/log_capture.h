@@ -22,7 +22,7 @@ class LogCapture {
 bool Matches(const std::string& line, const std::string& pattern);
 
 // text with "@TIME@" for each time of day in it that stands between before and after.
-std::string WithoutTimes(std::string text, const std::string& before = "",
+std::string WithoutTimes(const std::string& text, const std::string& before = "",
                          const std::string& after = "");
 
 }  // namespace test

@@ -20,21 +20,7 @@ Bytes CapabilityReply(uint8_t minor) {
 TEST(QualityReports, LinesAreExact) {
   test::SequenceRunner runner("bthal.bqr");
   DebugCentral::Get().StartMonitor(&runner.flow());
-  for (const test::Vector& vector : test::LoadVectors("quality_reports.txt")) {
-    SCOPED_TRACE(vector.name);
-    runner.rig().DeliverEvent(CapabilityReply(0));
-    runner.SkipLog();
-    if (vector.fields[0] != "-") runner.rig().DeliverEvent(test::ParseHex(vector.fields[0]));
-    const Bytes event = test::ParseHex(vector.fields[1]);
-    runner.rig().TakeReceived();
-    runner.rig().DeliverEvent(event);
-    for (const std::string& line : test::SplitTrimmed(vector.fields[2], ';')) {
-      runner.Run("log " + line);
-    }
-    EXPECT_EQ(runner.LinesLeft(), std::vector<std::string>{});
-    // All of them go on to the stack.
-    ASSERT_EQ(runner.rig().TakeReceived(), (std::vector<test::UartRig::Packet>{{4, event}}));
-  }
+  runner.RunFile("quality_reports.txt");
   DebugCentral::Get().StopMonitor();
 }
 
@@ -55,12 +41,6 @@ TEST(QualityReports, OfEveryLength_AreReadWithinTheirBounds) {
         ParseA2DPLatencyMeasurement(event);
       }
     }
-  }
-  for (size_t size = 0; size <= 257; ++size) {
-    updateControllerCapability(CapabilityReply(0));
-    log.Take("bthal.bqr");
-    updateControllerCapability(Bytes(size, 0x01));
-    EXPECT_EQ(log.Take("bthal.bqr").size(), size < 16 ? 0u : 1u) << size;
   }
 }
 

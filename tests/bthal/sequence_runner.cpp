@@ -117,7 +117,6 @@ void SequenceRunner::ExpectLog(const std::string& arguments) {
     count = std::stoi(rest);
     rest = rest.substr(times + 3);
   }
-  for (const auto& [word, value] : placeholders_) rest = Replaced(rest, word, value());
   for (int i = 0; i < count; ++i) ExpectLine(level + " " + rest);
 }
 

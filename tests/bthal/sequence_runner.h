@@ -26,11 +26,6 @@ class SequenceRunner {
   void DefineSwitch(void (*on)(android::hardware::bluetooth::hci::HciFlowControl*), void (*off)());
   // Defines "record": the newest record of a kind.
   void DefineRecord(uint8_t kind);
-  // A word of log texts that stands for what f returns.
-  void DefinePlaceholder(const std::string& word, std::function<std::string()> f) {
-    placeholders_[word] = std::move(f);
-  }
-
   // Runs all sequences of a file of tests/data, each to its end.
   void RunFile(const std::string& file);
   void Run(const std::string& steps);
@@ -54,7 +49,6 @@ class SequenceRunner {
   LogCapture log_;
   UartRig rig_;
   std::map<std::string, Step> steps_;
-  std::map<std::string, std::function<std::string()>> placeholders_;
   std::deque<std::string> lines_;  // logged, not compared yet
 };
 

@@ -7,7 +7,6 @@
 
 #include "bthal/child_case.h"
 #include "btzvk_protocol.h"
-#include "debug_central.h"
 #include "support/temp_dir.h"
 #include "support/vectors.h"
 #include "transport_shim.h"
@@ -41,7 +40,6 @@ namespace {
 namespace shim = android::hardware::bluetooth::hci::shim;
 using android::hardware::hidl_vec;
 using android::hardware::bluetooth::BtZvkProtocol;
-using android::hardware::bluetooth::V1_1::zvkbtlinux::debug::DebugCentral;
 using testing::HasSubstr;
 
 std::string NextFromHost() {
@@ -60,8 +58,6 @@ CHILD_CASE(UserChannel) {
   const test::Bytes reset = test::ParseHex("03 0C 00");
   flow->Send(1, reset.data(), reset.size());
   printf("a stack wrote %s\n", NextFromHost().c_str());
-  fflush(stdout);
-  DebugCentral::Get().dump_hal_log(STDOUT_FILENO);
   shim::Deinitialize();
   return 0;
 }
@@ -77,8 +73,6 @@ TEST(UserChannel, Initialize_LeavesTheControllerToTheKernel) {
   EXPECT_THAT(run.output, HasSubstr("type 0\ninitialized 1\nbring-up wrote nothing\n"
                                     "a stack wrote 01 03 0C 00\n"));
   EXPECT_THAT(run.output, HasSubstr("Initialize: Do no-op for USERIAL ( 0 )\n"));
-  EXPECT_THAT(run.output, HasSubstr("Timestamp of Initialize: HCI_UART driver (0) handles BTZVK "
-                                    "protocol: "));
 }
 
 }  // namespace

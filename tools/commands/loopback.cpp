@@ -97,6 +97,7 @@ void Loopback(const Options& options, const LoopbackValues& values) {
   const LocalLoopback loopback(exchange);
   TakeHandles(exchange, all);
   std::vector<Stream> streams;
+  streams.reserve(wanted.size());
   for (const PacketType type : wanted) streams.push_back(all[type]);
   RunTransfer(exchange, streams, values, "loopback");
 }

@@ -66,6 +66,7 @@ void ScanAndList(const Options& options, const ScanOptions& scan) {
     // Listening ends early; what was heard counts.
   }
   std::vector<Device> devices;
+  devices.reserve(heard.size());
   for (const auto& [address, device] : heard) devices.push_back(device);
   std::stable_sort(devices.begin(), devices.end(),
                    [](const Device& a, const Device& b) { return a.last.rssi > b.last.rssi; });

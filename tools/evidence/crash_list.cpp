@@ -85,7 +85,8 @@ std::string Describe(const Json& crash) {
     out += text("signal") + " in " + Paint(Colour::kRed, text("function")) + ", process " +
            crash["pid"].dump() + ", thread " + crash["tid"].dump() + " \"" + text("thread") +
            "\"\n";
-    if (crash["message"] != "") out += "    " + text("message") + "\n";
+    const std::string message = text("message");
+    if (!message.empty()) out += "    " + message + "\n";
   } else {
     out += Paint(Colour::kYellow, text("mistake")) + "\n";
   }

@@ -93,15 +93,17 @@ Json ParseTombstone(const std::string& text) {
   const size_t backtrace = text.find("\nbacktrace:\n");
   if (backtrace == std::string::npos) throw Failure("there is no backtrace");
   std::istringstream frames(text.substr(backtrace));
+  std::string function;
   for (std::string line; std::getline(frames, line);) {
     const size_t number = line.find('#');
     if (number == std::string::npos) continue;
     tombstone["frames"].push_back(line.substr(number));
     const size_t object = line.find(program);
-    if (tombstone["function"] != "" || object == std::string::npos) continue;
-    const std::string function = line.substr(object + program.size());
-    if (function.rfind("bthal::log::", 0) != 0) tombstone["function"] = ShortName(function);
+    if (!function.empty() || object == std::string::npos) continue;
+    const std::string frame = line.substr(object + program.size());
+    if (frame.rfind("bthal::log::", 0) != 0) function = ShortName(frame);
   }
+  tombstone["function"] = function;
   return tombstone;
 }
 
