@@ -387,32 +387,5 @@ TEST(BringUpWire, OfAcceleratedBluetooth_IsABringUpAndAResetForEachComingAndGoin
   EXPECT_EQ(board.StackOutput(), "complete 0\ninitialize done\nclose done\n");
 }
 
-// Noise while no stack is there closes the port under a controller that counts as up: the next
-// stack finds it neither ready nor down.
-TEST(BringUpTwice, AfterNoiseWithoutAStack_IsRefusedOnceAndWorksForTheNextStack) {
-  const WireVector vector = LoadWireVectors().bring_ups.front();
-  Board board(Mode::kAccelerated, vector);
-  board.Play([&](const Bytes& command) { return Completion(vector, command); });
-  board.StartService();
-  ASSERT_TRUE(board.service().WaitForOutput("BTZVK controller is ready", kDeadline));
-  board.pty().WriteToHost(kNoise);
-  ASSERT_TRUE(WaitFor([&] {
-    return CountOf("PowerControl: Disabling", board.Log()) == 2;  // the first one is the bring-up's
-  })) << board.Log();
-
-  board.StartStack();
-  EXPECT_TRUE(board.stack()->WaitForOutput("complete 2\n", kDeadline)) << board.Log();
-  EXPECT_TRUE(board.service().WaitForOutput(
-      "perform_init: hci_handle != nullptr! -> Double attempt to initialize the HAL\n", kDeadline));
-  board.stack()->Signal(SIGKILL);
-  EXPECT_TRUE(WaitFor([&] { return CountOf("BTZVK controller is ready", board.Log()) == 2; }))
-      << board.Log();
-
-  board.StartStack();
-  EXPECT_TRUE(board.stack()->WaitForOutput("initialize done\n", kDeadline)) << board.Log();
-  EXPECT_EQ(board.StackOutput(), "complete 0\ninitialize done\n");
-  EXPECT_TRUE(board.Left().Empty());
-}
-
 }  // namespace
 }  // namespace test

@@ -60,18 +60,5 @@ TEST(CoProcessor, ThatFails_EndsTheServiceWithItsReportOrTheStackIsTold) {
   });
 }
 
-TEST(CoProcessor, BrokenMessages_AreNamedAndTheNextIsHeard) {
-  Handset handset(
-      "after 0xFC27 nth 1 co-event 12 01 02\n"
-      "after 0xFC27 nth 1 co-table 8 01 02 03\n"
-      "after 0xFC27 nth 1 co-truncated\n"
-      "after 0xFC27 nth 1 co-table 9 01 02 03\n",
-      Mode::kAccelerated, {"--co-processor"});
-  handset.StartService();
-  EXPECT_EQ(handset.Ctl({"info"}).exit_code, 0) << handset.Log();
-  EXPECT_THAT(handset.Log(), HasSubstr("qvr_message_handler: Unimplemented packet type 12"));
-  EXPECT_EQ(CountOf("Failed to get qvr msg: err 5", handset.Log()), 2u);
-}
-
 }  // namespace
 }  // namespace test

@@ -1,14 +1,13 @@
-// bthalctl as scripts use it: exit codes and outputs.
+// bthalctl as scripts use it: exit codes, outputs and what reaches the controller.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
-#include <algorithm>
+#include <filesystem>
 #include <map>
+#include <regex>
 
-#include "support/pty.h"
 #include "support/vectors.h"
 #include "support/wait.h"
 #include "system/handset.h"
@@ -18,7 +17,114 @@ namespace {
 
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
-using ::testing::Not;
+
+// The names and the rows of the cases of tests/data/ctl.txt, which tells what their steps mean.
+std::map<std::string, std::vector<Vector>> LoadCases() {
+  std::map<std::string, std::vector<Vector>> cases;
+  std::string name;
+  for (const Vector& row : LoadVectors("ctl.txt")) {
+    if (row.name == "case") name = row.fields.at(0);
+    cases[name].push_back(row);
+  }
+  return cases;
+}
+
+class CtlCase : public ::testing::TestWithParam<std::string> {
+ protected:
+  void Do(const Vector& row) {
+    const std::string& step = row.name;
+    const std::string field = row.fields.at(0);
+    const std::string text = Resolved(row.fields.back());
+    if (step == "ctl") {
+      RunCtl(row.fields.at(1));
+      EXPECT_EQ(exit_code_, std::stoi(field));
+      EXPECT_EQ(output_.find('\x1b'), std::string::npos) << "colours are for terminals";
+      EXPECT_EQ(CountOf("bthalctl: ", output_), exit_code_ == 0 ? 0 : 1);
+      Find(text);
+    } else if (step == "until") {
+      EXPECT_TRUE(WaitFor([&] {
+        RunCtl(row.fields.at(1));
+        return exit_code_ == std::stoi(field) && output_.find(text) != std::string::npos;
+      }));
+    } else if (step == "has") {
+      Find(text);
+    } else if (step == "like") {
+      std::smatch match;
+      const std::string rest = output_.substr(at_);
+      ASSERT_TRUE(std::regex_search(rest, match, std::regex(text)));
+      at_ += static_cast<size_t>(match.position() + match.length());
+    } else if (step == "lacks" || step == "count") {
+      EXPECT_EQ(CountOf(text, output_), step == "lacks" ? 0 : std::stoul(field));
+    } else if (step == "sent") {
+      EXPECT_TRUE(WaitFor([&] { return CountOf("> command " + text, Trace()) > 0; }));
+    } else if (step == "unsent") {
+      EXPECT_EQ(CountOf("> command " + text, Trace()), 0u);
+    } else if (step == "log") {
+      EXPECT_TRUE(handset_->service().WaitForOutput(text, kDeadline));
+    } else if (step == "signal") {
+      handset_->service().Signal(std::stoi(field));
+    } else if (step == "file") {
+      WriteFile(handset_->Path(field), *ParseText(row.fields.at(1)));
+    } else if (step == "remove") {
+      EXPECT_TRUE(std::filesystem::remove(handset_->Path(field)));
+    } else {
+      ADD_FAILURE() << "unknown step";
+    }
+  }
+
+  void SetUp() override {
+    const std::vector<std::string>& start = rows_.front().fields;
+    handset_.emplace(Replaced(start.at(3), ";", "\n") + "\n",
+                     start.at(1) == "plain" ? Mode::kPlain : Mode::kAccelerated,
+                     SplitTrimmed(start.at(2), ' '));
+    absent_ = start.at(1) == "absent";
+    if (!absent_) handset_->StartService();
+  }
+  std::string Log() const { return absent_ ? "" : handset_->Log(); }
+
+  const std::vector<Vector> rows_ = LoadCases().at(GetParam());
+  std::string output_;  // of the last command
+
+ private:
+  std::string Resolved(const std::string& text) const {
+    return Replaced(Replaced(text, "@ROOT@", handset_->root()), "\\n", "\n");
+  }
+  std::string Trace() const { return ReadFile(handset_->Path("trace")); }
+  void RunCtl(const std::string& arguments) {
+    const std::string program = ProgramDir() + "/bthalctl --root " + handset_->root();
+    const std::string command =
+        program + " --wait " + (absent_ ? "0 " : "20 ") + Resolved(arguments);
+    exit_code_ = test::Run({"sh", "-c", command}, &output_).exit_code;
+    at_ = 0;
+  }
+  void Find(const std::string& text) {
+    const size_t found = output_.find(text, at_);
+    ASSERT_NE(found, std::string::npos);
+    at_ = found + text.size();
+  }
+
+  std::optional<Handset> handset_;
+  bool absent_ = false;
+  int exit_code_ = -1;
+  size_t at_ = 0;  // the end of what was found in the output
+};
+
+TEST_P(CtlCase, GoesAsListed) {
+  for (size_t i = 1; i < rows_.size(); ++i) {
+    Do(rows_[i]);
+    if (!HasFailure()) continue;
+    FAIL() << ::testing::PrintToString(rows_[i].fields) << "\n" << output_ << Log();
+  }
+}
+
+std::vector<std::string> CaseNames() {
+  std::vector<std::string> names;
+  for (const auto& [name, rows] : LoadCases()) names.push_back(name);
+  return names;
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, CtlCase, ::testing::ValuesIn(CaseNames()),
+                         [](const auto& name) { return name.param; });
 
 // Mode: accelerated.
 class Ctl : public ::testing::Test {
@@ -26,57 +132,6 @@ class Ctl : public ::testing::Test {
   Ctl() { handset_.StartService(); }
   Handset handset_{Mode::kAccelerated};
 };
-
-TEST_F(Ctl, ExitCodes_SayWhatHappened) {
-  const struct {
-    std::vector<std::string> arguments;
-    int exit_code;
-    const char* output;
-  } rows[] = {
-      {{"--help"}, 0, "Exit codes"},
-      {{"cmd", "--help"}, 0, "bthalctl cmd reset"},
-      {{}, 2, "subcommand"},
-      {{"frobnicate"}, 2, "frobnicate"},
-      {{"cmd", "no such command"}, 2, "neither an opcode"},
-      {{"cmd", "0x10000"}, 2, "neither an opcode"},
-      {{"cmd", "reset", "0G"}, 2, "no hex at character 1"},
-      {{"cmd", "reset", "123"}, 2, "no hex at character 3"},
-      {{"serve-h4"}, 2, "--pty,--unix,--tcp"},
-      {{"serve-h4", "--tcp", "127.0.0.1:99999"}, 2, "no HOST:PORT"},
-      {{"loopback", "--types", "xyz"}, 2, "xyz"},
-      {{"down"}, 1, "nothing to take down"},
-      {{"cmd", "0x0C01", "FF"}, 1, "Invalid HCI Command Parameters (0x12)"},
-      {{"cmd", "reset"}, 0, "Reset (0x0C03): Success"},
-      {{"cmd", "0x1009", "--json"}, 0, "\"status\":0"},
-      {{"debug", "-o", "/nonexistent/x"}, 1, "No such file"},
-      {{"debug", "--section", "nonsense"}, 2, "nonsense not in {firmware"},
-      {{"debug", "--list", "--section", "last"}, 2, "--section excludes --list"},
-      {{"crashes"}, 0, "no crashes"},
-      {{"read-name", "nobody of that name"}, 1, "was heard"},
-  };
-  for (const auto& row : rows) {
-    const CtlResult result = handset_.Ctl(row.arguments);
-    EXPECT_EQ(result.exit_code, row.exit_code) << result.output;
-    EXPECT_THAT(result.output, HasSubstr(row.output));
-    EXPECT_THAT(result.output, Not(HasSubstr("\x1b["))) << "colours are for terminals";
-    EXPECT_EQ(CountOf("bthalctl: ", result.output), row.exit_code == 0 ? 0 : 1) << result.output;
-  }
-}
-
-TEST(CtlAlone, NoService_ExitCodeThreeForEveryCommandThatNeedsIt) {
-  const TempDir root;
-  for (const char* const words :
-       {"up", "up --detach", "status", "info", "cmd reset", "scan", "monitor", "debug", "loopback",
-        "echo x", "read-name x", "serve-h4 --tcp 0"}) {
-    const std::vector<std::string> command = SplitTrimmed(words, ' ');
-    std::vector<std::string> line = {ProgramDir() + "/bthalctl", "--root", root.path(), "--wait",
-                                     "0"};
-    line.insert(line.end(), command.begin(), command.end());
-    std::string output;
-    EXPECT_EQ(test::Run(line, &output).exit_code, 3) << command.front() << ": " << output;
-    EXPECT_THAT(output, HasSubstr("no Bluetooth service in " + root.path()));
-  }
-}
 
 TEST_F(Ctl, ClientsOfTheHolder_GetTheirOwnAnswersOnly) {
   ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
@@ -104,29 +159,6 @@ TEST_F(Ctl, ClientsOfTheHolder_GetTheirOwnAnswersOnly) {
   EXPECT_EQ(other.exit_code, 4) << other.output;
 }
 
-TEST_F(Ctl, Status_TellsTheTransportAlsoWhenNobodyHoldsIt) {
-  const char* const transport =
-      OnCoProcessor() ? "transport  co-processor, connected, 6000000 bit/s, low power on\n"
-                      : "transport  serial line /dev/ttySAC16, open, 4000000 bit/s, low power on\n";
-  ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
-  EXPECT_THAT(handset_.Ctl({"status"}).output, HasSubstr(transport));
-  ASSERT_EQ(handset_.Ctl({"down"}).exit_code, 0);
-  EXPECT_THAT(handset_.Ctl({"status"}).output, HasSubstr(transport)) << "it only lets go";
-  handset_.service().Signal(SIGTERM);
-  EXPECT_TRUE(WaitFor([&] {
-    return CountOf("\"state\": \"closed\"", handset_.Ctl({"status", "--json"}).output) == 1;
-  })) << handset_.Log();
-}
-
-TEST_F(Ctl, UpInTheForeground_EndsWithTheSignalAndLeavesTheServiceFree) {
-  ChildProcess up(handset_.CtlCommand({"up"}));
-  ASSERT_TRUE(up.WaitForOutput("Bluetooth is up after", kDeadline)) << up.Output();
-  EXPECT_THAT(up.Output(), HasSubstr("device address")) << "the steps are shown";
-  up.Signal(SIGINT);
-  EXPECT_EQ(up.Wait(kDeadline)->exit_code, 0) << up.Output();
-  EXPECT_EQ(handset_.Ctl({"cmd", "reset"}).exit_code, 0) << handset_.Log();
-}
-
 TEST(CtlSignals, WaitingCommand_EndsWithTheSignalsCodeUnlessThatIsItsWayToEnd) {
   const TempDir folder;
   Handset handset(Mode::kAccelerated, {"--trace", folder / "trace"});
@@ -139,6 +171,11 @@ TEST(CtlSignals, WaitingCommand_EndsWithTheSignalsCodeUnlessThatIsItsWayToEnd) {
   } rows[] = {{"read-name", "nobody of that name", SIGINT, 130},
               {"read-name", "nobody of that name", SIGTERM, 143},
               {"scan", "-t60", SIGINT, 0}};
+  ChildProcess up(handset.CtlCommand({"up"}));
+  ASSERT_TRUE(up.WaitForOutput("Bluetooth is up after", kDeadline)) << up.Output();
+  EXPECT_THAT(up.Output(), HasSubstr("device address")) << "the steps are shown";
+  up.Signal(SIGINT);
+  EXPECT_EQ(up.Wait(kDeadline)->exit_code, 0) << up.Output();
   size_t scans = 0;
   for (const auto& row : rows) {
     ChildProcess waiting(handset.CtlCommand({row.command, row.argument}));
@@ -154,16 +191,6 @@ TEST(CtlSignals, WaitingCommand_EndsWithTheSignalsCodeUnlessThatIsItsWayToEnd) {
       return CountOf("> command 0c 20 02 00", ReadFile(folder / "trace")) == scans;
     })) << "the scan is left on";
   }
-}
-
-TEST(CtlUp, BringUpThatFails_IsNoSuccess) {
-  Handset handset(Mode::kPlain);
-  handset.StartService();
-  ASSERT_EQ(unlink(handset.Path("dev/ttySAC16").c_str()), 0);
-  const CtlResult up = handset.Ctl({"up"});
-  EXPECT_EQ(up.exit_code, 3) << up.output;
-  EXPECT_THAT(up.output, HasSubstr("SIGABRT in HostOpenUserial, process "));
-  EXPECT_THAT(up.output, Not(HasSubstr("Bluetooth is")));
 }
 
 TEST_F(Ctl, UpsAtOnce_OneHoldsBluetoothForAllAndDownEndsIt) {
@@ -182,27 +209,6 @@ TEST_F(Ctl, UpsAtOnce_OneHoldsBluetoothForAllAndDownEndsIt) {
     EXPECT_EQ(brought_up, 1u);
     EXPECT_EQ(handset_.Ctl({"down"}).exit_code, 0) << handset_.Log();
     EXPECT_THAT(handset_.Ctl({"status"}).output, HasSubstr("not held by bthalctl"));
-  }
-}
-
-TEST_F(Ctl, Colours_AreForTerminalsThatTakeThem) {
-  ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
-  const struct {
-    const char* term;
-    const char* no_colour;
-    bool taken;
-  } rows[] = {{"xterm", "", true}, {"dumb", "", false}, {"xterm", "1", false}};
-  for (const auto& row : rows) {
-    Pty terminal;
-    std::vector<std::string> command = {"sh", "-c", "exec \"$@\" >" + terminal.path() + " 2>&1",
-                                        "sh"};
-    for (const std::string& word : handset_.CtlCommand({"status"})) command.push_back(word);
-    std::string nothing;
-    test::Run(command, &nothing, {{"TERM", row.term}, {"NO_COLOR", row.no_colour}});
-    const Bytes shown = terminal.TakeWritten();
-    EXPECT_FALSE(shown.empty()) << nothing;
-    EXPECT_EQ(std::count(shown.begin(), shown.end(), 0x1B) > 0, row.taken)
-        << "TERM=" << row.term << ", NO_COLOR=" << row.no_colour;
   }
 }
 
@@ -227,16 +233,6 @@ TEST(PrepareRoot, RecipeOfTheReadme_BringsUpAControllerAtAPort) {
   EXPECT_THAT(output, HasSubstr("\naddress      5A:56:4B:01:02:03\n"));
   EXPECT_THAT(output, HasSubstr("ZVK Beacon"));
   EXPECT_THAT(output, HasSubstr("Bluetooth is down"));
-
-  const std::vector<std::string> prepare = {ProgramDir() + "/bthalctl", "prepare-root",
-                                            folder / "other", "--address"};
-  for (const char* const bad : {"5A:56:4B:01:02", "5A:56:4B:01:02:0G", "00:00:00:00:00:00"}) {
-    std::vector<std::string> command = prepare;
-    command.push_back(bad);
-    EXPECT_EQ(test::Run(command, &output).exit_code, 2) << output;
-  }
-  EXPECT_EQ(test::Run({prepare.begin(), prepare.end() - 1}, &output).exit_code, 0) << output;
-  EXPECT_THAT(output, HasSubstr("There is no address")) << "also after the refusals";
 }
 
 }  // namespace

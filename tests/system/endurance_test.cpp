@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <random>
 
+#include "support/vectors.h"
 #include "support/wait.h"
+#include "system/handset.h"
 #include "system/parallel.h"
-#include "system/watched_service.h"
 
 namespace test {
 namespace {
@@ -60,31 +62,22 @@ std::string BigHammers(std::mt19937& random) {
   return scenario;
 }
 
-// Random faults in the first bring-ups.
+// Random faults of tests/data/random_faults.txt in the first bring-ups.
 std::string RandomFaults(std::mt19937& random) {
-  const char* const answers[] = {"no-answer",    "late 1900ms",  "late 2100ms", "lost",
-                                 "status 0x0C",  "wrong-opcode", "answer",      "answer 00",
-                                 "zero-credits", "truncated",    "twice",       "command-status",
-                                 "brown-out"};
-  const char* const moments[] = {
-      "hangup",          "silence",       "silence 1500ms",     "stray 0x77",
-      "truncated-event", "noise 20",      "hardware-error 19",  "coex 0x42",
-      "coex 0x43",       "brown-out",     "speed 115200",       "speed 3000000",
-      "split 1 3ms",     "grant 5",       "warm-up 400ms",      "crash 0x00 0x10",
-      "inject 04 0E 00", "soc-dump 3000", "inject 04 FF 01 58", "inject 02 01 00 FF FF"};
-  const char* const commands[] = {"0x0C03", "0xFC79", "0xFC18", "0xFE72", "0xFC2E",
-                                  "0xFC4C", "0xFC4E", "0x0C14", "0xFC27", "0xFC01"};
-  const auto any = [&](const auto& choices) {
-    return std::string(choices[random() % std::size(choices)]);
+  static const std::vector<Vector> choices = LoadVectors("random_faults.txt");
+  const auto any = [&](const std::string& name) {
+    const auto row = std::find_if(choices.begin(), choices.end(),
+                                  [&](const Vector& choice) { return choice.name == name; });
+    return row->fields.at(random() % row->fields.size());
   };
   std::string scenario;
   for (int i = 0; i < 8; ++i) {
     if (random() % 2 == 0) {
       scenario += "power nth " + std::to_string(1 + random() % 8) + " " + Number(random, 900) +
-                  "ms " + any(moments) + "\n";
+                  "ms " + any("moment") + "\n";
     } else {
-      scenario += "on " + any(commands) + " nth " + std::to_string(1 + random() % 10) + " " +
-                  (random() % 3 == 0 ? any(moments) : any(answers)) + "\n";
+      scenario += "on " + any("command") + " nth " + std::to_string(1 + random() % 10) + " " +
+                  any(random() % 3 == 0 ? "moment" : "answer") + "\n";
     }
   }
   return scenario;
@@ -156,7 +149,8 @@ class Endurance {
     for (int tries = 0; tries < 20 && !recovered; ++tries) recovered = Cycle(false);
     EXPECT_TRUE(recovered) << scenario_ << Tail(watched_.Log());
     ExpectRest();
-    EXPECT_TRUE(watched_.WaitForReleasedWakeLock()) << scenario_ << watched_.Status();
+    EXPECT_TRUE(WaitFor([&] { return CountOf("\"held\": true", watched_.Status()) == 0; }))
+        << scenario_ << watched_.Status();
   }
 
  private:
@@ -172,7 +166,7 @@ class Endurance {
 
   // Returns whether the service still runs; checks its end and starts another one if not.
   bool CheckService() {
-    if (watched_.Runs()) return true;
+    if (!watched_.service().Wait(milliseconds(0))) return true;
     EXPECT_EQ(watched_.WaitForEnd(), "") << scenario_;
     const std::string log = watched_.Log();
     if (controller_ == Controller::kGood && !signalled_ &&
@@ -199,7 +193,7 @@ class Endurance {
   const std::string scenario_;
   std::mt19937& random_;
   Tally& tally_;
-  WatchedService watched_;
+  Handset watched_;
   bool signalled_ = false;  // this service, with SIGTERM
 };
 

@@ -11,7 +11,6 @@ namespace test {
 namespace {
 
 using std::chrono::seconds;
-using std::chrono::steady_clock;
 using ::testing::HasSubstr;
 
 constexpr char kFirst[] = "02:00:00:00:00:01";
@@ -76,50 +75,6 @@ TEST_F(Extension, ClientThatNeverReads_DelaysNobody) {
   // The stopped client loses its connection, and so its registration.
   EXPECT_TRUE(WaitFor([&] { return handset_->Status().find(kFirst) == std::string::npos; }))
       << handset_->Status();
-}
-
-// Each call holds the only RPC thread for 2 s.
-TEST_F(Extension, UnansweredInjections_TakeTwoSecondsEachAndThenNothingIsLost) {
-  Start("on 0xFC80 command-status\n");
-  const auto start = steady_clock::now();
-  ChildProcess first(handset_->CtlCommand({"inject", "0xFC80"}));
-  ChildProcess second(handset_->CtlCommand({"inject", "0xFC80"}));
-  for (ChildProcess* client : {&first, &second}) {
-    const auto end = client->Wait(kDeadline);
-    ASSERT_TRUE(end);
-    EXPECT_EQ(end->exit_code, 1) << client->Output();
-  }
-  EXPECT_GE(steady_clock::now() - start, seconds(4));
-  EXPECT_EQ(CountOf("0xfc80 LEN 0x00 Result 0x03", handset_->Log()), 2u);
-  EXPECT_EQ(handset_->Ctl({"inject", "0x1009"}).exit_code, 0);
-  EXPECT_EQ(handset_->Ctl({"cmd", "0x1009"}).exit_code, 0);
-}
-
-// Each reading is by a power-statistics provider of its own, which then ends.
-TEST(Residency, ProvidersDieAndBluetoothGoesOff_TotalsGoOnAndNothingIsLeft) {
-  Handset handset(Mode::kPlain);
-  handset.StartService();
-  long long idle = 0;
-  int descriptors = 0;
-  for (int reading = 0; reading < 4; ++reading) {
-    SCOPED_TRACE(reading);
-    if (reading == 0 || reading == 2) {
-      ASSERT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
-    }
-    const CtlResult result = handset.Ctl({"residency", "--json"});
-    ASSERT_EQ(result.exit_code, 0) << result.output << handset.Log();
-    const char state[] = "\"state\":\"idle\",\"total_ms\":";
-    const size_t at = result.output.find(state);
-    ASSERT_NE(at, std::string::npos) << result.output;
-    const long long now = std::stoll(result.output.substr(at + sizeof state - 1));
-    EXPECT_GT(now, idle) << result.output;
-    idle = now;
-    if (reading == 0) descriptors = CountDescriptors(handset.service().pid());
-    if (reading == 1) {
-      ASSERT_EQ(handset.Ctl({"down"}).exit_code, 0) << handset.Log();
-    }
-  }
-  EXPECT_TRUE(WaitFor([&] { return CountDescriptors(handset.service().pid()) < descriptors + 3; }));
 }
 
 }  // namespace

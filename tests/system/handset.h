@@ -46,6 +46,12 @@ class Handset {
   void KillService();
 
   ChildProcess& service() { return *service_; }
+  // Waits for the end of the service. Returns what was wrong about it, empty when it left a report
+  // and ended as that report requires: with an abort and crash files, or with SIGKILL.
+  std::string WaitForEnd();
+  // Waits until the service has at most one thread of each name and no more descriptors than a
+  // controller that is up needs. Returns an empty text, or what the process has instead.
+  std::string WaitForRest();
   const std::string& root() const { return folder_.path(); }
   std::string Path(const std::string& path) const { return folder_ / path; }
   // The service's log so far.
@@ -74,6 +80,12 @@ std::string ServiceProgram();
 // Runs system_test_stack on a root folder.
 std::unique_ptr<ChildProcess> StartStackOn(const std::string& root,
                                            const std::vector<std::string>& arguments);
+
+// The end of a log, enough to see what happened last.
+std::string Tail(const std::string& log);
+
+// Printed. BTHAL_TEST_SEED repeats a run.
+unsigned NewSeed();
 
 // The contents of the files in a folder, ordered by name.
 std::vector<std::string> ContentsOf(const std::string& folder);

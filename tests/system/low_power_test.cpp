@@ -9,8 +9,7 @@
 #include <utility>
 
 #include "support/wait.h"
-#include "system/parallel.h"
-#include "system/watched_service.h"
+#include "system/handset.h"
 
 namespace test {
 namespace {
@@ -124,43 +123,23 @@ TEST_P(LowPowerSlow, WakeLockIsHeldExactlyWhileBringUpRunsOrTheControllerIsAwake
   EXPECT_LT(after_wake[1], 2.4);
 }
 
-// Gaps of every length, most of them near the moments at which the controller is put to sleep.
-milliseconds RandomGap(std::mt19937& random) {
-  switch (random() % 4) {
-    case 0:
-      return milliseconds(random() % 50);
-    case 1:
-      return milliseconds(760 + random() % 60);
-    case 2:
-      return milliseconds(1550 + random() % 80);
-    default:
-      return milliseconds(random() % 2500);
+// With gaps of every length, half of them near the moments at which the controller is put to sleep.
+TEST_P(LowPowerSlow, RandomTraffic_LosesNoByteToSleep) {
+  std::mt19937 random(NewSeed());
+  const int packets = Count("packets at random moments", 12);
+  handset_.StartService();
+  ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
+  for (int i = 0; i < packets; ++i) {
+    const CtlResult result =
+        handset_.Ctl({"loopback", "--bytes", std::to_string(1 + random() % 600)});
+    ASSERT_EQ(result.exit_code, 0) << result.output << Tail(handset_.Log());
+    const int near[] = {760 + static_cast<int>(random() % 60),
+                        1550 + static_cast<int>(random() % 80), static_cast<int>(random() % 2500),
+                        static_cast<int>(random() % 50)};
+    std::this_thread::sleep_for(milliseconds(near[random() % 4]));  // the traffic's own
   }
-}
-
-TEST(SleepSlow, RandomTraffic_LosesNoByteToSleep) {
-  const unsigned seed = NewSeed();
-  const int seconds = Count("seconds of random traffic on each of 4 handsets", 12);
-  const auto sleeps = InParallel<size_t>(4, [&](size_t index) {
-    Handset handset("", index % 2 == 0 ? Mode::kAccelerated : Mode::kPlain);
-    handset.StartService();
-    EXPECT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
-    std::mt19937 random(seed + static_cast<unsigned>(index));
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    bool whole = true;
-    while (whole && std::chrono::steady_clock::now() < end) {
-      const std::string bytes = std::to_string(1 + random() % 600);
-      const CtlResult result = random() % 2 == 0 ? handset.Ctl({"cmd", "0x0C25"})
-                                                 : handset.Ctl({"loopback", "--bytes", bytes});
-      whole = result.exit_code == 0;
-      EXPECT_TRUE(whole) << result.output << Tail(ReadFile(handset.Path("trace")))
-                         << Tail(handset.Log());
-      std::this_thread::sleep_for(RandomGap(random));  // the traffic's own
-    }
-    EXPECT_THAT(handset.Status(), HasSubstr("\"bytes_lost_asleep\": 0,"));
-    return CountOf("- wake released", ReadFile(handset.Path("trace")));
-  });
-  for (const size_t count : sleeps) EXPECT_GT(count, 0u);
+  EXPECT_THAT(handset_.Status(), HasSubstr("\"bytes_lost_asleep\": 0,"));
+  EXPECT_GT(CountOf("- wake released", ReadFile(handset_.Path("trace"))), 0u);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <random>
 
 #include "support/wait.h"
-#include "system/watched_service.h"
+#include "system/handset.h"
 
 namespace test {
 namespace {
@@ -21,7 +21,7 @@ INSTANTIATE_TEST_SUITE_P(InEachMode, StackDeath,
                          [](const auto& mode) { return ModeName(mode.param); });
 
 TEST_P(StackDeath, AtAnyMoment_NextStackAttachesAtOnceAndNothingGrows) {
-  WatchedService watched(GetParam());
+  Handset watched(GetParam());
   watched.StartService();
   std::mt19937 random(NewSeed());
   const int kills = Count("kills of the stack", 8);
@@ -37,16 +37,25 @@ TEST_P(StackDeath, AtAnyMoment_NextStackAttachesAtOnceAndNothingGrows) {
   EXPECT_EQ(watched.WaitForRest(), "");
 }
 
-// A stack that has closed is no longer watched: its death does not close the next one.
+// A stack that has closed is no longer watched, also when another one died before it: its death
+// does not close the next one.
 TEST_P(StackDeath, AfterItsClose_DoesNotConcernTheNextStack) {
-  WatchedService watched(GetParam());
+  Handset watched(GetParam());
   watched.StartService();
+  auto dead = watched.StartStack();
+  ASSERT_TRUE(dead->WaitForOutput("initialize done", kDeadline)) << watched.Log();
+  dead->Signal(SIGKILL);
+  ASSERT_EQ(watched.Ctl({"--no-holder", "cmd", "reset"}).exit_code, 0) << watched.Log();
   const auto closed = watched.StartStack({"close"});
   ASSERT_TRUE(closed->WaitForOutput("close done", kDeadline)) << watched.Log();
+  EXPECT_LE(CountOf("Skipping unlink call, service died.", watched.Log()), 1u) << watched.Log();
   ASSERT_EQ(watched.Ctl({"up", "--detach"}).exit_code, 0) << watched.Log();
   const std::string before = watched.Log();
   closed->Signal(SIGKILL);
-  EXPECT_FALSE(watched.service().WaitForOutput("serviceDied", milliseconds(300))) << watched.Log();
+  const auto deaths = [&] { return CountOf("serviceDied", watched.Log()); };
+  EXPECT_FALSE(
+      WaitFor([&] { return deaths() > CountOf("serviceDied", before); }, milliseconds(300)))
+      << watched.Log();
   EXPECT_EQ(watched.Ctl({"cmd", "read_bd_addr"}).exit_code, 0) << watched.Log();
   EXPECT_EQ(CountOf("BluetoothHci::close() Done", watched.Log()),
             CountOf("BluetoothHci::close() Done", before));
@@ -55,7 +64,7 @@ TEST_P(StackDeath, AfterItsClose_DoesNotConcernTheNextStack) {
 // An event for the stack comes while the downloaded firmware starts; the stack closes inside it.
 TEST_P(StackDeath, CloseInsideItsOwnInitialize_IsDoneAtTheEndOfThat) {
   if (OnCoProcessor()) GTEST_SKIP() << "an event is injected into the line";
-  WatchedService watched("power nth 1 300ms inject 04 3E 02 7F 7F\n", GetParam());
+  Handset watched("power nth 1 300ms inject 04 3E 02 7F 7F\n", GetParam());
   watched.StartService();
   const auto stack = watched.StartStack({"event", "1", "close", "50000"});
   ASSERT_TRUE(watched.service().WaitForOutput("BluetoothHci::close() Done", kDeadline))

@@ -9,21 +9,6 @@
 namespace test {
 namespace {
 
-// Lines without comments; a line that ends with a backslash goes on in the next one.
-std::vector<std::string> LogicalLines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  bool goes_on = false;
-  for (std::string line; std::getline(in, line);) {
-    line.erase(std::min(line.find('#'), line.size()));
-    if (!goes_on) lines.emplace_back();
-    goes_on = !line.empty() && line.back() == '\\';
-    if (goes_on) line.pop_back();
-    lines.back() += line;
-  }
-  return lines;
-}
-
 WireStep ParseStep(std::string word, const std::map<std::string, Bytes>& packets, int speed) {
   WireStep step;
   step.speed = speed;
@@ -60,8 +45,9 @@ WireVectors LoadWireVectors() {
   std::map<std::string, Bytes> packets;
   std::map<std::string, std::string> files;
   WireVectors vectors;
-  for (const std::string& line : LogicalLines(LoadData("bringup_wire.txt"))) {
-    std::istringstream in(line);
+  std::istringstream all(LoadData("bringup_wire.txt"));
+  for (std::string line; std::getline(all, line);) {
+    std::istringstream in(line.substr(0, line.find('#')));
     std::string kind, name, word;
     if (!(in >> kind >> name)) continue;
     if (kind == "packet") {

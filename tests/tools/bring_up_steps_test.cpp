@@ -42,19 +42,5 @@ TEST(BringUpSteps, LinesOfALog_TellTheStepsThatTheyBeginAndEnd) {
   EXPECT_EQ(told, expected);
 }
 
-TEST(LogLine, NotOfTheLog_IsNone) {
-  for (const char* line :
-       {"", "2026-11-21 06:48:10.000", "2026-11-21 06:48:10.000 1 2 I no colon",
-        "2026-11-21 06:48:10.000 1 2 X tag: text", "2026-13-21 06:48:10.000 1 2 I tag: text",
-        "    #06 pc 0000560ad72bfa95  file (a: b)"}) {
-    EXPECT_FALSE(ParseLogLine(line)) << line;
-  }
-  const auto line = ParseLogLine("2026-11-21 06:48:10.123  5341 25353 W a.tag: text: more");
-  ASSERT_TRUE(line);
-  EXPECT_EQ(line->tag + "|" + line->text + "|" + line->priority, "a.tag|text: more|W");
-  EXPECT_EQ(line->time.time_since_epoch() % std::chrono::seconds(1),
-            std::chrono::milliseconds(123));
-}
-
 }  // namespace
 }  // namespace bthalctl

@@ -5,7 +5,6 @@
 
 #include "support/vectors.h"
 #include "tools/base/failure.h"
-#include "tools/evidence/activity_report.h"
 #include "tools/evidence/evidence_file.h"
 #include "tools/evidence/report_sections.h"
 
@@ -18,21 +17,6 @@ using Json = nlohmann::json;
 const std::string kTombstone = test::LoadData("tombstone.txt");
 const std::string kInfo =
     "crash_reason: Host Change Baudrate Error\ncrash_count: 2\ntimestamp: 2026-11-21_06-48-18\n";
-
-TEST(EvidenceFiles, WellFormed_EveryField) {
-  const Json tombstone = ParseTombstone(kTombstone);
-  EXPECT_EQ(tombstone["function"], "HostDownloadFw");
-  EXPECT_EQ(tombstone["signal"], "SIGABRT");
-  EXPECT_EQ(tombstone["message"], "it's over: 'quoted'");
-  EXPECT_EQ(tombstone["pid"], 22179);
-  EXPECT_EQ(tombstone["tid"], 22184);
-  EXPECT_EQ(tombstone["thread"], "BT COEX");
-  EXPECT_EQ(tombstone["frames"].size(), 7u);
-  const Json info = ParseCrashInfo(kInfo);
-  EXPECT_EQ(info["reason"], "Host Change Baudrate Error");
-  EXPECT_EQ(info["count"], 2);
-  EXPECT_EQ(info["time"], tombstone["time"]);
-}
 
 TEST(EvidenceFiles, Malformed_OneLineSaysWhat) {
   const struct {
@@ -57,13 +41,6 @@ TEST(EvidenceFiles, Malformed_OneLineSaysWhat) {
     } catch (const Failure& failure) {
       EXPECT_THAT(failure.what(), HasSubstr(row.mistake));
       EXPECT_EQ(std::string(failure.what()).find_first_of("\n\x1b"), std::string::npos);
-    }
-  }
-  // Cut off anywhere: it may be refused, it is never read beyond its end.
-  for (size_t size = 0; size <= kTombstone.size(); ++size) {
-    try {
-      ParseTombstone(kTombstone.substr(0, size));
-    } catch (const Failure&) {
     }
   }
 }
@@ -98,33 +75,6 @@ TEST(ReportSections, FilesWithHeadingsOfTheirOwn_StayWhole) {
     EXPECT_EQ(all, report);
     EXPECT_EQ(names, "firmware last history kernel crashinfo coredump activity ");
     EXPECT_THAT(SectionsOf(report, {"coredump"}), HasSubstr(dump));
-  }
-  const std::string report = Report(inner);
-  for (size_t size = 0; size < report.size(); ++size) {  // cut off anywhere: nothing is lost
-    std::string all;
-    for (const Section& section : CutReport(report.substr(0, size))) all += section.text;
-    ASSERT_EQ(all, report.substr(0, size));
-  }
-}
-
-// The text that the service's own test compares to the letter.
-TEST(ActivityReport, RowsOfEachTable) {
-  const Json tables = ReadActivityTables(
-      test::Replaced(test::LoadExpected("activity_report.txt"), "@TIME@", "06:46:16:853"));
-  EXPECT_EQ(tables["devices"], Json::parse(R"([
-      {"handle": 11, "address": "AA:BB:CC:DD:EE:FF", "since": "06:46:16:853"},
-      {"handle": 64, "address": "21:22:23:24:25:26", "since": "06:46:16:853"}])"));
-  EXPECT_EQ(tables["wake_locks"][0], Json::parse(R"(
-      {"start": "09:00:00:000", "end": "09:00:12:345", "ms": 12345, "count": 77})"));
-  EXPECT_EQ(tables["acl_received"], Json::parse(R"([
-      {"start": "09:02:00:000", "end": "09:02:06:000", "handle": 64, "ms": 6000,
-       "count": 4294967295}])"));
-  EXPECT_EQ(tables["advertising"][0]["ms"], 8000);
-
-  const std::string head = " 3. BtHal ACL RX Data Report :\n";
-  for (const std::string& text : {std::string("1, 2, 3\n"), head + "1:0, 2:0, 64, 8000\n",
-                                  head + "1, 2, 65536, 8000, 1\n", head + "1, 2, 64, -1, 1\n"}) {
-    EXPECT_THROW(ReadActivityTables(text), Failure) << text;
   }
 }
 

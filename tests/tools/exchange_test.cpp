@@ -11,25 +11,6 @@ namespace {
 
 Packet Event(const char* hex) { return {PacketType::kEvent, ParseHex(hex)}; }
 
-TEST(Exchange, AnswerAmongOthers_IsFoundAndTheOthersAreKept) {
-  FakeLink link;
-  Exchange exchange(link);
-  const Packet report = Event("10 01 01");
-  link.on_send = [&](const Packet&) {
-    link.Arrive(report);
-    link.Arrive(Event("0E 04 01 09 10 00"));  // somebody else's answer
-    link.Arrive(Event("0E 04 01 03 0C 00"));
-  };
-  const CommandAnswer answer = exchange.Command(0x0C03);
-  EXPECT_TRUE(answer.complete);
-  EXPECT_EQ(answer.status, 0);
-  EXPECT_EQ(link.sent.front(), (Packet{PacketType::kCommand, {0x03, 0x0C, 0x00}}));
-  EXPECT_EQ(exchange.Next(Clock::now()), report);
-  EXPECT_EQ(exchange.Next(Clock::now()), std::nullopt);
-  link.on_send = nullptr;
-  EXPECT_THROW(exchange.Command(0x0C03, {}, std::chrono::milliseconds(20)), Failure);
-}
-
 TEST(Exchange, Answers_OfEachForm) {
   const struct {
     const char* event;
@@ -56,7 +37,6 @@ class Looper {
   explicit Looper(FakeLink& link) {
     link.on_send = [this, &link](const Packet& packet) {
       ++in_flight_;
-      most_in_flight_ = std::max(most_in_flight_, in_flight_);
       Packet back = packet;
       ++count_;
       if (count_ == alter_) back.bytes.back() ^= 1;
@@ -71,35 +51,23 @@ class Looper {
   int alter_ = 0;
   int lose_ = 0;
   int repeat_ = 0;
-  int most_in_flight_ = 0;
 
  private:
   int in_flight_ = 0;
   int count_ = 0;
 };
 
-TransferResult RunTransfer(FakeLink& link, uint64_t bytes) {
-  Exchange exchange(link);
-  TransferOptions options;
-  options.bytes = bytes;
-  return Transfer(exchange, {{PacketType::kAcl, 1, 100, 4, true}}, options, [](uint64_t) {});
-}
-
-TEST(Transfer, GoodLine_MovesEverythingWithinTheControllersBuffers) {
-  FakeLink link;
-  Looper looper(link);
-  const TransferResult result = RunTransfer(link, 10'000);
-  EXPECT_GE(result.streams.at(0).bytes, 10'000u);
-  EXPECT_EQ(result.streams.at(0).packets, link.sent.size());
-  EXPECT_EQ(looper.most_in_flight_, 4);
-}
-
 TEST(Transfer, LostAlteredOrRepeatedPacket_Fails) {
+  TransferOptions options;
+  options.bytes = 10'000;
   for (int Looper::*fault : {&Looper::alter_, &Looper::lose_, &Looper::repeat_}) {
     FakeLink link;
     Looper looper(link);
     looper.*fault = 7;
-    EXPECT_THROW(RunTransfer(link, 10'000), Failure);
+    Exchange exchange(link);
+    const auto nothing = [](uint64_t) {};
+    EXPECT_THROW(Transfer(exchange, {{PacketType::kAcl, 1, 100, 4, true}}, options, nothing),
+                 Failure);
   }
 }
 

@@ -6,10 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <thread>
-
 #include "fake_link.h"
 #include "support/temp_dir.h"
 #include "support/unix_socket.h"
@@ -148,32 +144,6 @@ TEST(Endpoint, PlaceThatIsTakenOrBad_IsRefusedAndAStaleOneIsNot) {
   const std::string deep = folder / std::string(120, 'd');
   test::WriteFile(deep + "/x", "");
   EXPECT_NO_THROW(MakeUnixEndpoint(deep + "/socket")) << "longer than a socket's address";
-}
-
-TEST(UnixSocket, ListenersAtOnce_OneGetsThePathAndKeepsIt) {
-  const test::TempDir folder;
-  const int rounds = test::Count("rounds of listeners at once", 200);
-  for (int round = 0; round < rounds; ++round) {
-    const std::string path = folder / std::to_string(round);
-    close(test::ListenUnix(path, SOCK_SEQPACKET));  // left over by a program that died
-    std::atomic<int> not_ready{4};
-    std::vector<::android::base::unique_fd> listeners(4);
-    std::vector<std::thread> threads;
-    for (auto& listener : listeners) {
-      threads.emplace_back([&] {
-        for (--not_ready; not_ready > 0;) continue;
-        try {
-          listener = ListenUnix(path, SOCK_SEQPACKET);
-        } catch (const Failure&) {
-        }
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
-    const auto listening = std::count_if(listeners.begin(), listeners.end(),
-                                         [](const auto& listener) { return listener.ok(); });
-    ASSERT_EQ(listening, 1) << "round " << round;
-    ASSERT_TRUE(ConnectUnix(path, SOCK_SEQPACKET).ok()) << "round " << round;
-  }
 }
 
 }  // namespace

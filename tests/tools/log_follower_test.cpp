@@ -37,10 +37,6 @@ TEST(LogFollower, FileThatGrowsAndIsReplaced_EveryLineOnce) {
   Append(path, "four\n");
   EXPECT_EQ(Drained(log), Lines({"three", "four"}));
   EXPECT_EQ(Drained(log), Lines());
-  LogFollower from_start(path, true);
-  LogFollower from_now(path, false);
-  EXPECT_EQ(Drained(from_start), Lines({"four"}));
-  EXPECT_EQ(Drained(from_now), Lines());
 }
 
 }  // namespace

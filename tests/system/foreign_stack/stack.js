@@ -27,10 +27,8 @@ class H4Transport extends EventEmitter {
     this.partial = Buffer.concat([this.partial, chunk]);
     for (;;) {
       const data = this.partial;
-      if (data.length < 5) {
-        // Enough for every header but that of an event without parameters.
-        if (!(data.length >= 3 && data[0] === 4)) return;
-      }
+      // Enough for every header but that of an event without parameters.
+      if (data.length < 5 && !(data.length >= 3 && data[0] === 4)) return;
       let size;
       if (data[0] === 4) size = 3 + data[2];
       else if (data[0] === 2) size = 5 + data.readUInt16LE(3);
@@ -44,31 +42,18 @@ class H4Transport extends EventEmitter {
   }
 }
 
-function step(text) {
-  console.log(text);
-}
-
-function connectSocket(path) {
-  return new Promise((resolve, reject) => {
-    const socket = net.connect(path, () => resolve(socket));
-    socket.on('error', reject);
-  });
-}
-
-const createManager = (transport) =>
+const step = console.log;
+// What a call tells its callback.
+const told = (call) => new Promise((resolve) => call(resolve));
+// What a call tells its callback behind an error or ATT status, which must be none.
+const good = (call) =>
   new Promise((resolve, reject) => {
-    BleManager.create(transport, {}, (error, manager) => (error ? reject(error) : resolve(manager)));
-  });
-
-// Calls back with an ATT status first.
-const att = (call) =>
-  new Promise((resolve, reject) => {
-    call((status, value) => (status === 0 ? resolve(value) : reject(new Error('ATT status ' + status))));
+    call((error, value) => (error ? reject(new Error('error ' + error)) : resolve(value)));
   });
 
 async function main() {
-  const socket = await connectSocket(process.argv[2]);
-  const manager = await createManager(new H4Transport(socket));
+  const transport = new H4Transport(net.connect(process.argv[2]));
+  const manager = await good((done) => BleManager.create(transport, {}, done));
   step('reset');
 
   const report = await new Promise((resolve) => {
@@ -82,37 +67,35 @@ async function main() {
   });
   step('heard ' + report.address);
 
-  const connection = await new Promise((resolve) => {
-    manager.connect(report.addressType, report.address, {}, resolve);
+  const connection = await told((done) => {
+    manager.connect(report.addressType, report.address, {}, done);
   });
   step('connected');
 
-  await att((done) => connection.gatt.exchangeMtu(done));
-  const services = await new Promise((resolve) => {
-    connection.gatt.discoverServicesByUuid(SERVICE, 1, resolve);
+  await good((done) => connection.gatt.exchangeMtu(done));
+  const services = await told((done) => {
+    connection.gatt.discoverServicesByUuid(SERVICE, 1, done);
   });
   assert.strictEqual(services.length, 1);
-  const characteristics = await new Promise((resolve) => {
-    services[0].discoverCharacteristics(resolve);
-  });
+  const characteristics = await told((done) => services[0].discoverCharacteristics(done));
   const characteristic = characteristics.find((c) => c.uuid.toUpperCase() === CHARACTERISTIC);
   assert(characteristic, 'no ' + CHARACTERISTIC);
 
-  assert.strictEqual((await att((done) => characteristic.read(done))).toString(), 'hello');
+  assert.strictEqual((await good((done) => characteristic.read(done))).toString(), 'hello');
   step('read');
 
   for (const value of ['written by a foreign stack', 'x'.repeat(200)]) {
-    await att((done) => characteristic.write(value, done));
-    assert.strictEqual((await att((done) => characteristic.read(done))).toString(), value);
+    await good((done) => characteristic.write(value, done));
+    assert.strictEqual((await good((done) => characteristic.read(done))).toString(), value);
   }
   step('written');
 
-  const notified = new Promise((resolve) => characteristic.on('change', resolve));
-  await att((done) => characteristic.writeCCCD(true, false, done));
+  const notified = told((done) => characteristic.on('change', done));
+  await good((done) => characteristic.writeCCCD(true, false, done));
   const value = await notified;
   step('notified of ' + value.length + ' bytes');
 
-  const gone = new Promise((resolve) => connection.on('disconnect', resolve));
+  const gone = told((done) => connection.on('disconnect', done));
   connection.disconnect();
   await gone;
   step('disconnected');
