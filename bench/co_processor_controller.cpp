@@ -12,15 +12,16 @@ constexpr size_t kPrefix = 2;
 
 }  // namespace
 
-CoProcessorController::CoProcessorController(const std::string& root)
-    : server_(root, [this](const test::QvrRequest& request) -> std::optional<uint32_t> {
-        const Bytes& payload = request.payload;
-        if (request.message_type == kHciMessage && payload.size() >= kPrefix + 2 &&
-            payload[1] == kCommandPacket) {
-          SendEvent(Success(&payload[kPrefix]));
-        }
-        return 0;
-      }) {}
+CoProcessorController::CoProcessorController(const std::string& root) : server_(root) {
+  server_.SetScript([this](const test::QvrRequest& request) -> std::optional<uint32_t> {
+    const Bytes& payload = request.payload;
+    if (request.message_type == kHciMessage && payload.size() >= kPrefix + 2 &&
+        payload[1] == kCommandPacket) {
+      SendEvent(Success(&payload[kPrefix]));
+    }
+    return 0;
+  });
+}
 
 void CoProcessorController::SendEvent(const Bytes& event) {
   server_.SendMessage(test::QvrEvent(kEvent, event));
