@@ -1,5 +1,6 @@
 // Link-layer event reporting against its literal data.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <termios.h>
 
@@ -12,6 +13,7 @@
 
 #include "bluetooth_ccc.h"
 #include "bthal/child_case.h"
+#include "bthal/notes.h"
 #include "bthal/sequence_runner.h"
 #include "support/pty.h"
 
@@ -48,9 +50,7 @@ class TimesyncFile : public test::LinkedPty {
 // A client; notes each call of its callbacks, and counts what is linked to its death.
 class Client : public V1_1::IBluetoothCccCallback {
  public:
-  using Lines = std::vector<std::string>;
-
-  Client(std::string name, Lines& told) : name_(std::move(name)), told_(told) {}
+  Client(std::string name, test::Notes& told) : name_(std::move(name)), told_(told) {}
   Return<void> lmpEventReceived(const V1_0::Timestamp& timestamp, const Address& address,
                                 Direction direction, LmpEventId event, uint16_t counter) override {
     return Note("1.0", timestamp, address, direction, event, counter);
@@ -78,12 +78,12 @@ class Client : public V1_1::IBluetoothCccCallback {
          << timestamp.systemTime << " " << timestamp.bluetoothTime << " "
          << addressToString(address) << " " << static_cast<int>(direction) << " "
          << static_cast<int>(event) << " " << counter;
-    told_.push_back(line.str());
+    told_.Add(line.str());
     return Void();
   }
 
   const std::string name_;  // and the version that it registers with
-  Lines& told_;
+  test::Notes& told_;
 };
 
 Address ParseAddress(std::string text) {
@@ -111,7 +111,7 @@ TEST(Ccc, SequencesAreExact) {
   test::SequenceRunner runner("bthal.ccc");
   const sp<BluetoothCcc> service = new BluetoothCcc;
   std::optional<TimesyncFile> timesync(std::in_place);
-  Client::Lines told;  // the calls are made on the reader thread, before it takes the next event
+  test::Notes told;
   std::map<std::string, sp<Client>> clients;
   for (const char* name : {"a 1.0", "a 1.1", "b 1.0", "b 1.1"}) {
     clients[name] = new Client(name, told);
@@ -136,9 +136,10 @@ TEST(Ccc, SequencesAreExact) {
     service->unregisterLmpEvents(ParseAddress(address));
   });
   runner.Define("told", [&](const std::string& line) {
-    EXPECT_EQ(std::exchange(told, {}), Client::Lines{line});
+    EXPECT_THAT(told.Take(), ::testing::ElementsAre(line));
   });
-  runner.Define("quiet", [&](const std::string&) { EXPECT_EQ(told, Client::Lines{}); });
+  runner.Define("quiet",
+                [&](const std::string&) { EXPECT_THAT(told.Take(), ::testing::IsEmpty()); });
   runner.Define("links", [&](const std::string& arguments) {
     const std::string client = arguments.substr(0, 1);
     EXPECT_EQ(clients.at(client + " 1.0")->links + clients.at(client + " 1.1")->links,

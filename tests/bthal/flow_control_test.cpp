@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "bthal/child_case.h"
+#include "bthal/notes.h"
 #include "bthal/report_check.h"
 #include "bthal/sequence_runner.h"
 #include "bthal/uart_rig.h"
@@ -25,22 +26,20 @@ size_t Send(HciFlowControl& flow, uint8_t type, const std::string& hex) {
 // Notes its calls in a list shared by several. Unregisters itself at its end.
 class NotingWatcher final : public HciEventWatcher {
  public:
-  using Notes = std::vector<std::string>;  // written while an event is delivered or by this thread
-
   NotingWatcher(HciFlowControl& flow, const std::string& name, uint8_t code, uint16_t opcode,
-                bool keeps, Notes& calls)
+                bool keeps, test::Notes& calls)
       : HciEventWatcher(name.c_str(), code, opcode), flow_(flow), keeps_(keeps), calls_(calls) {}
   ~NotingWatcher() override { flow_.UnregisterEventWatcher(this); }
   bool OnEventReceive(const hidl_vec<uint8_t>&) override {
-    calls_.push_back(name());
+    calls_.Add(name());
     return keeps_;
   }
-  void OnHalt() override { calls_.push_back(name() + "!"); }
+  void OnHalt() override { calls_.Add(name() + "!"); }
 
  private:
   HciFlowControl& flow_;
   const bool keeps_;
-  Notes& calls_;
+  test::Notes& calls_;
 };
 
 // Plays a sequence over a real tty.
@@ -48,7 +47,7 @@ void Play(const test::Vector& sequence) {
   SCOPED_TRACE(sequence.name);
   test::SequenceRunner runner("bthal.flowcontrol");
   HciFlowControl& flow = runner.flow();
-  NotingWatcher::Notes calls;
+  test::Notes calls;
   std::map<std::string, std::unique_ptr<NotingWatcher>> watchers;
   bool halted = false;
   const std::pair<const char*, uint8_t> kinds[] = {{"send", 1}, {"acl", 2}, {"sco", 3}, {"iso", 5}};
@@ -86,7 +85,7 @@ void Play(const test::Vector& sequence) {
     flow.UnregisterEventWatcher(watchers.at(name).get());
   });
   runner.Define("calls", [&](const std::string& names) {
-    EXPECT_EQ(std::exchange(calls, {}), test::SplitTrimmed(names, ','));
+    EXPECT_EQ(calls.Take(), test::SplitTrimmed(names, ','));
   });
   runner.Run(sequence.fields[0] + " ; wire");
 }
@@ -111,7 +110,7 @@ CHILD_CASE(DeliverEvent) {
   if (!rig.Open()) return 1;
   test::PrintReports();
   const Bytes event = test::ParseHex(arguments[0]);
-  NotingWatcher::Notes calls;
+  test::Notes calls;
   NotingWatcher watcher(*rig.flow(), "delivered", event.empty() ? 0 : event[0], 0, true, calls);
   rig.flow()->RegisterEventWatcher(&watcher);
   rig.flow()->OnHciEventReady(test::ToVec(event), [](const hidl_vec<uint8_t>&) {});
