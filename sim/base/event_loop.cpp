@@ -92,6 +92,9 @@ void EventLoop::Run() {
     ArmTimer();
     epoll_event events[16];
     const int count = epoll_wait(epoll_.get(), events, 16, -1);
+    // First, as on a busy machine this process may be late: input that came after a timer was due
+    // must not be handled before it.
+    RunDueTimers();
     for (int i = 0; i < count; ++i) {
       const auto found = watched_.find(events[i].data.fd);
       if (found == watched_.end()) continue;  // unwatched by a callback of this round

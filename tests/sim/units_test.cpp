@@ -1,8 +1,11 @@
-// Bad input to the parts that read it: scenario files, firmware downloads.
+// Parts by themselves: the event loop; bad input to scenario files and firmware downloads.
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 
 #include <stdexcept>
 
+#include "sim/base/event_loop.h"
 #include "sim/firmware/download.h"
 #include "sim/firmware/image.h"
 #include "sim/handset/handset.h"
@@ -10,6 +13,28 @@
 
 namespace zvk {
 namespace {
+
+// A controller that starts late on a busy machine must not miss what was sent after its start.
+TEST(EventLoop, InputAfterATimerWasDue_ComesAfterTheTimer) {
+  EventLoop loop;
+  const ::android::base::unique_fd input(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  std::string order;
+  loop.Watch(input.get(), EPOLLIN, [&](uint32_t) {
+    order += "input ";
+    loop.Stop();
+  });
+  constexpr std::chrono::milliseconds kDelay(2);
+  const EventLoop::Time due = EventLoop::Clock::now() + kDelay;
+  loop.After(kDelay, [&] { order += "timer "; });
+  loop.SetIdle([&] {
+    while (EventLoop::Clock::now() <= due + kDelay) {
+    }
+    const uint64_t one = 1;
+    ASSERT_EQ(write(input.get(), &one, sizeof one), static_cast<ssize_t>(sizeof one));
+  });
+  loop.Run();
+  EXPECT_EQ(order, "timer input ");
+}
 
 TEST(Scenario, Mistakes_AreNamedByFileLineAndReason) {
   for (const test::Vector& row : test::LoadVectors("scenario_mistakes.txt")) {
