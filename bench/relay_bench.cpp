@@ -77,7 +77,7 @@ void MeasureCoProcessor(const test::TempDir& root, int seconds, Rounds* rounds) 
 }
 
 void MeasureAll(int seconds) {
-  const test::TempDir root(test::TempDir::Where::kInMemory);
+  const test::TempDir root;
   setenv("BTHAL_ROOT", root.path().c_str(), 1);
   android::hardware::ProcessState::self()->startThreadPool();
   PrepareRoot(root);

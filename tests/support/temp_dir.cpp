@@ -13,15 +13,14 @@ namespace test {
 
 namespace {
 
-std::filesystem::path Parent(TempDir::Where where) {
+std::filesystem::path Parent() {
   const char* memory = "/dev/shm";
-  const bool in_memory = where == TempDir::Where::kInMemory && access(memory, W_OK) == 0;
-  return in_memory ? memory : std::filesystem::temp_directory_path();
+  return access(memory, W_OK) == 0 ? memory : std::filesystem::temp_directory_path();
 }
 
 }  // namespace
 
-TempDir::TempDir(Where where) : path_((Parent(where) / "bthal-XXXXXX").string()) {
+TempDir::TempDir() : path_((Parent() / "bthal-XXXXXX").string()) {
   if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp " + path_);
 }
 

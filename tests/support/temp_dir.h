@@ -5,13 +5,11 @@
 
 namespace test {
 
-// A folder of its own for a test, gone with it.
+// A folder of its own for a test, gone with it. In memory where there is such a file system: the
+// simulator and the service must not wait for a disk that others keep busy.
 class TempDir {
  public:
-  // In memory: for what is timed, and must not wait for a disk that others keep busy.
-  enum class Where { kOnDisk, kInMemory };
-
-  explicit TempDir(Where where = Where::kOnDisk);
+  TempDir();
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;

@@ -48,7 +48,7 @@ class Board {
   Evidence Left() const;
 
  private:
-  TempDir folder_{TempDir::Where::kInMemory};
+  TempDir folder_;
   Pty pty_;
   std::unique_ptr<ScriptedController> controller_;
   std::unique_ptr<ChildProcess> service_;

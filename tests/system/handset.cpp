@@ -43,7 +43,7 @@ std::string ServiceProgram() {
   return ProgramDir() + "/android.hardware.bluetooth@1.1-service.zvkbtlinux";
 }
 
-bool OnCoProcessor() { return std::getenv("BTHAL_TEST_CO_PROCESSOR") != nullptr; }
+bool UsesCoProcessor() { return std::getenv("BTHAL_TEST_CO_PROCESSOR") != nullptr; }
 
 std::unique_ptr<ChildProcess> StartStackOn(const std::string& root,
                                            const std::vector<std::string>& arguments) {
@@ -78,7 +78,7 @@ Handset::Handset(const std::string& scenario, Mode mode,
 
 void Handset::StartSimulator(Mode mode, const std::vector<std::string>& options) {
   std::vector<std::string> command = {ProgramDir() + "/zvksim", "--root", root()};
-  if (OnCoProcessor()) command.push_back("--co-processor");
+  if (UsesCoProcessor()) command.push_back("--co-processor");
   command.insert(command.end(), options.begin(), options.end());
   simulator_.emplace(command);
   if (!simulator_->WaitForOutput("ready ", kDeadline)) {
@@ -178,13 +178,18 @@ std::string Handset::WaitForEnd() {
 
 std::string Handset::WaitForRest() {
   const std::string process = "/proc/" + std::to_string(service().pid());
-  std::map<std::string, int> threads;
+  std::string listed;  // a line a thread: number, name, where it waits in the kernel
   int descriptors = 0;
   const auto rests = [&] {
-    threads.clear();
+    std::map<std::string, int> threads;
+    listed.clear();
     std::error_code gone;  // a thread may end while they are listed
     for (const auto& task : std::filesystem::directory_iterator(process + "/task", gone)) {
-      ++threads[ReadFile((task.path() / "comm").string())];
+      std::string name = ReadFile((task.path() / "comm").string());
+      name.resize(name.find_last_not_of('\n') + 1);
+      ++threads[name];
+      listed += task.path().filename().string() + " " + name + " " +
+                ReadFile((task.path() / "wchan").string()) + "\n";
     }
     descriptors = CountDescriptors(service().pid());
     for (const auto& [name, count] : threads) {
@@ -194,8 +199,7 @@ std::string Handset::WaitForRest() {
     return descriptors <= kMostDescriptors;
   };
   if (WaitFor(rests)) return "";
-  return ::testing::PrintToString(threads) + ", " + std::to_string(descriptors) + " descriptors\n" +
-         Tail(Log());
+  return listed + std::to_string(descriptors) + " descriptors\n" + Tail(Log());
 }
 
 unsigned NewSeed() {

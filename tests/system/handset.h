@@ -30,7 +30,7 @@ struct TraceLine {
 };
 
 // Whether the controller hangs on a co-processor: BTHAL_TEST_CO_PROCESSOR is in the environment.
-bool OnCoProcessor();
+bool UsesCoProcessor();
 
 // A simulated handset and the service on it, in a folder of their own.
 class Handset {

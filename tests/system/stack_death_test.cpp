@@ -63,7 +63,7 @@ TEST_P(StackDeath, AfterItsClose_DoesNotConcernTheNextStack) {
 
 // An event for the stack comes while the downloaded firmware starts; the stack closes inside it.
 TEST_P(StackDeath, CloseInsideItsOwnInitialize_IsDoneAtTheEndOfThat) {
-  if (OnCoProcessor()) GTEST_SKIP() << "an event is injected into the line";
+  if (UsesCoProcessor()) GTEST_SKIP() << "an event is injected into the line";
   Handset watched("power nth 1 300ms inject 04 3E 02 7F 7F\n", GetParam());
   watched.StartService();
   const auto stack = watched.StartStack({"event", "1", "close", "50000"});
