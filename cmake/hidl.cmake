@@ -33,14 +33,18 @@ function(bthal_hidl target root prefix package version)
   set(interfaces ${CMAKE_SOURCE_DIR}/interfaces)
   set(arguments -R -p ${CMAKE_SOURCE_DIR} -o ${out} -r android.hardware:${interfaces}/hardware
       -r android.hidl:${interfaces}/hidl -r hardware.nuvexa:${interfaces}/nuvexa)
+  set(ahead ${interfaces}/run_ahead.txt)
   if(NOT root MATCHES "^${interfaces}")
     list(APPEND arguments -r ${prefix}:${root})
+    set(ahead ${root}/run_ahead.txt)
   endif()
   add_custom_command(
     OUTPUT ${headers} ${sources}
     COMMAND ${HIDL_GEN} -L c++-headers ${arguments} ${package}@${version}
     COMMAND ${HIDL_GEN} -L c++-sources ${arguments} ${package}@${version}
-    DEPENDS ${hal_files}
+    COMMAND ${CMAKE_COMMAND} -D LIST=${ahead} -D PACKAGE=${package}@${version}
+      -D FOLDER=${out_dir} -P ${CMAKE_SOURCE_DIR}/cmake/run_ahead.cmake
+    DEPENDS ${hal_files} ${ahead} ${CMAKE_SOURCE_DIR}/cmake/run_ahead.cmake
     COMMENT "hidl-gen ${package}@${version}" VERBATIM)
   target_sources(${target} PRIVATE ${sources} ${headers})
 endfunction()

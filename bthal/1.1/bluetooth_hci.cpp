@@ -165,6 +165,8 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stac
     perform_close(turn);
   }
   AttachedStack::Get().DetachIf(stack);
+  // Packets may run ahead of their answers: when close returns, the stack has taken all of them.
+  (void)stack->ping().isOk();
   ALOGI("BluetoothHci::close() Done");
 }
 

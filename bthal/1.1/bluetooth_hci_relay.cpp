@@ -143,7 +143,8 @@ void BluetoothHci::notify_cb(const hidl_vec<uint8_t>& event) {
     ALOGW("%s: g_cb == nullptr", __func__);
     return;
   }
-  if (!cb->hciEventReceived(event).isOk()) {
+  // Not before the stack has taken it may the process end.
+  if (!cb->hciEventReceived(event).isOk() || !cb->ping().isOk()) {
     ALOGW("Unable to callback bqr root inflamed event to Stack");
   }
 }

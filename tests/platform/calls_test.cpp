@@ -151,6 +151,26 @@ TEST_F(Calls, OnewayCalls_RunInOrderAndOneAtATime) {
 }
 
 // What a thread needs for its first call is a descriptor: without one it still calls.
+TEST_F(Calls, CallsThatRunAhead_ComeInOrderAndBeforeAPingWhileTheirHandlersCallBack) {
+  Serve();
+  const sp<Callback> callback = Attach([](const Payload&) {});
+  std::atomic<uint32_t> next{1}, wrong{0};
+  callback->on_stream = [&](const Payload& data) {
+    uint32_t number = 0;
+    memcpy(&number, data.data(), sizeof number);
+    if (number != next++) ++wrong;
+    // The service's only thread is busy sending: it serves this only once the window is full.
+    if (number % 1000 == 0 && !service_->echo(data, [](const Payload&) {}).isOk()) ++wrong;
+  };
+  for (const auto& [count, size] : {std::pair(20000u, 40u), std::pair(2000u, 65000u)}) {
+    next = 1;
+    const uint32_t before = callback->streamed;
+    EXPECT_EQ(StreamBack(count, Payload(size)), count);
+    EXPECT_EQ(callback->streamed, before + count);
+    EXPECT_EQ(wrong, 0u);
+  }
+}
+
 TEST_F(Calls, ThreadsWhenDescriptorsHaveRunOut_StillCall) {
   Serve("2");
   rlimit limit{};

@@ -176,6 +176,40 @@ TEST_F(Peers, SilentClient_IsLetGoAfterItsTimeUnlessItCallsBack) {
   EXPECT_EQ(CallBack(), 1u);
 }
 
+// The peer sees what was sent ahead, and answers by hand, or not at all.
+TEST_F(Peers, ClientOfCallsThatRunAhead_IsLetGoWhenItsWindowStandsStill) {
+  Serve("2", "500");
+  const auto stream = [&] { return std::async(std::launch::async, [&] { return StreamBack(1000); }); };
+  {
+    RawPeer silent;
+    EXPECT_TRUE(silent.Attach());
+    const auto start = steady_clock::now();
+    std::future<uint32_t> sent = stream();
+    EXPECT_EQ(sent.get(), bthal::rpc::kMaxAheadCalls);
+    EXPECT_GE(steady_clock::now() - start, milliseconds(490));
+    EXPECT_TRUE(WaitForDeaths(1));
+    EXPECT_EQ(CountOf("was not answered for 0.5 s", process_->Output()), 1u);
+  }
+  {
+    std::optional<RawPeer> dying;
+    EXPECT_TRUE(dying.emplace().Attach());
+    std::future<uint32_t> sent = stream();
+    for (int i = 0; i < 10; ++i) EXPECT_FALSE(dying->Receive().empty());
+    dying.reset();
+    EXPECT_LE(sent.get(), bthal::rpc::kMaxAheadCalls);
+    EXPECT_TRUE(WaitForDeaths(2));
+  }
+  RawPeer failing;
+  EXPECT_TRUE(failing.Attach());
+  std::future<uint32_t> sent = stream();
+  EXPECT_FALSE(failing.Receive().empty());
+  EXPECT_TRUE(failing.Send("failure"));
+  EXPECT_TRUE(failing.Send("progress"));
+  EXPECT_LT(sent.get(), 1000u);
+  EXPECT_THAT(process_->Output(), HasSubstr("E bthal.rpc: stream failed in process "));
+  ExpectServing();
+}
+
 TEST_F(Peers, ClientThatDoesNotRead_GetsAllInOrderOnceItReadsAndIsLetGoWhenTooMuchWaits) {
   Serve();
   uint32_t taken = 0;

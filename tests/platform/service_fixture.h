@@ -23,11 +23,16 @@ using Payload = android::hardware::hidl_vec<uint8_t>;
 using platform::V1_0::ICallback;
 using platform::V1_0::ITest;
 
-// What the service calls. on_event and on_notify run in the call.
+// What the service calls. on_event, on_stream and on_notify run in the call.
 struct Callback : public ICallback {
   android::hardware::Return<void> event(const Payload& data) override {
     on_event(data);
     ++events;
+    return android::hardware::Void();
+  }
+  android::hardware::Return<void> stream(const Payload& data) override {
+    on_stream(data);
+    ++streamed;
     return android::hardware::Void();
   }
   android::hardware::Return<void> notify(uint32_t number) override {
@@ -37,8 +42,9 @@ struct Callback : public ICallback {
   }
 
   std::function<void(const Payload&)> on_event = [](const Payload&) {};
+  std::function<void(const Payload&)> on_stream = [](const Payload&) {};
   std::function<void(uint32_t)> on_notify = [](uint32_t) {};
-  std::atomic<uint32_t> events{0}, notices{0};
+  std::atomic<uint32_t> events{0}, streamed{0}, notices{0};
 };
 
 class ServiceTest : public testing::Test {
@@ -68,6 +74,10 @@ class ServiceTest : public testing::Test {
   // callBack() of the service: how many calls got through.
   uint32_t CallBack(uint32_t count = 1, const Payload& data = Payload(1)) {
     return service_->callBack(count, data).withDefault(UINT32_MAX);
+  }
+  // streamBack() of the service.
+  uint32_t StreamBack(uint32_t count, const Payload& data = Payload(4)) {
+    return service_->streamBack(count, data).withDefault(UINT32_MAX);
   }
   bool WaitForDeaths(uint32_t count) {
     return WaitFor([&] { return service_->deaths().withDefault(0) == count; }, kDeadline);

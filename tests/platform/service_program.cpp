@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -49,6 +50,18 @@ class Service : public ITest, public hidl_death_recipient {
   Return<uint32_t> callBack(uint32_t count, const hidl_vec<uint8_t>& data) override {
     uint32_t done = 0;
     while (done < count && Callback()->event(data).isOk()) ++done;
+    return done;
+  }
+
+  Return<uint32_t> streamBack(uint32_t count, const hidl_vec<uint8_t>& data) override {
+    hidl_vec<uint8_t> numbered = data;
+    uint32_t done = 0;
+    for (; done < count; ++done) {
+      const uint32_t number = done + 1;
+      if (numbered.size() >= sizeof number) memcpy(numbered.data(), &number, sizeof number);
+      if (!Callback()->stream(numbered).isOk()) break;
+    }
+    (void)Callback()->ping().isOk();
     return done;
   }
 

@@ -33,27 +33,34 @@ status_t BHwBinder::unlinkToDeath(const wp<DeathRecipient>& /*recipient*/, void*
   return INVALID_OPERATION;
 }
 
-bool BHwBinder::queueOneway(std::unique_ptr<bthal::rpc::IncomingCall> call) {
-  const std::lock_guard<std::mutex> lock(oneway_mutex_);
-  oneway_calls_.push_back(std::move(call));
-  return !std::exchange(oneway_running_, true);
+bool BHwBinder::queueInOrder(std::unique_ptr<bthal::rpc::IncomingCall> call) {
+  const std::lock_guard<std::mutex> lock(in_order_mutex_);
+  in_order_calls_.push_back(std::move(call));
+  return !std::exchange(in_order_running_, true);
 }
 
-std::unique_ptr<bthal::rpc::IncomingCall> BHwBinder::nextOneway() {
-  const std::lock_guard<std::mutex> lock(oneway_mutex_);
-  if (oneway_calls_.empty()) {
-    oneway_running_ = false;
+std::unique_ptr<bthal::rpc::IncomingCall> BHwBinder::nextInOrder() {
+  const std::lock_guard<std::mutex> lock(in_order_mutex_);
+  if (in_order_calls_.empty()) {
+    in_order_running_ = false;
     return nullptr;
   }
-  std::unique_ptr<bthal::rpc::IncomingCall> call = std::move(oneway_calls_.front());
-  oneway_calls_.pop_front();
+  std::unique_ptr<bthal::rpc::IncomingCall> call = std::move(in_order_calls_.front());
+  in_order_calls_.pop_front();
   return call;
 }
 
-void BHwBinder::dropObsoleteOneway() {
+bool BHwBinder::queueBehind(std::unique_ptr<bthal::rpc::IncomingCall>& call) {
+  const std::lock_guard<std::mutex> lock(in_order_mutex_);
+  if (!in_order_running_) return false;
+  in_order_calls_.push_back(std::move(call));
+  return true;
+}
+
+void BHwBinder::dropObsolete() {
   std::vector<std::unique_ptr<bthal::rpc::IncomingCall>> dropped;  // after the lock is free
-  const std::lock_guard<std::mutex> lock(oneway_mutex_);
-  dropped = bthal::rpc::TakeObsolete(oneway_calls_);
+  const std::lock_guard<std::mutex> lock(in_order_mutex_);
+  dropped = bthal::rpc::TakeObsolete(in_order_calls_);
 }
 
 ProcessState* ProcessState::self() {

@@ -4,10 +4,12 @@
 
 #include <android-base/logging.h>
 #include <android-base/thread_annotations.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <unordered_map>
@@ -17,10 +19,9 @@
 #include "rpc/incoming_call.h"
 
 namespace bthal::rpc {
-namespace {
 
-// Numbers that no other process can guess: a chain names a blocked thread.
-uint64_t NewChain() {
+// A chain names a blocked thread.
+uint64_t CallThread::NewChain() {
   static const uint64_t seed = [] {
     uint64_t random = 0;
     if (getrandom(&random, sizeof random, 0) != sizeof random) PLOG(FATAL) << "getrandom";
@@ -33,8 +34,6 @@ uint64_t NewChain() {
   x ^= x >> 31;
   return x == 0 ? 1 : x;
 }
-
-}  // namespace
 
 // The threads that are blocked, by chain. Never destroyed.
 struct Chains {
@@ -102,6 +101,13 @@ void CallThread::Wake() const {
 void CallThread::ClearWake() const {
   uint64_t count;
   TEMP_FAILURE_RETRY(read(wake_.get(), &count, sizeof count));
+}
+
+void CallThread::Sleep(int time_ms) const {
+  pollfd woken{wake_.get(), POLLIN, 0};
+  if (poll(&woken, 1, wake_.get() < 0 ? std::min(time_ms, kLookPeriodMs) : time_ms) == 1) {
+    ClearWake();
+  }
 }
 
 CallThread::Blocked::Blocked() : starts_chain_(Current()->chain == 0) {

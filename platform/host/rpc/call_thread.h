@@ -39,10 +39,15 @@ class CallThread {
   static constexpr int kLookPeriodMs = 10;
   void Wake() const;
   void ClearWake() const;
+  // For this thread only: until Wake(), for time_ms at most.
+  void Sleep(int time_ms) const;
   int wake_descriptor() const { return wake_.get(); }
 
   // For this thread only: the chain that it works for; 0 for none.
   uint64_t chain = 0;
+
+  // A number that no other process can guess.
+  static uint64_t NewChain();
 
   // This thread is blocked in a call for the lifetime of this object.
   class Blocked {

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "rpc/incoming_call.h"
@@ -150,7 +151,9 @@ void Connection::Wait(PendingReply* pending, uint64_t serial, bool reading,
       if (pending->done) break;
       if (!reading) reading = StartReading();
     }
-    if (std::unique_ptr<IncomingCall> nested = thread.TakeNested(); nested != nullptr) {
+    std::unique_ptr<IncomingCall> nested = thread.TakeNested();
+    if (nested == nullptr) nested = TakeFromAhead();
+    if (nested != nullptr) {
       if (reading) {
         const std::lock_guard<std::mutex> lock(mutex_);
         StopReading();
@@ -172,8 +175,7 @@ void Connection::Wait(PendingReply* pending, uint64_t serial, bool reading,
     if (reading && ready[1].revents != 0) ReadMessage();
     if (count != 0 || PollTime(deadline) != 0) continue;
     if (!limit) {
-      const std::chrono::duration<double> seconds = client_answer_time;
-      End(StringPrintf("a call to it was not answered for %g s", seconds.count()).c_str());
+      EndSilent();
       continue;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -185,6 +187,107 @@ void Connection::Wait(PendingReply* pending, uint64_t serial, bool reading,
   if (!reading) return;
   const std::lock_guard<std::mutex> lock(mutex_);
   StopReading();
+}
+
+// ---- calls that run ahead
+
+status_t Connection::CallAhead(uint32_t object, uint32_t code, const char* method,
+                               const Parcel& data) {
+  MessageHeader header;
+  header.type = MessageType::kCall;
+  header.object = object;
+  header.code = code;
+  header.flags = kRunsAhead;
+  header.chain = ahead_chain_;
+  for (bool room = false; !room;) {
+    const auto now = steady_clock::now();
+    bool stuck = false;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (ended()) return android::DEAD_OBJECT;
+      if (ahead_error_ != android::OK) return std::exchange(ahead_error_, android::OK);
+      stuck = IsStuck(now);
+      room = !stuck && !window_.IsFull();
+      if (room) {
+        ahead_methods_.try_emplace(code, method);
+        if (window_.Add(data.byteCount(), now)) header.flags |= kAsksForProgress;
+      }
+    }
+    if (stuck) {
+      EndSilent();
+    } else if (!room) {
+      WaitForRoom();
+    }
+  }
+  return Send(header, data);
+}
+
+void Connection::WaitForRoom() {
+  const std::shared_ptr<CallThread> thread = CallThread::Current();
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    room_waiters_.push_back(thread);
+  }
+  for (;;) {
+    steady_clock::time_point deadline;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (ended() || !window_.IsFull() || IsStuck(steady_clock::now())) break;
+      deadline = window_.moved_at() + client_answer_time;
+    }
+    if (std::unique_ptr<IncomingCall> call = TakeFromAhead(); call != nullptr) {
+      call->Run();
+      continue;
+    }
+    thread->Sleep(PollTime(deadline));
+  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  room_waiters_.erase(std::find(room_waiters_.begin(), room_waiters_.end(), thread));
+}
+
+bool Connection::IsStuck(AheadWindow::Time now) const {
+  return window_.IsWaiting() && from_ahead_ == 0 && now - window_.moved_at() > client_answer_time;
+}
+
+void Connection::RanAhead(const MessageHeader& header, status_t status) {
+  MessageHeader told;
+  told.status = status;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++ran_ahead_.calls;
+    ran_ahead_.bytes += header.bytes;
+    told.serial = ran_ahead_.calls;
+    told.chain = ran_ahead_.bytes;
+  }
+  if (status != android::OK) {
+    told.type = MessageType::kAheadFailed;
+    told.code = header.code;
+    Send(told, Parcel());
+  }
+  if ((header.flags & kAsksForProgress) == 0) return;
+  told.type = MessageType::kProgress;
+  Send(told, Parcel());
+}
+
+void Connection::QueueFromAhead(std::unique_ptr<IncomingCall> call) {
+  std::vector<std::shared_ptr<CallThread>> blocked;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!ended()) queued_from_ahead_.push_back(std::move(call));
+    blocked = room_waiters_;
+    for (const auto& [serial, pending] : pending_) {
+      if (pending != nullptr) blocked.push_back(pending->thread);
+    }
+  }
+  for (const std::shared_ptr<CallThread>& thread : blocked) thread->Wake();
+}
+
+std::unique_ptr<IncomingCall> Connection::TakeFromAhead() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (queued_from_ahead_.empty()) return nullptr;
+  std::unique_ptr<IncomingCall> call = std::move(queued_from_ahead_.front());
+  queued_from_ahead_.pop_front();
+  return call;
 }
 
 bool Connection::StartReading() {
@@ -335,6 +438,10 @@ const char* Connection::Handle(ReceivedMessage message) {
       return HandleReply(header, std::move(parcel));
     case MessageType::kRelease:
       return HandleRelease(header);
+    case MessageType::kProgress:
+      return HandleProgress(header);
+    case MessageType::kAheadFailed:
+      return HandleAheadFailed(header);
     case MessageType::kRefusal:
       if (peer_side_ != Side::kService) break;
       refusal_ = header.status;
@@ -344,6 +451,10 @@ const char* Connection::Handle(ReceivedMessage message) {
 }
 
 const char* Connection::HandleCall(const MessageHeader& header, Parcel parcel) {
+  if ((header.flags & kRunsAhead) != 0) {
+    if (peer_side_ != Side::kService) return "a client's call that runs ahead";
+    peer_ahead_chain_.store(header.chain, std::memory_order_relaxed);
+  }
   if (header.object == 0) {  // answered here: the pool may be busy for long
     MessageHeader answer;
     answer.type = MessageType::kReply;
@@ -402,6 +513,36 @@ const char* Connection::HandleRelease(const MessageHeader& header) {
   return nullptr;
 }
 
+const char* Connection::HandleProgress(const MessageHeader& header) {
+  std::vector<std::shared_ptr<CallThread>> waiters;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!window_.Advance(header.serial, header.chain, steady_clock::now())) {
+      return "progress of calls that were not sent";
+    }
+    waiters = room_waiters_;
+  }
+  for (const std::shared_ptr<CallThread>& thread : waiters) thread->Wake();
+  return nullptr;
+}
+
+const char* Connection::HandleAheadFailed(const MessageHeader& header) {
+  const char* method = nullptr;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = ahead_methods_.find(header.code);
+    if (found == ahead_methods_.end() || header.status == android::OK) {
+      return "a failure of a call that was not sent";
+    }
+    method = found->second;
+    if (ahead_error_ != android::OK) return nullptr;  // told already
+    ahead_error_ = header.status;
+  }
+  LOG(ERROR) << method << " failed in process " << peer_pid_ << ": "
+             << strerror(-header.status);
+  return nullptr;
+}
+
 bool Connection::DropReferences(uint32_t object, uint32_t count, sp<IBinder>* dropped) {
   const auto found = exports_.find(object);
   if (found == exports_.end() || found->second.references < count) return false;
@@ -419,23 +560,28 @@ sp<IBinder> Connection::DropUnused(uint32_t object) {
   return dropped;
 }
 
-void Connection::CallArrived(const Load& call) {
+void Connection::CallArrived(const MessageHeader& header, const Load& call) {
   TotalLoad::Get().Add(call);
   const std::lock_guard<std::mutex> lock(mutex_);
+  if (IsFromAhead(header)) ++from_ahead_;
   waiting_ += call;
   if (overfull_ || !waiting_.Reaches(TotalLoad::Get().Allowance())) return;
   overfull_ = true;
   if (pending_.empty()) Watch(kOverfull, true);
 }
 
-void Connection::CallDone(uint32_t object, const Load& call) {
+void Connection::CallDone(const MessageHeader& header, const Load& call) {
   TotalLoad::Get().Remove(call);
   sp<IBinder> dropped;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (const auto found = exports_.find(object); found != exports_.end()) {
+    if (const auto found = exports_.find(header.object); found != exports_.end()) {
       --found->second.calls;
-      dropped = DropUnused(object);
+      dropped = DropUnused(header.object);
+    }
+    if (IsFromAhead(header)) {
+      --from_ahead_;
+      window_.Excuse(steady_clock::now());  // the time was spent in this process
     }
     waiting_ -= call;
     if (overfull_ && !waiting_.Exceeds(TotalLoad::Get().Allowance() / 2)) {
@@ -512,10 +658,16 @@ void Connection::Release(const Proxy* proxy, uint32_t object, uint32_t received)
   Send(header, Parcel());
 }
 
+void Connection::EndSilent() {
+  const std::chrono::duration<double> seconds = client_answer_time;
+  End(StringPrintf("a call to it was not answered for %g s", seconds.count()).c_str());
+}
+
 void Connection::End(const char* reason) {
   std::vector<sp<Proxy>> orphans;
   std::vector<std::shared_ptr<CallThread>> callers;
   decltype(exports_) dropped;  // with the objects of all calls that wait
+  decltype(queued_from_ahead_) dropped_calls;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (ended_.exchange(true)) return;
@@ -526,12 +678,14 @@ void Connection::End(const char* reason) {
       callers.push_back(pending->thread);
     }
     pending_.clear();
+    callers.insert(callers.end(), room_waiters_.begin(), room_waiters_.end());
     for (const auto& [object, import] : imports_) {
       if (sp<Proxy> proxy = import.proxy.promote(); proxy != nullptr) orphans.push_back(proxy);
     }
     imports_.clear();
     export_ids_.clear();
     dropped.swap(exports_);
+    dropped_calls.swap(queued_from_ahead_);
   }
   if (reason != nullptr) {
     LOG(ERROR) << "connection to process " << peer_pid_ << " ended: " << reason;
@@ -543,7 +697,7 @@ void Connection::End(const char* reason) {
   PostDeathNotifications(std::move(orphans));
   for (const auto& [id, exported] : dropped) {
     if (BHwBinder* local = exported.object->localBinder(); local != nullptr) {
-      local->dropObsoleteOneway();
+      local->dropObsolete();
     }
   }
   CallThread::DropObsolete();

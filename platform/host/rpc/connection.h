@@ -18,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "rpc/ahead_window.h"
 #include "rpc/call_thread.h"
 #include "rpc/io_loop.h"
 #include "rpc/load.h"
@@ -27,14 +28,15 @@ namespace bthal::rpc {
 
 class Proxy;
 
-// How long a call to a client's object may take. A call to a service may take any time. Changed, if
-// at all, before the first connection: a test shortens it.
+// How long a call to a client's object may take, and a window of calls that run ahead may stand
+// still. A call to a service may take any time. Changed, if at all, before the first connection: a
+// test shortens it.
 inline std::chrono::milliseconds client_answer_time = std::chrono::seconds(10);
 // Messages that a peer leaves unread before it is given up.
 constexpr size_t kMaxQueuedMessages = 256;
 constexpr size_t kMaxQueuedBytes = 8 << 20;
 
-// Safe on any thread; no call blocks but Call(), and none holds a lock while user code runs.
+// Safe on any thread; no call blocks but Call() and CallAhead(), and none holds a lock while user code runs.
 // Messages are read by one thread at a time: the first caller that waits for a reply (which then
 // needs no other thread to wake it), else one that the I/O loop wakes. A sending thread writes to
 // the socket itself; what the socket does not take is queued and written by a thread of the I/O
@@ -63,16 +65,36 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   android::status_t Call(uint32_t object, uint32_t code, const android::hardware::Parcel& data,
                          android::hardware::Parcel* reply, uint32_t flags,
                          std::optional<std::chrono::milliseconds> limit = std::nullopt);
+  // Whether CallAhead() may be used: the peer is a client.
+  bool CanCallAhead() const { return peer_side_ == Side::kClient; }
+  // Sends a call without results and does not wait for its answer. Waits while a window of such
+  // calls has not run, and serves calls that their handlers make meanwhile. The calls to an object
+  // run one at a time, in the order of their sending. Returns, instead of sending, the error that
+  // an earlier one met, once, after one log line with its method; DEAD_OBJECT when the connection
+  // has ended, which it does when the window stands still for client_answer_time.
+  android::status_t CallAhead(uint32_t object, uint32_t code, const char* method,
+                              const android::hardware::Parcel& data);
   // Fills in what header says of parcel, and sends both.
   android::status_t Send(MessageHeader header, const android::hardware::Parcel& parcel);
 
   // Ends the connection; reason is null for an orderly end, else one log line. Once.
   void End(const char* reason);
+  // Because a call was not answered in time.
+  void EndSilent();
 
   // For IncomingCall: one more, one less waiting or running. The object that a call is for is kept
   // until then.
-  void CallArrived(const Load& call);
-  void CallDone(uint32_t object, const Load& call);
+  void CallArrived(const MessageHeader& header, const Load& call);
+  void CallDone(const MessageHeader& header, const Load& call);
+  // For IncomingCall: a call of the peer's that runs ahead has run.
+  void RanAhead(const MessageHeader& header, android::status_t status);
+  // For IncomingCall: one that a handler of a call that runs ahead has made. Whoever is blocked in a
+  // call to this peer runs it, or a thread of its target's pool.
+  bool IsFromAhead(const MessageHeader& header) const { return header.chain == ahead_chain_; }
+  void QueueFromAhead(std::unique_ptr<IncomingCall> call);
+  std::unique_ptr<IncomingCall> TakeFromAhead();
+  // The chain of the peer's calls that run ahead; 0 before the first one.
+  uint64_t peer_ahead_chain() const { return peer_ahead_chain_.load(std::memory_order_relaxed); }
   // For Proxy: the last reference to a peer's object has gone; received is how often it came.
   void Release(const Proxy* proxy, uint32_t object, uint32_t received);
 
@@ -101,6 +123,10 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   // reading: whether the calling thread is the reader.
   void Wait(PendingReply* pending, uint64_t serial, bool reading,
             std::optional<std::chrono::milliseconds> limit);
+  // Until there is room in the window, or it has stood still for too long.
+  void WaitForRoom();
+  // Whether the window has stood still for too long.
+  bool IsStuck(AheadWindow::Time now) const REQUIRES(mutex_);
   // Makes the calling thread the reader unless there is one.
   bool StartReading() REQUIRES(mutex_);
   void StopReading() REQUIRES(mutex_);
@@ -110,6 +136,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   const char* HandleCall(const MessageHeader& header, android::hardware::Parcel parcel);
   const char* HandleReply(const MessageHeader& header, android::hardware::Parcel parcel);
   const char* HandleRelease(const MessageHeader& header);
+  const char* HandleProgress(const MessageHeader& header);
+  const char* HandleAheadFailed(const MessageHeader& header);
   // 0; EAGAIN when too much is queued; or errno of the send.
   int SendOrQueue(const MessageHeader& header, const std::vector<ObjectReference>& references,
                   const android::hardware::Parcel& parcel);
@@ -153,6 +181,18 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   uint32_t last_export_ GUARDED_BY(mutex_) = 0;
   std::unordered_map<uint32_t, Import> imports_ GUARDED_BY(mutex_);
   Load waiting_ GUARDED_BY(mutex_);
+
+  // Of calls that run ahead: those that this side sends,
+  const uint64_t ahead_chain_ = CallThread::NewChain();
+  AheadWindow window_ GUARDED_BY(mutex_);
+  size_t from_ahead_ GUARDED_BY(mutex_) = 0;  // calls of their handlers that wait or run here
+  std::deque<std::unique_ptr<IncomingCall>> queued_from_ahead_ GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<CallThread>> room_waiters_ GUARDED_BY(mutex_);
+  std::unordered_map<uint32_t, const char*> ahead_methods_ GUARDED_BY(mutex_);
+  android::status_t ahead_error_ GUARDED_BY(mutex_) = android::OK;
+  // and those that it runs.
+  std::atomic<uint64_t> peer_ahead_chain_{0};
+  Load ran_ahead_ GUARDED_BY(mutex_);
   bool overfull_ GUARDED_BY(mutex_) = false;  // too many calls wait: nothing more is read
 
   std::mutex out_mutex_;

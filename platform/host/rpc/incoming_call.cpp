@@ -15,13 +15,18 @@ using android::hardware::BHwBinder;
 using android::hardware::IBinder;
 using android::hardware::Parcel;
 
-// Runs one oneway call of an object, then makes room for other tasks before the next.
-void PostOneway(const sp<BHwBinder>& target) {
+constexpr uint32_t kPingCode = 0x0f504e47;  // of every HIDL interface
+
+// Runs some of the calls that are queued at an object, then makes room for other tasks before the
+// next.
+void PostQueued(const sp<BHwBinder>& target) {
   target->threadPool().Post([target] {
-    const std::unique_ptr<IncomingCall> call = target->nextOneway();
-    if (call == nullptr) return;
-    call->Run();
-    PostOneway(target);
+    for (int i = 0; i < 16; ++i) {
+      const std::unique_ptr<IncomingCall> call = target->nextInOrder();
+      if (call == nullptr) return;
+      call->Run();
+    }
+    PostQueued(target);
   });
 }
 
@@ -34,19 +39,39 @@ IncomingCall::IncomingCall(std::shared_ptr<Connection> connection, sp<IBinder> t
       header_(header),
       data_(std::move(data)),
       load_{1, data_.byteCount(), data_.descriptors().size()} {
-  connection_->CallArrived(load_);
+  connection_->CallArrived(header_, load_);
 }
 
-IncomingCall::~IncomingCall() { connection_->CallDone(header_.object, load_); }
+IncomingCall::~IncomingCall() { connection_->CallDone(header_, load_); }
 
 bool IncomingCall::IsObsolete() const { return connection_->ended(); }
 
+bool IncomingCall::is_barrier() const {
+  const uint64_t ahead = connection_->peer_ahead_chain();
+  return header_.code == kPingCode && ahead != 0 && header_.chain != ahead;
+}
+
 void IncomingCall::Dispatch(std::unique_ptr<IncomingCall> call) {
   BHwBinder* local = call->target_->localBinder();
-  if (call->is_oneway() && local != nullptr) {
+  if (local != nullptr && (call->is_oneway() || call->runs_ahead())) {
     const sp<BHwBinder> target = local;
-    if (target->queueOneway(std::move(call))) PostOneway(target);
-  } else if (call->is_oneway() || !CallThread::DeliverNested(call)) {
+    if (target->queueInOrder(std::move(call))) PostQueued(target);
+  } else if (local != nullptr && call->is_barrier() && local->queueBehind(call)) {
+    return;
+  } else if (call->is_oneway()) {
+    Post(std::move(call));
+  } else if (CallThread::DeliverNested(call)) {
+    return;
+  } else if (const std::shared_ptr<Connection> connection = call->connection_;
+             connection->IsFromAhead(call->header_)) {
+    ThreadPool& pool = local == nullptr ? HidlThreadPool() : local->threadPool();
+    connection->QueueFromAhead(std::move(call));
+    pool.Post([connection] {
+      if (const std::unique_ptr<IncomingCall> next = connection->TakeFromAhead(); next != nullptr) {
+        next->Run();
+      }
+    });
+  } else {
     Post(std::move(call));
   }
 }
@@ -65,6 +90,8 @@ void IncomingCall::Run() {
                                             [this](Parcel& filled) { Reply(OK, filled); });
   if (data_.malformed()) {
     connection_->End("a malformed call");
+  } else if (runs_ahead()) {
+    connection_->RanAhead(header_, status);
   } else {
     if (status != OK) reply.reset();
     Reply(status, reply);
@@ -72,7 +99,7 @@ void IncomingCall::Run() {
 }
 
 void IncomingCall::Reply(status_t status, const Parcel& reply) {
-  if (replied_ || is_oneway()) return;
+  if (replied_ || is_oneway() || runs_ahead()) return;
   replied_ = true;
   MessageHeader header;
   header.type = MessageType::kReply;

@@ -23,7 +23,8 @@ class IncomingCall : public Task {
   ~IncomingCall() override;
 
   // Hands call to the thread that is blocked in its chain, else to the target's pool; oneway calls
-  // queue up at their target.
+  // and calls that run ahead queue up at their target, and a ping() behind them: its answer tells
+  // that all have run that were sent before, unless it comes from inside one of them.
   static void Dispatch(std::unique_ptr<IncomingCall> call);
   // Hands call to the target's pool.
   static void Post(std::unique_ptr<IncomingCall> call);
@@ -34,6 +35,9 @@ class IncomingCall : public Task {
 
   uint64_t chain() const { return header_.chain; }
   bool is_oneway() const { return (header_.flags & android::hardware::IBinder::FLAG_ONEWAY) != 0; }
+  bool runs_ahead() const { return (header_.flags & kRunsAhead) != 0; }
+  // Whether it is a ping() that must wait for the calls that run ahead.
+  bool is_barrier() const;
 
  private:
   void Reply(android::status_t status, const android::hardware::Parcel& reply);

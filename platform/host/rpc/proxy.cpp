@@ -1,5 +1,7 @@
 #include "rpc/proxy.h"
 
+#include <hidl/HidlTransportSupport.h>
+
 #include <utility>
 
 #include "rpc/thread_pool.h"
@@ -15,6 +17,17 @@ status_t Proxy::transact(uint32_t code, const Parcel& data, Parcel* reply, uint3
                          TransactCallback callback) {
   const status_t status = connection_->Call(object_, code, data, reply, flags);
   if (status == android::OK && callback != nullptr && reply != nullptr) callback(*reply);
+  return status;
+}
+
+status_t Proxy::transactAhead(uint32_t code, const char* method, const Parcel& data,
+                              Parcel* reply) {
+  if (!connection_->CanCallAhead()) return transact(code, data, reply, 0, nullptr);
+  const status_t status = connection_->CallAhead(object_, code, method, data);
+  if (status == android::OK) {
+    android::hardware::writeToParcel(android::hardware::Status::ok(), reply);
+    reply->setPosition(0);
+  }
   return status;
 }
 

@@ -25,6 +25,9 @@ class Proxy : public android::hardware::BpHwBinder {
   android::status_t transact(uint32_t code, const android::hardware::Parcel& data,
                              android::hardware::Parcel* reply, uint32_t flags,
                              TransactCallback callback) override;
+  android::status_t transactAhead(uint32_t code, const char* method,
+                                  const android::hardware::Parcel& data,
+                                  android::hardware::Parcel* reply) override;
   android::status_t linkToDeath(const android::sp<DeathRecipient>& recipient, void* cookie,
                                 uint32_t flags) override;
   android::status_t unlinkToDeath(const android::wp<DeathRecipient>& recipient, void* cookie,

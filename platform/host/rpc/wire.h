@@ -1,5 +1,10 @@
 // Messages on a socket. One message is one datagram of a SOCK_SEQPACKET socket: a header, the
 // object references, the parcel's bytes; descriptors travel beside it.
+//
+// A call is answered by a reply with its serial, unless it is oneway. Calls that run ahead get no
+// reply: their receiver runs them in the order of their sending and counts them. It tells how many
+// it has run, and how many bytes their parcels had, after each that asks for it. One that fails is
+// told at once.
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -12,24 +17,36 @@
 namespace bthal::rpc {
 
 // Both ends are built from the same sources: another version is a malformed message.
-constexpr uint32_t kWireVersion = 0x62740001;
+constexpr uint32_t kWireVersion = 0x62740002;
 
 constexpr size_t kMaxMessageBytes = 192 * 1024;  // below the socket's default send buffer
 constexpr size_t kMaxDescriptors = 16;
 constexpr size_t kMaxReferences = 64;
 
 // A refusal is the one message of a service that does not take the connection.
-enum class MessageType : uint32_t { kCall = 1, kReply = 2, kRelease = 3, kRefusal = 4 };
+enum class MessageType : uint32_t {
+  kCall = 1,
+  kReply = 2,
+  kRelease = 3,
+  kRefusal = 4,
+  kProgress = 5,     // of calls that run ahead
+  kAheadFailed = 6,  // one of them
+};
+
+// Flags of a call, beside IBinder::FLAG_ONEWAY.
+constexpr uint32_t kRunsAhead = 0x100;
+constexpr uint32_t kAsksForProgress = 0x200;
 
 struct MessageHeader {
   uint32_t version = kWireVersion;
   MessageType type = MessageType::kCall;
   uint32_t object = 0;  // call, release: id of the receiver's object
-  uint32_t code = 0;    // call: the method; release: how many references
-  uint32_t flags = 0;   // call: IBinder::FLAG_ONEWAY
-  int32_t status = 0;   // reply; refusal: errno
-  uint64_t serial = 0;  // pairs a reply with its call
-  uint64_t chain = 0;   // call: which chain of nested calls it belongs to; 0 for oneway
+  uint32_t code = 0;    // call, failure: the method; release: how many references
+  uint32_t flags = 0;   // call
+  int32_t status = 0;   // reply, failure; refusal: errno
+  uint64_t serial = 0;  // pairs a reply with its call; progress: how many calls have run
+  uint64_t chain = 0;   // call: which chain of nested calls it belongs to, 0 for oneway;
+                        // progress: how many bytes the calls had that have run
   uint32_t references = 0;
   uint32_t descriptors = 0;
   uint32_t bytes = 0;

@@ -37,6 +37,13 @@ class IBinder : public virtual RefBase {
 
   virtual status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0,
                             TransactCallback callback = nullptr) = 0;
+  // A call without results that may run ahead of its answer; interfaces/run_ahead.txt names those.
+  // To an object of a client it returns once it is sent, in order with the others of this kind; see
+  // Connection::CallAhead. To any other object it is an ordinary call.
+  virtual status_t transactAhead(uint32_t code, const char* /*method*/, const Parcel& data,
+                                 Parcel* reply) {
+    return transact(code, data, reply);
+  }
   // recipient is called once, on a thread for that alone, when the object's process has gone. When
   // it has gone already, the result is DEAD_OBJECT and recipient is not called.
   virtual status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie = nullptr,
@@ -50,8 +57,8 @@ class IBinder : public virtual RefBase {
 };
 
 // An object of this process. Calls from other processes arrive in onTransact(), on a thread of
-// threadPool() or on a blocked thread of the same chain of calls; oneway calls one at a time and in
-// order.
+// threadPool() or on a blocked thread of the same chain of calls; oneway calls and those that run
+// ahead one at a time and in order.
 class BHwBinder : public IBinder {
  public:
   BHwBinder();
@@ -72,21 +79,23 @@ class BHwBinder : public IBinder {
 
   virtual bthal::rpc::ThreadPool& threadPool() { return bthal::rpc::HidlThreadPool(); }
 
-  // For the transport: queues a oneway call. True when none is running: the caller then posts a
-  // task that runs nextOneway() until it is null.
-  bool queueOneway(std::unique_ptr<bthal::rpc::IncomingCall> call);
-  std::unique_ptr<bthal::rpc::IncomingCall> nextOneway();
+  // For the transport: queues a call that runs in order. True when none does: the caller posts a
+  // task that runs nextInOrder() until it is null.
+  bool queueInOrder(std::unique_ptr<bthal::rpc::IncomingCall> call);
+  std::unique_ptr<bthal::rpc::IncomingCall> nextInOrder();
+  // Queues call behind those that run in order. False, and the caller keeps it, when there is none.
+  bool queueBehind(std::unique_ptr<bthal::rpc::IncomingCall>& call);
   // Destroys those whose client has gone.
-  void dropObsoleteOneway();
+  void dropObsolete();
 
  protected:
   int mSchedPolicy = 0;
   int mSchedPriority = 0;
 
  private:
-  std::mutex oneway_mutex_;
-  std::deque<std::unique_ptr<bthal::rpc::IncomingCall>> oneway_calls_ GUARDED_BY(oneway_mutex_);
-  bool oneway_running_ GUARDED_BY(oneway_mutex_) = false;
+  std::mutex in_order_mutex_;
+  std::deque<std::unique_ptr<bthal::rpc::IncomingCall>> in_order_calls_ GUARDED_BY(in_order_mutex_);
+  bool in_order_running_ GUARDED_BY(in_order_mutex_) = false;
 };
 
 // An object of another process; the transport's proxies derive from it.
