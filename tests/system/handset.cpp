@@ -25,6 +25,12 @@ const int kInheritedDescriptors = CountDescriptors(getpid()) - 1;
 // There are 18 more while Bluetooth is up.
 const int kMostDescriptors = kInheritedDescriptors + 23;
 
+#ifdef __SANITIZE_THREAD__
+constexpr int kUnnamedThreads = 3;  // the main one, the NDK's, ThreadSanitizer's
+#else
+constexpr int kUnnamedThreads = 2;  // the main one, the NDK's
+#endif
+
 // What follows text up to the end of its line, where it stands last; empty when it does not.
 std::string RestOfLine(const std::string& all, const std::string& text) {
   const size_t at = all.rfind(text);
@@ -193,8 +199,8 @@ std::string Handset::WaitForRest() {
     }
     descriptors = CountDescriptors(service().pid());
     for (const auto& [name, count] : threads) {
-      const bool named = name.rfind("android.hardwar", 0) != 0;  // the main one, or the NDK's
-      if (count > (named ? 1 : 2)) return false;
+      const bool named = name.rfind("android.hardwar", 0) != 0;
+      if (count > (named ? 1 : kUnnamedThreads)) return false;
     }
     return descriptors <= kMostDescriptors;
   };

@@ -18,7 +18,11 @@ using std::chrono::milliseconds;
 using ::testing::HasSubstr;
 
 constexpr char kWakeLock[] = "bthal_wakelock";
-constexpr double kTolerance = 0.05;  // seconds
+#ifdef BTHAL_SANITIZED
+constexpr double kTolerance = 0.3;  // seconds; everything is slow, not only what is tested
+#else
+constexpr double kTolerance = 0.05;
+#endif
 
 struct Interval {
   double begin;
@@ -118,8 +122,8 @@ TEST_P(LowPowerSlow, WakeLockIsHeldExactlyWhileBringUpRunsOrTheControllerIsAwake
   // One period of 0.8 s at least after the last packet of a stream, two after a lone one; not
   // three.
   ASSERT_GE(after_cue.size(), 2u);
-  EXPECT_GE(after_cue[0], 0.8 - 0.01);
-  EXPECT_GE(after_wake[1], 1.6 - 0.01);
+  EXPECT_GE(after_cue[0], 0.8 - kTolerance);
+  EXPECT_GE(after_wake[1], 1.6 - kTolerance);
   EXPECT_LT(after_wake[1], 2.4);
 }
 
@@ -138,8 +142,9 @@ TEST_P(LowPowerSlow, RandomTraffic_LosesNoByteToSleep) {
                         static_cast<int>(random() % 50)};
     std::this_thread::sleep_for(milliseconds(near[random() % 4]));  // the traffic's own
   }
+  EXPECT_TRUE(
+      WaitFor([&] { return CountOf("- wake released", ReadFile(handset_.Path("trace"))) > 0; }));
   EXPECT_THAT(handset_.Status(), HasSubstr("\"bytes_lost_asleep\": 0,"));
-  EXPECT_GT(CountOf("- wake released", ReadFile(handset_.Path("trace"))), 0u);
 }
 
 }  // namespace
