@@ -37,8 +37,8 @@ class Callbacks : public IBluetoothHciCallbacks {
 
 }  // namespace
 
-DaemonRelay::DaemonRelay(const std::string& program, Sink* sink)
-    : daemon_({program}), hal_(IBluetoothHci::getService("default")) {
+DaemonRelay::DaemonRelay(const std::string& program, Scheduling scheduling, Sink* sink)
+    : daemon_(WithRights(scheduling, {program})), hal_(IBluetoothHci::getService("default")) {
   if (hal_ == nullptr) throw std::runtime_error("the daemon does not register");
   const sp<Callbacks> callbacks = new Callbacks(sink);
   const Return<void> initialized = hal_->initialize_1_1(callbacks);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "relay.h"
+#include "scheduling.h"
 #include "sink.h"
 
 namespace bench {
@@ -13,7 +14,7 @@ namespace bench {
 class DaemonRelay : public Relay {
  public:
   // Throws std::runtime_error when it does not come up.
-  DaemonRelay(const std::string& program, Sink* sink);
+  DaemonRelay(const std::string& program, Scheduling scheduling, Sink* sink);
 
   const test::ChildProcess& process() const override { return daemon_; }
   void SendCommand() override;

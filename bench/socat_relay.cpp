@@ -45,12 +45,13 @@ Bytes CommandMessage() {
 }  // namespace
 
 SocatRelay::SocatRelay(const std::string& address, Carries carries, const std::string& folder,
-                       Sink* sink)
+                       Scheduling scheduling, Sink* sink)
     : carries_(carries),
       path_(folder + "/socat"),
       sink_(sink),
-      socat_({"socat", address,
-              "UNIX-LISTEN:" + path_ + (carries == Carries::kMessages ? ",type=5" : "")}) {
+      socat_(AtPriority(scheduling, {"socat", address,
+                                     "UNIX-LISTEN:" + path_ +
+                                         (carries == Carries::kMessages ? ",type=5" : "")})) {
   const int type = carries == Carries::kMessages ? SOCK_SEQPACKET : SOCK_STREAM;
   if (!test::WaitFor(
           [&] {

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "relay.h"
+#include "scheduling.h"
 #include "sink.h"
 
 namespace bench {
@@ -16,7 +17,8 @@ class SocatRelay : public Relay {
   enum class Carries { kH4, kMessages };  // H4 packets of a tty, messages of a co-processor
 
   // address: of the controller, as socat takes it. folder: for the socket.
-  SocatRelay(const std::string& address, Carries carries, const std::string& folder, Sink* sink);
+  SocatRelay(const std::string& address, Carries carries, const std::string& folder,
+             Scheduling scheduling, Sink* sink);
   ~SocatRelay() override;
 
   const test::ChildProcess& process() const override { return socat_; }

@@ -42,19 +42,19 @@ struct AsyncFdWatcher::Run {
   }
 
   void ThreadRoutine();
-  // The descriptors to wait for, ascending; empty once the run is stopped.
-  std::vector<int> Descriptors() EXCLUDES(lock);
+  // Fills in the descriptors to wait for, ascending. Returns false once the run is stopped.
+  bool GetDescriptors(std::vector<int>* fds) EXCLUDES(lock);
   void DropClosedDescriptors() EXCLUDES(lock);
   void Call(int fd) EXCLUDES(lock);
 };
 
-std::vector<int> AsyncFdWatcher::Run::Descriptors() {
+bool AsyncFdWatcher::Run::GetDescriptors(std::vector<int>* fds) {
+  fds->clear();
   std::lock_guard<std::mutex> guard(lock);
-  std::vector<int> fds;
-  if (!running) return fds;
-  fds.push_back(wake_read.get());
-  for (const auto& [fd, callback] : watched) fds.push_back(fd);
-  return fds;
+  if (!running) return false;
+  fds->push_back(wake_read.get());
+  for (const auto& [fd, callback] : watched) fds->push_back(fd);
+  return true;
 }
 
 void AsyncFdWatcher::Run::DropClosedDescriptors() {
@@ -93,9 +93,8 @@ void AsyncFdWatcher::Run::ThreadRoutine() {
     ALOGE("%s unable to set SCHED_FIFO for pid %d, tid %d, error %s", __func__, getpid(), gettid(),
           strerror(errno));
   }
-  for (;;) {
-    const std::vector<int> fds = Descriptors();
-    if (fds.empty()) return;
+  std::vector<int> fds;  // kept over the passes for its memory
+  while (GetDescriptors(&fds)) {
     fd_set readable;
     FD_ZERO(&readable);
     for (int fd : fds) FD_SET(fd, &readable);
