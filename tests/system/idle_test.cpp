@@ -18,6 +18,7 @@ long Sleeps(pid_t pid) {
   for (const auto& task :
        std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
     const std::string status = ReadFile((task.path() / "status").string());
+    if (status.empty()) continue;  // the thread has ended meanwhile
     all += std::stol(status.substr(status.find(counter) + counter.size()));
   }
   return all;
