@@ -404,9 +404,9 @@ void Connection::OnReady(uint32_t events) {
 }
 
 void Connection::ReadMessage() {
-  if (buffer_ == nullptr) buffer_.reset(new uint8_t[kMaxMessageBytes]);
+  thread_local const std::unique_ptr<uint8_t[]> buffer(new uint8_t[kMaxMessageBytes]);
   ReceivedMessage message;
-  switch (ReceiveMessage(socket_.get(), buffer_.get(), &message)) {
+  switch (ReceiveMessage(socket_.get(), buffer.get(), &message)) {
     case ReceiveResult::kNothingYet:
       return;
     case ReceiveResult::kEnd:

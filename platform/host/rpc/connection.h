@@ -169,7 +169,6 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   const uint64_t io_key_;
   std::atomic<bool> ended_{false};
   std::atomic<int> refusal_{0};
-  std::unique_ptr<uint8_t[]> buffer_;  // the reader's
 
   std::mutex mutex_;
   Reader reader_ GUARDED_BY(mutex_) = Reader::kNobody;
