@@ -142,7 +142,12 @@ void BluetoothHci::unlink_from_death() {
 Return<void> BluetoothHci::close() {
   if (lifecycle_.DeferClose()) return Void();
   Lifecycle::Turn turn(lifecycle_, Lifecycle::State::kGoingDown);
-  if (turn) close_impl(AttachedStack::Get().g_cb(), std::move(turn));
+  if (!turn) return Void();
+  const AttachedStack::Callbacks1_0 stack = AttachedStack::Get().g_cb();
+  close_impl(stack, std::move(turn));
+  // Packets may run ahead of their answers: when close returns, the stack has taken all of them. It
+  // may call close while it does, so the turn must have ended.
+  if (stack != nullptr) (void)stack->ping().isOk();
   return Void();
 }
 
@@ -165,8 +170,6 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stac
     perform_close(turn);
   }
   AttachedStack::Get().DetachIf(stack);
-  // Packets may run ahead of their answers: when close returns, the stack has taken all of them.
-  (void)stack->ping().isOk();
   ALOGI("BluetoothHci::close() Done");
 }
 

@@ -179,7 +179,9 @@ TEST_F(Peers, SilentClient_IsLetGoAfterItsTimeUnlessItCallsBack) {
 // The peer sees what was sent ahead, and answers by hand, or not at all.
 TEST_F(Peers, ClientOfCallsThatRunAhead_IsLetGoWhenItsWindowStandsStill) {
   Serve("2", "500");
-  const auto stream = [&] { return std::async(std::launch::async, [&] { return StreamBack(1000); }); };
+  const auto stream = [&] {
+    return std::async(std::launch::async, [&] { return StreamBack(1000); });
+  };
   {
     RawPeer silent;
     EXPECT_TRUE(silent.Attach());

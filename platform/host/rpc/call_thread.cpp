@@ -103,11 +103,13 @@ void CallThread::ClearWake() const {
   TEMP_FAILURE_RETRY(read(wake_.get(), &count, sizeof count));
 }
 
-void CallThread::Sleep(int time_ms) const {
+void CallThread::SleepUntil(std::chrono::steady_clock::time_point deadline) const {
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  int time_ms = std::max(0, static_cast<int>(left.count()));
+  if (wake_.get() < 0) time_ms = std::min(time_ms, kLookPeriodMs);
   pollfd woken{wake_.get(), POLLIN, 0};
-  if (poll(&woken, 1, wake_.get() < 0 ? std::min(time_ms, kLookPeriodMs) : time_ms) == 1) {
-    ClearWake();
-  }
+  if (poll(&woken, 1, time_ms) == 1) ClearWake();
 }
 
 CallThread::Blocked::Blocked() : starts_chain_(Current()->chain == 0) {

@@ -3,6 +3,7 @@
 
 #include <android-base/unique_fd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -39,8 +40,8 @@ class CallThread {
   static constexpr int kLookPeriodMs = 10;
   void Wake() const;
   void ClearWake() const;
-  // For this thread only: until Wake(), for time_ms at most.
-  void Sleep(int time_ms) const;
+  // For this thread only: until Wake() or the deadline, and sometimes less.
+  void SleepUntil(std::chrono::steady_clock::time_point deadline) const;
   int wake_descriptor() const { return wake_.get(); }
 
   // For this thread only: the chain that it works for; 0 for none.

@@ -36,11 +36,11 @@ inline std::chrono::milliseconds client_answer_time = std::chrono::seconds(10);
 constexpr size_t kMaxQueuedMessages = 256;
 constexpr size_t kMaxQueuedBytes = 8 << 20;
 
-// Safe on any thread; no call blocks but Call() and CallAhead(), and none holds a lock while user code runs.
-// Messages are read by one thread at a time: the first caller that waits for a reply (which then
-// needs no other thread to wake it), else one that the I/O loop wakes. A sending thread writes to
-// the socket itself; what the socket does not take is queued and written by a thread of the I/O
-// loop.
+// Safe on any thread; no call blocks but Call() and CallAhead(), and none holds a lock while user
+// code runs. Messages are read by one thread at a time: the first caller that waits for a reply
+// (which then needs no other thread to wake it), else one that the I/O loop wakes. A sending thread
+// writes to the socket itself; what the socket does not take is queued and written by a thread of
+// the I/O loop.
 //
 // A peer that breaks a rule (a malformed message, an unknown object, too much left unread, a client
 // that does not answer) costs its connection and nothing else: one log line, calls into it fail
@@ -88,8 +88,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   void CallDone(const MessageHeader& header, const Load& call);
   // For IncomingCall: a call of the peer's that runs ahead has run.
   void RanAhead(const MessageHeader& header, android::status_t status);
-  // For IncomingCall: one that a handler of a call that runs ahead has made. Whoever is blocked in a
-  // call to this peer runs it, or a thread of its target's pool.
+  // For IncomingCall: one that a handler of a call that runs ahead has made. Whoever is blocked in
+  // a call to this peer runs it, or a thread of its target's pool.
   bool IsFromAhead(const MessageHeader& header) const { return header.chain == ahead_chain_; }
   void QueueFromAhead(std::unique_ptr<IncomingCall> call);
   std::unique_ptr<IncomingCall> TakeFromAhead();
