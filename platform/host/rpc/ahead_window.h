@@ -19,8 +19,12 @@ class AheadWindow {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  bool IsFull() const {
-    return sent_.calls - ran_.calls >= kMaxAheadCalls || sent_.bytes - ran_.bytes >= kMaxAheadBytes;
+  // A client whose handler waits for us cannot run what comes next, and we may have to send it to
+  // come to the answer: handler_waits makes the window four times as large.
+  bool IsFull(bool handler_waits) const {
+    const uint64_t factor = handler_waits ? 4 : 1;
+    return sent_.calls - ran_.calls >= factor * kMaxAheadCalls ||
+           sent_.bytes - ran_.bytes >= factor * kMaxAheadBytes;
   }
 
   // Counts one call more. Returns whether it has to ask for progress: four times a window, and once

@@ -32,7 +32,7 @@ status_t Connection::CallAhead(uint32_t object, uint32_t code, const char* metho
       if (ended()) return android::DEAD_OBJECT;
       if (ahead_error_ != android::OK) return std::exchange(ahead_error_, android::OK);
       stuck = IsStuck(now);
-      room = !stuck && !window_.IsFull();
+      room = !stuck && !window_.IsFull(from_ahead_ != 0);
       if (room) {
         ahead_methods_.try_emplace(code, method);
         if (window_.Add(data.byteCount(), now)) header.flags |= kAsksForProgress;
@@ -57,7 +57,7 @@ void Connection::WaitForRoom() {
     steady_clock::time_point deadline;
     {
       const std::lock_guard<std::mutex> lock(mutex_);
-      if (ended() || !window_.IsFull() || IsStuck(steady_clock::now())) break;
+      if (ended() || !window_.IsFull(from_ahead_ != 0) || IsStuck(steady_clock::now())) break;
       deadline = window_.moved_at() + client_answer_time;
     }
     if (std::unique_ptr<IncomingCall> call = TakeFromAhead(); call != nullptr) {
