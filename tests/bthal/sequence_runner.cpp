@@ -73,6 +73,7 @@ void SequenceRunner::RunFile(const std::string& file) {
     SCOPED_TRACE(sequence.name);
     SkipLog();
     Run(sequence.fields.at(0));
+    if (testing::Test::HasFailure()) return;
     EXPECT_EQ(LinesLeft(), std::vector<std::string>{});
   }
 }
@@ -82,6 +83,7 @@ void SequenceRunner::Run(const std::string& steps) {
     SCOPED_TRACE(step);
     std::string arguments = step;
     steps_.at(TakeWord(&arguments))(arguments);
+    if (testing::Test::HasFailure()) return;  // what follows would only wait for its deadline
   }
 }
 

@@ -81,6 +81,8 @@ int Pty::Unread() const {
   return count;
 }
 
+void Pty::DropUnread() { tcflush(slave_.get(), TCIFLUSH); }
+
 LinkedPty::LinkedPty(const std::string& link) : link_(link) {
   std::filesystem::create_directories(std::filesystem::path(link).parent_path());
   std::filesystem::remove(link);

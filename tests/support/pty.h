@@ -19,6 +19,7 @@ class Pty {
   void WriteToHost(const Bytes& bytes);
   // Bytes that the host has not read yet.
   int Unread() const;
+  void DropUnread();
   // The speed that the host's side stands at, in bit/s; 0 for one that no test uses.
   int Speed() const;
   // The far end is gone: the host reads an end of file and cannot write.
