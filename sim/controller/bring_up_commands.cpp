@@ -19,7 +19,7 @@ constexpr uint16_t kDownloadConfigOpcode = 0xFE72;
 constexpr uint32_t kSpeeds[] = {115200,  230400,  460800,  921600,  1000000, 1500000, 2000000,
                                 2500000, 3000000, 3500000, 4000000, 6000000, 6144000};
 
-// Zero is "none of it".
+// Zero: the controller does not have it.
 Writer VendorCapabilities(uint16_t version) {
   return Writer{status::kSuccess}
       .U8(0)   // advertising instances beside the standard's

@@ -7,7 +7,7 @@
 namespace zvk {
 namespace {
 
-constexpr size_t kMostWaiting = 1000;  // packets that a host without credits is kept
+constexpr size_t kMostWaiting = 1000;  // packets kept for a host without credits
 
 unsigned Room(DataFlow::Buffer buffer) {
   switch (buffer) {

@@ -27,7 +27,7 @@ void CoexDevice::Open() {
 void CoexDevice::HangUp() {
   note_("wbrc hung up");
   loop_.Unwatch(pty_->fd());
-  pty_.reset();  // first: it takes its link along
+  pty_.reset();  // first: its destructor removes the link
   written_.clear();
   Open();
 }

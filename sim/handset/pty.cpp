@@ -46,7 +46,7 @@ Pty::Pty(const std::string& link) : link_(link) {
   cfmakeraw(&settings);
   if (tcsetattr(slave_.get(), TCSANOW, &settings) != 0) Fail(name);
 
-  // Made beside and moved over it, so that a host never finds nothing there.
+  // Made under another name and renamed: a host finds the old link or the new one.
   const std::string fresh = link + ".new";
   unlink(fresh.c_str());
   if (symlink(name, fresh.c_str()) != 0) Fail(link);

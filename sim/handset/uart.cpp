@@ -58,7 +58,7 @@ void Uart::OpenLine() {
 void Uart::HangUp() {
   Clear();
   loop_.Unwatch(pty_->fd());
-  pty_.reset();  // first: it takes its link along
+  pty_.reset();  // first: its destructor removes the link
   OpenLine();
 }
 

@@ -5,7 +5,7 @@
 namespace zvk {
 namespace {
 
-// Names that were written one after the other arrive glued together: "aa" is "a" twice.
+// Names that were written one after the other are read as one text: "aa" is "a" twice.
 std::string Unrepeated(const std::string& text) {
   for (size_t size = 1; size < text.size(); ++size) {
     if (text.size() % size != 0) continue;
