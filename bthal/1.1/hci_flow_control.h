@@ -84,7 +84,7 @@ class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
 
   const PacketReceivers receivers_;
   const Downlink downlink_;
-  std::mutex lock_;
+  std::mutex lock_;  // what may be called under it: docs/threads.md
   std::deque<HciCmdFrame> command_queue_ GUARDED_BY(lock_);  // front: outstanding, or next
   // The last send was cut short: the line takes nothing, and a command that waits behind another
   // one would not go out.
