@@ -1,5 +1,6 @@
 #include "support/wait.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -11,9 +12,12 @@ namespace test {
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline) {
   const auto end = std::chrono::steady_clock::now() + deadline;
+  // Longer and longer, so that many that wait for long leave the machine to what they wait for.
+  std::chrono::milliseconds pause(1);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return condition();
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(pause);
+    pause = std::min(2 * pause, std::chrono::milliseconds(16));
   }
   return true;
 }
