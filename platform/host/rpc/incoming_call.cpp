@@ -56,14 +56,12 @@ void IncomingCall::Dispatch(std::unique_ptr<IncomingCall> call) {
   if (local != nullptr && (call->is_oneway() || call->runs_ahead())) {
     const sp<BHwBinder> target = local;
     if (target->queueInOrder(std::move(call))) PostQueued(target);
-  } else if (local != nullptr && call->is_barrier() && local->queueBehind(call)) {
     return;
-  } else if (call->is_oneway()) {
-    Post(std::move(call));
-  } else if (CallThread::DeliverNested(call)) {
-    return;
-  } else if (const std::shared_ptr<Connection> connection = call->connection_;
-             connection->IsFromAhead(call->header_)) {
+  }
+  if (local != nullptr && call->is_barrier() && local->queueBehind(call)) return;
+  if (!call->is_oneway() && CallThread::DeliverNested(call)) return;
+  if (const std::shared_ptr<Connection> connection = call->connection_;
+      connection->IsFromAhead(call->header_)) {
     ThreadPool& pool = local == nullptr ? HidlThreadPool() : local->threadPool();
     connection->QueueFromAhead(std::move(call));
     pool.Post([connection] {
