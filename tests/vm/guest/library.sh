@@ -35,9 +35,76 @@ handset() {
   await 10 grep -q ready zvksim.log
 }
 
-# service ROOT: the daemon on that root folder.
+# service ROOT: the daemon on that root folder; "ctl" is bthalctl on it.
 service() {
+  service_root=$1
   BTHAL_ROOT=$1 start daemon android.hardware.bluetooth@1.1-service.zvkbtlinux
-  ctl() { bthalctl --root "$BTHAL_TEST_ROOT" --wait 20 "$@"; }
-  BTHAL_TEST_ROOT=$1
+}
+ctl() { bthalctl --root "$service_root" --wait 20 "$@"; }
+
+# now: seconds since the machine's start.
+now() { cut -d' ' -f1 /proc/uptime; }
+since() { echo "$(now) $1" | awk '{ printf "%.1f", $1 - $2 }'; }
+
+# bluez: BlueZ, and its client, which is told things by "bt" and heard by "hear".
+bluez() {
+  mkdir -p /run/dbus
+  rm -f /run/dbus/pid
+  rm -rf /var/lib/bluetooth/*
+  start dbus dbus-daemon --system --nofork --nopidfile
+  await 5 [ -S /run/dbus/system_bus_socket ]
+  start bluetoothd /usr/libexec/bluetooth/bluetoothd --nodetach
+  mkfifo client.in
+  start bluetoothctl sh -c 'exec stdbuf -oL bluetoothctl <client.in'
+  exec 7>client.in
+  heard=0
+}
+
+# bt WORD…: a command for the client. What is heard after it counts only.
+bt() {
+  heard=$(wc -c <bluetoothctl.log)
+  echo "> $*" >>commands.log
+  echo "$*" >&7
+}
+
+hears() { tail -c +$((heard + 1)) bluetoothctl.log | grep -q "$@"; }
+
+# hear SECONDS PATTERN: the client prints it.
+hear() { await "$1" hears "$2"; }
+
+gatt_peer=5A:56:4B:AD:00:04
+gatt_value=5a564b00-51d0-4a56-8e00-000000000002
+
+# A round of what a user does, on the adapter that BlueZ has.
+bluez_round() {
+  bt power on
+  hear 10 'Changing power on succeeded'
+  bt scan on
+  hear 10 'Discovery started'
+  # BlueZ hides an advertiser that says of itself neither limited nor general discoverable: ZVK Beacon.
+  for name in 'ZVK Loop' 'ZVK Sensor' 'ZVK GATT'; do hear 10 "Device .* $name"; done
+  bt scan off
+  hear 10 'Discovery stopped'
+  bt connect $gatt_peer
+  hear 10 'Connection successful'
+  hear 10 'ServicesResolved: yes'
+  bt menu gatt
+  bt select-attribute $gatt_value
+  hear 10 'service0.*char'
+  bt "write \"0x5A 0x56 0x4B $1\""
+  hear 10 'Attempting to write'
+  bt read
+  hear 10 "5a 56 4b $(printf %02x "$1")"
+  bt notify on
+  hear 10 'Notify started'
+  hear 10 'Value:'
+  bt notify off
+  hear 10 'Notify stopped'
+  bt back
+  bt disconnect $gatt_peer
+  hear 10 'Successful disconnected'
+  bt 'remove "*"'
+  hear 10 'Device has been removed'
+  bt power off
+  hear 10 'Changing power off succeeded'
 }
