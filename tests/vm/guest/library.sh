@@ -49,8 +49,10 @@ since() { echo "$(now) $1" | awk '{ printf "%.1f", $1 - $2 }'; }
 # bluez: BlueZ, and its client, which is told things by "bt" and heard by "hear".
 bluez() {
   mkdir -p /run/dbus
-  rm -f /run/dbus/pid
+  rm -rf /run/dbus/*
   rm -rf /var/lib/bluetooth/*
+  # BlueZ answers "busy" to whoever powers an adapter on while it does so by itself.
+  printf '[Policy]\nAutoEnable=false\n' >/etc/bluetooth/main.conf
   start dbus dbus-daemon --system --nofork --nopidfile
   await 5 [ -S /run/dbus/system_bus_socket ]
   start bluetoothd /usr/libexec/bluetooth/bluetoothd --nodetach
@@ -63,7 +65,7 @@ bluez() {
 # bt WORD…: a command for the client. What is heard after it counts only.
 bt() {
   heard=$(wc -c <bluetoothctl.log)
-  echo "> $*" >>commands.log
+  echo "$(now) $*" >>commands.log
   echo "$*" >&7
 }
 
@@ -78,33 +80,42 @@ gatt_value=5a564b00-51d0-4a56-8e00-000000000002
 # A round of what a user does, on the adapter that BlueZ has.
 bluez_round() {
   bt power on
-  hear 10 'Changing power on succeeded'
+  hear 20 'Changing power on succeeded'
   bt scan on
-  hear 10 'Discovery started'
+  hear 20 'Discovery started'
   # BlueZ hides an advertiser that says of itself neither limited nor general discoverable: ZVK Beacon.
-  for name in 'ZVK Loop' 'ZVK Sensor' 'ZVK GATT'; do hear 10 "Device .* $name"; done
+  for name in 'ZVK Loop' 'ZVK Sensor' 'ZVK GATT'; do hear 20 "Device .* $name"; done
   bt scan off
-  hear 10 'Discovery stopped'
+  hear 20 'Discovery stopped'
   bt connect $gatt_peer
-  hear 10 'Connection successful'
-  hear 10 'ServicesResolved: yes'
+  hear 20 'Connection successful'
+  hear 20 'ServicesResolved: yes'
   bt menu gatt
   bt select-attribute $gatt_value
-  hear 10 'service0.*char'
-  bt "write \"0x5A 0x56 0x4B $1\""
-  hear 10 'Attempting to write'
-  bt read
-  hear 10 "5a 56 4b $(printf %02x "$1")"
+  hear 20 'service0.*char'
   bt notify on
-  hear 10 'Notify started'
-  hear 10 'Value:'
+  hear 20 'Notify started'
+  bt "write \"0x5A 0x56 0x4B $1\""
+  hear 20 'Value:'  # a notification
+  bt read
+  hear 20 "5a 56 4b $(printf %02x "$1")"
   bt notify off
-  hear 10 'Notify stopped'
+  hear 20 'Notify stopped'
   bt back
   bt disconnect $gatt_peer
-  hear 10 'Successful disconnected'
+  hear 20 'Successful disconnected'
   bt 'remove "*"'
-  hear 10 'Device has been removed'
+  hear 20 'Device has been removed'
   bt power off
-  hear 10 'Changing power off succeeded'
+  hear 20 'Changing power off succeeded'
+}
+
+# bluez_rounds COUNT: that many rounds, and a note of what one took.
+bluez_rounds() {
+  local round began
+  bt list
+  hear 20 'Controller .* \[default\]'
+  began=$(now)
+  for round in $(seq "$1"); do bluez_round "$round"; done
+  note "$1 rounds, each $(echo "$(since "$began") $1" | awk '{ printf "%.2f", $1 / $2 }') s"
 }
