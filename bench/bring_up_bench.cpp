@@ -1,15 +1,15 @@
 // A bring-up against its floor: the waits that it must keep, plus its bytes at line speed. The
 // simulator moves bytes at line speed and answers at once; the floor is computed from its trace,
-// the time is the service's own, from the stack's initialize to its completion. One row a case,
-// key=value; fails when the best run, to which the machine has added least, is above 1.05 times
-// the floor. A line that rests saves up 2 ms of bytes at most, which may hide as much of the
-// service's own time between two answered records.
-// usage: bring_up_bench [RUNS]
+// the time is the service's own, from the stack's initialize to its completion. One row a case;
+// fails when the best run, to which the machine has added least, is above 1.05 times the floor. A
+// line that rests saves up 2 ms of bytes at most, which may hide as much of the service's own time
+// between two answered records. usage: bring_up_bench [--json] [RUNS]
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 
+#include "row.h"
 #include "tests/support/wait.h"
 #include "tests/system/handset.h"
 
@@ -97,18 +97,25 @@ bool Measure(const Case& what, int runs) {
   std::sort(times.begin(), times.end());
   const double median = times[times.size() / 2];
   const double floor = kWaitsMs + line_ms;
-  printf(
-      "chip=%s download=%s firmware_bytes=%d waits_ms=%.0f line_ms=%.1f floor_ms=%.1f "
-      "best_ms=%.0f median_ms=%.0f worst_ms=%.0f best_of_floor=%.3f median_of_floor=%.3f\n",
-      what.chip, what.download, what.firmware_bytes, kWaitsMs, line_ms, floor, times.front(),
-      median, times.back(), times.front() / floor, median / floor);
-  fflush(stdout);
+  bench::Row("chip", what.chip)
+      .Add("download", what.download)
+      .Add("firmware_bytes", static_cast<size_t>(what.firmware_bytes))
+      .Add("waits_ms", kWaitsMs, 0)
+      .Add("line_ms", line_ms, 1)
+      .Add("floor_ms", floor, 1)
+      .Add("best_ms", times.front(), 0)
+      .Add("median_ms", median, 0)
+      .Add("worst_ms", times.back(), 0)
+      .Add("best_of_floor", times.front() / floor, 3)
+      .Add("median_of_floor", median / floor, 3)
+      .Print();
   return times.front() <= kMostOfFloor * floor;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  bench::TakeSwitches(&argc, argv);
   const int runs = argc > 1 ? std::max(1, atoi(argv[1])) : 5;
   constexpr Case kCases[] = {{"B5", "fast", 120000},
                              {"B5", "fast", 500000},

@@ -25,7 +25,10 @@ class Callbacks : public IBluetoothHciCallbacks {
     sink_->OnEvent(event.data(), event.size());
     return Void();
   }
-  Return<void> aclDataReceived(const hidl_vec<uint8_t>& /*data*/) override { return Void(); }
+  Return<void> aclDataReceived(const hidl_vec<uint8_t>& data) override {
+    sink_->OnAcl(data.size());
+    return Void();
+  }
   Return<void> scoDataReceived(const hidl_vec<uint8_t>& /*data*/) override { return Void(); }
   Return<void> isoDataReceived(const hidl_vec<uint8_t>& /*data*/) override { return Void(); }
   bool ready() const { return ready_; }
@@ -37,9 +40,9 @@ class Callbacks : public IBluetoothHciCallbacks {
 
 }  // namespace
 
-DaemonRelay::DaemonRelay(const std::string& program, Scheduling scheduling, Sink* sink)
-    : daemon_(WithRights(scheduling, {program})), hal_(IBluetoothHci::getService("default")) {
-  if (hal_ == nullptr) throw std::runtime_error("the daemon does not register");
+DaemonRelay::DaemonRelay(const Daemon& daemon, Sink* sink)
+    : pid_(daemon.pid()), hal_(IBluetoothHci::getService("default")) {
+  if (hal_ == nullptr) throw std::runtime_error("the daemon is not found");
   const sp<Callbacks> callbacks = new Callbacks(sink);
   const Return<void> initialized = hal_->initialize_1_1(callbacks);
   if (!initialized.isOk()) throw std::runtime_error("initialize: " + initialized.description());
@@ -49,6 +52,10 @@ DaemonRelay::DaemonRelay(const std::string& program, Scheduling scheduling, Sink
 void DaemonRelay::SendCommand() {
   const hidl_vec<uint8_t> command(std::begin(kCommand), std::end(kCommand));
   if (!hal_->sendHciCommand(command).isOk()) throw std::runtime_error("the daemon is gone");
+}
+
+void DaemonRelay::SendAcl(const Bytes& data) {
+  if (!hal_->sendAclData(data).isOk()) throw std::runtime_error("the daemon is gone");
 }
 
 }  // namespace bench

@@ -2,25 +2,27 @@
 
 #include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
 
-#include <string>
+#include <vector>
 
+#include "daemon.h"
 #include "relay.h"
-#include "scheduling.h"
 #include "sink.h"
 
 namespace bench {
 
-// The service, attached to and brought up, on the root folder of this process.
+// The service, attached to and brought up.
 class DaemonRelay : public Relay {
  public:
-  // Throws std::runtime_error when it does not come up.
-  DaemonRelay(const std::string& program, Scheduling scheduling, Sink* sink);
+  // The root folder of this process must be the daemon's. Throws std::runtime_error when it does
+  // not come up.
+  DaemonRelay(const Daemon& daemon, Sink* sink);
 
-  const test::ChildProcess& process() const override { return daemon_; }
+  std::vector<pid_t> pids() const override { return {pid_}; }
   void SendCommand() override;
+  void SendAcl(const Bytes& data) override;
 
  private:
-  const test::ChildProcess daemon_;
+  const pid_t pid_;
   android::sp<android::hardware::bluetooth::V1_1::IBluetoothHci> hal_;
 };
 

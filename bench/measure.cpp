@@ -1,11 +1,10 @@
 #include "measure.h"
 
-#include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
+#include <stdexcept>
 #include <thread>
+
+#include "usage.h"
 
 namespace bench {
 namespace {
@@ -16,30 +15,11 @@ constexpr double kBytesPerSecond = 300e3;
 constexpr size_t kEventBytesOnLine = 1 + Sink::kEventBytes;
 constexpr int kRoundTrips = 1000;
 
-double Percentile(std::vector<double>* values, double share) {
-  if (values->empty()) return -1;
-  const auto at = static_cast<size_t>(share * static_cast<double>(values->size() - 1));
-  std::nth_element(values->begin(), values->begin() + static_cast<long>(at), values->end());
-  return (*values)[at];
-}
-
-// Processor time of all threads of a process so far.
-double CpuSeconds(pid_t pid) {
-  double nanoseconds = 0;
-  for (const auto& task :
-       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
-    double run = 0;
-    std::ifstream(task.path() / "schedstat") >> run;
-    nanoseconds += run;
-  }
-  return nanoseconds * 1e-9;
-}
-
 void MeasureEvents(int seconds, Controller* controller, const Relay& relay, Sink* sink,
                    Figures* figures) {
   const double interval_ns = kEventBytesOnLine / kBytesPerSecond * 1e9;
   figures->sent = static_cast<size_t>(seconds * 1e9 / interval_ns);
-  const double cpu_before = CpuSeconds(relay.process().pid());
+  const double cpu_before = CpuSeconds(relay.pids());
   const auto begin = Clock::now();
   for (size_t i = 0; i < figures->sent; ++i) {
     std::this_thread::sleep_until(begin + std::chrono::nanoseconds(static_cast<int64_t>(
@@ -48,11 +28,10 @@ void MeasureEvents(int seconds, Controller* controller, const Relay& relay, Sink
   }
   sink->WaitForEvents(figures->sent);
   const double elapsed = std::chrono::duration<double>(Clock::now() - begin).count();
-  figures->cpu_share = (CpuSeconds(relay.process().pid()) - cpu_before) / elapsed;
+  figures->cpu_share = (CpuSeconds(relay.pids()) - cpu_before) / elapsed;
   std::vector<double> delays = sink->TakeDelaysUs();
   figures->arrived = delays.size();
-  figures->delay_p50 = Percentile(&delays, 0.5);
-  figures->delay_p99 = Percentile(&delays, 0.99);
+  figures->delay = Distribution(std::move(delays));
 }
 
 void MeasureRoundTrips(Relay* relay, Sink* sink, Figures* figures) {
@@ -65,13 +44,19 @@ void MeasureRoundTrips(Relay* relay, Sink* sink, Figures* figures) {
     trips.push_back(static_cast<double>(NowNs() - sent) * 1e-3);
   }
   figures->round_trips = trips.size();
-  figures->round_trip_p50 = Percentile(&trips, 0.5);
-  figures->round_trip_p99 = Percentile(&trips, 0.99);
+  figures->round_trip = Distribution(std::move(trips));
 }
 
 }  // namespace
 
+void AwaitPath(Relay* relay, Sink* sink) {
+  const size_t answers = sink->answers();
+  relay->SendCommand();
+  if (!sink->WaitForAnswers(answers + 1)) throw std::runtime_error("a command was not answered");
+}
+
 Figures Measure(int seconds, Controller* controller, Relay* relay, Sink* sink) {
+  AwaitPath(relay, sink);
   Figures figures;
   MeasureEvents(seconds, controller, *relay, sink, &figures);
   MeasureRoundTrips(relay, sink, &figures);
@@ -80,40 +65,36 @@ Figures Measure(int seconds, Controller* controller, Relay* relay, Sink* sink) {
 
 Figures Combine(const std::vector<Figures>& runs) {
   Figures all;
+  std::vector<double> shares;
+  std::vector<Distribution> delays, round_trips;
   for (const Figures& run : runs) {
     all.sent += run.sent;
     all.arrived += run.arrived;
     all.round_trips += run.round_trips;
+    shares.push_back(run.cpu_share);
+    delays.push_back(run.delay);
+    round_trips.push_back(run.round_trip);
   }
-  for (double Figures::*const figure :
-       {&Figures::cpu_share, &Figures::delay_p50, &Figures::delay_p99, &Figures::round_trip_p50,
-        &Figures::round_trip_p99}) {
-    std::vector<double> values;
-    values.reserve(runs.size());
-    for (const Figures& run : runs) values.push_back(run.*figure);
-    all.*figure = Percentile(&values, 0.5);
-  }
+  all.cpu_share = MedianOf(shares);
+  all.delay = Distribution::MedianOf(delays);
+  all.round_trip = Distribution::MedianOf(round_trips);
   return all;
 }
 
-void PrintRow(const std::string& relay, const Figures& f) {
-  printf(
-      "relay=%s events=%zu/%zu%s cpu_share=%.4f delay_p50_us=%.1f delay_p99_us=%.1f "
-      "round_trips=%zu round_trip_p50_us=%.1f round_trip_p99_us=%.1f\n",
-      relay.c_str(), f.arrived, f.sent, f.arrived < f.sent ? " LOST" : "", f.cpu_share, f.delay_p50,
-      f.delay_p99, f.round_trips, f.round_trip_p50, f.round_trip_p99);
-  fflush(stdout);
+void AddFigures(const Figures& f, Row* row) {
+  row->Add("sent", f.sent).Add("lost", f.sent - f.arrived).Add("cpu_share", f.cpu_share, 4);
+  row->Add("delay", f.delay).Add("round_trips", f.round_trips).Add("round_trip", f.round_trip);
 }
 
-void PrintRatio(const std::string& relay, const Figures& f, const std::string& to,
-                const Figures& base) {
-  printf(
-      "ratio=%s/%s cpu_share=%.2f delay_p50=%.2f delay_p99=%.2f round_trip_p50=%.2f "
-      "round_trip_p99=%.2f\n",
-      relay.c_str(), to.c_str(), f.cpu_share / base.cpu_share, f.delay_p50 / base.delay_p50,
-      f.delay_p99 / base.delay_p99, f.round_trip_p50 / base.round_trip_p50,
-      f.round_trip_p99 / base.round_trip_p99);
-  fflush(stdout);
+void AddRatios(const Figures& f, const Figures& base, Row* row) {
+  const auto ratio = [&](Distribution Figures::*times, double percent) {
+    return (f.*times).At(percent) / (base.*times).At(percent);
+  };
+  row->Add("cpu_share", f.cpu_share / base.cpu_share, 2)
+      .Add("delay_p50", ratio(&Figures::delay, 50), 2)
+      .Add("delay_p99", ratio(&Figures::delay, 99), 2)
+      .Add("round_trip_p50", ratio(&Figures::round_trip, 50), 2)
+      .Add("round_trip_p99", ratio(&Figures::round_trip, 99), 2);
 }
 
 }  // namespace bench

@@ -5,7 +5,9 @@
 #include <vector>
 
 #include "controller.h"
+#include "distribution.h"
 #include "relay.h"
+#include "row.h"
 #include "sink.h"
 
 namespace bench {
@@ -15,10 +17,14 @@ struct Figures {
   size_t sent = 0;
   size_t arrived = 0;
   double cpu_share = 0;  // of one processor, under the paced events
-  double delay_p50 = 0, delay_p99 = 0;
+  Distribution delay;
   size_t round_trips = 0;
-  double round_trip_p50 = 0, round_trip_p99 = 0;
+  Distribution round_trip;
 };
+
+// Returns once packets come through, as a command's answer does. Throws std::runtime_error when it
+// does not.
+void AwaitPath(Relay* relay, Sink* sink);
 
 // So many seconds of events from the controller, at a paced 300 kB/s; then round trips of a command
 // and its answer.
@@ -27,9 +33,8 @@ Figures Measure(int seconds, Controller* controller, Relay* relay, Sink* sink);
 // Of each time the median of the runs, of each count the sum.
 Figures Combine(const std::vector<Figures>& runs);
 
-// One row each, key=value.
-void PrintRow(const std::string& relay, const Figures& figures);
-void PrintRatio(const std::string& relay, const Figures& figures, const std::string& to,
-                const Figures& base);
+void AddFigures(const Figures& figures, Row* row);
+// To those of another relay.
+void AddRatios(const Figures& figures, const Figures& base, Row* row);
 
 }  // namespace bench

@@ -1,16 +1,23 @@
 #pragma once
 
-#include "tests/support/child_process.h"
+#include <sys/types.h>
+
+#include <vector>
+
+#include "controller.h"
 
 namespace bench {
 
-// A program between a controller and a sink.
+// Programs between a controller and a sink.
 class Relay {
  public:
   virtual ~Relay() = default;
-  virtual const test::ChildProcess& process() const = 0;
+  // Of all processes that a packet goes through.
+  virtual std::vector<pid_t> pids() const = 0;
   // Hands it a command, which the controller answers.
   virtual void SendCommand() = 0;
+  // data: a whole packet, without type byte. Waits while the relay takes nothing.
+  virtual void SendAcl(const Bytes& data) = 0;
 };
 
 // Read BD_ADDR.

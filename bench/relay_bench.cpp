@@ -1,23 +1,21 @@
 // The daemon as a relay, over a serial line and over a co-processor's messages, and beside each
 // socat relaying the same kind of file to a socket of that kind: events at a paced 300 kB/s
-// (processor share, delay), and round trips of a command and its event. Each pair twice: neither
-// program may have real-time priority; both have it. The relays take turns, so that whatever else
-// the machine does hits all of them; each figure is the median of its rounds. One row a relay, then
-// the ratios of rows. Needs socat. usage: relay_bench [SECONDS]    SECONDS: of paced events a relay
+// (processor share, delay), and round trips of a command and its event. Over the serial line also
+// the chain of daemon and H4 port, for host stacks of another kind. Each twice: no program may have
+// real-time priority; all have it. The relays take turns, so that whatever else the machine does
+// hits all of them; each figure is the median of its rounds. One row a relay, then its ratios to
+// socat. Needs socat. usage: relay_bench [--json] [SECONDS]    SECONDS: of paced events a relay
 // (10)
-#include <hwbinder/ProcessState.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <filesystem>
 #include <map>
-#include <stdexcept>
+#include <memory>
+#include <utility>
 #include <vector>
 
+#include "chain_relay.h"
 #include "co_processor_controller.h"
 #include "daemon_relay.h"
 #include "measure.h"
+#include "program.h"
 #include "scheduling.h"
 #include "serial_controller.h"
 #include "socat_relay.h"
@@ -26,110 +24,96 @@
 namespace {
 
 using bench::Figures;
+using bench::HandsetRoot;
+using bench::Row;
 using bench::Scheduling;
-using bench::SocatRelay;
 
 constexpr int kRounds = 5;
 
-// How long to measure, and of whom.
-struct Conditions {
-  int seconds;
-  Scheduling scheduling;
-};
-
-Figures MeasureDaemon(const test::TempDir& root, Conditions conditions,
-                      bench::Controller* controller) {
-  const std::string self = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-  std::filesystem::remove_all(root / "run/bthal");
-  bench::Sink sink;
-  bench::DaemonRelay daemon(self + "/../bin/android.hardware.bluetooth@1.1-service.zvkbtlinux",
-                            conditions.scheduling, &sink);
-  return Measure(conditions.seconds, controller, &daemon, &sink);
-}
-
-Figures MeasureSocat(const test::TempDir& root, Conditions conditions,
-                     bench::Controller* controller, const std::string& address,
-                     SocatRelay::Carries carries) {
-  bench::Sink sink;
-  SocatRelay socat(address, carries, root.path(), conditions.scheduling, &sink);
-  return Measure(conditions.seconds, controller, &socat, &sink);
-}
-
-void PrepareRoot(const test::TempDir& root) {
-  test::WriteFile(root / "proc/device-tree/chosen/config/bt_addr", "00:11:22:33:44:55\n");
-  test::WriteFile(root / "vendor/firmware/tovu/ZVK.hcd",
-                  std::string("\x4e\xfc\x04\xff\xff\xff\xff", 7));
-  std::filesystem::create_directories(root / "dev");
-  mkfifo((root / "dev/wbrc").c_str(), 0600);
-}
-
-// What each relay did, a round an entry.
+// What each relay did under one kind of scheduling, a round an entry.
 struct Rounds {
-  std::vector<Figures> socat, daemon;
+  std::vector<Figures> socat, daemon, chain, socat_messages, co_processor;
 };
 
-void MeasureSerialLine(const test::TempDir& root, Conditions conditions, Rounds* rounds) {
+void MeasureSerialLine(const HandsetRoot& root, Scheduling kind, int seconds, Rounds* rounds) {
   bench::SerialController controller;
-  rounds->socat.push_back(MeasureSocat(root, conditions, &controller,
-                                       controller.tty() + ",raw,echo=0", SocatRelay::Carries::kH4));
-  const std::string port = root / "dev/ttyS0";
-  std::filesystem::remove(port);
-  std::filesystem::create_symlink(controller.tty(), port);
-  test::WriteFile(root / "vendor/etc/bluetooth/bt_vendor.conf", "UartPort = /dev/ttyS0\n");
-  rounds->daemon.push_back(MeasureDaemon(root, conditions, &controller));
+  root.UseSerialLine(controller.tty());
+  {
+    bench::Sink sink;
+    auto socat = bench::SocatRelay::OfSerialLine(root, controller, kind, &sink);
+    rounds->socat.push_back(Measure(seconds, &controller, &socat, &sink));
+  }
+  {
+    bench::Sink sink;
+    const bench::Daemon daemon(root, kind);
+    bench::DaemonRelay relay(daemon, &sink);
+    rounds->daemon.push_back(Measure(seconds, &controller, &relay, &sink));
+  }
+  bench::Sink sink;
+  bench::ChainRelay chain(root, kind, &sink);
+  rounds->chain.push_back(Measure(seconds, &controller, &chain, &sink));
 }
 
-void MeasureCoProcessor(const test::TempDir& root, Conditions conditions, Rounds* rounds) {
+void MeasureCoProcessor(const HandsetRoot& root, Scheduling kind, int seconds, Rounds* rounds) {
   bench::CoProcessorController controller(root.path());
-  rounds->socat.push_back(MeasureSocat(root, conditions, &controller,
-                                       "UNIX-CONNECT:" + (root / "run/qvr/transport") + ",type=5",
-                                       SocatRelay::Carries::kMessages));
-  test::WriteFile(root / "vendor/etc/bluetooth/bt_vendor.conf", "UserialType = 2\n");
-  rounds->daemon.push_back(MeasureDaemon(root, conditions, &controller));
+  root.UseCoProcessor();
+  {
+    bench::Sink sink;
+    auto socat = bench::SocatRelay::OfMessages(root, kind, &sink);
+    rounds->socat_messages.push_back(Measure(seconds, &controller, &socat, &sink));
+  }
+  bench::Sink sink;
+  const bench::Daemon daemon(root, kind);
+  bench::DaemonRelay relay(daemon, &sink);
+  rounds->co_processor.push_back(Measure(seconds, &controller, &relay, &sink));
 }
 
-void Compare(const std::string& name, const Figures& figures, const std::string& base_name,
-             const Figures& base) {
-  PrintRow(base_name, base);
-  PrintRow(name, figures);
-  PrintRatio(name, figures, base_name, base);
+void PrintRow(const std::string& relay, Scheduling kind, const Figures& figures) {
+  Row row("relay", relay);
+  row.Add("scheduling", Name(kind));
+  AddFigures(figures, &row);
+  row.Print();
+}
+
+void PrintRatio(const std::string& relay, const std::string& base_name, Scheduling kind,
+                const Figures& figures, const Figures& base) {
+  Row row("ratio", relay + "/" + base_name);
+  row.Add("scheduling", Name(kind));
+  AddRatios(figures, base, &row);
+  row.Print();
+}
+
+void Print(Scheduling kind, const Rounds& rounds) {
+  const auto print = [kind](const std::string& relay, const std::vector<Figures>& runs,
+                            const std::string& base, const std::vector<Figures>& base_runs) {
+    PrintRow(relay, kind, bench::Combine(runs));
+    PrintRatio(relay, base, kind, bench::Combine(runs), bench::Combine(base_runs));
+  };
+  PrintRow("socat", kind, bench::Combine(rounds.socat));
+  print("bthal", rounds.daemon, "socat", rounds.socat);
+  print("bthal-serve-h4", rounds.chain, "socat", rounds.socat);
+  PrintRow("socat-messages", kind, bench::Combine(rounds.socat_messages));
+  print("bthal-co-processor", rounds.co_processor, "socat-messages", rounds.socat_messages);
 }
 
 void MeasureAll(int seconds) {
-  const test::TempDir root;
-  setenv("BTHAL_ROOT", root.path().c_str(), 1);
-  android::hardware::ProcessState::self()->startThreadPool();
-  PrepareRoot(root);
-  std::map<Scheduling, std::pair<Rounds, Rounds>> all;
-  std::vector<Scheduling> kinds = {Scheduling::kOrdinary};
-  if (bench::MayBeRealTime()) {
-    kinds.push_back(Scheduling::kRealTime);
-  } else {
-    printf("no rows with real-time priority: this user may not have it\n");
-  }
+  const test::TempDir folder;
+  const HandsetRoot root(folder.path());
+  bench::BeClientOn(root.path());
+  std::map<Scheduling, Rounds> all;
+  const std::vector<Scheduling> kinds = bench::PossibleKinds();
   for (int round = 0; round < kRounds; ++round) {
     for (const Scheduling kind : kinds) {
-      const Conditions conditions{std::max(1, seconds / kRounds), kind};
-      MeasureSerialLine(root, conditions, &all[kind].first);
-      MeasureCoProcessor(root, conditions, &all[kind].second);
+      const int share = std::max(1, seconds / kRounds);
+      MeasureSerialLine(root, kind, share, &all[kind]);
+      MeasureCoProcessor(root, kind, share, &all[kind]);
     }
   }
-  for (const Scheduling kind : kinds) {
-    const std::string suffix = kind == Scheduling::kRealTime ? ",real-time" : "";
-    const auto& [line, messages] = all[kind];
-    Compare("bthal" + suffix, Combine(line.daemon), "socat" + suffix, Combine(line.socat));
-    Compare("bthal-co-processor" + suffix, Combine(messages.daemon), "socat-messages" + suffix,
-            Combine(messages.socat));
-  }
+  for (const Scheduling kind : kinds) Print(kind, all[kind]);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    MeasureAll(argc > 1 ? atoi(argv[1]) : 10);
-  } catch (const std::exception& error) {
-    fprintf(stderr, "relay_bench: %s\n", error.what());
-    return 1;
-  }
+  return bench::RunProgram("relay_bench", argc, argv, 10, MeasureAll);
 }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "row.h"
 #include "tests/support/child_process.h"
 
 namespace bench {
@@ -26,9 +27,17 @@ std::vector<std::string> AtPriority(Scheduling scheduling, std::vector<std::stri
   return Joined({"chrt", "--fifo", "1"}, command);
 }
 
-bool MayBeRealTime() {
+std::string Name(Scheduling scheduling) {
+  return scheduling == Scheduling::kRealTime ? "real-time" : "ordinary";
+}
+
+std::vector<Scheduling> PossibleKinds() {
   std::string output;
-  return test::Run(AtPriority(Scheduling::kRealTime, {"true"}), &output).exit_code == 0;
+  if (test::Run(AtPriority(Scheduling::kRealTime, {"true"}), &output).exit_code == 0) {
+    return {Scheduling::kOrdinary, Scheduling::kRealTime};
+  }
+  Say("no rows with real-time priority: this user may not have it");
+  return {Scheduling::kOrdinary};
 }
 
 }  // namespace bench

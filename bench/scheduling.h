@@ -14,7 +14,10 @@ std::vector<std::string> WithRights(Scheduling scheduling, std::vector<std::stri
 // command, all of it at the priority of the daemon's reader when scheduling is real-time.
 std::vector<std::string> AtPriority(Scheduling scheduling, std::vector<std::string> command);
 
-// Whether this machine lets programs of this user have real-time priority.
-bool MayBeRealTime();
+// "ordinary", "real-time"
+std::string Name(Scheduling scheduling);
+// Those that this machine lets programs of this user have; says so when real-time is not among
+// them.
+std::vector<Scheduling> PossibleKinds();
 
 }  // namespace bench

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <vector>
 
+#include "arrivals.h"
 #include "controller.h"
 
 namespace bench {
@@ -22,11 +23,13 @@ class Sink {
 
   // Takes the delay of a timestamped event, counts any other as an answer. Without type byte.
   void OnEvent(const uint8_t* event, size_t size);
+  void OnAcl(size_t size) { acl_.Add(size); }
 
   // False when there are fewer after 5 s.
   bool WaitForAnswers(size_t count);
   bool WaitForEvents(size_t count);
   size_t answers();
+  const Arrivals& acl() const { return acl_; }
   std::vector<double> TakeDelaysUs();
 
  private:
@@ -34,6 +37,7 @@ class Sink {
   std::condition_variable changed_;
   std::vector<double> delays_us_;
   size_t answers_ = 0;
+  Arrivals acl_;
 };
 
 }  // namespace bench

@@ -5,12 +5,16 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <future>
 #include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/service_fixture.h"
+#include "rpc/thread_pool.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -26,6 +30,15 @@ using test::WaitFor;
 using test::platform::V1_0::ICallback;
 
 class Calls : public test::ServiceTest {};
+
+pid_t ThreadNamed(const std::string& name) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (test::ReadFile(task.path() / "comm") == name + "\n")
+      return std::stoi(task.path().filename());
+  }
+  ADD_FAILURE() << "no thread " << name;
+  return 0;
+}
 
 Payload Pattern(size_t size, uint8_t first = 0) {
   Payload bytes(size);
@@ -168,6 +181,26 @@ TEST_F(Calls, CallsThatRunAhead_ComeInOrderAndBeforeAPingWhileTheirHandlersCallB
     EXPECT_EQ(StreamBack(count, Payload(size)), count);
     EXPECT_EQ(callback->streamed, before + count);
     EXPECT_EQ(wrong, 0u);
+  }
+}
+
+TEST_F(Calls, WhileThePoolIsBusy_TheThreadThatReadsInItsPlaceSleeps) {
+  Serve();
+  bthal::rpc::ThreadPool& pool = bthal::rpc::HidlThreadPool();
+  pool.Start();
+  const pid_t io_thread = ThreadNamed("bthal-io");
+  for (int i = 0; i < 300 && !HasFailure(); ++i) {
+    std::promise<void> may_end, ended;
+    std::atomic<bool> runs{false};
+    for (int n = 0; n < 20; ++n) pool.Post([] {});  // wakings, some of which come too late
+    pool.Post([&] {
+      runs = true;
+      may_end.get_future().wait();
+      ended.set_value();
+    });
+    EXPECT_TRUE(WaitFor([&] { return runs && test::IsAsleep(io_thread); })) << "round " << i;
+    may_end.set_value();
+    ended.get_future().wait();
   }
 }
 

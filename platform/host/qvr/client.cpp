@@ -9,7 +9,6 @@
 #include <poll.h>
 #include <pthread.h>
 #include <root_folder/root_folder.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -68,6 +67,7 @@ unique_fd ConnectSocket() {
   }
   const int size = 2 * kMaxMessageBytes;
   setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+  fcntl(fd.get(), F_SETFL, 0);  // the reading thread waits in recvmsg()
   return fd;
 }
 
@@ -83,7 +83,6 @@ struct SocketClient::Link {
   };
 
   unique_fd socket;  // written before the thread starts
-  const unique_fd stop{eventfd(0, EFD_CLOEXEC)};
   std::atomic<bool> stopping{false};
 
   std::mutex write_mutex;  // one datagram at a time
@@ -123,7 +122,7 @@ int SocketClient::Link::Write(const Header& header, const std::vector<uint8_t>& 
   // A thread that waits for room keeps the turn; the time of the next one begins with its turn.
   const std::lock_guard<std::mutex> turn(write_mutex);
   const auto deadline = steady_clock::now() + kRoomTimeout;
-  while (sendmsg(socket.get(), &message, MSG_NOSIGNAL) < 0) {
+  while (sendmsg(socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
     if (errno == EINTR) continue;
     // The reading thread sees that, too: Lose() completes the request.
     if (errno == EPIPE || errno == ECONNRESET) return 0;
@@ -191,8 +190,6 @@ int SocketClient::Link::Await(Kind kind, Kind answer, const std::vector<uint8_t>
 void SocketClient::Link::Read() {
   const std::unique_ptr<uint8_t[]> buffer(new uint8_t[kMaxMessageBytes]);
   while (!stopping) {
-    pollfd ready[] = {{socket.get(), POLLIN, 0}, {stop.get(), POLLIN, 0}};
-    if (poll(ready, 2, -1) < 0 || ready[1].revents != 0) continue;
     if (!ReadMessage(buffer.get())) return Lose();
   }
 }
@@ -202,8 +199,7 @@ bool SocketClient::Link::ReadMessage(uint8_t* buffer) {
   msghdr message{};
   message.msg_iov = &part;
   message.msg_iovlen = 1;
-  const ssize_t n = TEMP_FAILURE_RETRY(recvmsg(socket.get(), &message, MSG_DONTWAIT));
-  if (n < 0 && errno == EAGAIN) return true;
+  const ssize_t n = TEMP_FAILURE_RETRY(recvmsg(socket.get(), &message, 0));
   if (n <= 0) return false;
   const auto size = static_cast<size_t>(n);
   Header header;
@@ -271,9 +267,8 @@ SocketClient::SocketClient() : link_(std::make_shared<Link>()) {}
 
 SocketClient::~SocketClient() {
   link_->stopping = true;
-  const uint64_t one = 1;
-  TEMP_FAILURE_RETRY(write(link_->stop.get(), &one, sizeof one));
   if (!thread_.joinable()) return;
+  shutdown(link_->socket.get(), SHUT_RDWR);  // ends the wait of the reading thread
   if (thread_.get_id() == std::this_thread::get_id()) {
     thread_.detach();
   } else {

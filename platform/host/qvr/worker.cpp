@@ -19,13 +19,7 @@ class ThreadWorker : public Worker {
     pthread_setname_np(thread_.native_handle(), name.c_str());
   }
   ~ThreadWorker() override {
-    std::deque<std::function<void()>> dropped;
-    {
-      const std::lock_guard<std::mutex> lock(state_->mutex);
-      state_->stopped = true;
-      dropped.swap(state_->tasks);
-      state_->changed.notify_one();
-    }
+    state_->Stop();
     if (thread_.get_id() == std::this_thread::get_id()) {
       thread_.detach();
     } else {
@@ -33,33 +27,54 @@ class ThreadWorker : public Worker {
     }
   }
 
-  void Post(std::function<void()> task) override {
-    const std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->tasks.push_back(std::move(task));
-    state_->changed.notify_one();
-  }
+  void Post(std::function<void()> task) override { state_->Post(std::move(task)); }
 
  private:
   // Outlives the worker that is destroyed on its own thread.
-  struct State {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::deque<std::function<void()>> tasks GUARDED_BY(mutex);
-    bool stopped GUARDED_BY(mutex) = false;
-
-    // The next task; empty once stopped.
-    std::function<void()> Take() {
-      std::unique_lock<std::mutex> lock(mutex);
-      const android::base::ScopedLockAssertion locked(mutex);
-      while (!stopped && tasks.empty()) changed.wait(lock);
-      if (stopped) return nullptr;
-      std::function<void()> task = std::move(tasks.front());
-      tasks.pop_front();
-      return task;
+  class State {
+   public:
+    void Post(std::function<void()> task) {
+      bool wake = false;
+      {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        tasks_.push_back(std::move(task));
+        wake = std::exchange(waits_, false);
+      }
+      if (wake) changed_.notify_one();
+    }
+    void Stop() {
+      std::deque<std::function<void()>> dropped;
+      {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        stopped_ = true;
+        dropped.swap(tasks_);
+      }
+      changed_.notify_one();
     }
     void Run() {
       while (const std::function<void()> task = Take()) task();
     }
+
+   private:
+    // The next task; empty once stopped.
+    std::function<void()> Take() {
+      std::unique_lock<std::mutex> lock(mutex_);
+      const android::base::ScopedLockAssertion locked(mutex_);
+      while (!stopped_ && tasks_.empty()) {
+        waits_ = true;
+        changed_.wait(lock);
+      }
+      if (stopped_) return nullptr;
+      std::function<void()> task = std::move(tasks_.front());
+      tasks_.pop_front();
+      return task;
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
+    bool waits_ GUARDED_BY(mutex_) = false;  // the thread does, and nobody has woken it
+    bool stopped_ GUARDED_BY(mutex_) = false;
   };
 
   const std::shared_ptr<State> state_ = std::make_shared<State>();

@@ -77,8 +77,7 @@ std::shared_ptr<Connection> Connection::Start(android::base::unique_fd socket, S
                                               std::function<void()> on_end) {
   std::shared_ptr<Connection> connection(
       new Connection(std::move(socket), peer_side, std::move(on_end)));
-  IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN | EPOLLONESHOT,
-                    connection);
+  IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN | EPOLLET, connection);
   return connection;
 }
 
@@ -270,7 +269,7 @@ void Connection::Watch(WatchFlag flag, bool value) {
 }
 
 void Connection::Rearm() {
-  uint32_t events = EPOLLONESHOT;
+  uint32_t events = EPOLLET;
   if ((watch_flags_ & (kReadElsewhere | kOverfull)) == 0) events |= EPOLLIN;
   if ((watch_flags_ & kUnsent) != 0) events |= EPOLLOUT;
   IoLoop::Get().Change(io_key_, socket_.get(), events);
@@ -280,42 +279,50 @@ void Connection::Rearm() {
 
 void Connection::OnReady(uint32_t events) {
   if ((events & EPOLLOUT) != 0) Flush();
-  bool unread = false;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if ((events & ~uint32_t{EPOLLOUT}) == 0 || ended() || reader_ != Reader::kNobody) return;
-    unread = overfull_ && pending_.empty();
-    if (!unread) reader_ = Reader::kPoller;
-  }
-  if (unread) {
-    // Calls that it sent before it hung up would be dropped unread anyway.
-    if ((events & EPOLLHUP) != 0) End(nullptr);
-    return;
-  }
-  ReadMessage();
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    reader_ = Reader::kNobody;
+  if ((events & ~uint32_t{EPOLLOUT}) == 0) return;
+  for (int i = 0; i < kMessagesPerEvent; ++i) {
+    bool unread = false;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (ended() || reader_ != Reader::kNobody) return;
+      unread = overfull_ && pending_.empty();
+      if (!unread) reader_ = Reader::kLeader;
+    }
+    if (unread) {
+      // Calls that it sent before it hung up would be dropped unread anyway.
+      if ((events & EPOLLHUP) != 0) End(nullptr);
+      return;
+    }
+    const bool more = ReadMessage();
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      reader_ = Reader::kNobody;
+    }
+    if (!more) return;
   }
   const std::lock_guard<std::mutex> lock(watch_mutex_);
-  Rearm();
+  Rearm();  // reports what is left
 }
 
-void Connection::ReadMessage() {
+bool Connection::ReadMessage() {
   thread_local const std::unique_ptr<uint8_t[]> buffer(new uint8_t[kMaxMessageBytes]);
   ReceivedMessage message;
+  const char* failure = nullptr;
   switch (ReceiveMessage(socket_.get(), buffer.get(), &message)) {
     case ReceiveResult::kNothingYet:
-      return;
+      return false;
     case ReceiveResult::kEnd:
-      return End(nullptr);
+      End(nullptr);
+      return false;
     case ReceiveResult::kMalformed:
-      return End("a malformed message");
+      failure = "a malformed message";
+      break;
     case ReceiveResult::kMessage:
+      failure = Handle(std::move(message));
       break;
   }
-  const char* failure = Handle(std::move(message));
   if (failure != nullptr) End(failure);
+  return failure == nullptr;
 }
 
 // The handlers return what is wrong with the message, or null.

@@ -35,12 +35,14 @@ inline std::chrono::milliseconds client_answer_time = std::chrono::seconds(10);
 // Messages that a peer leaves unread before it is given up.
 constexpr size_t kMaxQueuedMessages = 256;
 constexpr size_t kMaxQueuedBytes = 8 << 20;
+// Read at once before another peer's are looked at.
+constexpr int kMessagesPerEvent = 16;
 
 // Safe on any thread; no call blocks but Call() and CallAhead(), and none holds a lock while user
 // code runs. Messages are read by one thread at a time: the first caller that waits for a reply
-// (which then needs no other thread to wake it), else one that the I/O loop wakes. A sending thread
-// writes to the socket itself; what the socket does not take is queued and written by a thread of
-// the I/O loop.
+// (which then needs no other thread to wake it), else the thread that leads the I/O loop. A sending
+// thread writes to the socket itself; what the socket does not take is queued and written by the
+// leader.
 //
 // A peer that breaks a rule (a malformed message, an unknown object, too much left unread, a client
 // that does not answer) costs its connection and nothing else: one log line, calls into it fail
@@ -116,7 +118,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
     android::wp<Proxy> proxy;
     const Proxy* address = nullptr;
   };
-  enum class Reader { kNobody, kPoller, kCaller };
+  enum class Reader { kNobody, kLeader, kCaller };
 
   Connection(android::base::unique_fd socket, Side peer_side, std::function<void()> on_end);
 
@@ -131,7 +133,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   bool StartReading() REQUIRES(mutex_);
   void StopReading() REQUIRES(mutex_);
   // Takes one message from the socket. For the thread that is the reader.
-  void ReadMessage();
+  // Reads one message and handles it. False when there is none, or the connection has ended.
+  bool ReadMessage();
   const char* Handle(ReceivedMessage message);
   const char* HandleCall(const MessageHeader& header, android::hardware::Parcel parcel);
   const char* HandleReply(const MessageHeader& header, android::hardware::Parcel parcel);
@@ -157,7 +160,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   android::sp<android::hardware::IBinder> DropUnused(uint32_t object) REQUIRES(mutex_);
 
   // Why the I/O loop reads or writes, or does not. Each flag is changed under the lock of what it
-  // follows. Every event is reported once only, until Watch() or Rearm().
+  // follows. A change is reported once; Watch() and Rearm() have what is there reported again.
   enum WatchFlag : uint32_t { kReadElsewhere = 1, kOverfull = 2, kUnsent = 4 };
   void Watch(WatchFlag flag, bool value);
   void Rearm() REQUIRES(watch_mutex_);

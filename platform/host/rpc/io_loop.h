@@ -12,8 +12,8 @@
 
 namespace bthal::rpc {
 
-// Something with a descriptor. OnReady() runs on the I/O thread or on an idle thread of the pool,
-// and must not block.
+// Something with a descriptor. OnReady() runs on the thread that leads the I/O loop, and must not
+// block.
 class IoHandler {
  public:
   virtual ~IoHandler() = default;
@@ -21,10 +21,11 @@ class IoHandler {
   virtual void OnReady(uint32_t events) = 0;
 };
 
-// An epoll set and its thread, which starts with the first descriptor, sleeps while nothing
-// happens, and lives as long as the process. Idle threads of the pool wait in it, too. The
-// thread that has waited for the shortest time is woken first, so that one thread reads and runs
-// one call after the other. Safe on any thread.
+// An epoll set. One thread at a time waits in it and runs the handlers: the leader. An idle thread
+// of the pool leads if it can, so that the thread that reads a call runs it, and nobody has to be
+// woken for it. When it resigns to run a call, the loop's own thread "bthal-io" stands by: it is
+// woken only if something happens before a thread leads again, and leads for that one event. Safe
+// on any thread; lives as long as the process.
 class IoLoop {
  public:
   static IoLoop& Get();
@@ -33,20 +34,32 @@ class IoLoop {
 
   // Names a descriptor in the calls below.
   uint64_t NewKey() { return ++last_key_; }
-  // Watches descriptor for events. The loop holds handler until Remove(). One thread is woken for
-  // an event with EPOLLET or EPOLLONESHOT; without, others may be called for the same one.
+  // Watches descriptor for events. The loop holds handler until Remove().
   void Add(uint64_t key, int descriptor, uint32_t events, std::shared_ptr<IoHandler> handler);
   void Change(uint64_t key, int descriptor, uint32_t events);
   // handler may still be running when this returns.
   void Remove(uint64_t key, int descriptor);
 
-  // Waits for one event and runs its handler on the calling thread.
-  void Poll();
+  // Makes the calling thread the leader, unless there is one.
+  bool TryLead();
+  // For the leader: waits for one event and runs its handler. Returns without one after
+  // Interrupt().
+  void Poll() { Poll(-1); }
+  void Interrupt();
+  void Resign();
 
  private:
   IoLoop();
+  void Poll(int time_ms);
+  [[noreturn]] void StandBy();
+  void Arm(uint32_t events) REQUIRES(lead_mutex_);
 
   const android::base::unique_fd epoll_;
+  const android::base::unique_fd interrupt_;  // an event descriptor
+  // Another epoll set, which holds epoll_ and reports it only while nobody leads.
+  const android::base::unique_fd standby_;
+  std::mutex lead_mutex_;
+  bool led_ GUARDED_BY(lead_mutex_) = false;
   std::mutex mutex_;
   std::unordered_map<uint64_t, std::shared_ptr<IoHandler>> handlers_ GUARDED_BY(mutex_);
   std::atomic<uint64_t> last_key_{0};

@@ -46,19 +46,10 @@ bool MayConnect(int socket, gid_t group, const ucred& peer) {
 
 class Listener : public IoHandler {
  public:
-  Listener(unique_fd socket, gid_t group, uint64_t io_key)
-      : socket_(std::move(socket)), group_(group), io_key_(io_key), spare_(OpenSpare()) {}
+  Listener(unique_fd socket, gid_t group)
+      : socket_(std::move(socket)), group_(group), spare_(OpenSpare()) {}
 
   void OnReady(uint32_t /*events*/) override {
-    Accept();
-    IoLoop::Get().Change(io_key_, socket_.get(), kOneConnection);
-  }
-
-  // One thread at a time, until Change().
-  static constexpr uint32_t kOneConnection = EPOLLIN | EPOLLONESHOT;
-
- private:
-  void Accept() {
     unique_fd peer(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (peer.get() < 0 && (errno == EMFILE || errno == ENFILE)) {
       // Left in the queue it would keep the I/O thread busy: take it and close it.
@@ -90,6 +81,7 @@ class Listener : public IoHandler {
     }
   }
 
+ private:
   static void Refuse(int peer, int error) {
     MessageHeader header;
     header.type = MessageType::kRefusal;
@@ -101,7 +93,6 @@ class Listener : public IoHandler {
 
   const unique_fd socket_;
   const gid_t group_;
-  const uint64_t io_key_;
   unique_fd spare_;  // makes room for one accept when descriptors have run out
   bool told_full_ = false;
   const std::shared_ptr<std::atomic<int>> peers_ = std::make_shared<std::atomic<int>>(0);
@@ -118,9 +109,8 @@ bool StartListening(const SocketFolder& folder, std::string* socket_name) {
   }
   const int descriptor = socket.get();
   IoLoop& loop = IoLoop::Get();
-  const uint64_t key = loop.NewKey();
-  loop.Add(key, descriptor, Listener::kOneConnection,
-           std::make_shared<Listener>(std::move(socket), group, key));
+  loop.Add(loop.NewKey(), descriptor, EPOLLIN,
+           std::make_shared<Listener>(std::move(socket), group));
   return true;
 }
 

@@ -1,9 +1,6 @@
 #include "rpc/thread_pool.h"
 
 #include <pthread.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <thread>
@@ -15,9 +12,9 @@
 namespace bthal::rpc {
 namespace {
 
-// While the calling thread polls as an idle thread of a pool: that pool, and the task that the
-// thread has read there and will run itself.
-thread_local const ThreadPool* polling_for = nullptr;
+// While the calling thread leads the I/O loop for a pool: that pool, and the task that the thread
+// has read there and will run itself.
+thread_local const ThreadPool* leading_for = nullptr;
 thread_local std::unique_ptr<Task> own_task;
 
 class FunctionTask : public Task {
@@ -31,25 +28,7 @@ class FunctionTask : public Task {
 
 }  // namespace
 
-// Ends the wait of a thread in the I/O loop.
-class ThreadPool::WakeHandler : public IoHandler {
- public:
-  explicit WakeHandler(ThreadPool* pool) : pool_(pool) {}
-  void OnReady(uint32_t /*events*/) override {
-    if (polling_for != pool_) pool_->StepAside();
-  }
-
- private:
-  ThreadPool* const pool_;
-};
-
-ThreadPool::ThreadPool(std::string name, Idle idle)
-    : name_(std::move(name)),
-      wake_(idle == Idle::kPoll ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1) {
-  if (wake_.get() < 0) return;
-  IoLoop& loop = IoLoop::Get();
-  loop.Add(loop.NewKey(), wake_.get(), EPOLLIN | EPOLLET, std::make_shared<WakeHandler>(this));
-}
+ThreadPool::ThreadPool(std::string name, Idle idle) : name_(std::move(name)), idle_kind_(idle) {}
 
 void ThreadPool::Configure(size_t max, bool caller_will_join) {
   const std::lock_guard<std::mutex> lock(mutex_);
@@ -75,18 +54,16 @@ void ThreadPool::Join() {
 }
 
 void ThreadPool::Post(std::unique_ptr<Task> task) {
-  bool wake = false;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (polling_for == this && own_task == nullptr && tasks_.empty()) {
-      own_task = std::move(task);
-      return;
-    }
-    tasks_.push_back(std::move(task));
-    StartThreadIfNeeded();
-    wake = idle_ > 0;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (leading_for == this && own_task == nullptr && tasks_.empty()) {
+    own_task = std::move(task);
+    leads_ = false;
+    --idle_;
+    return;
   }
-  if (wake) Wake();
+  tasks_.push_back(std::move(task));
+  StartThreadIfNeeded();
+  Wake();
 }
 
 void ThreadPool::Post(std::function<void()> task) {
@@ -97,7 +74,11 @@ void ThreadPool::DropObsolete() {
   std::vector<std::unique_ptr<Task>> dropped;  // destroyed after the lock is free
   const std::lock_guard<std::mutex> lock(mutex_);
   dropped = TakeObsolete(tasks_);
-  if (aside_ > 0) changed_.notify_all();
+}
+
+void ThreadPool::LeadIsFree() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (idle_ > 0 && !leads_) changed_.notify_one();
 }
 
 void ThreadPool::StartThreadIfNeeded() {
@@ -110,70 +91,61 @@ void ThreadPool::StartThreadIfNeeded() {
 }
 
 void ThreadPool::Wake() {
-  if (wake_.get() < 0) {
+  const size_t asleep = idle_ - (leads_ ? 1 : 0);
+  if (asleep > 0) {
     changed_.notify_one();
-    return;
+  } else if (leads_ && leading_for != this) {
+    IoLoop::Get().Interrupt();
   }
-  const uint64_t one = 1;
-  TEMP_FAILURE_RETRY(write(wake_.get(), &one, sizeof one));
 }
 
-void ThreadPool::StepAside() {
-  Wake();
-  const std::lock_guard<std::mutex> lock(mutex_);
-  ++aside_;
-  while (!tasks_.empty() && idle_ > 0) LockedWait(changed_, mutex_);
-  --aside_;
-}
-
-std::unique_ptr<Task> ThreadPool::TakeOrBeginIdle() {
-  std::unique_ptr<Task> task;
-  bool wake = false;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (tasks_.empty()) {
-      ++idle_;
-      return nullptr;
-    }
-    task = std::move(tasks_.front());
-    tasks_.pop_front();
-    wake = !tasks_.empty() && idle_ > 0;  // several wakings may have become one
-  }
-  if (wake) Wake();
+std::unique_ptr<Task> ThreadPool::TakeTask() {
+  std::unique_ptr<Task> task = std::move(tasks_.front());
+  tasks_.pop_front();
+  --idle_;
+  if (!tasks_.empty()) Wake();  // two wakings may have reached this thread alone
   return task;
 }
 
-void ThreadPool::EndIdle() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  --idle_;
-  if (aside_ > 0) changed_.notify_all();
+bool ThreadPool::TryLead() {
+  if (idle_kind_ != Idle::kLead || !IoLoop::Get().TryLead()) return false;
+  leads_ = true;
+  return true;
 }
 
-std::unique_ptr<Task> ThreadPool::WaitIdle() {
-  if (wake_.get() < 0) {
+std::unique_ptr<Task> ThreadPool::NextTask() {
+  {
     const std::lock_guard<std::mutex> lock(mutex_);
-    while (tasks_.empty()) LockedWait(changed_, mutex_);
-    return nullptr;
+    ++idle_;
+    while (tasks_.empty() && !TryLead()) LockedWait(changed_, mutex_);
+    if (!tasks_.empty()) return TakeTask();
   }
-  polling_for = this;
-  IoLoop::Get().Poll();
-  polling_for = nullptr;
-  return std::move(own_task);
+  return Lead();
+}
+
+std::unique_ptr<Task> ThreadPool::Lead() {
+  for (;;) {
+    leading_for = this;
+    IoLoop::Get().Poll();
+    leading_for = nullptr;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_ptr<Task> task = std::move(own_task);
+    if (task == nullptr) {
+      if (tasks_.empty()) continue;
+      leads_ = false;
+      task = TakeTask();
+    }
+    IoLoop::Get().Resign();
+    return task;
+  }
 }
 
 void ThreadPool::Work() {
-  for (;;) {
-    std::unique_ptr<Task> task = TakeOrBeginIdle();
-    if (task == nullptr) {
-      task = WaitIdle();
-      EndIdle();
-    }
-    if (task != nullptr) task->Run();
-  }
+  for (;;) NextTask()->Run();
 }
 
 ThreadPool& HidlThreadPool() {
-  static auto* const pool = new ThreadPool("hidl-rpc", ThreadPool::Idle::kPoll);
+  static auto* const pool = new ThreadPool("hidl-rpc", ThreadPool::Idle::kLead);
   return *pool;
 }
 

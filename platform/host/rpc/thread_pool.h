@@ -2,7 +2,6 @@
 #pragma once
 
 #include <android-base/thread_annotations.h>
-#include <android-base/unique_fd.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -41,9 +40,9 @@ std::vector<std::unique_ptr<T>> TakeObsolete(std::deque<std::unique_ptr<T>>& que
 // Lives as long as the process, and so do its threads: none is ever joined. Safe on any thread.
 class ThreadPool {
  public:
-  // What idle threads do: sleep, or wait in the I/O loop, where they read the calls that they run,
-  // so that no thread has to hand them over. One pool of a process polls at most.
-  enum class Idle { kSleep, kPoll };
+  // What idle threads do: sleep, or one of them leads the I/O loop, where it reads the calls that
+  // it runs. One pool of a process leads at most.
+  enum class Idle { kSleep, kLead };
 
   ThreadPool(std::string name, Idle idle);
   ThreadPool(const ThreadPool&) = delete;
@@ -59,30 +58,29 @@ class ThreadPool {
   void Post(std::function<void()> task);
   // Destroys the tasks that have become obsolete while they wait.
   void DropObsolete();
+  // The I/O loop has no leader: wakes a sleeping idle thread to become it.
+  void LeadIsFree();
 
  private:
-  class WakeHandler;
-
   void StartThreadIfNeeded() REQUIRES(mutex_);
   [[noreturn]] void Work();
-  // The oldest task, if there is one; else the thread is idle until EndIdle().
-  std::unique_ptr<Task> TakeOrBeginIdle();
-  void EndIdle();
-  // Waits for a task, and may return one that the calling thread has read itself.
-  std::unique_ptr<Task> WaitIdle();
-  void Wake();
-  // For a thread of the I/O loop that was woken in place of one of the pool's.
-  void StepAside();
+  // Waits for a task: asleep, or as the leader of the I/O loop.
+  std::unique_ptr<Task> NextTask();
+  bool TryLead() REQUIRES(mutex_);
+  std::unique_ptr<Task> Lead();
+  std::unique_ptr<Task> TakeTask() REQUIRES(mutex_);
+  // Wakes a thread for the task just posted, if one is idle.
+  void Wake() REQUIRES(mutex_);
 
   const std::string name_;
-  const android::base::unique_fd wake_;  // in the I/O loop, for a pool that polls; else none
+  const Idle idle_kind_;
   std::mutex mutex_;
-  std::condition_variable changed_;  // something was posted, or an idle thread has woken up
+  std::condition_variable changed_;  // something was posted, or nobody leads the I/O loop
   std::deque<std::unique_ptr<Task>> tasks_ GUARDED_BY(mutex_);
   size_t max_threads_ GUARDED_BY(mutex_) = 1;
   size_t threads_ GUARDED_BY(mutex_) = 0;
-  size_t idle_ GUARDED_BY(mutex_) = 0;
-  size_t aside_ GUARDED_BY(mutex_) = 0;
+  size_t idle_ GUARDED_BY(mutex_) = 0;     // threads without a task
+  bool leads_ GUARDED_BY(mutex_) = false;  // one of those leads the I/O loop
   bool started_ GUARDED_BY(mutex_) = false;
   bool awaits_join_ GUARDED_BY(mutex_) = false;
 };
