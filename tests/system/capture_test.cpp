@@ -230,7 +230,7 @@ TEST_F(Capture, UserWithoutTheServicesRights_GetsNothing) {
     command.push_back(word);
   }
   std::string output;
-  EXPECT_NE(test::Run(command, &output).exit_code, 0);
+  EXPECT_EQ(test::Run(command, &output, {{"BTHAL_LOOKUP_TIMEOUT_MS", "100"}}).exit_code, 3);
   EXPECT_THAT(handset_.Log(), HasSubstr("of user 65534 may not connect"));
   EXPECT_EQ(CountOf("a capture has begun", handset_.Log()), 0u);
 }

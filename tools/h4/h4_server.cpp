@@ -30,6 +30,12 @@ void H4Server::Step(TimePoint deadline) {
   while (std::optional<Packet> packet = link_.Take()) {
     if (!host_.ok()) continue;
     const auto type = static_cast<unsigned>(packet->type);
+    if (1 + packet->bytes.size() > endpoint_.longest_packet()) {
+      say_("a packet of " + std::to_string(packet->bytes.size()) +
+           " bytes is dropped: the host takes " + std::to_string(endpoint_.longest_packet() - 1) +
+           " at most");
+      continue;
+    }
     DropFor(outbox_.Put(host_.get(), Writer().U8(type).Append(packet->bytes).Done()));
   }
 }
@@ -40,8 +46,10 @@ void H4Server::ReadHost() {
   if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
   // A pseudo-terminal whose host is gone reads as EIO.
   if (size <= 0) return Disconnect("it left");
+  const wire::ByteView bytes(buffer, static_cast<size_t>(size));
+  if (const std::optional<std::string> message = endpoint_.OwnMessage(bytes)) return say_(*message);
   bad_type_.reset();
-  framer_.Push({buffer, static_cast<size_t>(size)});
+  framer_.Push(bytes);
   if (bad_type_) {
     char why[64];
     std::snprintf(why, sizeof why, "it sent 0x%02X where a packet type belongs", *bad_type_);
