@@ -17,12 +17,12 @@ class Daemon {
          const std::vector<std::string>& command = {Program()});
 
   pid_t pid() const { return process_.pid(); }
-  const test::ChildProcess& process() const { return process_; }
+  test::ChildProcess& process() { return process_; }
 
  private:
   static std::string Program();
 
-  const test::ChildProcess process_;
+  test::ChildProcess process_;
 };
 
 }  // namespace bench
