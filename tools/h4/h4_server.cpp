@@ -69,6 +69,11 @@ void H4Server::Accept() {
 void H4Server::Deliver(PacketType type, ByteView packet) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!host_.ok() || mistake_ != nullptr) return;
+  if (1 + packet.size() > endpoint_.longest_packet()) {
+    say_("a packet of " + std::to_string(packet.size()) + " bytes is dropped: the host takes " +
+         std::to_string(endpoint_.longest_packet() - 1) + " at most");
+    return;
+  }
   const bool waited = outbox_.waiting();
   mistake_ =
       outbox_.Put(host_.get(), Writer().U8(static_cast<unsigned>(type)).Append(packet).Done());
@@ -98,8 +103,10 @@ void H4Server::ReadHost() {
   if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
   // A pseudo-terminal whose host is gone reads as EIO.
   if (size <= 0) return Disconnect("it left");
+  const wire::ByteView bytes(buffer, static_cast<size_t>(size));
+  if (const std::optional<std::string> message = endpoint_.OwnMessage(bytes)) return say_(*message);
   bad_type_.reset();
-  framer_.Push({buffer, static_cast<size_t>(size)});
+  framer_.Push(bytes);
   if (bad_type_) {
     char why[64];
     std::snprintf(why, sizeof why, "it sent 0x%02X where a packet type belongs", *bad_type_);

@@ -19,7 +19,8 @@ namespace bthalctl {
 // one thread; packets go to the host on the link's, if it has one.
 class H4Server {
  public:
-  // say gets a line for the user when a host comes or goes.
+  // say gets a line for the user when a host comes or goes, or cannot take a packet: the latter on
+  // the link's thread.
   H4Server(HciLink& link, Endpoint& endpoint, std::function<void(const std::string&)> say);
   ~H4Server();
   H4Server(const H4Server&) = delete;
