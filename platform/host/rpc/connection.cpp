@@ -276,6 +276,7 @@ void Connection::Watch(WatchFlag flag, bool value) {
 void Connection::OnReady(uint32_t events) {
   if ((events & EPOLLOUT) != 0) Flush();
   if ((events & ~uint32_t{EPOLLOUT}) == 0) return;
+  const bool all = std::exchange(reads_all_, false);
   for (int i = 0; i < kMessagesPerEvent; ++i) {
     bool unread = false;
     {
@@ -294,7 +295,10 @@ void Connection::OnReady(uint32_t events) {
       const std::lock_guard<std::mutex> lock(mutex_);
       reader_ = Reader::kNobody;
     }
-    if (!more || ThreadPool::HasOwnTask()) return;
+    if (!more) return;
+    const bool runs_it = ThreadPool::HasOwnTask();
+    if (i > 0 || !runs_it) reads_all_ = true;
+    if (runs_it && !all) return;
   }
 }
 
