@@ -11,13 +11,15 @@ struct ServeOptions : CommandValues {
   std::string pty;
   std::string unix_path;
   std::string tcp;
+  bool vhci = false;
 };
 
 void Serve(const Options& options, const ServeOptions& serve) {
   const std::unique_ptr<Endpoint> endpoint = !serve.pty.empty() ? MakePtyEndpoint(serve.pty)
                                              : !serve.unix_path.empty()
                                                  ? MakeUnixEndpoint(serve.unix_path)
-                                                 : MakeTcpEndpoint(serve.tcp);
+                                             : serve.vhci ? MakeVhciEndpoint()
+                                                          : MakeTcpEndpoint(serve.tcp);
   const auto link = OpenLink(options);
   std::printf("ready %s\n", endpoint->Name().c_str());
   std::fflush(stdout);
@@ -39,10 +41,12 @@ void AddServeH4(CLI::App& app, const Options& options) {
   where->add_option("--pty", serve.pty, "a pseudo-terminal, reached through this link");
   where->add_option("--unix", serve.unix_path, "a Unix socket at this path");
   where->add_option("--tcp", serve.tcp, "HOST:PORT; port 0 picks a free one");
+  where->add_flag("--vhci", serve.vhci, "a Bluetooth device of this machine's kernel (/dev/vhci)");
   where->require_option(1);
   command.footer(
       "Serves one host at a time. Prints \"ready ENDPOINT\" when a host may connect.\n"
-      "Example:\n  bthalctl serve-h4 --pty /tmp/bt0");
+      "With --vhci the kernel is the host: the device, such as hci0, is there until this ends.\n"
+      "Examples:\n  bthalctl serve-h4 --pty /tmp/bt0\n  sudo bthalctl serve-h4 --vhci");
 }
 
 }  // namespace bthalctl

@@ -85,7 +85,7 @@ std::shared_ptr<Connection> Connection::Start(android::base::unique_fd socket, S
                                               std::function<void()> on_end) {
   std::shared_ptr<Connection> connection(
       new Connection(std::move(socket), peer_side, std::move(on_end)));
-  IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN | EPOLLET, connection);
+  IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN, connection);
   return connection;
 }
 
@@ -273,12 +273,8 @@ void Connection::Flush() {
 void Connection::Watch(WatchFlag flag, bool value) {
   const std::lock_guard<std::mutex> lock(watch_mutex_);
   watch_flags_ = value ? watch_flags_ | flag : watch_flags_ & ~flag;
-  Rearm();
-}
-
-void Connection::Rearm() {
-  uint32_t events = EPOLLET;
-  if ((watch_flags_ & (kReadElsewhere | kOverfull)) == 0) events |= EPOLLIN;
+  const bool reads = (watch_flags_ & (kReadElsewhere | kOverfull)) == 0;
+  uint32_t events = reads ? EPOLLIN : EPOLLET;  // a hang-up is reported in any case: once
   if ((watch_flags_ & kUnsent) != 0) events |= EPOLLOUT;
   IoLoop::Get().Change(io_key_, socket_.get(), events);
 }
@@ -306,10 +302,8 @@ void Connection::OnReady(uint32_t events) {
       const std::lock_guard<std::mutex> lock(mutex_);
       reader_ = Reader::kNobody;
     }
-    if (!more) return;
+    if (!more || ThreadPool::HasOwnTask()) return;
   }
-  const std::lock_guard<std::mutex> lock(watch_mutex_);
-  Rearm();  // reports what is left
 }
 
 bool Connection::ReadMessage() {

@@ -35,7 +35,7 @@ inline std::chrono::milliseconds client_answer_time = std::chrono::seconds(10);
 // Messages that a peer leaves unread before it is given up.
 constexpr size_t kMaxQueuedMessages = 256;
 constexpr size_t kMaxQueuedBytes = 8 << 20;
-// Read at once before another peer's are looked at.
+// Read at once before another peer's are looked at, by a thread that does not run the first one.
 constexpr int kMessagesPerEvent = 16;
 
 // Safe on any thread; no call blocks but Call() and CallAhead(), and none holds a lock while user
@@ -160,10 +160,9 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   android::sp<android::hardware::IBinder> DropUnused(uint32_t object) REQUIRES(mutex_);
 
   // Why the I/O loop reads or writes, or does not. Each flag is changed under the lock of what it
-  // follows. A change is reported once; Watch() and Rearm() have what is there reported again.
+  // follows.
   enum WatchFlag : uint32_t { kReadElsewhere = 1, kOverfull = 2, kUnsent = 4 };
   void Watch(WatchFlag flag, bool value);
-  void Rearm() REQUIRES(watch_mutex_);
 
   const android::base::unique_fd socket_;
   const Side peer_side_;
