@@ -198,6 +198,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   // and those that it runs.
   std::atomic<uint64_t> peer_ahead_chain_{0};
   Load ran_ahead_ GUARDED_BY(mutex_);
+  std::chrono::steady_clock::time_point told_progress_at_ GUARDED_BY(mutex_);
   bool overfull_ GUARDED_BY(mutex_) = false;  // too many calls wait: nothing more is read
 
   std::mutex out_mutex_;
