@@ -14,6 +14,8 @@
 #include "conf.h"
 #include "debug_central.h"
 #include "stack/attached_stack.h"
+#include "tap/capture.h"
+#include "tap/notes.h"
 #include "transport_shim.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
@@ -22,6 +24,16 @@ namespace {
 using ::android::hardware::bluetooth::V1_0::Status;
 using debug::DebugAnchor;
 using debug::DebugCentral;
+
+// Answers "capture": starts it, or writes one line that tells why not.
+void StartCapture(int fd, const hidl_vec<hidl_string>& options) {
+  tap::CaptureRequest request;
+  const std::vector<std::string> words(options.begin() + 1, options.end());
+  const std::string trouble = tap::ParseCaptureRequest(words, &request)
+                                  ? tap::StartCapture(fd, std::move(request))
+                                  : tap::kCaptureHelp;
+  if (!trouble.empty()) debug::WriteToReader(fd, trouble + "\n");
+}
 
 }  // namespace
 
@@ -36,6 +48,7 @@ void BluetoothDeathRecipient::serviceDied(uint64_t /*cookie*/,
 }
 
 BluetoothHci::BluetoothHci() {
+  tap::NoteLogAndSteps();
   hci::shim::SetOwner({[] { BtZvkProtocol::GetInstacne()->LpmWakeUp(); },
                        [] { BtZvkProtocol::GetInstacne()->Shutdown(); }});
   death_recipient_ = new BluetoothDeathRecipient(this);
@@ -176,6 +189,10 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stac
 Return<void> BluetoothHci::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) {
   const native_handle_t* handle = fd.getNativeHandle();
   if (handle == nullptr || handle->numFds < 1) return Void();
+  if (options.size() > 0 && options[0] == "capture") {
+    StartCapture(handle->data[0], options);
+    return Void();
+  }
   if (options.size() == 1 && options[0] == "state") {
     debug::WriteToReader(handle->data[0], hci::shim::CurrentState().Text());
   } else {

@@ -51,6 +51,7 @@ class BluetoothHci : public IBluetoothHci {
   Return<void> sendIsoData(const hidl_vec<uint8_t>& packet) override;
   Return<void> close() override;
   // Writes the debug report; with {"state"} as options the lines of hci::TransportState instead.
+  // With {"capture", FORMAT, …} starts a capture (tap/capture.h) to the descriptor and returns.
   Return<void> debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) override;
 
   // Handles the death of a stack: detaches it and closes the controller, or brings it up again. On

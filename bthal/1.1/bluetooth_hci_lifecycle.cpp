@@ -15,6 +15,7 @@
 #include "debug_central.h"
 #include "extensions.h"
 #include "stack/attached_stack.h"
+#include "tap/tap.h"
 #include "transport_shim.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
@@ -67,6 +68,7 @@ void BluetoothHci::perform_init(Lifecycle::Turn& turn) {
     ReportFailedInit("perform_init: Calling kill due to error", nullptr);
     return;
   }
+  const tap::BringUpRecording recording;
   DebugCentral::Get().SetEventSink(notify_cb);
   if (!open_coex_dev()) {
     ALOGE("Failed to open coex device");

@@ -13,6 +13,7 @@
 #include "chre/qvr_helper.h"
 #include "conf.h"
 #include "h4/hw_control.h"
+#include "tap/tap.h"
 #include "transport/uart_transport.h"
 
 namespace android::hardware::bluetooth::hci::shim {
@@ -61,6 +62,23 @@ TransportSettings ReadSettings() {
   return {static_cast<uint32_t>(config->userial_type()), config->uart_port()};
 }
 
+// receiver, with the tap before it.
+PacketReceiver Tapped(HciPacketType type, PacketReceiver receiver) {
+  if (!receiver) return receiver;
+  return [type, receiver = std::move(receiver),
+          &tap = tap::Tap::Get()](const hidl_vec<uint8_t>& packet) {
+    tap.Packet(type, true, packet.data(), packet.size());
+    receiver(packet);
+  };
+}
+
+void ConnectTapped(const PacketReceivers& receivers) {
+  OpenTransport().Connect({Tapped(HCI_PACKET_TYPE_EVENT, receivers.event),
+                           Tapped(HCI_PACKET_TYPE_ACL_DATA, receivers.acl),
+                           Tapped(HCI_PACKET_TYPE_SCO_DATA, receivers.sco),
+                           Tapped(HCI_PACKET_TYPE_ISO_DATA, receivers.iso)});
+}
+
 // Behind the gate.
 void CloseTransport(Shim& state) {
   Transport& transport = OpenTransport();
@@ -101,7 +119,7 @@ std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_
     std::lock_guard<std::mutex> guard(state.lock);
     state.flow_control = flow;
   }
-  flow->Connect([](const PacketReceivers& receivers) { OpenTransport().Connect(receivers); });
+  flow->Connect(ConnectTapped);
   if (transport.Start()) return flow;
   ALOGE("%s: the port cannot be read, Bluetooth stays off", __func__);
   CloseTransport(state);
@@ -116,7 +134,7 @@ void Deinitialize() {
 
 void InitializeCallback(const PacketReceiver& event_cb, const PacketReceiver& acl_cb,
                         const PacketReceiver& sco_cb, const PacketReceiver& iso_cb) {
-  OpenTransport().Connect({event_cb, acl_cb, sco_cb, iso_cb});
+  ConnectTapped({event_cb, acl_cb, sco_cb, iso_cb});
 }
 
 void DeinitializeCallback() { OpenTransport().Disconnect(); }
@@ -126,6 +144,7 @@ size_t Send(uint8_t type, const uint8_t* data, size_t length, bool flag) {
       (data[0] | data[1] << 8) == kOpcodeSetExtendedScanEnable) {
     ALOGI("%s: TX command 0x%2X", __func__, kOpcodeSetExtendedScanEnable);
   }
+  tap::Tap::Get().Packet(type, false, data, length);
   return OpenTransport().Send(type, data, length, flag);
 }
 

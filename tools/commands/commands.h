@@ -65,6 +65,7 @@ void AddStatus(CLI::App& app, const Options& options);
 void AddInfo(CLI::App& app, const Options& options);
 void AddCmd(CLI::App& app, const Options& options);
 void AddScan(CLI::App& app, const Options& options);
+void AddCapture(CLI::App& app, const Options& options);
 void AddMonitor(CLI::App& app, const Options& options);
 void AddDebug(CLI::App& app, const Options& options);
 void AddCrashes(CLI::App& app, const Options& options);

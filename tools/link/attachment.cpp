@@ -24,7 +24,8 @@ using ::android::hardware::Return;
 using ::android::hardware::Void;
 using ::android::hardware::bluetooth::V1_0::Status;
 
-// What the service calls, on threads of the HIDL pool; the caller's thread reads the queue.
+// What the service calls, on threads of the HIDL pool; the caller's thread reads the queue, unless
+// there is a receiver.
 class StackCallbacks : public ::android::hardware::bluetooth::V1_1::IBluetoothHciCallbacks,
                        public ::android::hardware::hidl_death_recipient {
  public:
@@ -80,6 +81,14 @@ class StackCallbacks : public ::android::hardware::bluetooth::V1_1::IBluetoothHc
     return packet;
   }
   int fd() const { return readable_; }
+  void DeliverTo(HciLink::Receiver receiver) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    receiver_ = std::move(receiver);
+    if (!receiver_) return;
+    for (const Packet& packet : packets_) receiver_(packet.type, packet.bytes);
+    packets_.clear();
+    queued_bytes_ = 0;
+  }
 
  private:
   // A caller that stops taking packets must not fill the memory.
@@ -88,6 +97,10 @@ class StackCallbacks : public ::android::hardware::bluetooth::V1_1::IBluetoothHc
   Return<void> Push(PacketType type, const hidl_vec<uint8_t>& packet) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!end_.empty()) return Void();
+    if (receiver_) {
+      receiver_(type, ByteView(packet.data(), packet.size()));
+      return Void();
+    }
     if (queued_bytes_ + packet.size() > kMaxQueuedBytes) {
       end_ = "more packets arrived than were taken";
     } else {
@@ -104,6 +117,7 @@ class StackCallbacks : public ::android::hardware::bluetooth::V1_1::IBluetoothHc
 
   const ::android::base::unique_fd readable_;
   std::mutex mutex_;
+  HciLink::Receiver receiver_ GUARDED_BY(mutex_);
   std::vector<Status> statuses_ GUARDED_BY(mutex_);
   std::deque<Packet> packets_ GUARDED_BY(mutex_);
   size_t queued_bytes_ GUARDED_BY(mutex_) = 0;
@@ -195,6 +209,11 @@ void Attachment::Send(const Packet& packet) {
 }
 
 std::optional<Packet> Attachment::Take() { return callbacks_->Take(); }
+
+bool Attachment::DeliverTo(Receiver receiver) {
+  callbacks_->DeliverTo(std::move(receiver));
+  return true;
+}
 int Attachment::fd() const { return callbacks_->fd(); }
 
 }  // namespace bthalctl

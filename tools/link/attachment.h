@@ -30,6 +30,7 @@ class Attachment : public HciLink {
   void Send(const Packet& packet) override;
   std::optional<Packet> Take() override;
   int fd() const override;
+  bool DeliverTo(Receiver receiver) override;
 
  private:
   const ::android::sp<Hci> service_;

@@ -1,6 +1,7 @@
 // A link to the controller: an attachment to the service, or a share in the holder's attachment.
 #pragma once
 
+#include <functional>
 #include <optional>
 
 #include "tools/base/wait.h"
@@ -8,8 +9,8 @@
 
 namespace bthalctl {
 
-// Used on one thread. When the service or the holder is gone, Send and Take throw Failure; Take
-// returns first what had arrived by then.
+// Used on one thread, but for what DeliverTo() says. When the service or the holder is gone, Send
+// and Take throw Failure; Take returns first what had arrived by then.
 class HciLink {
  public:
   virtual ~HciLink() = default;
@@ -19,6 +20,12 @@ class HciLink {
   virtual std::optional<Packet> Take() = 0;
   // Readable when Take() may have something.
   virtual int fd() const = 0;
+
+  using Receiver = std::function<void(PacketType, ByteView)>;
+  // From now on gives each packet to receiver, in order, on a thread of the link's own, instead of
+  // keeping it for Take(). Null: no longer; receiver is not running when this returns. Returns
+  // false for a link without threads.
+  virtual bool DeliverTo(Receiver /*receiver*/) { return false; }
 
   // Waits for a packet; nothing when there is none by deadline. Throws Interrupted.
   std::optional<Packet> Receive(TimePoint deadline) {

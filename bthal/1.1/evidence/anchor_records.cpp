@@ -25,11 +25,14 @@ std::string FormatTimestamp(const timespec& time) {
 std::string TimestampNow() { return FormatTimestamp(Now()); }
 
 void AnchorRecords::Add(AnchorType type, const std::string& text) {
-  std::lock_guard<std::mutex> guard(lock_);
-  for (Record* record : NewRecords(type)) {
-    record->formatter = nullptr;
-    record->text = text;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    for (Record* record : NewRecords(type)) {
+      record->formatter = nullptr;
+      record->text = text;
+    }
   }
+  if (const Listener listener = listener_.load(std::memory_order_acquire)) listener(text);
 }
 
 std::array<AnchorRecords::Record*, 2> AnchorRecords::NewRecords(AnchorType type) {

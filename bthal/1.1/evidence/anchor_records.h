@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <array>
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -29,6 +30,9 @@ class AnchorRecords {
   };
 
   void Add(AnchorType type, const std::string& text);
+  // Called for each record that is added as a text, on its thread; must not add one.
+  using Listener = void (*)(const std::string& text);
+  void SetListener(Listener listener) { listener_.store(listener, std::memory_order_release); }
   // suffix is appended to the formatter's text; it must be a literal.
   void Add(AnchorType type, AnchorFormatter formatter, const AnchorValues& values,
            const char* suffix);
@@ -49,6 +53,7 @@ class AnchorRecords {
   std::array<Record*, 2> NewRecords(AnchorType type) REQUIRES(lock_);
   static std::vector<Line> ToLines(const std::vector<Record>& records);
 
+  std::atomic<Listener> listener_{nullptr};
   mutable std::mutex lock_;
   std::array<Record, kHistoryLimit> history_ GUARDED_BY(lock_);  // a ring
   size_t added_ GUARDED_BY(lock_) = 0;                           // since the start

@@ -14,8 +14,7 @@ size_t HciPacketizer::OnDataReady(HciPacketType type, const uint8_t* data, size_
     if (bytes_read_ == 0 && length > format.size) {
       const size_t size = format.size + PayloadLength(format, data);
       if (size > format.size && size <= length) {
-        memcpy(buffer_.get(), data, size);
-        packet_.setToExternal(buffer_.get(), size);
+        packet_.setToExternal(const_cast<uint8_t*>(data), size);  // read only; no copy
         packet_ready_();
         return size;
       }

@@ -29,9 +29,10 @@ class HciPacketizer {
   State state_ = HCI_PREAMBLE;
   size_t bytes_read_ = 0;       // of the header
   size_t bytes_remaining_ = 0;  // of the payload
-  // As long as the longest possible packet: no packet needs an allocation of its own.
+  // For packets that come in pieces. As long as the longest possible one: none needs an allocation
+  // of its own.
   const std::unique_ptr<uint8_t[]> buffer_;
-  hidl_vec<uint8_t> packet_;  // a view of buffer_
+  hidl_vec<uint8_t> packet_;  // a view of buffer_, or of a packet that came whole
 };
 
 }  // namespace android::hardware::bluetooth::hci

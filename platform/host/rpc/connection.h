@@ -160,10 +160,9 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   android::sp<android::hardware::IBinder> DropUnused(uint32_t object) REQUIRES(mutex_);
 
   // Why the I/O loop reads or writes, or does not. Each flag is changed under the lock of what it
-  // follows. A change is reported once; Watch() and Rearm() have what is there reported again.
+  // follows.
   enum WatchFlag : uint32_t { kReadElsewhere = 1, kOverfull = 2, kUnsent = 4 };
   void Watch(WatchFlag flag, bool value);
-  void Rearm() REQUIRES(watch_mutex_);
 
   const android::base::unique_fd socket_;
   const Side peer_side_;
@@ -174,6 +173,10 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   std::atomic<int> refusal_{0};
 
   std::mutex mutex_;
+  // Of the leader of the I/O loop: the last messages came in a burst, or it was another thread that
+  // had to run them, so all are read before one is run. Else the first is run without asking for
+  // more.
+  bool reads_all_ = false;
   Reader reader_ GUARDED_BY(mutex_) = Reader::kNobody;
   uint64_t last_serial_ GUARDED_BY(mutex_) = 0;
   // Null for a call that was given up.
@@ -195,6 +198,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   // and those that it runs.
   std::atomic<uint64_t> peer_ahead_chain_{0};
   Load ran_ahead_ GUARDED_BY(mutex_);
+  std::chrono::steady_clock::time_point told_progress_at_ GUARDED_BY(mutex_);
   bool overfull_ GUARDED_BY(mutex_) = false;  // too many calls wait: nothing more is read
 
   std::mutex out_mutex_;

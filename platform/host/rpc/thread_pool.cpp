@@ -76,6 +76,8 @@ void ThreadPool::DropObsolete() {
   dropped = TakeObsolete(tasks_);
 }
 
+bool ThreadPool::HasOwnTask() { return own_task != nullptr; }
+
 void ThreadPool::LeadIsFree() {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (idle_ > 0 && !leads_) changed_.notify_one();

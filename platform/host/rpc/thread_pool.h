@@ -58,6 +58,8 @@ class ThreadPool {
   void Post(std::function<void()> task);
   // Destroys the tasks that have become obsolete while they wait.
   void DropObsolete();
+  // Whether the calling thread leads the I/O loop and has read a call that it will run next.
+  static bool HasOwnTask();
   // The I/O loop has no leader: wakes a sleeping idle thread to become it.
   void LeadIsFree();
 

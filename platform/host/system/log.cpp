@@ -9,12 +9,14 @@
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <log/log.h>
+#include <log_watch/log_watch.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -32,6 +34,7 @@ namespace {
 constexpr int kReaderTimeMs = 1000;
 
 char abort_message[1024];
+std::atomic<Watcher> watcher{nullptr};
 
 char Letter(int priority) {
   constexpr char kLetters[] = "??VDIWEF";
@@ -139,6 +142,9 @@ class Log {
 void Write(const __android_logger_data* data, const char* message) {
   const int saved = errno;
   Log::Get().Write(data->priority, data->tag, message);
+  if (const Watcher watch = watcher.load(std::memory_order_acquire)) {
+    watch(data->priority, data->tag, message);
+  }
   errno = saved;
 }
 
@@ -181,6 +187,8 @@ __attribute__((constructor(200))) void Install() {
 }
 
 }  // namespace
+
+void SetWatcher(Watcher watch) { watcher.store(watch, std::memory_order_release); }
 
 bool OpenFile(const std::string& path) { return Log::Get().Open(path); }
 

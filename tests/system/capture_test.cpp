@@ -1,0 +1,240 @@
+// Captures as other people's programs read them: tshark and btmon.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+
+#include "support/vectors.h"
+#include "support/wait.h"
+#include "system/handset.h"
+
+namespace test {
+namespace {
+
+using ::testing::HasSubstr;
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
+std::vector<std::string> Tshark(const std::string& file, std::vector<std::string> arguments) {
+  std::string output;
+  arguments.insert(arguments.begin(), {"tshark", "-n", "-r", file});
+  // Its remarks, for instance on being root, go elsewhere.
+  arguments.insert(arguments.begin(), {"sh", "-c", "exec \"$@\" 2>/dev/null", "sh"});
+  EXPECT_EQ(Run(arguments, &output).exit_code, 0) << output;
+  return Lines(output);
+}
+
+constexpr size_t kTraced = 128;  // digits that a trace shows of a packet
+
+// The packets of one direction, in hex. A trace shows the beginning of long ones only.
+using Packets = std::vector<std::string>;
+
+Packets TracePackets(const Handset& handset, char direction, const std::string& kind = "") {
+  Packets packets;
+  for (const TraceLine& line : handset.Trace()) {
+    if (line.direction != direction || line.text.rfind(kind, 0) != 0) continue;
+    std::string hex = line.text.substr(line.text.find(' ') + 1);
+    hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
+    packets.push_back(hex.substr(0, hex.find("\xE2\x80\xA6")));  // …
+  }
+  return packets;
+}
+
+// A capture's format, and where tshark has the direction and the packet of it.
+struct Format {
+  const char* name;
+  const char* from_controller;  // a filter
+  const char* to_controller;
+  size_t type_digits;  // before the packet, in hex
+};
+constexpr Format kFormats[] = {
+    {"pcapng", "hci_h4.direction == 1", "hci_h4.direction == 0", 2},
+    {"btsnoop", "hci_h4.direction == 1", "hci_h4.direction == 0", 2},
+    {"monitor", "hci_mon.opcode in {3, 5, 7, 19}", "hci_mon.opcode in {2, 4, 6, 18}", 0},
+};
+
+Packets CapturedPackets(const std::string& file, const Format& format, const char* filter) {
+  Packets packets;
+  bool is_frame = false;
+  for (const std::string& line : Tshark(file, {"-Y", filter, "-T", "jsonraw"})) {
+    if (is_frame) {
+      const size_t begin = line.find('"') + 1;
+      packets.push_back(line.substr(begin, line.rfind('"') - begin).substr(format.type_digits));
+    }
+    is_frame = line.find("\"frame_raw\"") != std::string::npos;
+  }
+  return packets;
+}
+
+void ExpectTraced(const Packets& captured, const Packets& traced) {
+  ASSERT_EQ(captured.size(), traced.size());
+  for (size_t i = 0; i < captured.size(); ++i) {
+    ASSERT_EQ(captured[i].substr(0, kTraced), traced[i]) << "packet " << i;
+  }
+}
+
+void ExpectSound(const std::string& file) {
+  EXPECT_EQ(Tshark(file, {"-Y", "_ws.malformed || _ws.expert.severity >= 8388608"}).size(), 0u);
+  const std::vector<std::string> times = Tshark(file, {"-T", "fields", "-e", "frame.time_delta"});
+  EXPECT_TRUE(std::none_of(times.begin(), times.end(), [](const std::string& delta) {
+    return delta.find('-') != std::string::npos;
+  })) << "the times do not rise";
+}
+
+size_t BtmonPackets(const std::string& file) {
+  std::string output;
+  EXPECT_EQ(Run({"btmon", "-r", file}, &output).exit_code, 0);
+  const std::vector<std::string> lines = Lines(output);
+  return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.rfind("< ", 0) == 0 || line.rfind("> ", 0) == 0;
+  }));
+}
+
+class Capture : public ::testing::Test {
+ protected:
+  Capture() : handset_("", Mode::kAccelerated) {
+    handset_.StartService();
+    EXPECT_TRUE(handset_.service().WaitForOutput("controller is ready", kDeadline));
+  }
+  // Returns when the service captures.
+  std::unique_ptr<ChildProcess> Start(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "capture");
+    const size_t begun = CountOf("a capture has begun", handset_.Log());
+    auto capture = std::make_unique<ChildProcess>(handset_.CtlCommand(arguments));
+    EXPECT_TRUE(WaitFor([&] { return CountOf("a capture has begun", handset_.Log()) > begun; }))
+        << capture->Output();
+    return capture;
+  }
+  static std::string End(ChildProcess& capture) {
+    capture.Signal(SIGINT);
+    const auto end = capture.Wait(kDeadline);
+    EXPECT_TRUE(end && end->exit_code == 0) << capture.Output();
+    return capture.Output();
+  }
+
+  Handset handset_;
+  const TempDir folder_;
+};
+
+TEST_F(Capture, OtherProgramsReadEveryPacket) {
+  std::vector<std::unique_ptr<ChildProcess>> captures;
+  for (const Format& format : kFormats) {
+    captures.push_back(Start({"--bring-up", "-f", format.name, "-o", folder_ / format.name}));
+  }
+  EXPECT_EQ(handset_.Ctl({"scan", "-t", "1"}).exit_code, 0);
+  EXPECT_EQ(handset_.Ctl({"echo", "ZVK Loop", "--bytes", "20k"}).exit_code, 0);
+  std::vector<std::string> told;
+  for (const auto& capture : captures) told.push_back(End(*capture));
+
+  const Packets sent = TracePackets(handset_, '>'), received = TracePackets(handset_, '<');
+  const size_t count = sent.size() + received.size();
+  EXPECT_GT(sent.size(), 500u);
+  Packets whole_sent;
+  for (const Format& format : kFormats) {
+    SCOPED_TRACE(format.name);
+    const std::string file = folder_ / format.name;
+    whole_sent = CapturedPackets(file, format, format.to_controller);
+    ExpectTraced(whole_sent, sent);
+    ExpectTraced(CapturedPackets(file, format, format.from_controller), received);
+    ExpectSound(file);
+    if (format.name != std::string("pcapng")) {
+      EXPECT_EQ(BtmonPackets(file), count);
+    }
+    const std::string output = told[static_cast<size_t>(&format - kFormats)];
+    EXPECT_THAT(output, HasSubstr(std::to_string(count) + " packets, "));
+    EXPECT_EQ(CountOf("lost", output), 0u);
+  }
+  EXPECT_GT(
+      Tshark(folder_ / "pcapng", {"-Y", "frame.comment contains \"firmware_download\""}).size(),
+      0u);
+  std::string notes;
+  test::Run({"btmon", "-r", folder_ / "monitor"}, &notes);
+  EXPECT_THAT(notes, HasSubstr("= Note: firmware_download: fast download is supported"));
+
+  // The patch file is its records: from the first to the one that starts the firmware.
+  std::string download;
+  for (const std::string& packet : whole_sent) {
+    if (packet.rfind("4cfc", 0) == 0 || packet.rfind("4efc", 0) == 0) download += packet;
+  }
+  std::string patch;
+  for (const char c : ReadFile(handset_.Path("vendor/firmware/tovu/ZVK_B5.hcd"))) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    patch += {kDigits[static_cast<uint8_t>(c) >> 4], kDigits[c & 15]};
+  }
+  EXPECT_TRUE(download == patch);
+}
+
+// Rotation under load, through a pipe and into files: what is not there is told.
+TEST_F(Capture, RotatedFiles_AreWholeCapturesThatFollowEachOther) {
+  const std::string file = folder_ / "rotated";
+  const auto capture = Start({"-o", file, "--rotate", "64k:100"});
+  EXPECT_EQ(handset_.Ctl({"echo", "ZVK Loop", "--bytes", "300k"}).exit_code, 0);
+  EXPECT_THAT(End(*capture), ::testing::Not(HasSubstr("lost")));
+  Packets sent;
+  int files = 0;
+  for (int age = 99; age >= 0; --age) {
+    const std::string name = age == 0 ? file : file + "." + std::to_string(age);
+    if (access(name.c_str(), F_OK) != 0) continue;
+    ++files;
+    EXPECT_LE(ReadFile(name).size(), 64u << 10);
+    for (const std::string& packet :
+         CapturedPackets(name, kFormats[0], kFormats[0].to_controller)) {
+      sent.push_back(packet);
+    }
+  }
+  EXPECT_GT(files, 5);
+  Packets all = TracePackets(handset_, '>');
+  ASSERT_GE(all.size(), sent.size());
+  all.erase(all.begin(), all.end() - static_cast<ptrdiff_t>(sent.size()));
+  ExpectTraced(sent, all);
+}
+
+TEST_F(Capture, HiddenData_KeepsItsLengthAndNothingElse) {
+  const std::string file = folder_ / "hidden";
+  const auto capture = Start({"-o", file, "--no-data"});
+  EXPECT_EQ(handset_.Ctl({"read-name", "ZVK GATT"}).exit_code, 0);
+  End(*capture);
+  const Packets sent = CapturedPackets(file, kFormats[0], "bthci_acl && hci_h4.direction == 0");
+  Packets blank = TracePackets(handset_, '>', "acl ");
+  EXPECT_GT(blank.size(), 0u);
+  for (std::string& packet : blank) std::fill(packet.begin() + 8, packet.end(), '0');
+  EXPECT_EQ(sent, blank);
+  ExpectSound(file);
+}
+
+TEST_F(Capture, UserWithoutTheServicesRights_GetsNothing) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+  // A root folder that lets everybody come as far as the socket.
+  using std::filesystem::permissions, std::filesystem::perms, std::filesystem::perm_options;
+  permissions(handset_.root(), perms::others_exec, perm_options::add);
+  permissions(handset_.Path("run/bthal"), perms::others_read | perms::others_exec,
+              perm_options::add);
+  for (const auto& entry : std::filesystem::directory_iterator(handset_.Path("run/bthal"))) {
+    if (entry.is_socket()) {
+      permissions(entry, perms::others_read | perms::others_write, perm_options::add);
+    }
+  }
+  std::vector<std::string> command = {"setpriv", "--reuid=65534", "--regid=65534",
+                                      "--clear-groups"};
+  for (const std::string& word : handset_.CtlCommand({"--wait", "0", "capture", "-o", "-"})) {
+    command.push_back(word);
+  }
+  std::string output;
+  EXPECT_EQ(test::Run(command, &output).exit_code, 1);
+  EXPECT_THAT(output, HasSubstr("is not for this user"));
+  EXPECT_THAT(handset_.Log(), HasSubstr("of user 65534 may not connect"));
+  EXPECT_EQ(CountOf("a capture has begun", handset_.Log()), 0u);
+}
+
+}  // namespace
+}  // namespace test

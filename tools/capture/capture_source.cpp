@@ -1,0 +1,92 @@
+#include "tools/capture/capture_source.h"
+
+#include <android-base/strings.h>
+#include <cutils/native_handle.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "tools/base/failure.h"
+
+namespace bthalctl {
+namespace {
+
+using ::android::base::unique_fd;
+
+// The service looks for packets every few milliseconds.
+constexpr std::chrono::milliseconds kLastPackets{30};
+constexpr std::chrono::seconds kEndOfAll{1};
+
+}  // namespace
+
+std::vector<std::string> CaptureWords::Words() const {
+  std::vector<std::string> words;
+  const auto add = [&](const char* name, const std::vector<std::string>& values) {
+    if (!values.empty()) words.push_back(name + ::android::base::Join(values, ','));
+  };
+  if (bring_up) words.emplace_back("bring-up");
+  add("types=", types);
+  add("opcodes=", opcodes);
+  add("events=", events);
+  add("no-events=", no_events);
+  add("handles=", handles);
+  if (no_advertising) words.emplace_back("no-advertising");
+  if (no_data) words.emplace_back("no-data");
+  return words;
+}
+
+unique_fd OpenCapture(const ::android::sp<Hci>& service, const std::string& format,
+                      const CaptureWords& words) {
+  unique_fd source, target;
+  if (!::android::base::Pipe(&source, &target, O_CLOEXEC)) throw Failure(WithErrno("pipe"));
+  fcntl(source.get(), F_SETPIPE_SZ, 1 << 20);  // where the system allows it
+  NATIVE_HANDLE_DECLARE_STORAGE(storage, 1, 0);
+  native_handle_t* const handle = native_handle_init(storage, 1, 0);
+  handle->data[0] = target.get();
+  std::vector<::android::hardware::hidl_string> options = {"capture", format};
+  for (const std::string& word : words.Words()) options.emplace_back(word);
+  if (!service->debug(::android::hardware::hidl_handle(handle), options).isOk()) {
+    throw Failure(ExitCode::kNoService, "the service died");
+  }
+  return source;
+}
+
+void ForEachRecord(const unique_fd& source, TimePoint deadline,
+                   const std::function<bool(const CaptureRecord&)>& take) {
+  RecordSplitter splitter;
+  std::array<uint8_t, 65536> buffer;
+  bool begun = false;
+  bool stopping = false;
+  TimePoint end_of_all = kNever;
+  while (Clock::now() < end_of_all) {
+    bool ready = false;
+    try {
+      ready = WaitReadable(source.get(), stopping ? Clock::now() + kLastPackets : deadline);
+    } catch (const Interrupted&) {
+      if (stopping) throw;
+      ForgetStopSignal();
+    }
+    if (!ready) {
+      if (stopping) return;
+      stopping = true;
+      end_of_all = Clock::now() + kEndOfAll;
+      continue;
+    }
+    const ssize_t n = TEMP_FAILURE_RETRY(read(source.get(), buffer.data(), buffer.size()));
+    if (n < 0) throw Failure(WithErrno("cannot read the capture"));
+    if (n == 0) throw Failure(ExitCode::kNoService, "the service ended the capture");
+    const wire::ByteView bytes(buffer.data(), static_cast<size_t>(n));
+    if (!begun && !RecordSplitter::IsCapture(bytes)) {
+      throw Failure(::android::base::Trim(bytes.Text()));  // why there is none
+    }
+    begun = true;
+    splitter.Put(bytes);
+    while (const std::optional<CaptureRecord> record = splitter.Next()) {
+      if (!take(*record)) return;
+    }
+  }
+}
+
+}  // namespace bthalctl
