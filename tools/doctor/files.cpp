@@ -111,9 +111,9 @@ void CheckUsable(Findings& findings, const char* what, const std::string& path, 
 
 std::string Setting(const std::string& name, const std::string& otherwise) {
   std::string value = otherwise;
-  for (const char* file : {"bt_vendor.conf", "bt_vendor_overlay.conf"}) {
-    const std::string content =
-        ReadBelow(std::string("/vendor/etc/bluetooth/") + file).value_or("");
+  for (const char* file :
+       {"/vendor/etc/bluetooth/bt_vendor.conf", "/vendor/etc/bluetooth/bt_vendor_overlay.conf"}) {
+    const std::string content = ReadBelow(file).value_or("");
     for (const std::string& line : ::android::base::Split(content, "\n")) {
       const size_t sign = line.find('=');
       if (sign == std::string::npos || line[0] == '#') continue;
@@ -143,7 +143,9 @@ void CheckPower(Findings& findings) {
     const std::string path = folder + std::to_string(number);
     Finding finding{"power", Level::kOk, path + ", state " + FirstLine(path + "/state"), ""};
     const std::string soft = FirstLine(path + "/soft"), hard = FirstLine(path + "/hard");
-    if (!soft.empty()) finding.text += ", soft block " + soft + ", hard block " + hard;
+    if (!soft.empty()) {
+      finding.text.append(", soft block ").append(soft).append(", hard block ").append(hard);
+    }
     if (used) {
       finding.text += "; the service uses the first one";
     } else if (number > reached) {
