@@ -118,4 +118,9 @@ size_t CountOf(const std::string& text, const std::string& all) {
 int CountThreads(pid_t pid) { return CountEntries("/proc/" + std::to_string(pid) + "/task"); }
 int CountDescriptors(pid_t pid) { return CountEntries("/proc/" + std::to_string(pid) + "/fd"); }
 
+int ResidentKilobytes(pid_t pid) {
+  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+  return std::stoi(status.substr(status.find("VmRSS:") + 6));
+}
+
 }  // namespace test

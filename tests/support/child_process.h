@@ -55,5 +55,6 @@ size_t CountOf(const std::string& text, const std::string& all);
 // What /proc tells of a process.
 int CountThreads(pid_t pid);
 int CountDescriptors(pid_t pid);
+int ResidentKilobytes(pid_t pid);
 
 }  // namespace test

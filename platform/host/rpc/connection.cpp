@@ -4,11 +4,13 @@
 
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "rpc/incoming_call.h"
@@ -52,10 +54,13 @@ class TotalLoad {
   void Add(const Load& call) {
     const std::lock_guard<std::mutex> lock(mutex_);
     load_ += call;
+    most_bytes_ = std::max(most_bytes_, load_.bytes);
   }
-  void Remove(const Load& call) {
+  // Returns whether it was the last one of so many that their memory is worth giving back.
+  bool Remove(const Load& call) {
     const std::lock_guard<std::mutex> lock(mutex_);
     load_ -= call;
+    return load_.calls == 0 && std::exchange(most_bytes_, 0) >= kFloodBytes;
   }
   // What one peer may have waiting at present.
   const Load& Allowance() {
@@ -64,8 +69,11 @@ class TotalLoad {
   }
 
  private:
+  static constexpr size_t kFloodBytes = 1 << 20;
+
   std::mutex mutex_;  // a leaf
   Load load_ GUARDED_BY(mutex_);
+  size_t most_bytes_ GUARDED_BY(mutex_) = 0;  // since there was no call
 };
 
 // Whether errno of a send says that the peer has closed its end.
@@ -276,6 +284,7 @@ void Connection::Watch(WatchFlag flag, bool value) {
 void Connection::OnReady(uint32_t events) {
   if ((events & EPOLLOUT) != 0) Flush();
   if ((events & ~uint32_t{EPOLLOUT}) == 0) return;
+  const bool all = std::exchange(reads_all_, false);
   for (int i = 0; i < kMessagesPerEvent; ++i) {
     bool unread = false;
     {
@@ -294,7 +303,10 @@ void Connection::OnReady(uint32_t events) {
       const std::lock_guard<std::mutex> lock(mutex_);
       reader_ = Reader::kNobody;
     }
-    if (!more || ThreadPool::HasOwnTask()) return;
+    if (!more) return;
+    const bool runs_it = ThreadPool::HasOwnTask();
+    if (i > 0 || !runs_it) reads_all_ = true;
+    if (runs_it && !all) return;
   }
 }
 
@@ -440,7 +452,8 @@ void Connection::CallArrived(const MessageHeader& header, const Load& call) {
 }
 
 void Connection::CallDone(const MessageHeader& header, const Load& call) {
-  TotalLoad::Get().Remove(call);
+  // The allocator keeps what lies between allocations that have stayed.
+  if (TotalLoad::Get().Remove(call)) malloc_trim(0);
   sp<IBinder> dropped;
   {
     const std::lock_guard<std::mutex> lock(mutex_);

@@ -35,7 +35,7 @@ inline std::chrono::milliseconds client_answer_time = std::chrono::seconds(10);
 // Messages that a peer leaves unread before it is given up.
 constexpr size_t kMaxQueuedMessages = 256;
 constexpr size_t kMaxQueuedBytes = 8 << 20;
-// Read at once before another peer's are looked at, by a thread that does not run the first one.
+// Read at once before another peer's are looked at.
 constexpr int kMessagesPerEvent = 16;
 
 // Safe on any thread; no call blocks but Call() and CallAhead(), and none holds a lock while user
@@ -173,6 +173,10 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   std::atomic<int> refusal_{0};
 
   std::mutex mutex_;
+  // Of the leader of the I/O loop: the last messages came in a burst, or it was another thread that
+  // had to run them, so all are read before one is run. Else the first is run without asking for
+  // more.
+  bool reads_all_ = false;
   Reader reader_ GUARDED_BY(mutex_) = Reader::kNobody;
   uint64_t last_serial_ GUARDED_BY(mutex_) = 0;
   // Null for a call that was given up.
@@ -194,6 +198,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   // and those that it runs.
   std::atomic<uint64_t> peer_ahead_chain_{0};
   Load ran_ahead_ GUARDED_BY(mutex_);
+  std::chrono::steady_clock::time_point told_progress_at_ GUARDED_BY(mutex_);
   bool overfull_ GUARDED_BY(mutex_) = false;  // too many calls wait: nothing more is read
 
   std::mutex out_mutex_;

@@ -77,19 +77,24 @@ bool Connection::IsStuck(AheadWindow::Time now) const {
 void Connection::RanAhead(const MessageHeader& header, status_t status) {
   MessageHeader told;
   told.status = status;
+  bool tells = (header.flags & kAsksForProgress) != 0;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++ran_ahead_.calls;
     ran_ahead_.bytes += header.bytes;
     told.serial = ran_ahead_.calls;
     told.chain = ran_ahead_.bytes;
+    // The call that asks may be far behind in the queue of a receiver that is slow but not stuck.
+    const auto now = steady_clock::now();
+    tells = tells || now - told_progress_at_ >= std::chrono::seconds(1);
+    if (tells) told_progress_at_ = now;
   }
   if (status != android::OK) {
     told.type = MessageType::kAheadFailed;
     told.code = header.code;
     Send(told, Parcel());
   }
-  if ((header.flags & kAsksForProgress) == 0) return;
+  if (!tells) return;
   told.type = MessageType::kProgress;
   Send(told, Parcel());
 }

@@ -42,7 +42,10 @@ IncomingCall::IncomingCall(std::shared_ptr<Connection> connection, sp<IBinder> t
   connection_->CallArrived(header_, load_);
 }
 
-IncomingCall::~IncomingCall() { connection_->CallDone(header_, load_); }
+IncomingCall::~IncomingCall() {
+  data_.reset();  // what the load stands for
+  connection_->CallDone(header_, load_);
+}
 
 bool IncomingCall::IsObsolete() const { return connection_->ended(); }
 

@@ -45,7 +45,7 @@ class IncomingCall : public Task {
   const std::shared_ptr<Connection> connection_;
   const android::sp<android::hardware::IBinder> target_;
   const MessageHeader header_;
-  const android::hardware::Parcel data_;
+  android::hardware::Parcel data_;
   const Load load_;
   bool replied_ = false;
 };
