@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <sstream>
 
+#include "support/child_process.h"
 #include "support/vectors.h"
+#include "tools/wire/code_names.h"
 
 namespace bthalctl {
 namespace {
