@@ -17,7 +17,9 @@ uint32_t Big32(wire::ByteView bytes, size_t at) {
                                bytes[at + 3]);
 }
 
-bool IsBtsnoop(wire::ByteView bytes) { return bytes.Sub(0, 8).Text() == std::string("btsnoop", 8); }
+bool IsBtsnoop(wire::ByteView bytes) {
+  return bytes.size() > 7 && bytes.Sub(0, 7).Text() == "btsnoop" && bytes[7] == 0;
+}
 
 // Packets lost before a packet block; 0 without that option.
 uint64_t DropCount(wire::ByteView block) {
