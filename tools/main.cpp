@@ -58,6 +58,7 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
   bthalctl::AddLoopback(app, options);
   bthalctl::AddPeer(app, options);
   group("Bluetooth");
+  bthalctl::AddDoctor(app, options);
   bthalctl::AddDebug(app, options);
   bthalctl::AddCrashes(app, options);
   bthalctl::AddActivity(app, options);

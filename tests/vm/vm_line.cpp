@@ -1,7 +1,8 @@
-// vm_line HOST FAR CONTROLLER RECORD: the wire of a virtual machine's serial port. HOST is the port that
-// the service opens, FAR the port at the other end of the cable, CONTROLLER the pseudo-terminal of a
-// simulated controller. Bytes go both ways; the line speed that is set at HOST holds at CONTROLLER. A
-// real UART at HOST gets a clock that is fast enough for 4 Mbit/s. RECORD takes what HOST sent.
+// vm_line HOST FAR CONTROLLER RECORD: the wire of a virtual machine's serial port. HOST is the port
+// that the service opens, FAR the port at the other end of the cable, CONTROLLER the
+// pseudo-terminal of a simulated controller. Bytes go both ways; the line speed that is set at HOST
+// holds at CONTROLLER. A real UART at HOST gets a clock that is fast enough for 4 Mbit/s. RECORD
+// takes what HOST sent.
 #include <fcntl.h>
 #include <linux/serial.h>
 #include <poll.h>

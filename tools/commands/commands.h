@@ -75,6 +75,7 @@ void AddInject(CLI::App& app, const Options& options);
 void AddCcc(CLI::App& app, const Options& options);
 void AddEwp(CLI::App& app, const Options& options);
 void AddResidency(CLI::App& app, const Options& options);
+void AddDoctor(CLI::App& app, const Options& options);
 void AddActivity(CLI::App& app, const Options& options);
 void AddLoopback(CLI::App& app, const Options& options);
 void AddPeer(CLI::App& app, const Options& options);  // read-name, echo

@@ -20,6 +20,7 @@
 
 #include "evidence/debug_files.h"
 #include "evidence/report.h"
+#include "h4/line_settings.h"
 
 namespace android::hardware::bluetooth::hwcontrol {
 namespace {
@@ -80,6 +81,7 @@ bool ConfigureTty(int fd) {
   cfsetspeed(&settings, B115200);
   tcsetattr(fd, TCSANOW, &settings);
   tcflush(fd, TCIOFLUSH);
+  CheckLineSettings(fd, static_cast<uint32_t>(UartBaudRate::kRate115200));
   return true;
 }
 
@@ -186,6 +188,7 @@ void BtHwControl::BaudrateChange(UartBaudRate rate) {
   cfsetspeed(&settings, *speed);
   tcsetattr(UartFd(), TCSANOW, &settings);
   tcflush(UartFd(), TCIOFLUSH);
+  CheckLineSettings(UartFd(), static_cast<uint32_t>(rate));
 }
 
 bool BtHwControl::IsLpmRunning() {
