@@ -10,6 +10,7 @@
 
 #include "tools/base/failure.h"
 #include "tools/commands/commands.h"
+#include "tools/commands/extcap.h"
 
 namespace {
 
@@ -78,6 +79,7 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (bthalctl::IsExtcapCall(argc, argv)) return bthalctl::RunExtcap(argc, argv);
   // The runtime's own information lines are not for users, unless they ask for a level.
   if (std::getenv("BTHAL_LOG") == nullptr) __android_log_set_minimum_priority(ANDROID_LOG_WARN);
   CLI::App app("Client of the Bluetooth service.", "bthalctl");

@@ -2,6 +2,7 @@
 
 #include "bluetooth_hci.h"
 
+#include <android-base/properties.h>
 #include <log/log.h>
 #include <unistd.h>
 
@@ -49,6 +50,9 @@ void BluetoothDeathRecipient::serviceDied(uint64_t /*cookie*/,
 
 BluetoothHci::BluetoothHci() {
   tap::NoteLogAndSteps();
+  if (const std::string setting = base::GetProperty(tap::kCaptureProperty, ""); !setting.empty()) {
+    tap::StartCaptureOnDisk(setting);
+  }
   hci::shim::SetOwner({[] { BtZvkProtocol::GetInstacne()->LpmWakeUp(); },
                        [] { BtZvkProtocol::GetInstacne()->Shutdown(); }});
   death_recipient_ = new BluetoothDeathRecipient(this);

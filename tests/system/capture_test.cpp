@@ -212,6 +212,80 @@ TEST_F(Capture, HiddenData_KeepsItsLengthAndNothingElse) {
   ExpectSound(file);
 }
 
+// As Wireshark calls: tshark finds the program in its folder of capture programs.
+TEST_F(Capture, LiveThroughExtcap_AndTheDissectorNamesTheVendorPart) {
+  const std::string folder = folder_ / ".config/wireshark/extcap";
+  std::filesystem::create_directories(folder);
+  std::filesystem::create_symlink(ProgramDir() + "/bthalctl", folder + "/bthalctl");
+  const std::string file = folder_ / "live", interface = "bthal:" + handset_.root();
+  const Packets sent = TracePackets(handset_, '>'), received = TracePackets(handset_, '<');
+  const std::string count = std::to_string(sent.size() + received.size());
+  std::string output;
+  EXPECT_EQ(test::Run({"tshark", "-i", interface, "-c", count, "-w", file}, &output,
+                      {{"HOME", folder_.path()}, {"XDG_CONFIG_HOME", folder_ / ".config"}})
+                .exit_code,
+            0)
+      << output;
+  ExpectTraced(CapturedPackets(file, kFormats[0], kFormats[0].to_controller), sent);
+  ExpectTraced(CapturedPackets(file, kFormats[0], kFormats[0].from_controller), received);
+
+  // tshark runs no script for root.
+  const std::string script = folder_ / "bthal.lua";
+  std::filesystem::copy_file(
+      std::filesystem::path(__FILE__).parent_path() / "../../tools/wireshark/bthal.lua", script);
+  std::filesystem::permissions(folder_.path(), std::filesystem::perms::others_exec,
+                               std::filesystem::perm_options::add);
+  const std::string user =
+      geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+  test::Run({"sh", "-c",
+             "HOME=/nonexistent " + user + "tshark -X lua_script:" + script +
+                 " -d bthci_cmd.vendor,bthal -r - -Y bthal -T fields -e bthal.baud -e "
+                 "bthal.chip_id -e bthal.ram_data 2>&1 <" +
+                 file},
+            &output);
+  EXPECT_THAT(output, HasSubstr("\n4000000\t\t\n"));
+  EXPECT_THAT(output, HasSubstr("\n\t0xb5\t\n"));
+  std::string data;
+  for (const std::string& line : Lines(output)) data += line.substr(line.rfind('\t') + 1);
+  std::string written;
+  for (const std::string& packet : sent) {
+    if (packet.rfind("4cfc", 0) == 0) written += packet.substr(14, 10);
+  }
+  EXPECT_THAT(data, HasSubstr(written.substr(0, 10)));
+}
+
+TEST(CaptureOnDisk, Property_KeepsTheLastFilesFromTheStartOn) {
+  Handset handset("", Mode::kAccelerated);
+  WriteFile(handset.Path("data/property/persistent.prop"),
+            "persist.bluetooth.capture=pcapng:64k:3\n");
+  handset.StartService();
+  ASSERT_TRUE(handset.service().WaitForOutput("controller is ready", kDeadline));
+  EXPECT_EQ(handset.Ctl({"echo", "ZVK Loop", "--bytes", "100k"}).exit_code, 0);
+  const std::string path = handset.Path("data/vendor/bluetooth/capture.pcapng");
+  const auto captured = [&] {
+    Packets packets;
+    for (const char* age : {".2", ".1", ""}) {
+      for (const std::string& packet :
+           CapturedPackets(path + age, kFormats[0], kFormats[0].to_controller)) {
+        packets.push_back(packet);
+      }
+    }
+    return packets;
+  };
+  Packets all = TracePackets(handset, '>');
+  ASSERT_TRUE(WaitFor([&] {
+    const Packets kept = captured();
+    return !kept.empty() && kept.back().substr(0, kTraced) == all.back();
+  }));
+  const Packets kept = captured();
+  EXPECT_LT(kept.size(), all.size());
+  all.erase(all.begin(), all.end() - static_cast<ptrdiff_t>(kept.size()));
+  ExpectTraced(kept, all);
+  EXPECT_NE(access((path + ".3").c_str(), F_OK), 0);
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0640});
+  EXPECT_LT(std::filesystem::file_size(path + ".1"), 70u << 10);
+}
+
 TEST_F(Capture, UserWithoutTheServicesRights_GetsNothing) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
   // A root folder that lets everybody come as far as the socket.

@@ -42,10 +42,21 @@ void CaptureFile::Rotate() {
 
 void CaptureFile::WriteBytes(const Bytes& bytes) {
   if (!::android::base::WriteFully(fd_, bytes.data(), bytes.size())) {
+    reader_gone_ = errno == EPIPE;
     throw Failure(WithErrno("cannot write " + (path_ == "-" ? "the capture" : path_)));
   }
   in_file_ += bytes.size();
   bytes_ += bytes.size();
+}
+
+bool CaptureFile::TryWrite(const CaptureRecord& record) {
+  try {
+    Write(record);
+  } catch (const Failure&) {
+    if (reader_gone_) return false;
+    throw;
+  }
+  return true;
 }
 
 void CaptureFile::Write(const CaptureRecord& record) {

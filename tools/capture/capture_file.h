@@ -26,6 +26,8 @@ class CaptureFile {
   CaptureFile(std::string path, Rotation rotation);
 
   void Write(const CaptureRecord& record);
+  // The same for a pipe: returns false when its reader has gone.
+  bool TryWrite(const CaptureRecord& record);
   uint64_t bytes() const { return bytes_; }  // in all
 
  private:
@@ -38,6 +40,7 @@ class CaptureFile {
   ::android::base::unique_fd own_;
   int fd_ = -1;
   std::vector<Bytes> heads_;
+  bool reader_gone_ = false;
   bool begun_ = false;    // a packet or a note has come
   uint64_t in_file_ = 0;  // bytes
   uint64_t bytes_ = 0;

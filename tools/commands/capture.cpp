@@ -11,6 +11,7 @@
 #include "tools/capture/capture_file.h"
 #include "tools/capture/capture_source.h"
 #include "tools/capture/record_splitter.h"
+#include "tools/commands/capture_words.h"
 #include "tools/commands/commands.h"
 
 namespace bthalctl {
@@ -84,6 +85,8 @@ void Capture(const Options& options, const CaptureOptions& capture) {
                counter.Text(file.bytes()).c_str());
 }
 
+}  // namespace
+
 void AddCaptureWords(CLI::App& command, CaptureWords& words) {
   const auto list = [&](const char* names, std::vector<std::string>& values, const char* what) {
     command.add_option(names, values, what)->delimiter(',')->type_name("LIST");
@@ -97,8 +100,6 @@ void AddCaptureWords(CLI::App& command, CaptureWords& words) {
   command.add_flag("--no-advertising", words.no_advertising, "no advertising reports");
   command.add_flag("--no-data", words.no_data, "zeros in the place of what data packets carry");
 }
-
-}  // namespace
 
 void AddCapture(CLI::App& app, const Options& options) {
   auto [command, capture] =

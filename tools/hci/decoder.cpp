@@ -155,11 +155,15 @@ std::string DescribeAcl(Reader& in) {
     out += ": ATT " + AttName(in.U8());
     return out + Tail(in);
   }
-  const char* name = channel == 1   ? "L2CAP signalling"
-                     : channel == 5 ? "L2CAP LE signalling"
-                     : channel == 6 ? "security manager"
-                                    : nullptr;
-  return out + ": " + (name != nullptr ? name : "channel " + Hex(channel, 4)) + Tail(in);
+  if ((channel == 1 || channel == 5) && in.left() > 0) {
+    out += ": L2CAP " + SignallingName(in.U8());
+    return out + Tail(in);
+  }
+  if ((channel == 6 || channel == 7) && in.left() > 0) {
+    out += ": SMP " + SmpName(in.U8());
+    return out + Tail(in);
+  }
+  return out + ": channel " + Hex(channel, 4) + Tail(in);
 }
 
 }  // namespace

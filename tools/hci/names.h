@@ -1,4 +1,4 @@
-// Names of commands, events and errors (Core 5.3, 4.E.7 and 1.F), and of the controller's vendor
+// Names of commands, events and errors (Core 5.4, 4.E.7 and 1.F), and of the controller's vendor
 // codes.
 #pragma once
 
@@ -18,6 +18,8 @@ std::string EventName(uint8_t code);
 std::string LeEventName(uint8_t subevent);
 std::string VendorEventName(uint8_t subevent);
 std::string AttName(uint8_t opcode);
+std::string SmpName(uint8_t code);
+std::string SignallingName(uint8_t code);  // of L2CAP
 // "5.3" for 0x0C.
 std::string CoreVersion(uint8_t version);
 

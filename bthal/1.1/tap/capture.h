@@ -27,4 +27,11 @@ bool ParseCaptureRequest(const std::vector<std::string>& words, CaptureRequest* 
 // stay as they are. Returns an empty text, or why nothing is written.
 std::string StartCapture(int fd, CaptureRequest request);
 
+// The property whose value "FORMAT:SIZE:COUNT" keeps a capture on disk: see docs/captures.md.
+extern const char kCaptureProperty[];
+
+// Captures for the life of the process, each bring-up included, into so many files of that size. A
+// setting that is none costs one error line.
+void StartCaptureOnDisk(const std::string& setting);
+
 }  // namespace android::hardware::bluetooth::tap
