@@ -8,6 +8,7 @@
 #include "rpc/incoming_call.h"
 #include "rpc/name_service.h"
 #include "rpc/thread_pool.h"
+#include "system/readiness.h"
 
 namespace android::hardware {
 
@@ -74,7 +75,11 @@ void configureRpcThreadpool(size_t maxThreads, bool callerWillJoin) {
   bthal::rpc::HidlThreadPool().Configure(maxThreads, callerWillJoin);
 }
 
-void joinRpcThreadpool() { bthal::rpc::HidlThreadPool().Join(); }
+// A service joins when all its objects have names.
+void joinRpcThreadpool() {
+  bthal::TellReadiness();
+  bthal::rpc::HidlThreadPool().Join();
+}
 
 sp<::android::hidl::manager::V1_0::IServiceManager> defaultServiceManager() { return nullptr; }
 

@@ -1,0 +1,9 @@
+# What `cmake --install` puts in place; DESTDIR and the prefix are honoured. The service is for whoever
+# supervises it, not for a user's command line: it lies in libexec.
+set(installed_programs bthalctl zvksim zvkpowerstats)
+# The same search path in the build folder and installed: that of the platform libraries, and no other.
+set_target_properties(bthal_daemon ${installed_programs} PROPERTIES
+                      BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH ${android_lib_dir})
+install(TARGETS bthal_daemon RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/bthal)
+install(TARGETS ${installed_programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES packaging/linux/default.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/bthal)
