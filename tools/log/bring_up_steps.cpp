@@ -80,12 +80,15 @@ struct Explanation {
   const char* tag;
   const char* begin;  // of the line's text
   const char* meaning;
+  bool fails_step = true;  // an error: whether it is of the step during which it is logged
 };
 
 constexpr Explanation kExplanations[] = {
     {'W', "bthal.hci_h4", "Send: ", nullptr},  // the port takes the rest a moment later
     {'E', "bthal.hwcontrol", "LpmSetup: Unable to open LPM control port",
      "without low-power files the controller stays awake"},
+    {'E', "bthal.async_fd_watcher", "ThreadRoutine unable to set SCHED_FIFO",
+     "this user may not have real-time priority: the reader runs without", false},
     {'W', "bthal.zvkbtlinux", "ActivityWatcher registering failure",
      "no power-statistics service runs here"},
 };
@@ -139,7 +142,9 @@ std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
   if (line.IsTrouble()) {
     const Explanation* const explanation = ExplanationOf(line);
     if (explanation != nullptr && explanation->meaning == nullptr) return out;
-    if (line.priority != 'W' || (rule != nullptr && rule->meaning == Meaning::kFails)) {
+    const bool of_step = explanation == nullptr || explanation->fails_step;
+    if ((line.priority != 'W' && of_step) ||
+        (rule != nullptr && rule->meaning == Meaning::kFails)) {
       End(Kind::kFailed, now, &out);
     }
     if (troubles_.insert(line.text).second) {
