@@ -204,7 +204,7 @@ TEST_F(Peers, ClientOfCallsThatRunAhead_IsLetGoWhenItsWindowStandsStill) {
   RawPeer failing;
   EXPECT_TRUE(failing.Attach());
   std::future<uint32_t> sent = stream();
-  EXPECT_FALSE(failing.Receive().empty());
+  for (int i = 0; i < 32; ++i) EXPECT_FALSE(failing.Receive().empty());  // those it tells of
   // Two threads of a client may tell in the other order: what is known already does no harm.
   for (const char* name : {"progress", "progress", "failure"}) EXPECT_TRUE(failing.Send(name));
   EXPECT_LT(sent.get(), 1000u);

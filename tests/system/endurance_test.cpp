@@ -202,7 +202,8 @@ class Endurance {
     const std::string log = watched_.Log();
     if (controller_ == Controller::kGood && !signalled_ &&
         CountOf("resetBtCallback called", log) == 0) {
-      printf("nothing asked the service to end\n%s\n", Tail(log).c_str());
+      printf("nothing asked the service to end\n%s\n%s\n", Tail(log).c_str(),
+             Tail(ReadFile(watched_.Path("trace"))).c_str());
       EXPECT_GT(CountOf(" Result 0x03", log), 0u);
       ++tally_.timed_out;
     }
@@ -259,7 +260,7 @@ TEST(EnduranceSlow, StacksThatMisbehave_NothingHangsAndNothingIsLeft) {
     run.Recover();
   });
   if (line.longest() < std::chrono::seconds(1)) {
-    EXPECT_EQ(tally.timed_out, 0);
+    EXPECT_EQ(tally.timed_out, 0) << "a line stood still for " << line.longest().count() << " ms";
   } else {
     printf("%d answers too late, as lines stood still for up to %d ms\n", tally.timed_out.load(),
            static_cast<int>(line.longest().count()));
