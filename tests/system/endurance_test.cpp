@@ -259,7 +259,9 @@ TEST(EnduranceSlow, StacksThatMisbehave_NothingHangsAndNothingIsLeft) {
     }
     run.Recover();
   });
-  if (line.longest() < std::chrono::seconds(1)) {
+  // A power switch that is so late drops the reset which the bring-up sends 0.6 s after it.
+  constexpr milliseconds kHarmless{500};
+  if (line.longest() < kHarmless) {
     EXPECT_EQ(tally.timed_out, 0) << "a line stood still for " << line.longest().count() << " ms";
   } else {
     printf("%d answers too late, as lines stood still for up to %d ms\n", tally.timed_out.load(),
