@@ -193,7 +193,7 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stac
 Return<void> BluetoothHci::debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) {
   const native_handle_t* handle = fd.getNativeHandle();
   if (handle == nullptr || handle->numFds < 1) return Void();
-  if (options.size() > 0 && options[0] == "capture") {
+  if (!options.empty() && options[0] == "capture") {
     StartCapture(handle->data[0], options);
     return Void();
   }
