@@ -5,6 +5,7 @@
 #include <android-base/logging.h>
 #include <android-base/unique_fd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <cerrno>
@@ -31,6 +32,8 @@ void TellReadiness() {
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
   constexpr std::string_view kReady = "READY=1";
   const android::base::unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const timeval limit{2, 0};  // for room in a queue that nobody may empty
+  setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   if (fd.get() < 0 || sendto(fd.get(), kReady.data(), kReady.size(), MSG_NOSIGNAL,
                              reinterpret_cast<const sockaddr*>(&address), size) < 0) {
     PLOG(WARNING) << "cannot tell " << name << " that the service is ready";
