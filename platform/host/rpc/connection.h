@@ -132,8 +132,8 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   // Makes the calling thread the reader unless there is one.
   bool StartReading() REQUIRES(mutex_);
   void StopReading() REQUIRES(mutex_);
-  // Takes one message from the socket. For the thread that is the reader.
-  // Reads one message and handles it. False when there is none, or the connection has ended.
+  // For the thread that is the reader: takes one message from the socket and handles it. False when
+  // there is none, or the connection has ended.
   bool ReadMessage();
   const char* Handle(ReceivedMessage message);
   const char* HandleCall(const MessageHeader& header, android::hardware::Parcel parcel);
@@ -172,11 +172,12 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
   std::atomic<bool> ended_{false};
   std::atomic<int> refusal_{0};
 
-  std::mutex mutex_;
   // Of the leader of the I/O loop: the last messages came in a burst, or it was another thread that
   // had to run them, so all are read before one is run. Else the first is run without asking for
   // more.
   bool reads_all_ = false;
+
+  std::mutex mutex_;
   Reader reader_ GUARDED_BY(mutex_) = Reader::kNobody;
   uint64_t last_serial_ GUARDED_BY(mutex_) = 0;
   // Null for a call that was given up.
