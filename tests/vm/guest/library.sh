@@ -35,10 +35,10 @@ handset() {
   await 10 grep -q ready zvksim.log
 }
 
-# service ROOT: the daemon on that root folder; "ctl" is bthalctl on it.
+# service ROOT [NAME]: the daemon on that root folder, its log in NAME.log (daemon.log); "ctl" is bthalctl on it.
 service() {
   service_root=$1
-  BTHAL_ROOT=$1 start daemon android.hardware.bluetooth@1.1-service.zvkbtlinux
+  BTHAL_ROOT=$1 start "${2:-daemon}" android.hardware.bluetooth@1.1-service.zvkbtlinux
 }
 ctl() { bthalctl --root "$service_root" --wait 20 "$@"; }
 
