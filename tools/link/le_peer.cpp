@@ -130,7 +130,7 @@ Bytes LePeer::AttRequest(const Bytes& request) {
     const size_t size = frame_reader.U16();
     const uint16_t channel = frame_reader.U16();
     if (frame_in.size() < 4 || frame_reader.left() < size || channel != kAttChannel) continue;
-    const Bytes message = frame_reader.Rest();
+    Bytes message = frame_reader.Rest();
     const uint8_t code = Reader(message).U8();
     const bool refused = code == kErrorResponse && message.size() > 1 && message[1] == request[0];
     if (refused || code == request[0] + 1) return message;
