@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-#include <stdexcept>
 
 #include "sim/base/log.h"
 #include "tools/wire/packet_text.h"
@@ -15,21 +14,6 @@ constexpr size_t kToldBytes = 32;
 
 std::string Shown(PacketType type, ByteView packet) { return PacketText(type, packet, kToldBytes); }
 
-std::vector<CapturedPacket> ReadWithBringUp(const std::string& file) {
-  std::vector<CapturedPacket> packets = ReadCapture(file);
-  const auto first = std::find_if(packets.begin(), packets.end(), [](const CapturedPacket& packet) {
-    return !packet.from_controller;
-  });
-  if (first == packets.end()) throw std::runtime_error(file + ": no packet of a host is in it");
-  if (first->packet.type != PacketType::kCommand ||
-      ByteView(first->packet.bytes).U16(0) != opcode::kReset) {
-    throw std::runtime_error(file + " begins in the middle, with " +
-                             Shown(first->packet.type, first->packet.bytes) +
-                             ": a bring-up begins with Reset (bthalctl capture --bring-up)");
-  }
-  return packets;
-}
-
 }  // namespace
 
 Replay::Replay(EventLoop& loop, const ReplayOptions& options, Send send)
@@ -37,7 +21,7 @@ Replay::Replay(EventLoop& loop, const ReplayOptions& options, Send send)
       file_(options.file),
       timing_(options.timing),
       send_(std::move(send)),
-      packets_(ReadWithBringUp(options.file)) {}
+      packets_(ReadCaptureOfBringUp(options.file)) {}
 
 void Replay::Advance() {
   ++next_;

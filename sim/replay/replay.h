@@ -6,7 +6,7 @@
 
 #include "sim/base/event_loop.h"
 #include "sim/wire.h"
-#include "tools/wire/capture_reader.h"
+#include "tools/wire/capture_packets.h"
 
 namespace zvk {
 

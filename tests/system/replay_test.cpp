@@ -9,7 +9,7 @@
 #include "support/vectors.h"
 #include "support/wait.h"
 #include "system/handset.h"
-#include "tools/wire/capture_reader.h"
+#include "tools/wire/capture_packets.h"
 
 namespace test {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/wire/capture_reader.h"
+#include "tools/wire/capture_packets.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tools/wire/codes.h"
+#include "tools/wire/packet_text.h"
 #include "tools/wire/text.h"
 
 namespace wire {
@@ -261,6 +263,21 @@ std::vector<CapturedPacket> ReadCapture(const std::string& path) {
   } catch (const std::runtime_error& error) {
     Fail(path + ": " + error.what());
   }
+}
+
+std::vector<CapturedPacket> ReadCaptureOfBringUp(const std::string& path) {
+  std::vector<CapturedPacket> packets = ReadCapture(path);
+  const auto first = std::find_if(packets.begin(), packets.end(), [](const CapturedPacket& packet) {
+    return !packet.from_controller;
+  });
+  if (first == packets.end()) Fail(path + ": no packet of a host is in it");
+  const auto& [type, bytes] = first->packet;
+  if (type != PacketType::kCommand || ByteView(bytes).U16(0) != opcode::kReset) {
+    constexpr size_t kShownBytes = 32;
+    Fail(path + " begins in the middle, with " + PacketText(type, bytes, kShownBytes) +
+         ": a bring-up begins with Reset (bthalctl capture --bring-up)");
+  }
+  return packets;
 }
 
 }  // namespace wire

@@ -22,5 +22,7 @@ struct CapturedPacket {
 std::vector<CapturedPacket> ParseCapture(ByteView file);
 // The same from a file; the reason begins with path.
 std::vector<CapturedPacket> ReadCapture(const std::string& path);
+// The same, and refuses a capture whose first packet of the host is not HCI Reset.
+std::vector<CapturedPacket> ReadCaptureOfBringUp(const std::string& path);
 
 }  // namespace wire

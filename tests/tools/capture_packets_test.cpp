@@ -1,5 +1,5 @@
 // Captures as they are read: what the service writes comes back, and nothing in a file is trusted.
-#include "tools/wire/capture_reader.h"
+#include "tools/wire/capture_packets.h"
 
 #include <gtest/gtest.h>
 
@@ -22,7 +22,7 @@ Bytes Head(const std::string& format) {
                 ParseHex(format == "monitor" ? "00 00 07 D1" : "00 00 03 EA"));
 }
 
-TEST(CaptureReader, WhatTheServiceWrites_IsRead) {
+TEST(CapturePackets, WhatTheServiceWrites_IsRead) {
   for (const Vector& row : LoadVectors("capture_records.txt")) {
     SCOPED_TRACE(row.name);
     const Bytes record = ParseHex(row.fields.at(6));
@@ -35,7 +35,7 @@ TEST(CaptureReader, WhatTheServiceWrites_IsRead) {
   }
 }
 
-TEST(CaptureReader, Times_CountFromTheFirstPacketAndNeverFall) {
+TEST(CapturePackets, Times_CountFromTheFirstPacketAndNeverFall) {
   const Bytes command =
       ParseHex("00 00 00 04 00 00 00 04 00*8 00 E2 E7 D7 27 4F A2 40 01 03 0C 00");
   Bytes later = command, earlier = command;
@@ -49,7 +49,7 @@ TEST(CaptureReader, Times_CountFromTheFirstPacketAndNeverFall) {
   EXPECT_EQ(packets[2].time_ns, 5000);
 }
 
-TEST(CaptureReader, WhatIsNoCapture_IsRefusedWithTheReason) {
+TEST(CapturePackets, WhatIsNoCapture_IsRefusedWithTheReason) {
   for (const Vector& row : LoadVectors("capture_files.txt")) {
     try {
       wire::ParseCapture(ParseHex(row.fields.at(0)));
@@ -61,7 +61,7 @@ TEST(CaptureReader, WhatIsNoCapture_IsRefusedWithTheReason) {
 }
 
 // Cut anywhere or with any byte changed, a file is read or refused, nothing else.
-TEST(CaptureReader, AnyDamage_IsSurvived) {
+TEST(CapturePackets, AnyDamage_IsSurvived) {
   size_t refused = 0;
   const auto read = [&](const Bytes& file) {
     try {
