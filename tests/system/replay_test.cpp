@@ -1,10 +1,15 @@
 // Captures that become controllers: what the service captured is replayed to it.
 
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <stdexcept>
 
 #include "support/vectors.h"
 #include "support/wait.h"
@@ -100,6 +105,86 @@ TEST_F(Replay, ToAHostThatSendsSomethingElse_EndsForBoth) {
   EXPECT_THAT(said, HasSubstr(" was wanted\n"));
   EXPECT_EQ(handset.WaitForEnd(), "");
 }
+
+// How a bring-up went.
+struct Outcome {
+  std::vector<std::string> commands;  // that the controller got, as its trace shows them
+  std::string reason;                 // of the crash
+  std::string failed;                 // what the log says about the command that failed
+};
+
+// What follows text in its line.
+std::string Behind(const std::string& text, const std::string& all) {
+  const size_t at = all.find(text);
+  return at == std::string::npos ? "" : all.substr(at, all.find('\n', at) - at);
+}
+
+// Lets the service fail while it captures on disk. Its crash files wait for a log of the kernel,
+// which does not end before the capture is complete.
+Outcome Fail(Handset& handset, bool ends) {
+  const std::string capture = handset.Path("data/vendor/bluetooth/capture.pcapng");
+  const std::string log = handset.Path("dev/logbuffer_btlpm");
+  std::filesystem::remove(log);
+  EXPECT_EQ(mkfifo(log.c_str(), 0600), 0);
+  WriteFile(handset.Path("data/property/persistent.prop"),
+            "persist.bluetooth.capture=pcapng:10m:2\n");
+  handset.StartService();
+  const auto failed = [&] { return ContentsOf(handset.Path("data/vendor/ssrdump")); };
+  const auto is_complete = [&] {
+    const std::vector<TraceLine> trace = handset.Trace();
+    const auto count = std::count_if(trace.begin(), trace.end(),
+                                     [](const TraceLine& line) { return line.direction != '-'; });
+    try {
+      return PacketsOf(capture).size() == static_cast<size_t>(count);
+    } catch (const std::runtime_error&) {  // half written
+      return false;
+    }
+  };
+  EXPECT_TRUE(WaitFor([&] {
+    const android::base::unique_fd writer(open(log.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (writer.ok()) {
+      EXPECT_TRUE(WaitFor(is_complete));
+    }
+    return ends ? handset.service().Wait(std::chrono::milliseconds(0)).has_value()
+                : !failed().empty();
+  })) << Tail(handset.Log());
+  if (ends) {
+    EXPECT_EQ(handset.WaitForEnd(), "");
+  }
+  Outcome outcome;
+  for (const TraceLine& line : handset.Trace()) {
+    if (line.direction == '>') outcome.commands.push_back(line.text);
+  }
+  if (!failed().empty()) outcome.reason = Behind("crash_reason: ", failed().front());
+  outcome.failed = Behind("btzvk_send_command_wait_complete: 0x", handset.Log());
+  return outcome;
+}
+
+class CapturedFailure : public ::testing::TestWithParam<Vector> {};
+
+TEST_P(CapturedFailure, MadeAScenario_FailsTheSameWay) {
+  const std::vector<std::string>& row = GetParam().fields;
+  const std::vector<std::string> options = SplitTrimmed(row.at(0), ' ');
+  Handset captured(Replaced(row.at(1), ";", "\n"), Mode::kAccelerated, options);
+  const bool ends = row.at(3) == "ends";
+  const Outcome wanted = Fail(captured, ends);
+  EXPECT_EQ(wanted.reason, "crash_reason: " + row.at(2));
+  const std::string capture = captured.Path("data/vendor/bluetooth/capture.pcapng");
+  const std::string scenario = captured.Path("again");
+  const CtlResult made = captured.Ctl({"capture", "--to-scenario", capture, "-o", scenario});
+  ASSERT_EQ(made.exit_code, 0) << made.output;
+  const std::string text = ReadFile(scenario);
+
+  Handset again(text, Mode::kAccelerated, options);
+  const Outcome got = Fail(again, ends);
+  EXPECT_EQ(got.reason, wanted.reason) << text;
+  EXPECT_EQ(got.failed, wanted.failed) << text;
+  EXPECT_TRUE(got.commands == wanted.commands) << text;
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, CapturedFailure,
+                         ::testing::ValuesIn(LoadVectors("captured_failures.txt")),
+                         [](const auto& row) { return row.param.name; });
 
 }  // namespace
 }  // namespace test

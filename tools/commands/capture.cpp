@@ -11,8 +11,10 @@
 #include "tools/capture/capture_file.h"
 #include "tools/capture/capture_source.h"
 #include "tools/capture/record_splitter.h"
+#include "tools/capture/scenario_writer.h"
 #include "tools/commands/capture_words.h"
 #include "tools/commands/commands.h"
+#include "tools/wire/capture_packets.h"
 
 namespace bthalctl {
 namespace {
@@ -21,6 +23,7 @@ struct CaptureOptions : CommandValues {
   std::string output;
   std::string format = "pcapng";
   std::string rotate;
+  std::string to_scenario;  // a capture; empty: one is made
   CaptureWords words;
   uint64_t count = 0;  // 0: no end
   double seconds = 0;  // 0: no end
@@ -67,7 +70,23 @@ class Counter {
   TimePoint next_ = Clock::now();
 };
 
+void WriteScenario(const CaptureOptions& capture) {
+  std::string text;
+  try {
+    text = ScenarioOf(wire::ReadCaptureOfBringUp(capture.to_scenario), capture.to_scenario);
+  } catch (const std::runtime_error& error) {
+    throw Failure(error.what());
+  }
+  CaptureFile file(capture.output.empty() ? "-" : capture.output, {});
+  file.Write({RecordKind::kPacket, Bytes(text.begin(), text.end())});
+}
+
 void Capture(const Options& options, const CaptureOptions& capture) {
+  if (!capture.to_scenario.empty()) {
+    WriteScenario(capture);
+    return;
+  }
+  if (capture.output.empty()) throw Failure(ExitCode::kUsage, "--output is required");
   const Rotation rotation = ParseRotation(capture.rotate);
   if (capture.output == "-" && rotation.size_bytes > 0) {
     throw Failure(ExitCode::kUsage, "--rotate is for files");
@@ -105,8 +124,8 @@ void AddCapture(CLI::App& app, const Options& options) {
   auto [command, capture] =
       AddCommand(app, options, Capture, "capture",
                  "write every packet between the service and the controller to a file");
-  command.add_option("-o,--output", capture.output, "file to write; - is standard output")
-      ->required();
+  CLI::Option* const output =
+      command.add_option("-o,--output", capture.output, "file to write; - is standard output");
   command.add_option("-f,--format", capture.format, "format of the file")
       ->capture_default_str()
       ->check(CLI::IsMember({"pcapng", "btsnoop", "monitor"}));
@@ -117,12 +136,21 @@ void AddCapture(CLI::App& app, const Options& options) {
   AddCaptureWords(command, capture.words);
   command.add_option("-n,--count", capture.count, "end after so many packets");
   AddSeconds(command, "-t,--time", capture.seconds, "end after so many seconds", 0, 86400);
+  const std::vector<CLI::Option*> of_captures = command.get_options([&](const CLI::Option* option) {
+    return option != output && option != command.get_help_ptr();
+  });
+  CLI::Option* const to_scenario =
+      command.add_option("--to-scenario", capture.to_scenario,
+                         "make no capture: write a scenario for zvksim of this one");
+  to_scenario->type_name("CAPTURE");
+  for (CLI::Option* const option : of_captures) to_scenario->excludes(option);
   command.footer(
       "pcapng is for Wireshark, monitor for btmon, btsnoop for both. Ctrl-C ends it.\n"
       "Examples:\n"
       "  bthalctl capture -o - | wireshark -k -i -\n"
       "  bthalctl capture -o radio.pcapng --bring-up --rotate 10m:5\n"
-      "  bthalctl capture -o - -f monitor --no-advertising | btmon -r /dev/stdin");
+      "  bthalctl capture -o - -f monitor --no-advertising | btmon -r /dev/stdin\n"
+      "  bthalctl capture --to-scenario radio.pcapng -o radio.txt; zvksim --scenario radio.txt …");
 }
 
 }  // namespace bthalctl
