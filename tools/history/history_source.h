@@ -1,0 +1,22 @@
+// Where histories come from.
+#pragma once
+
+#include <vector>
+
+#include "tools/commands/commands.h"
+#include "tools/history/history.h"
+#include "tools/log/log_line.h"
+
+namespace bthalctl {
+
+// The log of the root folder's service, the older part first. Empty when there is none.
+std::vector<LogLine> ReadServiceLog();
+
+// Of the running service: its last bring-up, and what passes from now on for so many seconds, or
+// until SIGINT. Throws Failure(kNoService).
+History RecordHistory(const Options& options, double seconds);
+
+// Of a log alone: its last bring-up and what is told from then on.
+History HistoryOfLog(const std::vector<LogLine>& log);
+
+}  // namespace bthalctl
