@@ -15,6 +15,8 @@ namespace {
 
 // So long until what the service has kept has come.
 constexpr double kKeptPackets = 0.05;
+// As the platform's own bug report has it.
+constexpr std::chrono::seconds kAnswerTime{2};
 
 int64_t NowNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -43,7 +45,9 @@ History RecordHistory(const Options& options, double seconds) {
   CaptureWords words;
   words.bring_up = true;
   words.no_data = true;
-  const auto source = OpenCapture(FindService(options.wait()), "monitor", words);
+  const auto service = FindService(options.wait());
+  DemandAnswer(service, kAnswerTime);
+  const auto source = OpenCapture(service, "monitor", words);
   CaptureReader reader;
   HistoryRecorder recorder;
   ForEachRecord(source, EndAfter(std::max(seconds, kKeptPackets)),
