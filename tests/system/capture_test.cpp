@@ -231,8 +231,7 @@ TEST_F(Capture, LiveThroughExtcap_AndTheDissectorNamesTheVendorPart) {
 
   // tshark runs no script for root.
   const std::string script = folder_ / "bthal.lua";
-  std::filesystem::copy_file(
-      std::filesystem::path(__FILE__).parent_path() / "../../tools/wireshark/bthal.lua", script);
+  std::filesystem::copy_file(WIRESHARK_SCRIPT, script);
   std::filesystem::permissions(folder_.path(), std::filesystem::perms::others_exec,
                                std::filesystem::perm_options::add);
   const std::string user =
