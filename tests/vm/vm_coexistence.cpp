@@ -119,7 +119,9 @@ class Device {
   void AnswerWith(uint64_t unique, const Body& body) {
     Send(unique, 0, &body, sizeof body);
   }
-  void Answer(uint64_t unique, const std::string& body) { Send(unique, 0, body.data(), body.size()); }
+  void Answer(uint64_t unique, const std::string& body) {
+    Send(unique, 0, body.data(), body.size());
+  }
   void Send(uint64_t unique, int32_t error, const void* body, size_t size) {
     fuse_out_header header = {static_cast<uint32_t>(sizeof(fuse_out_header) + size), error, unique};
     const iovec parts[] = {{&header, sizeof header}, {const_cast<void*>(body), size}};
