@@ -2,6 +2,10 @@
 
 find_package(Threads REQUIRED)
 
+# Results do not depend on where they were built: messages and debug information name files as seen
+# from the top of the sources.
+add_compile_options(-ffile-prefix-map=${CMAKE_BINARY_DIR}=build -ffile-prefix-map=${CMAKE_SOURCE_DIR}=.)
+
 # The platform libraries that Debian ships: <android-base/…>, <utils/…>, <cutils/…>, <log/…>.
 set(android_lib_dir /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)
 add_library(android_libs INTERFACE)

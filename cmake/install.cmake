@@ -7,3 +7,10 @@ set_target_properties(bthal_daemon ${installed_programs} PROPERTIES
 install(TARGETS bthal_daemon RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/bthal)
 install(TARGETS ${installed_programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES packaging/linux/default.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/bthal)
+
+# The manual pages; "man bthal" finds the service's, too.
+file(GLOB manual_pages CONFIGURE_DEPENDS docs/man/*.[1-8])
+foreach(page ${manual_pages})
+  string(REGEX MATCH "[1-8]$" section ${page})
+  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()

@@ -56,6 +56,7 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
   bthalctl::AddScan(app, options);
   bthalctl::AddMonitor(app, options);
   bthalctl::AddCapture(app, options);
+  bthalctl::AddTimeline(app, options);
   bthalctl::AddLoopback(app, options);
   bthalctl::AddPeer(app, options);
   group("Bluetooth");

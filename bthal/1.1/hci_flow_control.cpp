@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "evidence/report.h"
+#include "tap/tap.h"
 
 namespace android::hardware::bluetooth::hci {
 namespace {
@@ -60,6 +61,11 @@ std::shared_ptr<HciFlowControl> HciFlowControl::Create(PacketReceivers receivers
       new HciFlowControl(std::move(receivers), std::move(downlink)));
 }
 
+void HciFlowControl::NoteWaiting() const {
+  tap::Tap::Get().State("commands_waiting", std::to_string(command_queue_.size() -
+                                                           (command_queue_.front().sent ? 1 : 0)));
+}
+
 void HciFlowControl::Connect(const Connector& connect) {
   PacketReceivers receivers = receivers_;
   receivers.event = [weak = weak_from_this()](const hidl_vec<uint8_t>& event) {
@@ -106,6 +112,7 @@ size_t HciFlowControl::Send(uint8_t type, const uint8_t* data, size_t length) {
     command_queue_.emplace_back(data, length);
     HciCmdFrame& frame = command_queue_.back();
     if (command_queue_.size() >= 2) {
+      NoteWaiting();
       LOG(DEBUG) << __func__ << ": HCI CMD Frame <" << toString(frame.data) << "> enqueued";
       return length;
     }
@@ -182,6 +189,7 @@ void HciFlowControl::HciEventPostProcess(const hidl_vec<uint8_t>& event) {
   HciCmdFrame& next = command_queue_.front();
   LOG(DEBUG) << __func__ << ": HCI CMD Frame <" << toString(next.data) << "> dequeued";
   next.sent = true;
+  NoteWaiting();
   Transmit(HCI_PACKET_TYPE_COMMAND, next.data.data(), next.data.size(), true);
 }
 

@@ -80,6 +80,7 @@ class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
 
   // Logs that operation came too late. Returns whether it did.
   bool IsHalted(const char* operation) const;
+  void NoteWaiting() const REQUIRES(lock_);
   size_t Transmit(uint8_t type, const uint8_t* data, size_t length, bool flag) REQUIRES(lock_);
 
   const PacketReceivers receivers_;

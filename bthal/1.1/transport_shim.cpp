@@ -150,6 +150,7 @@ size_t Send(uint8_t type, const uint8_t* data, size_t length, bool flag) {
 
 void BaudrateChange(UartBaudRate rate) {
   OpenTransport().BaudrateChange(rate);
+  tap::Tap::Get().State("line_baud", std::to_string(static_cast<uint32_t>(rate)));
   std::lock_guard<std::mutex> guard(State().lock);
   State().told.line_baud = static_cast<uint32_t>(rate);
 }

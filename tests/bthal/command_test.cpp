@@ -131,6 +131,36 @@ TEST(DeviceAddress, IsReadAndWritten) {
   });
 }
 
+// What the controller says to the address, and what the stack sees of it.
+TEST(DeviceAddress, Answer_EndsTheWaitAndStaysFromTheStack) {
+  test::WriteFile(test::RootFolder() + "/proc/device-tree/chosen/config/bt_addr",
+                  "00:11:22:33:44:55");
+  const struct {
+    const char* events;
+    bool accepted;
+    size_t for_the_stack;
+    const char* line;
+  } rows[] = {
+      {"0E 04 01 01 FC 00", true, 0, "Recv Success VSE <[6]{14, 4, 1, 1, 252, 0}>"},
+      {"0E 04 01 01 FC 12", false, 0, "Recv Failure VSE <[6]{14, 4, 1, 1, 252, 18}>"},
+      // A controller that does not know the command may say so by Command Status.
+      {"0F 04 01 01 01 FC", false, 0, "Recv Failure VSE <[6]{15, 4, 1, 1, 1, 252}>"},
+      // Not an answer yet.
+      {"0F 04 00 01 01 FC 04 0E 04 01 01 FC 00", true, 1, "Recv Success VSE <[6]{14, 4, 1, 1,"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.events);
+    UartRig rig;
+    ASSERT_TRUE(rig.Open());
+    ScriptedController controller(rig.pty(),
+                                  [&](const Bytes&) { return test::ParseHex(row.events); });
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(hci::ApplyProvisionBDAddress(rig.flow().get(), Never), row.accepted);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(row.line));
+    EXPECT_EQ(rig.TakeReceived().size(), row.for_the_stack);
+  }
+}
+
 // Starts without an answer of the controller's; abandoned or halted while it waits, or before.
 TEST(DeviceAddress, Wait_EndsWhenHaltedOrAbandoned) {
   EXPECT_FALSE(hci::ApplyProvisionBDAddress(nullptr, Never));

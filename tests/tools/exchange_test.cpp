@@ -1,9 +1,11 @@
 #include "tools/link/exchange.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "fake_link.h"
 #include "tools/base/failure.h"
+#include "tools/link/le_peer.h"
 #include "tools/link/transfer.h"
 
 namespace bthalctl {
@@ -69,6 +71,41 @@ TEST(Transfer, LostAlteredOrRepeatedPacket_Fails) {
     EXPECT_THROW(Transfer(exchange, {{PacketType::kAcl, 1, 100, 4, true}}, options, nothing),
                  Failure);
   }
+}
+
+// A peer that asks and notifies before it answers.
+TEST(LePeer, PeerThatIsAClientToo_IsRefusedAndStillGivesItsName) {
+  FakeLink link;
+  const auto from_peer = [&](const char* att) {
+    const Bytes message = ParseHex(att);
+    const auto size = static_cast<unsigned>(message.size());
+    link.Arrive({PacketType::kAcl,
+                 Writer().U16(0x2040).U16(size + 4).U16(size).U16(4).Append(message).Done()});
+  };
+  link.on_send = [&](const Packet& packet) {
+    if (packet.type == PacketType::kCommand) {
+      Packet done = Event("0E 04 01 00 00 00");
+      done.bytes[3] = packet.bytes[0];
+      done.bytes[4] = packet.bytes[1];
+      link.Arrive(done);
+      if (packet.bytes == ParseHex("0C 20 02 01 00")) {  // the scan begins
+        link.Arrive(Event("3E 0C 02 01 00 00 01 02 03 04 05 06 00 C4"));
+      } else if (packet.bytes[0] == 0x0D) {  // the connection
+        link.Arrive(Event("3E 13 01 00 40 00 00 00 01 02 03 04 05 06 06 00 00 00 90 01 00"));
+      } else if (packet.bytes[0] == 0x06) {  // its end
+        link.Arrive(Event("05 04 00 40 00 16"));
+      }
+    } else if (packet.bytes.at(8) == 0x08) {  // the name is asked for
+      from_peer("02 05 02");
+      from_peer("1B 03 00 09");
+      from_peer("01 10 01 00 0A");
+      from_peer("09 06 03 00 41 42 43 44");
+    }
+  };
+  Exchange exchange(link);
+  EXPECT_EQ(LePeer(exchange, "06:05:04:03:02:01").ReadDeviceName(), "ABCD");
+  const Packet refusal = {PacketType::kAcl, ParseHex("40 00 09 00 05 00 04 00 01 02 00 00 06")};
+  EXPECT_THAT(link.sent, ::testing::Contains(refusal));
 }
 
 }  // namespace

@@ -89,22 +89,4 @@ void ForEachRecord(const unique_fd& source, TimePoint deadline,
   }
 }
 
-void ForEachRecordIn(const std::string& path,
-                     const std::function<bool(const CaptureRecord&)>& take) {
-  const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.ok()) throw Failure(WithErrno("cannot read " + path));
-  RecordSplitter splitter;
-  std::array<uint8_t, 65536> buffer;
-  for (;;) {
-    const ssize_t n = TEMP_FAILURE_RETRY(read(file.get(), buffer.data(), buffer.size()));
-    if (n < 0) throw Failure(WithErrno("cannot read " + path));
-    if (n == 0) break;
-    splitter.Put(wire::ByteView(buffer.data(), static_cast<size_t>(n)));
-    while (const std::optional<CaptureRecord> record = splitter.Next()) {
-      if (!take(*record)) return;
-    }
-  }
-  if (!splitter.empty()) throw Failure(path + " ends within a record");
-}
-
 }  // namespace bthalctl

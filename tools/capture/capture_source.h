@@ -33,8 +33,5 @@ struct CaptureWords {
 // refuses it.
 void ForEachRecord(const ::android::base::unique_fd& source, TimePoint deadline,
                    const std::function<bool(const CaptureRecord&)>& take);
-// The same for a file, to its end. Throws Failure when it is not whole.
-void ForEachRecordIn(const std::string& path,
-                     const std::function<bool(const CaptureRecord&)>& take);
 
 }  // namespace bthalctl

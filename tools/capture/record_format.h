@@ -11,13 +11,14 @@ namespace bthalctl::record_format {
 // Blocks of pcapng.
 constexpr uint32_t kSectionHeader = 0x0A0D0D0A, kInterface = 1, kEnhancedPacket = 6;
 constexpr size_t kPacketData = 28;  // where an enhanced packet's data begin
+// Options, of any block, of a packet and of an interface.
+constexpr uint16_t kComment = 1, kPacketFlags = 2, kDropCount = 4, kTimeResolution = 9;
 
 constexpr size_t kBtsnoopHead = 16;    // of a file
 constexpr size_t kBtsnoopRecord = 24;  // before the bytes of a record
 
 // Opcodes of the monitor socket.
-constexpr uint16_t kMonitorNewIndex = 0, kMonitorOpenIndex = 8, kMonitorNote = 12,
-                   kMonitorUserLog = 13;
+constexpr uint16_t kMonitorNewIndex = 0, kMonitorOpenIndex = 8, kMonitorNote = 12;
 
 inline uint64_t Big(wire::ByteView bytes, size_t at, size_t width) {
   uint64_t value = 0;

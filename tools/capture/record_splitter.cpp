@@ -14,11 +14,10 @@ bool IsBtsnoop(wire::ByteView bytes) {
 
 // Packets lost before a packet block; 0 without that option.
 uint64_t DropCount(wire::ByteView block) {
-  constexpr uint16_t kDropCount = 4;
   uint64_t lost = 0;
   record_format::ForEachOption(block, record_format::PacketOptions(block),
                                [&](uint16_t code, wire::ByteView value) {
-                                 if (code == kDropCount) lost = value.Little(0, 8);
+                                 if (code == record_format::kDropCount) lost = value.Little(0, 8);
                                });
   return lost;
 }

@@ -67,6 +67,7 @@ void AddCmd(CLI::App& app, const Options& options);
 void AddScan(CLI::App& app, const Options& options);
 void AddCapture(CLI::App& app, const Options& options);
 void AddMonitor(CLI::App& app, const Options& options);
+void AddTimeline(CLI::App& app, const Options& options);
 void AddDebug(CLI::App& app, const Options& options);
 void AddCrashes(CLI::App& app, const Options& options);
 void AddAfh(CLI::App& app, const Options& options);

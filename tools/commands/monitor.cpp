@@ -2,11 +2,13 @@
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string_view>
 
 #include "tools/base/failure.h"
 #include "tools/base/terminal.h"
+#include "tools/capture/capture_reader.h"
 #include "tools/capture/packet_filter.h"
-#include "tools/capture/record_content.h"
 #include "tools/commands/capture_words.h"
 #include "tools/commands/commands.h"
 
@@ -48,26 +50,32 @@ class Printer {
     if (options.file.empty()) day_ = LocalTime(std::time(nullptr) * int64_t{1'000'000'000}).day;
   }
 
-  void Show(const RecordContent& content) {
-    const LocalTime time(content.time_ns);
-    for (const std::string& note : content.notes) {
-      // As the service writes them: "W " and more before what is trouble.
-      const bool trouble = note.size() > 1 && note[1] == ' ' && note[0] != 'I';
-      const Colour colour = !trouble              ? Colour::kBold
-                            : note.front() == 'W' ? Colour::kYellow
-                                                  : Colour::kRed;
-      Line(time, {{"note", note}}, "=", colour, Paint(colour, note));
+  void Show(const Captured& item) {
+    const LocalTime time(item.time_ns);
+    if (!item.note.empty()) ShowNote(time, item.note);
+    if (item.lost > 0) {
+      const std::string text = std::to_string(item.lost) +
+                               (item.lost == 1 ? " packet is" : " packets are") + " missing here";
+      Line(time, {{"lost", item.lost}}, "!", Colour::kRed, Paint(Colour::kRed, text));
     }
-    if (content.lost > 0) {
-      const std::string text = std::to_string(content.lost) +
-                               (content.lost == 1 ? " packet is" : " packets are") +
-                               " missing here";
-      Line(time, {{"lost", content.lost}}, "!", Colour::kRed, Paint(Colour::kRed, text));
-    }
-    if (content.packet) ShowPacket(time, *content.packet, content.from_controller);
+    if (item.packet) ShowPacket(time, *item.packet, item.from_controller);
   }
 
  private:
+  void ShowNote(const LocalTime& time, const std::string& note) {
+    constexpr std::string_view kLoss = " missing here";  // the packet behind it tells that, too
+    if (note.size() > kLoss.size() &&
+        note.compare(note.size() - kLoss.size(), kLoss.size(), kLoss) == 0) {
+      return;
+    }
+    // As the service writes them: "W " and more before what is trouble.
+    const bool trouble = note.size() > 1 && note[1] == ' ' && note[0] != 'I';
+    const Colour colour = !trouble         ? Colour::kBold
+                          : note[0] == 'W' ? Colour::kYellow
+                                           : Colour::kRed;
+    Line(time, {{"note", note}}, "=", colour, Paint(colour, note));
+  }
+
   void ShowPacket(const LocalTime& time, const Packet& packet, bool from_controller) {
     const std::string text = wire::Describe(packet);
     Line(time,
@@ -104,20 +112,18 @@ class Printer {
 };
 
 void Monitor(const Options& options, const MonitorOptions& monitor) {
-  RecordReader reader;
   Printer printer(monitor);
   uint64_t shown = 0;
-  const auto show = [&](RecordContent content) {
-    printer.Show(content);
-    if (content.packet) ++shown;
+  const auto show = [&](const Captured& item) {
+    printer.Show(item);
+    if (item.packet) ++shown;
     return shown == 0 || shown != monitor.count;
   };
   if (!monitor.file.empty()) {
     const PacketFilter filter(monitor.words);
-    ForEachRecordIn(monitor.file, [&](const CaptureRecord& record) {
-      RecordContent content = reader.Read(record);
-      if (content.packet && !filter.Passes(*content.packet)) content.packet.reset();
-      return show(std::move(content));
+    ReadCapture(monitor.file, [&](Captured item) {
+      if (item.packet && !filter.Passes(*item.packet)) item.packet.reset();
+      return show(item);
     });
     return;
   }
@@ -125,8 +131,13 @@ void Monitor(const Options& options, const MonitorOptions& monitor) {
   // In this format notes come at once, not with the packet behind them.
   const auto source = OpenCapture(FindService(options.wait()), "monitor", monitor.words);
   std::fputs("following the service\n", stderr);
+  CaptureReader reader;
   ForEachRecord(source, EndAfter(monitor.seconds), [&](const CaptureRecord& record) {
-    const bool go_on = show(reader.Read(record));
+    reader.Put(record.bytes);
+    bool go_on = true;
+    while (const std::optional<Captured> item = go_on ? reader.Next() : std::nullopt) {
+      go_on = show(*item);
+    }
     // Whoever reads this has gone: there is nothing left to do.
     return std::fflush(stdout) == 0 && go_on;
   });

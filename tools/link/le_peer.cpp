@@ -12,15 +12,18 @@ namespace {
 constexpr std::chrono::seconds kFindTime{10};
 constexpr std::chrono::seconds kPeerAnswerTime{10};
 constexpr uint16_t kAttChannel = 4;
-constexpr uint16_t kSignallingChannel = 5;
 constexpr uint16_t kDeviceName = 0x2A00;
 constexpr uint8_t kReadByTypeRequest = 0x08;
-constexpr uint8_t kReadByTypeResponse = 0x09;
 constexpr uint8_t kErrorResponse = 0x01;
+constexpr uint8_t kRequestNotSupported = 0x06;
 constexpr uint8_t kByUser = 0x13;
 constexpr uint64_t kAllEvents = 0x3FFF'FFFF'FFFF'FFFF;
 // Up to LE Extended Advertising Report, but the plain LE Connection Complete, not the enhanced one.
 constexpr uint64_t kLeEventMask = 0x1DFF;
+
+// ATT methods come in pairs, the request's code even, its response's odd; one with bit 6 is a
+// command and has none (Core 5.3, 3.F.3.3). 0x1E confirms an indication.
+bool IsAttRequest(uint8_t code) { return code % 2 == 0 && (code & 0x40) == 0 && code != 0x1E; }
 
 }  // namespace
 
@@ -105,10 +108,14 @@ LePeer::~LePeer() {
   }
 }
 
-Bytes LePeer::AttRequest(const Bytes& request) {
+void LePeer::SendAtt(const Bytes& message) {
   Writer frame;
-  frame.U16(static_cast<unsigned>(request.size())).U16(kAttChannel).Append(request);
+  frame.U16(static_cast<unsigned>(message.size())).U16(kAttChannel).Append(message);
   exchange_.link().Send(DataPacket(PacketType::kAcl, handle_, 0, frame.Done()));
+}
+
+Bytes LePeer::AttRequest(const Bytes& request) {
+  SendAtt(request);
   const TimePoint deadline = Clock::now() + kPeerAnswerTime;
   Bytes frame_in;
   while (const std::optional<Packet> packet = exchange_.Next(deadline)) {
@@ -122,9 +129,12 @@ Bytes LePeer::AttRequest(const Bytes& request) {
     Reader frame_reader(frame_in);
     const size_t size = frame_reader.U16();
     const uint16_t channel = frame_reader.U16();
-    if (frame_in.size() < 4 || frame_reader.left() < size || channel == kSignallingChannel)
-      continue;
-    if (channel == kAttChannel) return frame_reader.Rest();
+    if (frame_in.size() < 4 || frame_reader.left() < size || channel != kAttChannel) continue;
+    Bytes message = frame_reader.Rest();
+    const uint8_t code = Reader(message).U8();
+    const bool refused = code == kErrorResponse && message.size() > 1 && message[1] == request[0];
+    if (refused || code == request[0] + 1) return message;
+    if (IsAttRequest(code)) SendAtt({kErrorResponse, code, 0, 0, kRequestNotSupported});
   }
   throw Failure("the peer did not answer an ATT request");
 }
@@ -134,12 +144,10 @@ std::string LePeer::ReadDeviceName() {
   request.U8(kReadByTypeRequest).U16(0x0001).U16(0xFFFF).U16(kDeviceName);
   const Bytes answer = AttRequest(request.Done());
   Reader in(answer);
-  const uint8_t code = in.U8();
-  if (code == kErrorResponse) throw Failure("the peer has no device name");
+  if (in.U8() == kErrorResponse) throw Failure("the peer has no device name");
   const uint8_t entry = in.U8();
   in.Skip(2);
-  if (code != kReadByTypeResponse || entry < 2)
-    throw Failure("the peer's ATT answer makes no sense");
+  if (entry < 2) throw Failure("the peer's ATT answer makes no sense");
   const Bytes name = in.Take(entry - 2u);
   return std::string(name.begin(), name.end());
 }

@@ -34,6 +34,9 @@ class LePeer {
   std::string ReadDeviceName();
 
  private:
+  void SendAtt(const Bytes& message);
+  // Returns the answer: the response, or the error response. A request of the peer's own, which
+  // may be a client, too, is refused.
   Bytes AttRequest(const Bytes& request);
 
   Exchange& exchange_;

@@ -10,7 +10,8 @@ namespace {
 
 using Kind = Progress::Kind;
 
-enum class Meaning { kBegins, kEnds, kFails, kMark };
+// A start is the mark with which a bring-up begins.
+enum class Meaning { kBegins, kEnds, kFails, kMark, kStart };
 
 // What a log line means. Its text begins with before; what follows, up to after, is the detail. A
 // line that ends a step, well or not, ends only the step of that name. Of several rules that fit
@@ -24,10 +25,10 @@ struct Rule {
 };
 
 constexpr Rule kRules[] = {
-    {"bthal.zvkbtlinux", "initialize_impl", nullptr, Meaning::kMark, "a stack attaches"},
-    {"bthal.zvkbtlinux", "thread_perform_init", nullptr, Meaning::kMark,
+    {"bthal.zvkbtlinux", "initialize_impl", nullptr, Meaning::kStart, "a stack attaches"},
+    {"bthal.zvkbtlinux", "thread_perform_init", nullptr, Meaning::kStart,
      "the service brings the controller up ahead of any stack"},
-    {"bthal.zvkbtlinux", "thread_perform_reinit", nullptr, Meaning::kMark,
+    {"bthal.zvkbtlinux", "thread_perform_reinit", nullptr, Meaning::kStart,
      "the stack has died: the service brings the controller up again"},
     {"coex_device", "DeviceOpen", nullptr, Meaning::kBegins, "coexistence device"},
     {"bthal.zvkbtlinux", "open_coex_dev: return ret (1), count:", "", Meaning::kEnds,
@@ -132,6 +133,12 @@ const Rule* RuleOf(const LogLine& line, std::string* detail) {
 
 }  // namespace
 
+bool BringUpSteps::IsStart(const LogLine& line) {
+  std::string detail;
+  const Rule* const rule = RuleOf(line, &detail);
+  return rule != nullptr && rule->meaning == Meaning::kStart;
+}
+
 std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
   std::vector<Progress> out;
   if (!start_) start_ = line.time;
@@ -168,6 +175,7 @@ std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
       End(rule->meaning == Meaning::kEnds ? Kind::kEnd : Kind::kFailed, now, &out);
       break;
     case Meaning::kMark:
+    case Meaning::kStart:
       out.push_back({Kind::kMark, now, {}, rule->step, ""});
       break;
   }

@@ -31,6 +31,8 @@ struct Progress {
 class BringUpSteps {
  public:
   std::vector<Progress> Feed(const LogLine& line);
+  // Whether a bring-up begins with this line.
+  static bool IsStart(const LogLine& line);
 
  private:
   struct Step {

@@ -32,7 +32,7 @@ void AnchorRecords::Add(AnchorType type, const std::string& text) {
       record->text = text;
     }
   }
-  if (const Listener listener = listener_.load(std::memory_order_acquire)) listener(text);
+  if (const Listener listener = listener_.load(std::memory_order_acquire)) listener(type, text);
 }
 
 std::array<AnchorRecords::Record*, 2> AnchorRecords::NewRecords(AnchorType type) {

@@ -31,7 +31,7 @@ class AnchorRecords {
 
   void Add(AnchorType type, const std::string& text);
   // Called for each record that is added as a text, on its thread; must not add one.
-  using Listener = void (*)(const std::string& text);
+  using Listener = void (*)(AnchorType type, const std::string& text);
   void SetListener(Listener listener) { listener_.store(listener, std::memory_order_release); }
   // suffix is appended to the formatter's text; it must be a literal.
   void Add(AnchorType type, AnchorFormatter formatter, const AnchorValues& values,

@@ -21,6 +21,7 @@
 #include "evidence/debug_files.h"
 #include "evidence/report.h"
 #include "h4/line_settings.h"
+#include "tap/tap.h"
 
 namespace android::hardware::bluetooth::hwcontrol {
 namespace {
@@ -153,6 +154,7 @@ bool BtHwControl::PowerControl(bool on) {
     evidence::Report(BqrErrorCode::HostPowerUpController, "Cannot write power control data");
     return false;
   }
+  tap::Tap::Get().State("power", on ? "on" : "off");
   return true;
 }
 

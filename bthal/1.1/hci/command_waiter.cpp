@@ -9,6 +9,7 @@ uint8_t CommandWaiter::SendAndWait(HciFlowControl& flow, const std::vector<uint8
   const auto deadline =
       std::chrono::steady_clock::now() + limit.value_or(std::chrono::milliseconds(0));
   flow.RegisterEventWatcher(this);
+  if (!limit) flow.RegisterEventWatcher(&refusal_);
   if (flow.Send(HCI_PACKET_TYPE_COMMAND, command.data(), command.size()) < command.size()) {
     GiveUp();
   }
@@ -24,6 +25,7 @@ uint8_t CommandWaiter::SendAndWait(HciFlowControl& flow, const std::vector<uint8
       }
     }
   }
+  flow.UnregisterEventWatcher(&refusal_);
   flow.UnregisterEventWatcher(this);
   // An answer that came between the end of the wait and here counts.
   GiveUp();
@@ -33,14 +35,26 @@ uint8_t CommandWaiter::SendAndWait(HciFlowControl& flow, const std::vector<uint8
 
 bool CommandWaiter::OnEventReceive(const hidl_vec<uint8_t>& event) {
   LogAnswer(event, success_);
+  const bool first = Take(event, CommandCompleteStatus(event));
+  return first || keep_ == Keep::kAll;
+}
+
+bool CommandWaiter::RefusalWatcher::OnEventReceive(const hidl_vec<uint8_t>& event) {
+  if (!IsRefusal(event)) return false;
+  LogAnswer(event, base::INFO);
+  const bool first = waiter_.Take(event, ByteAt(event, 2));
+  return first || waiter_.keep_ == Keep::kAll;
+}
+
+bool CommandWaiter::Take(const hidl_vec<uint8_t>& event, uint8_t status) {
   bool first = false;
   {
     std::lock_guard<std::mutex> guard(lock_);
     first = answer_.empty();
     answer_ = event;
   }
-  Complete(CommandCompleteStatus(event));
-  return first || keep_ == Keep::kAll;
+  Complete(status);
+  return first;
 }
 
 hidl_vec<uint8_t> CommandWaiter::answer() const {

@@ -27,15 +27,17 @@ class CommandWaiter final : public HciEventWatcher {
       : HciEventWatcher(log_tag, kEventCommandComplete, opcode),
         no_answer_(no_answer),
         success_(success),
-        keep_(keep) {}
+        keep_(keep),
+        refusal_(*this) {}
 
   // Returns the status of the answer; errno is ETIMEDOUT when it does not come. The wait ends
   // without one after limit (none: no limit), when flow is halted, when the command cannot be sent,
-  // or by GiveUp().
+  // or by GiveUp(). Without a limit a Command Status that refuses the command is an answer, too,
+  // and stays from the stack: no other would come.
   uint8_t SendAndWait(HciFlowControl& flow, const std::vector<uint8_t>& command,
                       std::optional<std::chrono::milliseconds> limit) EXCLUDES(lock_);
 
-  // The last answer, also one that came after GiveUp(); empty when none has come.
+  // The last answer, a whole event, also one that came after GiveUp(); empty when none has come.
   hidl_vec<uint8_t> answer() const EXCLUDES(lock_);
 
   // Any thread.
@@ -45,12 +47,27 @@ class CommandWaiter final : public HciEventWatcher {
   void OnHalt() override { GiveUp(); }
 
  private:
+  // Takes the Command Status of the same opcode.
+  class RefusalWatcher final : public HciEventWatcher {
+   public:
+    explicit RefusalWatcher(CommandWaiter& waiter)
+        : HciEventWatcher(waiter.name().c_str(), kEventCommandStatus, waiter.opcode()),
+          waiter_(waiter) {}
+    bool OnEventReceive(const hidl_vec<uint8_t>& event) override;
+
+   private:
+    CommandWaiter& waiter_;
+  };
+
+  // Returns whether the answer is the first one.
+  bool Take(const hidl_vec<uint8_t>& event, uint8_t status) EXCLUDES(lock_);
   // The first result counts.
   void Complete(uint8_t status) EXCLUDES(lock_);
 
   const uint8_t no_answer_;
   const base::LogSeverity success_;
   const Keep keep_;
+  RefusalWatcher refusal_;
   mutable std::mutex lock_;  // a leaf
   std::condition_variable completed_;
   std::optional<uint8_t> result_ GUARDED_BY(lock_);

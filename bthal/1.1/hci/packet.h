@@ -87,6 +87,12 @@ inline uint8_t CommandCompleteStatus(const hidl_vec<uint8_t>& event) {
   return event.size() > 5 ? event[5] : kAbsent;
 }
 
+// Whether an event is a Command Status that refuses its command; one with status 0 only announces
+// a later answer.
+inline bool IsRefusal(const hidl_vec<uint8_t>& event) {
+  return ByteAt(event, 0) == kEventCommandStatus && ByteAt(event, 2) != 0;
+}
+
 // A command packet: opcode (little-endian), parameter length, parameters.
 inline std::vector<uint8_t> BuildCommand(uint16_t opcode, uint8_t length, const uint8_t* params) {
   std::vector<uint8_t> command(size_t{3} + length);

@@ -17,7 +17,33 @@ void NoteLine(int priority, const char* tag, const char* message) {
   Tap::Get().Note(level, std::string(tag == nullptr ? "" : tag) + ": " + message);
 }
 
-void NoteRecord(const std::string& text) { Tap::Get().Step(text); }
+using V1_1::zvkbtlinux::debug::AnchorType;
+
+// The records after which something is so.
+struct StateRecord {
+  AnchorType type;
+  const char* name;
+  const char* value;
+};
+
+constexpr StateRecord kStateRecords[] = {
+    {AnchorType::kWakelockAcquire, "wake_lock", "held"},
+    {AnchorType::kWakelockRelease, "wake_lock", "released"},
+    {AnchorType::kLpmAssert, "controller", "awake"},
+    {AnchorType::kLpmDeassert, "controller", "asleep"},
+    {AnchorType::kLpmDisabled, "controller", "awake"},
+    {AnchorType::kCoexOpened, "coexistence", "open"},
+    {AnchorType::kCoexThreadDone, "coexistence", "closed"},
+    {AnchorType::kUserialReady, "port", "open"},
+    {AnchorType::kUserialClose, "port", "closed"},
+};
+
+void NoteRecord(AnchorType type, const std::string& text) {
+  for (const StateRecord& record : kStateRecords) {
+    if (record.type == type) Tap::Get().State(record.name, record.value);
+  }
+  Tap::Get().Step(text);
+}
 
 }  // namespace
 

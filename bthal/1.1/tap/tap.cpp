@@ -22,6 +22,10 @@ bool IsOfBringUp(uint8_t type, const uint8_t* data, size_t size) {
           data[0] == hci::kEventVendorSpecific);
 }
 
+std::string StateText(std::string_view name, std::string_view value) {
+  return std::string("state ").append(name).append("=").append(value);
+}
+
 }  // namespace
 
 int64_t ReadClockNs(clockid_t clock) {
@@ -47,16 +51,24 @@ void Tap::Keep(uint8_t type, bool from_controller, const uint8_t* data, size_t s
 }
 
 void Tap::Note(char level, std::string_view text) {
-  if (is_on()) KeepNote(level, text, false);
+  if (!is_on()) return;
+  std::lock_guard<std::mutex> guard(lock_);
+  KeepNote(level, text);
 }
 
 void Tap::Step(std::string_view text) {
-  if (is_on()) KeepNote('I', text, true);
+  if (!is_on()) return;
+  std::lock_guard<std::mutex> guard(lock_);
+  if (in_bring_up_) KeepNote('I', text);
 }
 
-void Tap::KeepNote(char level, std::string_view text, bool step) {
+void Tap::State(std::string_view name, std::string_view value) {
   std::lock_guard<std::mutex> guard(lock_);
-  if (step && !in_bring_up_) return;
+  states_.insert_or_assign(std::string(name), std::string(value));
+  if (is_on()) KeepNote('I', StateText(name, value));
+}
+
+void Tap::KeepNote(char level, std::string_view text) {
   text = text.substr(0, kLongestNote);
   EntryHeader header;
   header.type = kNote;
@@ -140,6 +152,8 @@ std::unique_ptr<TapReader> Tap::Open(bool with_bring_up) {
   auto reader = std::make_unique<TapReader>(*this, std::move(bring_up), ring_->end(), packets_);
   readers_.push_back(reader.get());
   Switch();
+  KeepNote('I', "a capture begins");
+  for (const auto& [name, value] : states_) KeepNote('I', StateText(name, value));
   return reader;
 }
 

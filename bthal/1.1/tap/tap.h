@@ -7,8 +7,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -45,6 +48,9 @@ class Tap {
   void Note(char level, std::string_view text);
   // A note that only a bring-up is worth.
   void Step(std::string_view text);
+  // A note "state NAME=VALUE", which holds until the next one of that name. A capture begins with
+  // what holds then.
+  void State(std::string_view name, std::string_view value) EXCLUDES(lock_);
 
   // Between these, what passes is kept as the last bring-up, in place of the one before.
   void BeginBringUp() EXCLUDES(lock_);
@@ -58,7 +64,7 @@ class Tap {
   friend class TapReader;
 
   void Keep(uint8_t type, bool from_controller, const uint8_t* data, size_t size) EXCLUDES(lock_);
-  void KeepNote(char level, std::string_view text, bool step) EXCLUDES(lock_);
+  void KeepNote(char level, std::string_view text) REQUIRES(lock_);
   void Store(EntryHeader& header, const uint8_t* data, bool keep) REQUIRES(lock_);
   void Switch() REQUIRES(lock_);
 
@@ -70,6 +76,7 @@ class Tap {
   bool in_bring_up_ GUARDED_BY(lock_) = false;
   Entries bring_up_ GUARDED_BY(lock_);       // the one that is going on
   uint64_t left_out_ GUARDED_BY(lock_) = 0;  // packets of it that found no room
+  std::map<std::string, std::string, std::less<>> states_ GUARDED_BY(lock_);
   std::shared_ptr<const Entries> last_bring_up_ GUARDED_BY(lock_);
 };
 

@@ -35,10 +35,12 @@ handset() {
   await 10 grep -q ready zvksim.log
 }
 
-# service ROOT: the daemon on that root folder; "ctl" is bthalctl on it.
+service_program=/usr/libexec/bthal/android.hardware.bluetooth@1.1-service.zvkbtlinux
+
+# service ROOT [NAME]: the daemon on that root folder, its log in NAME.log (daemon.log); "ctl" is bthalctl on it.
 service() {
   service_root=$1
-  BTHAL_ROOT=$1 start daemon android.hardware.bluetooth@1.1-service.zvkbtlinux
+  BTHAL_ROOT=$1 start "${2:-daemon}" $service_program
 }
 ctl() { bthalctl --root "$service_root" --wait 20 "$@"; }
 
@@ -46,8 +48,10 @@ ctl() { bthalctl --root "$service_root" --wait 20 "$@"; }
 now() { cut -d' ' -f1 /proc/uptime; }
 since() { echo "$(now) $1" | awk '{ printf "%.1f", $1 - $2 }'; }
 
-# bluez: BlueZ, and its client, which is told things by "bt" and heard by "hear".
+# bluez [COMMAND…]: BlueZ, and its client, or the command that runs it, which is told things by "bt" and heard by
+# "hear".
 bluez() {
+  [ $# -gt 0 ] || set -- bluetoothctl
   mkdir -p /run/dbus
   rm -rf /run/dbus/*
   rm -rf /var/lib/bluetooth/*
@@ -57,7 +61,7 @@ bluez() {
   await 5 [ -S /run/dbus/system_bus_socket ]
   start bluetoothd /usr/libexec/bluetooth/bluetoothd --nodetach
   mkfifo client.in
-  start bluetoothctl sh -c 'exec stdbuf -oL bluetoothctl <client.in'
+  start bluetoothctl sh -c 'exec stdbuf -oL "$@" <client.in' client "$@"
   exec 7>client.in
   heard=0
 }
