@@ -19,6 +19,7 @@ std::string FirstLine(const std::string& text) { return text.substr(0, text.find
 
 std::vector<std::string> NamesOf(const std::vector<CompletionCommand>& commands) {
   std::vector<std::string> names;
+  names.reserve(commands.size());
   for (const CompletionCommand& command : commands) names.push_back(command.path.back());
   return names;
 }
@@ -140,11 +141,10 @@ std::string ZshArguments(const CompletionCommand& command) {
   std::string text = "  _arguments -C -S";
   for (const CompletionOption& option : command.options) {
     const std::string all = "(" + Join(option.names, ' ') + ")";
-    for (const std::string& name : option.names) {
-      const std::string value = option.takes_value ? ZshValue(option.value) : "";
-      text += " \\\n    " + Quoted(all + name + "[" + ZshText(option.what) + "]" +
-                                   (option.takes_many ? ":*-*" : "") + value);
-    }
+    std::string rest = "[" + ZshText(option.what) + "]";
+    if (option.takes_many) rest += ":*-*";
+    if (option.takes_value) rest += ZshValue(option.value);
+    for (const std::string& name : option.names) text += " \\\n    " + Quoted(all + name + rest);
   }
   for (size_t i = 0; i < command.positionals.size(); ++i) {
     const bool last = i + 1 == command.positionals.size();
