@@ -25,6 +25,8 @@ constexpr char kExamples[] =
     "Examples:\n"
     "  zvksim --root /tmp/handset\n"
     "  zvksim --root /tmp/handset --chip B5 --trace /tmp/hci.txt\n"
+    "  zvksim --root /tmp/handset --replay radio.pcapng\n"
+    "  zvksim ctl /tmp/handset on 0x0C03 nth 1 no-answer\n"
     "  zvksim make-firmware --output ZVK_B5.hcd --chip 0xB5 --size 500000\n"
     "Exit codes: 0 done, 1 failed, 2 wrong usage.";
 
@@ -67,6 +69,19 @@ class StopSignals {
   android::base::unique_fd fd_;
 };
 
+struct ControlOptions {
+  std::string root;
+  std::vector<std::string> words;
+};
+
+int Control(const ControlOptions& options) {
+  std::string text;
+  for (const std::string& word : options.words) text += (text.empty() ? "" : " ") + word;
+  const std::string refused = zvk::SendControl(options.root, text);
+  if (!refused.empty()) zvk::Log("%s", refused.c_str());
+  return refused.empty() ? 0 : kFailed;
+}
+
 int RunHandset(const zvk::HandsetOptions& options) {
   zvk::EventLoop loop;
   StopSignals signals(loop);
@@ -74,7 +89,7 @@ int RunHandset(const zvk::HandsetOptions& options) {
   std::printf("ready %s\n", handset.root().c_str());
   std::fflush(stdout);
   loop.Run();
-  return 0;
+  return handset.Finish() ? 0 : kFailed;
 }
 
 std::string ChipHelp() {
@@ -99,11 +114,13 @@ int main(int argc, char** argv) {
   app.add_option("--vendor-version", handset.vendor_version,
                  "version in the vendor capabilities (default 0x0100); quality reports of 0x0101 "
                  "and later are longer");
-  app.add_option("--radio", handset.radio,
-                 "unix:PATH or tcp:HOST:PORT: a controller emulator that speaks H4 and handles "
-                 "standard commands and data instead of the built-in radio");
+  CLI::Option* const radio_option =
+      app.add_option("--radio", handset.radio,
+                     "unix:PATH or tcp:HOST:PORT: a controller emulator that speaks H4 and handles "
+                     "standard commands and data instead of the built-in radio");
   std::string scenario;
-  app.add_option("--scenario", scenario, "file of faults and other events, one step per line");
+  CLI::Option* const scenario_option =
+      app.add_option("--scenario", scenario, "file of faults and other events, one step per line");
   app.add_option("--seed", handset.root.seed,
                  "seed of all random behaviour; the same seed repeats it");
   app.add_option("--chunk", handset.chunk, "most bytes that the serial line delivers in one write")
@@ -114,6 +131,14 @@ int main(int argc, char** argv) {
   app.add_option("--firmware-size", handset.root.firmware_bytes,
                  "bytes of the firmware images made in a new root folder")
       ->check(CLI::Range(1, 64 * 1024 * 1024));
+  CLI::Option* const replay = app.add_option("--replay", handset.replay.file,
+                                             "capture (pcapng, btsnoop) whose controller is "
+                                             "played: the host must send what it sent there; "
+                                             "exit code 0 when all of the capture was played");
+  replay->excludes(scenario_option)->excludes(radio_option);
+  app.add_flag("--replay-timing", handset.replay.timing,
+               "the controller's packets come no earlier than in the capture")
+      ->needs(replay);
   app.add_option("--trace", handset.trace_file, "file for a trace with one line per packet");
 
   FirmwareOptions firmware;
@@ -131,6 +156,13 @@ int main(int argc, char** argv) {
   make->add_flag("--bad-checksum", firmware.image.bad_checksum,
                  "write a wrong checksum, for a download that must fail");
 
+  ControlOptions control;
+  CLI::App* tell = app.add_subcommand(
+      "ctl", "Have a running simulator carry out a step of a scenario, or an action at once.");
+  tell->add_option("ROOT", control.root, "root folder that the simulator runs on")->required();
+  tell->add_option("STEP", control.words, "as a line of a scenario file; without when: now")
+      ->required();
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -138,6 +170,7 @@ int main(int argc, char** argv) {
   }
   try {
     if (make->parsed()) return MakeFirmwareFile(firmware);
+    if (tell->parsed()) return Control(control);
     handset.chip = zvk::FindChip(chip);
     if (handset.chip == nullptr || handset.root.path.empty()) {
       zvk::Log(handset.chip == nullptr ? "unknown --chip; --help lists them"

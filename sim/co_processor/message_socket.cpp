@@ -1,16 +1,12 @@
 #include "sim/co_processor/message_socket.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
+#include <unistd.h>
 
 #include "sim/base/log.h"
+#include "sim/base/unix_socket.h"
 
 namespace zvk {
 namespace {
@@ -18,10 +14,6 @@ namespace {
 constexpr size_t kMostBytes = 192 * 1024;  // of a datagram
 constexpr size_t kHeaderBytes = 16;
 constexpr Stream::Limits kHostLimits = {kMostBytes + 1, 1048576};
-
-[[noreturn]] void Fail(const std::string& what) {
-  throw std::runtime_error(what + ": " + std::strerror(errno));
-}
 
 }  // namespace
 
@@ -44,21 +36,7 @@ MessageSocket::~MessageSocket() { Close(); }
 
 void MessageSocket::Open() {
   if (listener_.ok()) return;
-  // A name of any length is bound through the folder's descriptor.
-  const size_t slash = path_.rfind('/');
-  const ::android::base::unique_fd folder(
-      open(path_.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string name = "/proc/self/fd/" + std::to_string(folder.get()) + path_.substr(slash);
-  std::strncpy(address.sun_path, name.c_str(), sizeof(address.sun_path) - 1);
-  unlink(path_.c_str());
-  listener_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!folder.ok() || !listener_.ok() ||
-      bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      chmod(path_.c_str(), 0660) != 0 || listen(listener_.get(), 4) != 0) {
-    Fail(path_);
-  }
+  listener_ = ListenUnix(path_, S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP);
   loop_.Watch(listener_.get(), EPOLLIN, [this](uint32_t) { Accept(); });
 }
 

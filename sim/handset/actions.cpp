@@ -20,11 +20,12 @@ Bytes RandomBytes(std::mt19937& random, size_t size) {
 
 Address AddressOf(const Arguments& a) { return AddressAt(a.bytes, 0); }
 
-// An action of a part that is not always there: nothing happens without it.
+// An action of a part that is not always there.
 template <typename Part, typename Run>
-ActionType::Act With(std::unique_ptr<Part> Handset::*part, Run run) {
-  return [part, run](Handset& handset, const Arguments& arguments) {
-    if (handset.*part) run(*(handset.*part), arguments);
+ActionType::Act With(std::unique_ptr<Part> Handset::*part, const char* absent, Run run) {
+  return [part, absent, run](Handset& handset, const Arguments& arguments) {
+    if (!(handset.*part)) throw NoSuchPart(absent);
+    run(*(handset.*part), arguments);
   };
 }
 
@@ -34,8 +35,12 @@ const std::vector<ActionType>& Handset::ActionTypes() {
   using A = Argument;
   constexpr auto kAnyAnswer = ActionType::Answer::kOfAnything;
   constexpr auto kAnswer = ActionType::Answer::kOfCommand;
-  const auto controller = [](auto run) { return With(&Handset::controller_, run); };
-  const auto co_processor = [](auto run) { return With(&Handset::co_processor_, run); };
+  const auto controller = [](auto run) {
+    return With(&Handset::controller_, "the controller has no power", run);
+  };
+  const auto co_processor = [](auto run) {
+    return With(&Handset::co_processor_, "there is no co-processor", run);
+  };
   using Fault = CommandFault;
   using Values = const Arguments;
   static const std::vector<ActionType> kTypes = {
@@ -105,7 +110,8 @@ const std::vector<ActionType>& Handset::ActionTypes() {
       {"co-garbage",
        {{A::kCount}},
        [](Handset& h, Values& a) {
-         if (h.co_processor_) h.co_processor_->SendRaw(RandomBytes(h.random_, a.number));
+         if (!h.co_processor_) throw NoSuchPart("there is no co-processor");
+         h.co_processor_->SendRaw(RandomBytes(h.random_, a.number));
        }},
       {"co-table", {{A::kByte}, {A::kHex, 0}}, co_processor([](CoProcessor& c, Values& a) {
          c.SendTable(a.number, a.bytes);

@@ -61,6 +61,14 @@ Handset::Handset(EventLoop& loop, const HandsetOptions& options)
     co_processor_ = std::make_unique<CoProcessor>(loop_, root_ / "run/qvr/transport",
                                                   root_ / kCoProcessorLine, CoProcessorBoard());
   }
+  if (!options.replay.file.empty()) {
+    replay_ = std::make_unique<Replay>(
+        loop_, options.replay,
+        [this](PacketType type, ByteView packet) { DeliverToHost(type, packet); });
+  } else {
+    control_ = std::make_unique<ControlSocket>(
+        loop_, root_ / kControlPath, [this](const std::string& text) { return TakeStep(text); });
+  }
   if (!options.radio.empty()) {
     radio_ = std::make_unique<RadioBridge>(
         loop_, options.radio,
@@ -82,6 +90,8 @@ Uart::Options Handset::LineOptions(const HandsetOptions& options) {
     line.link = root_ / kCoProcessorLine;
     line.host_speed = [this] { return co_processor_ ? co_processor_->line_speed() : 0; };
   }
+  // A capture does not tell the speeds.
+  if (!options.replay.file.empty()) line.host_speed = [this] { return uart_.speed(); };
   return line;
 }
 
@@ -94,6 +104,17 @@ CoProcessor::Board Handset::CoProcessorBoard() {
   };
   board.note = [this](const std::string& text) { trace_.Note(text); };
   return board;
+}
+
+std::string Handset::TakeStep(const std::string& text) {
+  DrainFiles();
+  try {
+    scenario_.Add(ParseStep(text, ActionTypes()));
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  trace_.Note("told: " + text);
+  return "";
 }
 
 void Handset::DrainFiles() {
@@ -111,14 +132,16 @@ void Handset::OnPower(bool on, bool more) {
     // Of a power cycle that is seen as a whole, what the host wrote after it is kept.
     if (!more) uart_.Drain();
     after_power_on_ = uart_.DropBacklog();
-    if (controller_) trace_.Note("power off");
+    if (powered_) trace_.Note("power off");
+    powered_ = false;
     StopController();
+    if (replay_) replay_->PowerOff();
     if (radio_) radio_->Disconnect();
     line_.Clear();
     uart_.Clear();
     return;
   }
-  if (controller_) return;
+  if (powered_) return;
   ++counts_.power_cycles;
   uart_.DropStale();
   PowerOn();
@@ -128,6 +151,7 @@ void Handset::OnPower(bool on, bool more) {
 
 void Handset::PowerOn() {
   trace_.Note("power on");
+  powered_ = true;
   if (radio_) radio_->Connect();
   StartController(Chip(!preset_.needs_patch, "ZVK ROM " + preset_.name));
 }
@@ -151,6 +175,12 @@ void Handset::OnWake(bool asserted) {
 void Handset::StartController(const ChipState& chip) {
   framer_.Reset();
   uart_.SetSpeed(kBootSpeed);
+  ++counts_.starts;
+  listening_ = true;
+  if (replay_) {
+    replay_->PowerOn();
+    return;
+  }
   BoardPort board;
   board.send = [this](PacketType type, ByteView packet) { SendToHost(type, packet); };
   if (radio_) {
@@ -166,9 +196,7 @@ void Handset::StartController(const ChipState& chip) {
         std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch()).count()));
     return now;
   };
-  ++counts_.starts;
   controller_ = std::make_unique<Controller>(loop_, random_, board, chip);
-  listening_ = true;
 }
 
 void Handset::SetSpeed(uint32_t speed) {
@@ -211,6 +239,10 @@ void Handset::OnHostBytes(ByteView bytes) {
 void Handset::OnHostPacket(PacketType type, ByteView packet) {
   ++counts_.packets_from_host;
   trace_.FromHost(type, packet);
+  if (replay_) {
+    replay_->OnHostPacket(type, packet);
+    return;
+  }
   if (type != PacketType::kCommand) {
     controller_->OnPacket(type, packet);
     return;
@@ -258,7 +290,7 @@ void Handset::BrownOut() {
 
 void Handset::OnLostSync(uint8_t bad) {
   ++counts_.sync_losses;
-  controller_->OnLostSync(bad);
+  replay_ ? replay_->OnLostSync(bad) : controller_->OnLostSync(bad);
 }
 
 void Handset::SendToHost(PacketType type, ByteView packet) {
@@ -266,6 +298,10 @@ void Handset::SendToHost(PacketType type, ByteView packet) {
     if (counts_.packets_dropped++ == 0) Log("the host does not read; packets are dropped");
     return;
   }
+  DeliverToHost(type, packet);
+}
+
+void Handset::DeliverToHost(PacketType type, ByteView packet) {
   if (!line_.Send(type, packet)) return;
   ++counts_.packets_to_host;
   trace_.ToHost(type, packet);
@@ -281,12 +317,12 @@ std::string Handset::StatusText() {
   const bool on = controller_ != nullptr;
   // One "name": value per line, so that grep does as well as a JSON reader.
   nlohmann::ordered_json json = {
-      {"powered", on},
+      {"powered", powered_},
       {"power_cycles", counts_.power_cycles},
       {"starts", counts_.starts},
       {"patched", on && controller_->chip().patched},
       {"listening", listening_},
-      {"speed_baud", on ? uart_.speed() : 0},
+      {"speed_baud", powered_ ? uart_.speed() : 0},
       {"sleep_mode", SleepMode()},
       {"lpm_enabled", lpm_enabled_},
       {"awake", Awake()},

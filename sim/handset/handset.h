@@ -7,6 +7,7 @@
 
 #include "sim/base/event_loop.h"
 #include "sim/co_processor/co_processor.h"
+#include "sim/control/control_socket.h"
 #include "sim/controller/controller.h"
 #include "sim/handset/coex_device.h"
 #include "sim/handset/line_faults.h"
@@ -17,6 +18,7 @@
 #include "sim/handset/uart.h"
 #include "sim/handset/wake_locks.h"
 #include "sim/radio/radio_bridge.h"
+#include "sim/replay/replay.h"
 #include "sim/scenario/scenario_runner.h"
 #include "sim/wire.h"
 
@@ -31,6 +33,7 @@ struct HandsetOptions {
   std::vector<Step> scenario;
   uint16_t vendor_version = 0x0100;  // of the vendor capabilities
   std::string radio;                 // unix:PATH or tcp:HOST:PORT; empty: the built-in one
+  ReplayOptions replay;
 };
 
 // The simulated handset: its root folder, the serial line and the kernel files in it, and the
@@ -42,6 +45,8 @@ class Handset {
   ~Handset();
 
   const std::string& root() const { return root_.path(); }
+  // At the end: whether all went as asked, which a replay tells.
+  bool Finish() { return !replay_ || replay_->Finish(); }
 
   // What a scenario can do to a handset.
   static const std::vector<ActionType>& ActionTypes();
@@ -66,10 +71,12 @@ class Handset {
   void OnLostSync(uint8_t bad);
   void RunCommand(ByteView packet, const AnswerChange& change);
   void SendToHost(PacketType type, ByteView packet);
+  void DeliverToHost(PacketType type, ByteView packet);
   ChipState Chip(bool patched, const std::string& local_name) const;
   void PowerOn();
   Uart::Options LineOptions(const HandsetOptions& options);
   CoProcessor::Board CoProcessorBoard();
+  std::string TakeStep(const std::string& text);
   void DrainFiles();
   void StartController(const ChipState& chip);
   void StopController();
@@ -91,6 +98,7 @@ class Handset {
   RootFolder root_;
   Trace trace_;
   Counts counts_;
+  bool powered_ = false;
   bool listening_ = false;  // false while off and while a new firmware warms up
   bool wake_asserted_ = false;
   bool lpm_enabled_ = false;
@@ -98,7 +106,8 @@ class Handset {
   EventLoop::TimerId status_timer_ = EventLoop::kNoTimer;
   EventLoop::Duration warm_up_;
   EventLoop::TimerId warm_up_timer_ = EventLoop::kNoTimer;
-  std::unique_ptr<Controller> controller_;  // null while the power is off
+  std::unique_ptr<Controller> controller_;  // null while the power is off, and in a replay
+  std::unique_ptr<Replay> replay_;          // null but in a replay
   std::unique_ptr<RadioBridge> radio_;      // null with the built-in radio
   H4Framer framer_;
   Uart uart_;
@@ -112,6 +121,7 @@ class Handset {
   TimeSync time_sync_;
   ScenarioRunner scenario_;
   std::unique_ptr<CoProcessor> co_processor_;  // null when the host has the line
+  std::unique_ptr<ControlSocket> control_;     // null in a replay
 };
 
 }  // namespace zvk

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "tools/wire/packet_text.h"
+
 namespace zvk {
 namespace {
 
@@ -21,27 +23,17 @@ Trace::~Trace() {
   if (file_ != nullptr) std::fclose(file_);
 }
 
-const char* Trace::Name(PacketType type) {
-  switch (type) {
-    case PacketType::kCommand:
-      return "command";
-    case PacketType::kAcl:
-      return "acl";
-    case PacketType::kSco:
-      return "sco";
-    case PacketType::kEvent:
-      return "event";
-    case PacketType::kIso:
-      return "iso";
-  }
-  return "?";
+void Trace::Line(char direction, const std::string& text) {
+  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start_;
+  std::fprintf(file_, "%.6f %c %s\n", time.count(), direction, text.c_str());
 }
 
-void Trace::Line(char direction, const char* what, ByteView packet) {
-  if (file_ == nullptr) return;
-  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start_;
-  std::fprintf(file_, "%.6f %c %s%s%s\n", time.count(), direction, what, packet.empty() ? "" : " ",
-               Hex(packet, kShownBytes).c_str());
+void Trace::Packet(char direction, PacketType type, ByteView packet) {
+  if (file_ != nullptr) Line(direction, PacketText(type, packet, kShownBytes));
+}
+
+void Trace::Note(const std::string& text) {
+  if (file_ != nullptr) Line('-', text);
 }
 
 void Trace::Flush() {

@@ -9,8 +9,8 @@
 namespace zvk {
 
 // One line per packet or event at the handset, with the seconds since the start:
-//   0.052113 > command 03 0c 00
-//   0.052130 < event 0e 04 01 03 0c 00
+//   0.052113 > command 03 0c 00 (Reset)
+//   0.052130 < event 0e 04 01 03 0c 00 (Command Complete of Reset: Success)
 //   0.061004 - power on
 class Trace {
  public:
@@ -20,14 +20,14 @@ class Trace {
   Trace(const Trace&) = delete;
   Trace& operator=(const Trace&) = delete;
 
-  void FromHost(PacketType type, ByteView packet) { Line('>', Name(type), packet); }
-  void ToHost(PacketType type, ByteView packet) { Line('<', Name(type), packet); }
-  void Note(const std::string& text) { Line('-', text.c_str(), {}); }
+  void FromHost(PacketType type, ByteView packet) { Packet('>', type, packet); }
+  void ToHost(PacketType type, ByteView packet) { Packet('<', type, packet); }
+  void Note(const std::string& text);
   void Flush();
 
  private:
-  static const char* Name(PacketType type);
-  void Line(char direction, const char* what, ByteView packet);
+  void Packet(char direction, PacketType type, ByteView packet);
+  void Line(char direction, const std::string& text);
 
   std::FILE* file_ = nullptr;
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,11 @@
 namespace zvk {
 
 class Handset;
+
+// An action cannot be carried out, as the part that it is for is not there now.
+struct NoSuchPart : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
 // What a scenario makes of one command or request.
 struct CommandFault {
@@ -59,6 +65,7 @@ struct Arguments {
 // A row of the table of actions: exactly one of change and act is set.
 struct ActionType {
   using Change = std::function<void(CommandFault& fault, const Arguments& arguments)>;
+  // Throws NoSuchPart.
   using Act = std::function<void(Handset& handset, const Arguments& arguments)>;
   // Whose answer can be changed: a command's, or also a request's to the co-processor.
   enum class Answer { kOfCommand, kOfAnything };

@@ -38,6 +38,11 @@ Line::Line(const std::string& text) {
 
 bool Line::NextIsTime() const { return !Empty() && Time(words_[next_]).has_value(); }
 
+bool Line::NextIsOneOf(std::initializer_list<const char*> words) const {
+  return !Empty() && std::any_of(words.begin(), words.end(),
+                                 [&](const char* word) { return words_[next_] == word; });
+}
+
 std::string Line::Next(const char* expected) {
   if (Empty()) throw std::runtime_error(std::string(expected) + " is missing");
   return words_[next_++];

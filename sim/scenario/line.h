@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
@@ -20,6 +21,7 @@ class Line {
 
   bool Empty() const { return next_ == words_.size(); }
   bool NextIsTime() const;
+  bool NextIsOneOf(std::initializer_list<const char*> words) const;
 
   std::string Next(const char* expected);
   // Takes the next word if it is this one.

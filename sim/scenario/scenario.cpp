@@ -43,7 +43,27 @@ Trigger ParseTrigger(Line& line) {
   return trigger;
 }
 
+Step ParseStep(Line& line, bool needs_trigger, const std::vector<ActionType>& types) {
+  const bool triggered =
+      needs_trigger || line.NextIsOneOf({"on", "after", "at", "power", "request"});
+  const Trigger trigger = triggered ? ParseTrigger(line) : Trigger{};
+  const Action action = ParseAction(line, types);
+  if (!line.Empty()) throw std::runtime_error("\"" + line.Next("") + "\" is too much");
+  const bool fits = trigger.kind == Trigger::Kind::kCommand ||
+                    (trigger.kind == Trigger::Kind::kRequest &&
+                     action.type->answer == ActionType::Answer::kOfAnything);
+  if (action.type->change && !fits) {
+    throw std::runtime_error("this action needs \"on OPCODE\"");
+  }
+  return {trigger, action};
+}
+
 }  // namespace
+
+Step ParseStep(const std::string& text, const std::vector<ActionType>& types) {
+  Line line(text);
+  return ParseStep(line, false, types);
+}
 
 std::string CoRequestName(CoRequest request) { return kRequestNames[static_cast<size_t>(request)]; }
 
@@ -57,16 +77,7 @@ std::vector<Step> ParseScenario(const std::string& text, const std::string& name
     try {
       Line line(text_line);
       if (line.Empty()) continue;
-      const Trigger trigger = ParseTrigger(line);
-      const Action action = ParseAction(line, types);
-      if (!line.Empty()) throw std::runtime_error("\"" + line.Next("") + "\" is too much");
-      const bool fits = trigger.kind == Trigger::Kind::kCommand ||
-                        (trigger.kind == Trigger::Kind::kRequest &&
-                         action.type->answer == ActionType::Answer::kOfAnything);
-      if (action.type->change && !fits) {
-        throw std::runtime_error("this action needs \"on OPCODE\"");
-      }
-      steps.push_back({trigger, action});
+      steps.push_back(ParseStep(line, true, types));
     } catch (const std::runtime_error& error) {
       throw std::runtime_error(name + ":" + std::to_string(number) + ": " + error.what());
     }

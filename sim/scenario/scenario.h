@@ -28,10 +28,11 @@ struct Trigger {
   // The count (of the command, or of power-ons) that is meant; 0 for every one.
   uint32_t nth = 0;
   bool and_later = false;  // the nth and all after it
+  uint32_t since = 0;      // the count at which counting for this trigger begins
   ScenarioTime time{0};
 
   bool Counts(uint32_t count) const {
-    return nth == 0 || count == nth || (and_later && count > nth);
+    return nth == 0 || count - since == nth || (and_later && count - since > nth);
   }
 };
 
@@ -45,5 +46,8 @@ struct Step {
 std::vector<Step> ParseScenario(const std::string& text, const std::string& name,
                                 const std::vector<ActionType>& types);
 std::vector<Step> ReadScenario(const std::string& file, const std::vector<ActionType>& types);
+// A step by itself; an action without a trigger is due at once. Throws std::runtime_error with the
+// reason.
+Step ParseStep(const std::string& text, const std::vector<ActionType>& types);
 
 }  // namespace zvk

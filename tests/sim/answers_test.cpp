@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <random>
 #include <sstream>
 
@@ -75,9 +76,34 @@ TEST(SimulatorBridge, StandardGoesToTheEmulatorInWholePackets_VendorStays) {
   EXPECT_EQ(recv(emulator.get(), heard.data(), heard.size(), 0), 0) << "disconnected with it";
 }
 
+// Clients that say nothing, or too much, hold up neither the host nor the next client.
+TEST(SimulatorControl, ClientsWithoutEnd_HarmNobody) {
+  Host host(kReady);
+  host.PowerUp();
+  const std::string path = host.root() + "/run/zvksim/control";
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0600});
+  std::vector<::android::base::unique_fd> clients;
+  for (int i = 0; i < 100; ++i) {
+    clients.emplace_back(ConnectUnix(path, SOCK_SEQPACKET));
+    ASSERT_TRUE(clients.back().ok());
+    if (i % 3 == 0) send(clients.back().get(), Bytes(100000).data(), 100000, MSG_NOSIGNAL);
+  }
+  EXPECT_EQ(host.Command(0x0C03, {}), B("04 0E 04 01 03 0C 00"));
+  std::string output;
+  EXPECT_EQ(
+      test::Run({ProgramDir() + "/zvksim", "ctl", host.root(), "stray", "0x77"}, &output).exit_code,
+      0)
+      << output;
+  EXPECT_EQ(host.Receive(1), B("77"));
+}
+
 TEST(SimulatorCommandLine, WrongUse_IsOneLineAndItsExitCode) {
   TempDir folder;
   WriteFile(folder / "bad", "at 2s hangup\non 0xFC18 explode\n");
+  const Bytes middle =
+      B("62 74 73 6E 6F 6F 70 00 00 00 00 01 00 00 03 EA 00 00 00 04 00 00 00 04 "
+        "00*16 01 14 0C 00");
+  WriteFile(folder / "middle", std::string(middle.begin(), middle.end()));
   Host other(kReady);
   for (const Vector& row : LoadVectors("simulator_command_lines.txt")) {
     std::vector<std::string> command = {ProgramDir() + "/zvksim"};

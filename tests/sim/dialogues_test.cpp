@@ -32,6 +32,11 @@ void RunStep(Host& host, const std::string& step, const std::string& argument) {
     host.SetSpeed(std::stoi(argument));
   } else if (step == "signal") {
     kill(host.zvksim().pid(), argument == "stop" ? SIGSTOP : SIGCONT);
+  } else if (step == "ctl") {
+    std::string output;
+    std::vector<std::string> command = {ProgramDir() + "/zvksim", "ctl", host.root()};
+    for (const std::string& word : SplitTrimmed(argument, ' ')) command.push_back(word);
+    EXPECT_EQ(Run(command, &output).exit_code, 0) << output;
   } else if (step == "status") {
     EXPECT_TRUE(host.StatusHolds(*ParseText(argument)));
   } else if (step[0] == '/') {

@@ -122,6 +122,8 @@ std::vector<TraceLine> Handset::Trace() const {
     TraceLine parsed{};
     words >> parsed.seconds >> parsed.direction >> std::ws;
     std::getline(words, parsed.text);
+    if (parsed.direction != '-')
+      parsed.text.erase(std::min(parsed.text.size(), parsed.text.find(" (")));
     lines.push_back(parsed);
   }
   return lines;

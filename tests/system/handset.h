@@ -24,9 +24,9 @@ struct CtlResult {
 
 // One line of a simulator's trace.
 struct TraceLine {
-  double seconds;  // since its start
-  char direction;  // '>' from the host, '<' to it, '-' the handset itself
-  std::string text;
+  double seconds;    // since its start
+  char direction;    // '>' from the host, '<' to it, '-' the handset itself
+  std::string text;  // without the packet's name
 };
 
 // Whether the controller hangs on a co-processor: BTHAL_TEST_CO_PROCESSOR is in the environment.
@@ -45,6 +45,7 @@ class Handset {
   // Ends the service for good, as a platform that restarts it would.
   void KillService();
 
+  ChildProcess& simulator() { return *simulator_; }
   ChildProcess& service() { return *service_; }
   // Waits for the end of the service. Returns what was wrong about it, empty when it left a report
   // and ended as that report requires: with an abort and crash files, or with SIGKILL.
