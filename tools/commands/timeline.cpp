@@ -91,7 +91,8 @@ void AddTimeline(CLI::App& app, const Options& options) {
       AddCommand(app, options, Timeline, "timeline",
                  "write a timeline of the last bring-up and of what passes now",
                  "print what the timeline shows, for a script");
-  command.add_option("-o,--output", timeline.output, "file to write; - is standard output");
+  command.add_option("-o,--output", timeline.output, "file to write; - is standard output")
+      ->type_name("FILE");
   command.add_option("-f,--format", timeline.format, "perfetto, or json for other viewers")
       ->capture_default_str()
       ->check(CLI::IsMember({"perfetto", "json"}));
