@@ -76,6 +76,8 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
   bthalctl::AddServeH4(app, options);
   bthalctl::AddPrepareRoot(app, options);
   group("Other stacks, other boards");
+  bthalctl::AddCompletion(app, options);
+  group("This program");
 }
 
 }  // namespace

@@ -106,6 +106,7 @@ void AddCapture(CLI::App& app, const Options& options) {
       AddCommand(app, options, Capture, "capture",
                  "write every packet between the service and the controller to a file");
   command.add_option("-o,--output", capture.output, "file to write; - is standard output")
+      ->type_name("FILE")
       ->required();
   command.add_option("-f,--format", capture.format, "format of the file")
       ->capture_default_str()

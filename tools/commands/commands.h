@@ -83,5 +83,6 @@ void AddLoopback(CLI::App& app, const Options& options);
 void AddPeer(CLI::App& app, const Options& options);  // read-name, echo
 void AddServeH4(CLI::App& app, const Options& options);
 void AddPrepareRoot(CLI::App& app, const Options& options);
+void AddCompletion(CLI::App& app, const Options& options);
 
 }  // namespace bthalctl

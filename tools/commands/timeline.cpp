@@ -16,6 +16,7 @@ namespace {
 struct TimelineOptions : CommandValues {
   std::string output;
   std::string format = "perfetto";
+  std::string read;    // a capture; empty: of the service
   double seconds = 0;  // 0: only the bring-up
 };
 
@@ -23,7 +24,8 @@ void Timeline(const Options& options, const TimelineOptions& timeline) {
   if (timeline.json == !timeline.output.empty()) {
     throw Failure(ExitCode::kUsage, "timeline takes -o FILE, or --json");
   }
-  const History history = RecordHistory(options, timeline.seconds);
+  const History history = timeline.read.empty() ? RecordHistory(options, timeline.seconds)
+                                                : HistoryOfCapture(timeline.read);
   if (timeline.json) {
     std::puts(
         ToJson(history).dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
@@ -50,7 +52,10 @@ void AddTimeline(CLI::App& app, const Options& options) {
       AddCommand(app, options, Timeline, "timeline",
                  "write a timeline of the last bring-up and of what passes now",
                  "print what the timeline shows, for a script");
-  command.add_option("-o,--output", timeline.output, "file to write; - is standard output");
+  command.add_option("-o,--output", timeline.output, "file to write; - is standard output")
+      ->type_name("FILE");
+  command.add_option("-r,--read", timeline.read,
+                     "a capture (pcapng, btsnoop) instead of a service");
   command.add_option("-f,--format", timeline.format, "perfetto, or json for other viewers")
       ->capture_default_str()
       ->check(CLI::IsMember({"perfetto", "json"}));

@@ -77,4 +77,17 @@ History HistoryOfLog(const std::vector<LogLine>& log) {
   return history;
 }
 
+History HistoryOfCapture(const std::string& path) {
+  HistoryRecorder recorder;
+  int64_t end_ns = 0;
+  ReadCapture(path, [&](const Captured& captured) {
+    recorder.AddCaptured(captured);
+    end_ns = captured.time_ns;
+    return true;
+  });
+  History history = recorder.Finish(end_ns);
+  history.source = path;
+  return history;
+}
+
 }  // namespace bthalctl

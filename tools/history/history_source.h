@@ -1,6 +1,7 @@
 // Where histories come from.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "tools/commands/commands.h"
@@ -18,5 +19,8 @@ History RecordHistory(const Options& options, double seconds);
 
 // Of a log alone: its last bring-up and what is told from then on.
 History HistoryOfLog(const std::vector<LogLine>& log);
+
+// Of a file that "bthalctl capture" or another program wrote. Throws Failure.
+History HistoryOfCapture(const std::string& path);
 
 }  // namespace bthalctl
