@@ -46,7 +46,8 @@ Json ToJson(const History& history) {
                      {"detail", step.detail},
                      {"begin", at(step.begin_ns)},
                      {"end", at(step.end_ns)},
-                     {"failed", step.failed}});
+                     {"failed", step.failed},
+                     {"running", step.running}});
   }
   Json& commands = json["commands"] = Json::array();
   for (const HistoryCommand& command : history.commands) {
