@@ -62,6 +62,7 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
   group("Bluetooth");
   bthalctl::AddDoctor(app, options);
   bthalctl::AddDebug(app, options);
+  bthalctl::AddReport(app, options);
   bthalctl::AddCrashes(app, options);
   bthalctl::AddActivity(app, options);
   group("Diagnostics");
@@ -75,6 +76,8 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
   bthalctl::AddServeH4(app, options);
   bthalctl::AddPrepareRoot(app, options);
   group("Other stacks, other boards");
+  bthalctl::AddCompletion(app, options);
+  group("This program");
 }
 
 }  // namespace

@@ -35,6 +35,14 @@ constexpr char kAir[] = "/tmp/bt-server-bredr";
 class Air {
  public:
   Air() : lock_(open(kProgram, O_RDONLY | O_CLOEXEC)) {}
+  // btvirt leaves its sockets, which would be in the way of other users of the machine.
+  ~Air() {
+    if (!btvirt_) return;
+    btvirt_.reset();
+    for (const char* kind : {"bredr", "bredrle", "le", "amp", "mon"}) {
+      unlink((std::string("/tmp/bt-server-") + kind).c_str());
+    }
+  }
 
   bool Start() {
     if (!WaitFor([this] { return flock(lock_.get(), LOCK_EX | LOCK_NB) == 0; })) return false;

@@ -6,7 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <filesystem>
+#include <map>
 #include <sstream>
 
 #include "support/vectors.h"
@@ -91,6 +94,38 @@ void ExpectSound(const std::string& file) {
   })) << "the times do not rise";
 }
 
+// What bthalctl monitor shows of a file, without the times.
+std::vector<std::string> MonitorLines(const Handset& handset, const std::string& file,
+                                      std::vector<std::string> options = {}) {
+  options.insert(options.begin(), {"monitor", "--read", file});
+  const CtlResult result = handset.Ctl(options);
+  EXPECT_EQ(result.exit_code, 0) << result.output;
+  std::vector<std::string> shown;
+  for (const std::string& line : Lines(result.output)) {
+    if (const size_t blank = line.find(' '); blank != std::string::npos) {
+      shown.push_back(line.substr(blank + 1));
+    }
+  }
+  return shown;
+}
+
+// The packets of one direction among them ("<": to the controller), in hex.
+Packets MonitorPackets(const std::vector<std::string>& lines_with_hex, char direction) {
+  Packets packets;
+  bool wanted = false;
+  for (const std::string& line : lines_with_hex) {
+    if (line[0] != ' ') {
+      wanted = line[0] == direction;
+      if (wanted) packets.emplace_back();
+    } else if (wanted) {
+      for (const char c : line) {
+        if (c != ' ') packets.back() += static_cast<char>(std::tolower(c));
+      }
+    }
+  }
+  return packets;
+}
+
 size_t BtmonPackets(const std::string& file) {
   std::string output;
   EXPECT_EQ(Run({"btmon", "-r", file}, &output).exit_code, 0);
@@ -131,6 +166,11 @@ TEST_F(Capture, OtherProgramsReadEveryPacket) {
   for (const Format& format : kFormats) {
     captures.push_back(Start({"--bring-up", "-f", format.name, "-o", folder_ / format.name}));
   }
+  const std::vector<std::string> filter = {"--types", "cmd,evt", "--no-advertising", "--no-events",
+                                           "0x13"};
+  std::vector<std::string> filtered = {"--bring-up", "-o", folder_ / "filtered"};
+  filtered.insert(filtered.end(), filter.begin(), filter.end());
+  captures.push_back(Start(filtered));
   EXPECT_EQ(handset_.Ctl({"scan", "-t", "1"}).exit_code, 0);
   EXPECT_EQ(handset_.Ctl({"echo", "ZVK Loop", "--bytes", "20k"}).exit_code, 0);
   std::vector<std::string> told;
@@ -147,6 +187,13 @@ TEST_F(Capture, OtherProgramsReadEveryPacket) {
     ExpectTraced(whole_sent, sent);
     ExpectTraced(CapturedPackets(file, format, format.from_controller), received);
     ExpectSound(file);
+    const std::vector<std::string> shown = MonitorLines(handset_, file, {"--hex"});
+    ExpectTraced(MonitorPackets(shown, '<'), sent);
+    ExpectTraced(MonitorPackets(shown, '>'), received);
+    const bool has_notes = format.name != std::string("btsnoop");
+    EXPECT_EQ(
+        std::count(shown.begin(), shown.end(), "= firmware_download: fast download is supported"),
+        has_notes ? 1 : 0);
     if (format.name != std::string("pcapng")) {
       EXPECT_EQ(BtmonPackets(file), count);
     }
@@ -161,6 +208,17 @@ TEST_F(Capture, OtherProgramsReadEveryPacket) {
   test::Run({"btmon", "-r", folder_ / "monitor"}, &notes);
   EXPECT_THAT(notes, HasSubstr("= Note: firmware_download: fast download is supported"));
 
+  // What the service filters and what bthalctl filters is the same.
+  const auto packets_of = [&](const std::string& name, const std::vector<std::string>& options) {
+    std::vector<std::string> lines = MonitorLines(handset_, folder_ / name, options);
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [](const std::string& line) { return line[0] == '='; }),
+                lines.end());
+    return lines;
+  };
+  EXPECT_GT(packets_of("filtered", {}).size(), 50u);
+  EXPECT_EQ(packets_of("pcapng", filter), packets_of("filtered", {}));
+
   // The patch file is its records: from the first to the one that starts the firmware.
   std::string download;
   for (const std::string& packet : whole_sent) {
@@ -172,6 +230,49 @@ TEST_F(Capture, OtherProgramsReadEveryPacket) {
     patch += {kDigits[static_cast<uint8_t>(c) >> 4], kDigits[c & 15]};
   }
   EXPECT_TRUE(download == patch);
+}
+
+// Packets to the controller and from it by their type, as the holder counts them.
+std::map<std::string, std::pair<long, long>> Counters(const Handset& handset) {
+  const std::string status = handset.Ctl({"status", "--json"}).output;
+  std::map<std::string, std::pair<long, long>> counters;
+  for (const char* type : {"CMD", "ACL", "SCO", "EVT", "ISO"}) {
+    const size_t at = status.find("\"" + std::string(type) + "\"");
+    auto& [to, from] = counters[type];
+    EXPECT_EQ(std::sscanf(status.substr(at + 5).c_str(),
+                          ": { \"from_controller\": %ld, \"to_controller\": %ld", &from, &to),
+              2)
+        << status;
+  }
+  return counters;
+}
+
+TEST_F(Capture, CountsAreThoseOfStatus) {
+  EXPECT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0);
+  // The service's own commands, at the start of the extensions, are none of the holder's.
+  EXPECT_EQ(handset_.Ctl({"info"}).exit_code, 0);
+  const auto before = Counters(handset_);
+  const std::string file = folder_ / "counted";
+  const auto capture = Start({"-o", file});
+  for (const std::vector<std::string>& command :
+       std::vector<std::vector<std::string>>{{"info"},
+                                             {"scan", "-t", "0.5"},
+                                             {"read-name", "ZVK GATT"},
+                                             {"echo", "ZVK Loop", "--bytes", "50k"},
+                                             {"loopback", "--bytes", "100k"}}) {
+    EXPECT_EQ(handset_.Ctl(command).exit_code, 0) << command[0];
+  }
+  EXPECT_EQ(CountOf("lost", End(*capture)), 0u);
+  const std::vector<std::string> lines = MonitorLines(handset_, file);
+  for (const auto& [type, after] : Counters(handset_)) {
+    const auto count = [&](const std::string& begin) {
+      return std::count_if(lines.begin(), lines.end(),
+                           [&](const std::string& line) { return line.rfind(begin, 0) == 0; });
+    };
+    EXPECT_EQ(count("< " + type), after.first - before.at(type).first) << type;
+    EXPECT_EQ(count("> " + type), after.second - before.at(type).second) << type;
+    EXPECT_GT(after.first + after.second, 0) << type;
+  }
 }
 
 // Rotation under load, through a pipe and into files: what is not there is told.

@@ -135,8 +135,8 @@ class Ctl : public ::testing::Test {
 
 TEST_F(Ctl, ClientsOfTheHolder_GetTheirOwnAnswersOnly) {
   ASSERT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0) << handset_.Log();
-  ChildProcess monitor(handset_.CtlCommand({"monitor", "-n", "16"}));
-  ASSERT_TRUE(monitor.WaitForOutput("following the holder", kDeadline));
+  ChildProcess monitor(handset_.CtlCommand({"monitor", "-n", "16", "--opcodes", "0x1009,0x0c14"}));
+  ASSERT_TRUE(monitor.WaitForOutput("following the service", kDeadline));
   std::vector<std::unique_ptr<ChildProcess>> clients;
   for (int i = 0; i < 8; ++i) {
     clients.push_back(std::make_unique<ChildProcess>(
@@ -151,7 +151,8 @@ TEST_F(Ctl, ClientsOfTheHolder_GetTheirOwnAnswersOnly) {
   }
   ASSERT_TRUE(monitor.Wait(kDeadline)) << monitor.Output();
   EXPECT_EQ(CountOf("< CMD Read BD_ADDR (0x1009)\n", monitor.Output()), 4u) << monitor.Output();
-  EXPECT_EQ(CountOf("> EVT Command Complete: Read BD_ADDR (0x1009): Success", monitor.Output()),
+  EXPECT_EQ(CountOf("> EVT Command Complete: Read BD_ADDR (0x1009): Success, 5A:56:4B:00:00:01\n",
+                    monitor.Output()),
             4u);
   EXPECT_THAT(handset_.Ctl({"status", "--json"}).output,
               ContainsRegex("\"CMD\": \\{\n *\"from_controller\": 0,\n *\"to_controller\": 8\n"));

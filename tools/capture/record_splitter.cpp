@@ -1,21 +1,12 @@
 #include "tools/capture/record_splitter.h"
 
 #include "tools/base/failure.h"
+#include "tools/capture/record_format.h"
 
 namespace bthalctl {
 namespace {
 
-constexpr uint32_t kSectionHeader = 0x0A0D0D0A;
-constexpr uint32_t kEnhancedPacket = 6;
 constexpr size_t kLongestRecord = 1 << 20;
-constexpr size_t kBtsnoopHead = 16;    // of a file
-constexpr size_t kBtsnoopRecord = 24;  // before the bytes of a record
-constexpr uint16_t kMonitorNewIndex = 0, kMonitorOpenIndex = 8, kMonitorNote = 12;
-
-uint32_t Big32(wire::ByteView bytes, size_t at) {
-  return static_cast<uint32_t>(bytes[at] << 24 | bytes[at + 1] << 16 | bytes[at + 2] << 8 |
-                               bytes[at + 3]);
-}
 
 bool IsBtsnoop(wire::ByteView bytes) {
   return bytes.size() > 7 && bytes.Sub(0, 7).Text() == "btsnoop" && bytes[7] == 0;
@@ -23,20 +14,18 @@ bool IsBtsnoop(wire::ByteView bytes) {
 
 // Packets lost before a packet block; 0 without that option.
 uint64_t DropCount(wire::ByteView block) {
-  constexpr uint16_t kDropCount = 4;
-  const size_t end = block.size() - 4;
-  for (size_t at = 28 + (block.U32(20) + 3) / 4 * 4; at + 4 <= end;) {
-    if (block.U16(at) == 0) break;
-    if (block.U16(at) == kDropCount) return block.Little(at + 4, 8);
-    at += 4 + (block.U16(at + 2) + size_t{3}) / 4 * 4;
-  }
-  return 0;
+  uint64_t lost = 0;
+  record_format::ForEachOption(block, record_format::PacketOptions(block),
+                               [&](uint16_t code, wire::ByteView value) {
+                                 if (code == record_format::kDropCount) lost = value.Little(0, 8);
+                               });
+  return lost;
 }
 
 }  // namespace
 
 bool RecordSplitter::IsCapture(wire::ByteView bytes) {
-  return bytes.U32(0) == kSectionHeader || IsBtsnoop(bytes);
+  return bytes.U32(0) == record_format::kSectionHeader || IsBtsnoop(bytes);
 }
 
 void RecordSplitter::Put(wire::ByteView bytes) {
@@ -47,10 +36,10 @@ void RecordSplitter::Put(wire::ByteView bytes) {
 
 void RecordSplitter::FindFormat() {
   const wire::ByteView rest = wire::ByteView(bytes_).From(at_);
-  if (rest.U32(0) == kSectionHeader) {
+  if (rest.U32(0) == record_format::kSectionHeader) {
     format_ = Format::kPcapng;
   } else if (IsBtsnoop(rest)) {
-    format_ = Big32(rest, 12) == 2001 ? Format::kMonitor : Format::kBtsnoop;
+    format_ = record_format::Big(rest, 12, 4) == 2001 ? Format::kMonitor : Format::kBtsnoop;
   } else {
     throw Failure("the file is no capture");
   }
@@ -66,7 +55,7 @@ CaptureRecord RecordSplitter::Take(size_t size) {
 
 CaptureRecord RecordSplitter::Pcapng(size_t size) {
   CaptureRecord record = Take(size);
-  if (wire::ByteView(record.bytes).U32(0) == kEnhancedPacket) {
+  if (wire::ByteView(record.bytes).U32(0) == record_format::kEnhancedPacket) {
     record.kind = RecordKind::kPacket;
     record.lost = DropCount(record.bytes);
   }
@@ -77,11 +66,12 @@ CaptureRecord RecordSplitter::Btsnoop(size_t size) {
   CaptureRecord record = Take(size);
   record.kind = RecordKind::kPacket;
   if (format_ == Format::kMonitor) {
-    const uint32_t opcode = Big32(record.bytes, 8) & 0xFFFF;
-    if (opcode == kMonitorNewIndex || opcode == kMonitorOpenIndex) record.kind = RecordKind::kHead;
-    if (opcode == kMonitorNote) record.kind = RecordKind::kNote;
+    const uint64_t opcode = record_format::Big(record.bytes, 10, 2);
+    if (opcode == record_format::kMonitorNewIndex || opcode == record_format::kMonitorOpenIndex)
+      record.kind = RecordKind::kHead;
+    if (opcode == record_format::kMonitorNote) record.kind = RecordKind::kNote;
   }
-  const uint32_t drops = Big32(record.bytes, 12);
+  const auto drops = static_cast<uint32_t>(record_format::Big(record.bytes, 12, 4));
   record.lost = drops - drops_;
   drops_ = drops;
   return record;
@@ -89,14 +79,15 @@ CaptureRecord RecordSplitter::Btsnoop(size_t size) {
 
 std::optional<CaptureRecord> RecordSplitter::Next() {
   const wire::ByteView rest = wire::ByteView(bytes_).From(at_);
-  if (rest.size() < kBtsnoopHead) return std::nullopt;
+  if (rest.size() < record_format::kBtsnoopHead) return std::nullopt;
   if (format_ == Format::kUnknown) {
     FindFormat();
-    if (format_ != Format::kPcapng) return Take(kBtsnoopHead);
+    if (format_ != Format::kPcapng) return Take(record_format::kBtsnoopHead);
   }
   const bool pcapng = format_ == Format::kPcapng;
-  if (!pcapng && rest.size() < kBtsnoopRecord) return std::nullopt;
-  const size_t size = pcapng ? rest.U32(4) : kBtsnoopRecord + Big32(rest, 4);
+  if (!pcapng && rest.size() < record_format::kBtsnoopRecord) return std::nullopt;
+  const size_t size =
+      pcapng ? rest.U32(4) : record_format::kBtsnoopRecord + record_format::Big(rest, 4, 4);
   if (size < 12 || size > kLongestRecord) throw Failure("the capture is damaged");
   if (rest.size() < size) return std::nullopt;
   return pcapng ? Pcapng(size) : Btsnoop(size);

@@ -29,6 +29,8 @@ class RecordSplitter {
 
   void Put(wire::ByteView bytes);
   std::optional<CaptureRecord> Next();
+  // Whether nothing is left after the last whole record.
+  bool empty() const { return at_ == bytes_.size(); }
 
  private:
   enum class Format { kUnknown, kPcapng, kBtsnoop, kMonitor };

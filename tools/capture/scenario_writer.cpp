@@ -178,7 +178,7 @@ class ScenarioWriter {
     // command that it may not know.
     const std::string values = wire::Hex(answer.parameters);
     const auto known = values_.find(command.opcode);
-    const bool has_name = wire::NameOf(CodeKind::kCommand, command.opcode) != nullptr;
+    const bool has_name = wire::FindRow(CodeKind::kCommand, command.opcode) != nullptr;
     const bool said = known != values_.end() ? known->second == values
                                              : answer.parameters.size() == 1 && has_name;
     if (said) return;

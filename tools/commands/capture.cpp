@@ -126,6 +126,7 @@ void AddCapture(CLI::App& app, const Options& options) {
                  "write every packet between the service and the controller to a file");
   CLI::Option* const output =
       command.add_option("-o,--output", capture.output, "file to write; - is standard output");
+  output->type_name("FILE");
   command.add_option("-f,--format", capture.format, "format of the file")
       ->capture_default_str()
       ->check(CLI::IsMember({"pcapng", "btsnoop", "monitor"}));

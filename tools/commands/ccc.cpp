@@ -228,7 +228,7 @@ void AddCcc(CLI::App& app, const Options& options) {
       .add_option("-e,--events", ccc.events,
                   "connect (CONNECT_IND), phy (LL_PHY_UPDATE_IND); both when left out")
       ->type_name("NAME")
-      ->check(CLI::IsMember({"connect", "phy"}).description(""))
+      ->check(CLI::IsMember({"connect", "phy"}))
       ->default_str("");
   command.add_option("-n,--count", ccc.count, "end after so many events");
   AddSeconds(command, "-t,--time", ccc.seconds, "end after so many seconds; else at Ctrl-C", 0,

@@ -84,10 +84,11 @@ void AddDebug(CLI::App& app, const Options& options) {
     footer +=
         "  " + names.back() + std::string(11 - names.back().size(), ' ') + section.what + "\n";
   }
-  command.add_option("-o,--output", debug.output, "file to write; without it, standard output");
+  command.add_option("-o,--output", debug.output, "file to write; without it, standard output")
+      ->type_name("FILE");
   CLI::Option* const sections =
       command.add_option("-s,--section", debug.sections, "only these sections, in their order")
-          ->type_name("NAME")
+          ->type_name("SECTION")
           ->check(CLI::IsMember(names).description(""));
   command.add_flag("-l,--list", debug.list, "list the sections and how long each is")
       ->excludes(sections);

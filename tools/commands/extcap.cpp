@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <set>
 
 #include "tools/base/failure.h"
 #include "tools/capture/capture_file.h"
@@ -28,8 +27,8 @@ bool HasService(const std::string& root) {
                 F_OK) == 0;
 }
 
-// The root folders of running services, as far as this user sees them: the one of the environment,
-// "/", and those in the environments of processes.
+}  // namespace
+
 std::set<std::string> FindRoots() {
   std::set<std::string> roots = {root_folder::Path()};
   std::error_code ignored;
@@ -46,6 +45,8 @@ std::set<std::string> FindRoots() {
   }
   return roots;
 }
+
+namespace {
 
 void ListInterfaces() {
   std::puts("extcap {version=1.0}{display=Bluetooth service}");

@@ -126,8 +126,11 @@ void AddPrepareRoot(CLI::App& app, const Options& options) {
   auto [command, prepare] = AddCommand(app, options, PrepareRoot, "prepare-root",
                                        "make a root folder for a controller at a real serial port");
   command.add_option("DIR", prepare.folder, "folder to make or to complete")->required();
-  command.add_option("--uart", prepare.uart, "the serial port")->capture_default_str();
+  command.add_option("--uart", prepare.uart, "the serial port")
+      ->type_name("PATH")
+      ->capture_default_str();
   command.add_option("--firmware", prepare.firmware, "firmware file (.hcd), or a folder of them")
+      ->type_name("PATH")
       ->check(CLI::ExistingPath);
   command.add_option("--address", prepare.address, "the controller's address")
       ->type_name("XX:XX:XX:XX:XX:XX");

@@ -38,8 +38,9 @@ void AddServeH4(CLI::App& app, const Options& options) {
   auto [command, serve] = AddCommand(app, options, Serve, "serve-h4",
                                      "offer the service as an H4 port to any host stack");
   CLI::Option_group* const where = command.add_option_group("endpoint");
-  where->add_option("--pty", serve.pty, "a pseudo-terminal, reached through this link");
-  where->add_option("--unix", serve.unix_path, "a Unix socket at this path");
+  where->add_option("--pty", serve.pty, "a pseudo-terminal, reached through this link")
+      ->type_name("PATH");
+  where->add_option("--unix", serve.unix_path, "a Unix socket at this path")->type_name("PATH");
   where->add_option("--tcp", serve.tcp, "HOST:PORT; port 0 picks a free one");
   where->add_flag("--vhci", serve.vhci, "a Bluetooth device of this machine's kernel (/dev/vhci)");
   where->require_option(1);

@@ -1,17 +1,10 @@
 #include "tools/hci/packet.h"
 
-#include <algorithm>
-#include <cctype>
+#include <optional>
 
 #include "tools/base/failure.h"
 
 namespace bthalctl {
-
-const char* TypeName(PacketType type) {
-  static const char* const kNames[] = {"CMD", "ACL", "SCO", "EVT", "ISO"};
-  const auto number = static_cast<size_t>(type);
-  return number >= 1 && number <= 5 ? kNames[number - 1] : "???";
-}
 
 Packet CommandPacket(uint16_t opcode, const Bytes& parameters) {
   if (parameters.size() > 255) throw Failure("a command takes at most 255 bytes of parameters");
@@ -31,14 +24,6 @@ Bytes ParseHex(const std::string& text) {
   const std::optional<Bytes> bytes = wire::ParseHex(text, &mistake);
   if (!bytes) throw Failure(ExitCode::kUsage, mistake);
   return *bytes;
-}
-
-std::string HexText(const Bytes& bytes, size_t limit) {
-  std::string text = wire::Hex(ByteView(bytes).Sub(0, limit));
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-  if (bytes.size() > limit) text += " ... (" + std::to_string(bytes.size()) + " bytes)";
-  return text;
 }
 
 }  // namespace bthalctl

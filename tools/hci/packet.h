@@ -7,6 +7,8 @@
 
 #include "tools/wire/bytes.h"
 #include "tools/wire/codes.h"
+#include "tools/wire/describe.h"
+#include "tools/wire/fields.h"
 #include "tools/wire/packet.h"
 #include "tools/wire/text.h"
 
@@ -15,16 +17,15 @@ namespace bthalctl {
 using wire::AddressText;
 using wire::Bytes;
 using wire::ByteView;
+using wire::HexText;
 using wire::Packet;
 using wire::PacketType;
 using wire::ParseAddress;
+using wire::TypeName;
 using wire::Writer;
 namespace event = wire::event;
 namespace le_event = wire::le_event;
 namespace opcode = wire::opcode;
-
-// "CMD", "ACL", "SCO", "EVT", "ISO".
-const char* TypeName(PacketType type);
 
 // Reads a packet from its front. What is absent reads as 0, and ok() tells that it was.
 class Reader {
@@ -62,7 +63,5 @@ inline uint16_t HandleOf(const Packet& data) { return Reader(data.bytes).U16() &
 
 // Bytes in hex, as a user writes them: see wire::ParseHex(). Throws Failure(kUsage).
 Bytes ParseHex(const std::string& text);
-// "01 AB", of more than limit bytes "01 AB ... (99 bytes)".
-std::string HexText(const Bytes& bytes, size_t limit = SIZE_MAX);
 
 }  // namespace bthalctl

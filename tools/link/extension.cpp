@@ -12,7 +12,7 @@ namespace bthalctl {
 namespace {
 
 // Longer than a command waits for its answer in the service.
-constexpr std::chrono::seconds kAnswerTime{3};
+constexpr std::chrono::seconds kExtensionAnswerTime{3};
 
 // The status in "… VSE <[6]{14, 4, 1, 105, 254, 18}>", a Command Complete event.
 std::optional<uint8_t> StatusIn(const std::string& text) {
@@ -57,7 +57,7 @@ std::optional<std::string> CallOutcome::Verdict(const LogLine& line, const std::
 bool CallOutcome::Accepted() {
   if (access(path_.c_str(), R_OK) != 0) return false;
   std::optional<std::string> verdict;
-  const TimePoint deadline = Clock::now() + kAnswerTime;
+  const TimePoint deadline = Clock::now() + kExtensionAnswerTime;
   do {
     log_.Drain([&](const std::string& text) {
       const std::optional<LogLine> line = ParseLogLine(text);

@@ -104,9 +104,6 @@ void Holder::ReadFrom(Client& client, HciLink& link) {
 
 void Holder::OnMessage(Client& client, const Bytes& message, HciLink& link) {
   switch (message.front()) {
-    case holder::kWatch:
-      client.watching = true;
-      return;
     case holder::kStatus: {
       const std::string status = StatusJson();
       Queue(client, Message(holder::kStatus, Bytes(status.begin(), status.end())));
@@ -126,7 +123,6 @@ void Holder::OnMessage(Client& client, const Bytes& message, HciLink& link) {
         pending_.push_back({Reader(packet.bytes).U16(), client.id});
       }
       ++sent_[message.front()];
-      TellWatchers(packet, false);
       link.Send(packet);
       return;
     }
@@ -138,7 +134,6 @@ void Holder::OnMessage(Client& client, const Bytes& message, HciLink& link) {
 void Holder::Deliver(const Packet& packet) {
   const auto type = static_cast<uint8_t>(packet.type);
   ++received_[type];
-  TellWatchers(packet, true);
   const Bytes message = Message(type, packet.bytes);
   if (const std::optional<CommandAnswer> answer = AnswerIn(packet)) {
     const auto asked = std::find_if(pending_.begin(), pending_.end(), [&](const Pending& pending) {
@@ -153,19 +148,7 @@ void Holder::Deliver(const Packet& packet) {
       return;
     }
   }
-  for (const auto& client : clients_) {
-    if (!client->watching) Queue(*client, message);
-  }
-}
-
-void Holder::TellWatchers(const Packet& packet, bool from_controller) {
-  const unsigned type =
-      static_cast<unsigned>(packet.type) | (from_controller ? holder::kFromController : 0u);
-  for (const auto& client : clients_) {
-    if (client->watching) {
-      Queue(*client, Writer().U8(holder::kPassing).U8(type).Append(packet.bytes).Done());
-    }
-  }
+  for (const auto& client : clients_) Queue(*client, message);
 }
 
 void Holder::Queue(Client& client, Bytes message) {

@@ -34,7 +34,6 @@ class Holder {
   struct Client {
     uint64_t id = 0;
     ::android::base::unique_fd fd;
-    bool watching = false;
     bool quitting = false;
     bool gone = false;
     Outbox outbox{16 << 20};
@@ -51,7 +50,6 @@ class Holder {
   void OnMessage(Client& client, const Bytes& message, HciLink& link);
   void Deliver(const Packet& packet);
   void Queue(Client& client, Bytes message);
-  void TellWatchers(const Packet& packet, bool from_controller);
   std::string StatusJson() const;
 
   const std::string path_;
@@ -68,22 +66,14 @@ class Holder {
 // answering. Throws Failure when there is no answer in time.
 std::optional<std::string> AskHolder(uint8_t kind, std::chrono::milliseconds timeout);
 
-// A share in the holder's attachment; null when there is no holder. watching: everything that goes
-// by arrives as well, and is read with TakePassing().
+// A share in the holder's attachment.
 class HolderLink : public HciLink {
  public:
-  static std::unique_ptr<HolderLink> Connect();
+  static std::unique_ptr<HolderLink> Connect();  // null when there is no holder
 
   void Send(const Packet& packet) override;
   std::optional<Packet> Take() override;
   int fd() const override { return fd_.get(); }
-
-  void Watch();
-  struct Passing {
-    Packet packet;
-    bool from_controller = false;
-  };
-  std::optional<Passing> TakePassing();
 
  private:
   explicit HolderLink(::android::base::unique_fd fd) : fd_(std::move(fd)) {}

@@ -20,8 +20,6 @@ void HolderLink::Send(const Packet& packet) {
   Write(Writer().U8(static_cast<unsigned>(packet.type)).Append(packet.bytes).Done());
 }
 
-void HolderLink::Watch() { Write({holder::kWatch}); }
-
 void HolderLink::Write(const Bytes& message) {
   while (send(fd_.get(), message.data(), message.size(), MSG_NOSIGNAL) < 0) {
     if (errno == EAGAIN) {
@@ -50,18 +48,6 @@ std::optional<Packet> HolderLink::Take() {
     const uint8_t kind = message->front();
     if (wire::LayoutOf(kind) == nullptr) continue;
     return Packet{static_cast<PacketType>(kind), Bytes(message->begin() + 1, message->end())};
-  }
-  return std::nullopt;
-}
-
-std::optional<HolderLink::Passing> HolderLink::TakePassing() {
-  while (std::optional<Bytes> message = Read()) {
-    Reader in(*message);
-    if (in.U8() != holder::kPassing) continue;
-    const uint8_t type = in.U8();
-    const auto bare = static_cast<uint8_t>(type & ~holder::kFromController);
-    return Passing{{static_cast<PacketType>(bare), in.Rest()},
-                   (type & holder::kFromController) != 0};
   }
   return std::nullopt;
 }

@@ -13,14 +13,9 @@ constexpr char kSocket[] = "/run/bthal/holder";
 // Kinds 1 to 5 are HCI packets, the kind being the H4 type: commands and data from a client,
 // events and data to it. The others:
 enum Kind : uint8_t {
-  kWatch = 'W',    // client: wants all traffic from now on (kPassing)
-  kPassing = 'P',  // holder: H4 type, then a packet of either direction
-  kStatus = 'S',   // client asks; holder answers with JSON
-  kQuit = 'Q',     // client: asks to give Bluetooth up; holder answers the same when it has
+  kStatus = 'S',  // client asks; holder answers with JSON
+  kQuit = 'Q',    // client: asks to give Bluetooth up; holder answers the same when it has
 };
-// The type byte of kPassing has this bit when the packet came from the controller.
-constexpr uint8_t kFromController = 0x80;
-
-constexpr size_t kMaxMessage = 1 + 1 + 4 + 65535;
+constexpr size_t kMaxMessage = 1 + 4 + 65535;
 
 }  // namespace bthalctl::holder

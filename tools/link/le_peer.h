@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "tools/hci/decoder.h"
+#include "tools/hci/advertisement.h"
 #include "tools/link/exchange.h"
 
 namespace bthalctl {

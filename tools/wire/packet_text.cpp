@@ -1,7 +1,5 @@
 #include "tools/wire/packet_text.h"
 
-#include <cstdio>
-
 #include "tools/wire/code_names.h"
 #include "tools/wire/codes.h"
 #include "tools/wire/text.h"
@@ -10,10 +8,8 @@ namespace wire {
 namespace {
 
 std::string NameOrNumber(CodeKind kind, uint16_t code) {
-  if (const char* name = NameOf(kind, code)) return name;
-  char text[8];
-  std::snprintf(text, sizeof text, kind == CodeKind::kCommand ? "0x%04X" : "0x%02X", code);
-  return text;
+  if (const CodeRow* const row = FindRow(kind, code)) return row->name;
+  return HexCode(code, kind == CodeKind::kCommand ? 4 : 2);
 }
 
 std::string Answer(uint8_t event_code, uint16_t opcode, uint8_t status) {

@@ -1,16 +1,12 @@
-// Packets in words, one line per packet.
+// What LE advertisers tell.
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "tools/hci/packet.h"
 
 namespace bthalctl {
-
-// Without the packet's direction and without a newline: "EVT Command Complete: Reset (0x0C03):
-// Success". A packet whose length field disagrees with its size, or that ends early, is shown as
-// such.
-std::string Describe(const Packet& packet);
 
 // One report of an LE advertiser.
 struct Advertisement {
