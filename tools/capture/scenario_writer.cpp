@@ -60,7 +60,7 @@ std::string Number(unsigned value, int digits) {
   return text;
 }
 
-// Whether the specification has this command answered by Command Complete.
+// Whether Command Complete answers this command (Core 5.3, 4.E.7).
 bool IsCompleted(uint16_t opcode) {
   constexpr unsigned kBaseband = 3, kInformation = 4, kVendor = 0x3F;
   const unsigned group = opcode >> 10;
