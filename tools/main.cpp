@@ -62,6 +62,7 @@ void AddCommands(CLI::App& app, const bthalctl::Options& options) {
   group("Bluetooth");
   bthalctl::AddDoctor(app, options);
   bthalctl::AddDebug(app, options);
+  bthalctl::AddReport(app, options);
   bthalctl::AddCrashes(app, options);
   bthalctl::AddActivity(app, options);
   group("Diagnostics");

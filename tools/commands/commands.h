@@ -69,6 +69,7 @@ void AddCapture(CLI::App& app, const Options& options);
 void AddMonitor(CLI::App& app, const Options& options);
 void AddTimeline(CLI::App& app, const Options& options);
 void AddDebug(CLI::App& app, const Options& options);
+void AddReport(CLI::App& app, const Options& options);
 void AddCrashes(CLI::App& app, const Options& options);
 void AddAfh(CLI::App& app, const Options& options);
 void AddSar(CLI::App& app, const Options& options);

@@ -6,7 +6,7 @@
 #include <cctype>
 
 #include "tools/evidence/report_sections.h"
-#include "tools/wire/code_names.h"
+#include "tools/wire/code_rows.h"
 
 namespace bthalctl {
 namespace {
@@ -14,16 +14,15 @@ namespace {
 // As a user types them: "read_bd_addr".
 std::vector<std::string> CommandNames() {
   std::vector<std::string> names;
-  wire::FindName(wire::CodeKind::kCommand, [&](const char* name) {
-    std::string typed = name;
+  for (const wire::CodeRow& row : wire::CommandRows()) {
+    std::string typed = row.name;
     for (char& c : typed) {
       c = std::isalnum(static_cast<unsigned char>(c)) != 0
               ? static_cast<char>(std::tolower(static_cast<unsigned char>(c)))
               : '_';
     }
     names.push_back(typed);
-    return false;
-  });
+  }
   return names;
 }
 

@@ -20,10 +20,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-const char* LevelName(Level level) {
-  return level == Level::kOk ? "ok" : level == Level::kWarning ? "warning" : "fault";
-}
-
 bool HasRealTimeThread(int pid) {
   std::error_code ignored;
   const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
@@ -88,10 +84,7 @@ void Doctor(const Options& /*options*/, const CommandValues& values) {
   Json all = Json::array();
   for (const Finding& finding : findings) {
     if (!values.json) Print(finding);
-    all.push_back({{"what", finding.what},
-                   {"level", LevelName(finding.level)},
-                   {"text", finding.text},
-                   {"advice", finding.advice}});
+    all.push_back(ToJson(finding));
   }
   if (values.json) std::puts(all.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
   const auto faults = std::count_if(findings.begin(), findings.end(), [](const Finding& finding) {

@@ -1,18 +1,14 @@
 #include "tools/history/timeline.h"
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
-#include <root_folder/root_folder.h>
 
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "tools/base/failure.h"
 #include "tools/base/terminal.h"
-#include "tools/capture/capture_reader.h"
-#include "tools/capture/capture_source.h"
 #include "tools/commands/commands.h"
-#include "tools/history/history_recorder.h"
+#include "tools/history/history_source.h"
 
 namespace bthalctl {
 namespace {
@@ -20,51 +16,16 @@ namespace {
 struct TimelineOptions : CommandValues {
   std::string output;
   std::string format = "perfetto";
+  std::string read;    // a capture; empty: of the service
   double seconds = 0;  // 0: only the bring-up
 };
-
-std::vector<LogLine> ReadLog() {
-  std::vector<LogLine> lines;
-  std::string log;
-  // A service that logs elsewhere leaves no file.
-  ::android::base::ReadFileToString(root_folder::Resolve("/run/bthal/log"), &log);
-  for (const std::string& text : ::android::base::Split(log, "\n")) {
-    if (const std::optional<LogLine> line = ParseLogLine(text)) lines.push_back(*line);
-  }
-  return lines;
-}
-
-int64_t NowNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
-// The last bring-up, and what passes from now on for so many seconds.
-History Record(const Options& options, double seconds) {
-  CatchStopSignals();
-  CaptureWords words;
-  words.bring_up = true;
-  words.no_data = true;
-  const auto source = OpenCapture(FindService(options.wait()), "monitor", words);
-  CaptureReader reader;
-  HistoryRecorder recorder;
-  ForEachRecord(source, EndAfter(std::max(seconds, 0.05)), [&](const CaptureRecord& record) {
-    reader.Put(record.bytes);
-    while (const std::optional<Captured> captured = reader.Next()) recorder.AddCaptured(*captured);
-    return true;
-  });
-  recorder.AddLog(ReadLog());
-  History history = recorder.Finish(NowNs());
-  history.source = root_folder::Path().empty() ? "/" : root_folder::Path();
-  return history;
-}
 
 void Timeline(const Options& options, const TimelineOptions& timeline) {
   if (timeline.json == !timeline.output.empty()) {
     throw Failure(ExitCode::kUsage, "timeline takes -o FILE, or --json");
   }
-  const History history = Record(options, timeline.seconds);
+  const History history = timeline.read.empty() ? RecordHistory(options, timeline.seconds)
+                                                : HistoryOfCapture(timeline.read);
   if (timeline.json) {
     std::puts(
         ToJson(history).dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
@@ -93,6 +54,8 @@ void AddTimeline(CLI::App& app, const Options& options) {
                  "print what the timeline shows, for a script");
   command.add_option("-o,--output", timeline.output, "file to write; - is standard output")
       ->type_name("FILE");
+  command.add_option("-r,--read", timeline.read,
+                     "a capture (pcapng, btsnoop) instead of a service");
   command.add_option("-f,--format", timeline.format, "perfetto, or json for other viewers")
       ->capture_default_str()
       ->check(CLI::IsMember({"perfetto", "json"}));

@@ -3,6 +3,7 @@
 // put back.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,10 @@ struct Finding {
   std::string text;    // what was seen
   std::string advice;  // what to do; empty when all is well
 };
+
+const char* LevelName(Level level);
+// what, level, text, advice
+nlohmann::json ToJson(const Finding& finding);
 
 using Findings = std::vector<Finding>;
 

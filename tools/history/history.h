@@ -20,6 +20,7 @@ struct HistoryStep {
   int64_t begin_ns = 0;
   int64_t end_ns = 0;
   bool failed = false;
+  bool running = false;  // it had not ended when the log did
 };
 
 // From a command to its Command Complete or Command Status.

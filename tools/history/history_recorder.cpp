@@ -4,13 +4,13 @@
 #include <android-base/strings.h>
 
 #include <algorithm>
-#include <cctype>
 #include <utility>
 
 #include "tools/hci/names.h"
 #include "tools/hci/packet.h"
 #include "tools/link/exchange.h"
 #include "tools/log/bring_up_steps.h"
+#include "tools/log/user_data.h"
 
 namespace bthalctl {
 namespace {
@@ -51,8 +51,6 @@ const char* ExtensionOfVendorEvent(uint8_t subevent) {
   return "";
 }
 
-constexpr char kEwpTag[] = "bthal.ewp";
-
 bool IsEwpHandle(uint16_t handle) { return handle >= 0xD00 && handle <= 0xEFF; }
 
 // Notes of the service: between a kept bring-up and this line nothing is known.
@@ -64,29 +62,17 @@ std::string DataName(PacketType type) {
   return type == PacketType::kAcl ? "ACL data" : type == PacketType::kSco ? "SCO data" : "ISO data";
 }
 
-// text without device addresses, such as log lines have.
-std::string WithoutAddresses(std::string text) {
-  constexpr size_t kSize = 17;  // "5a:56:4b:00:00:01"
-  for (size_t at = 0; at + kSize <= text.size(); ++at) {
-    bool address = true;
-    for (size_t i = 0; i < kSize && address; ++i) {
-      const auto c = static_cast<unsigned char>(text[at + i]);
-      address = i % 3 == 2 ? c == ':' : std::isxdigit(c) != 0;
-    }
-    if (address) text.replace(at, kSize, "(address)");
-  }
-  return text;
-}
-
 int64_t ToNs(std::chrono::system_clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
 }
 
 // Where in a log the last bring-up that has begun by then begins.
 size_t LastBringUp(const std::vector<LogLine>& log, int64_t by_ns) {
-  size_t begin = 0;
+  size_t begin = 0, before = 0;
   for (size_t i = 0; i < log.size() && ToNs(log[i].time) <= by_ns + kNsPerMs; ++i) {
-    if (BringUpSteps::IsStart(log[i])) begin = i;
+    if (BringUpSteps::IsStart(log[i])) before = std::exchange(begin, i);
+    // A reset of a controller that is up: the bring-up is the one before.
+    if (DetailOf(log[i], "bthal.zvkproto", "AcceleratedReset", nullptr)) begin = before;
   }
   return begin;
 }
@@ -230,8 +216,13 @@ void HistoryRecorder::AddLog(const std::vector<LogLine>& log) {
   history_.begin_ns = std::min(history_.begin_ns == 0 ? start_ns : history_.begin_ns, start_ns);
   BringUpSteps steps;
   for (size_t i = begin; i < log.size(); ++i) {
-    if (log[i].tag == kEwpTag) continue;  // hex dumps of data packets
+    if (HoldsUserData(log[i])) continue;
     for (const Progress& progress : steps.Feed(log[i])) AddProgress(progress, start_ns);
+  }
+  if (const std::optional<Progress> running = steps.Running(log.back().time)) {
+    const int64_t at_ns = start_ns + running->at.count() * kNsPerMs;
+    history_.steps.push_back({running->name, running->detail, at_ns,
+                              at_ns + running->took.count() * kNsPerMs, false, true});
   }
 }
 
@@ -244,7 +235,7 @@ void HistoryRecorder::AddProgress(const Progress& progress, int64_t start_ns) {
     case Progress::Kind::kFailed:
       history_.steps.push_back({progress.name, progress.detail, at_ns,
                                 at_ns + progress.took.count() * kNsPerMs,
-                                progress.kind == Progress::Kind::kFailed});
+                                progress.kind == Progress::Kind::kFailed, false});
       break;
     case Progress::Kind::kMark:
       history_.marks.push_back({HistoryMark::Kind::kNote, at_ns, progress.name, ""});

@@ -44,6 +44,7 @@ TrackSlice SliceOf(const HistoryStep& step) {
   TrackSlice slice{step.begin_ns, step.end_ns, step.name, {}};
   if (!step.detail.empty()) slice.details.emplace_back("found", step.detail);
   if (step.failed) slice.details.emplace_back("failed", "yes");
+  if (step.running) slice.details.emplace_back("ended", "not before the log did");
   return slice;
 }
 

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <deque>
+#include <future>
 #include <mutex>
 #include <thread>
 
@@ -157,6 +158,19 @@ sp<Hci> FindService(std::chrono::milliseconds wait) {
   }
   if (service == nullptr) throw NotFound(::android::hardware::details::lastLookUpError());
   return service;
+}
+
+void DemandAnswer(const sp<Hci>& service, std::chrono::milliseconds wait) {
+  // The thread may wait as long as the service does, also behind the end of this program.
+  std::promise<bool> answered;
+  std::future<bool> answer = answered.get_future();
+  std::thread([service, answered = std::move(answered)]() mutable {
+    answered.set_value(service->ping().isOk());
+  }).detach();
+  if (answer.wait_for(wait) == std::future_status::timeout) {
+    throw Failure(ExitCode::kNoService, "the service does not answer: it is inside a bring-up");
+  }
+  if (!answer.get()) throw Failure(ExitCode::kNoService, "the service died");
 }
 
 Attachment::Attachment(const sp<Hci>& service) : service_(service), callbacks_(new StackCallbacks) {

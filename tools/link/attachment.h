@@ -15,6 +15,10 @@ using Hci = ::android::hardware::bluetooth::V1_1::IBluetoothHci;
 // Failure(kNoService).
 ::android::sp<Hci> FindService(std::chrono::milliseconds wait);
 
+// Throws Failure(kNoService) when the service does not answer a call within this time: while it is
+// inside a bring-up it takes no other call.
+void DemandAnswer(const ::android::sp<Hci>& service, std::chrono::milliseconds wait);
+
 class StackCallbacks;
 
 // The service's one place for a Bluetooth stack: taken by initialize, given up by close when the

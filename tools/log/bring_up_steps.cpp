@@ -133,6 +133,13 @@ const Rule* RuleOf(const LogLine& line, std::string* detail) {
 
 }  // namespace
 
+std::optional<Progress> BringUpSteps::Running(std::chrono::system_clock::time_point now) const {
+  if (!current_) return std::nullopt;
+  const auto at = std::chrono::duration_cast<std::chrono::milliseconds>(now - *start_);
+  return Progress{Progress::Kind::kBegin, current_->begin, at - current_->begin, current_->name,
+                  current_->detail};
+}
+
 bool BringUpSteps::IsStart(const LogLine& line) {
   std::string detail;
   const Rule* const rule = RuleOf(line, &detail);

@@ -31,6 +31,8 @@ struct Progress {
 class BringUpSteps {
  public:
   std::vector<Progress> Feed(const LogLine& line);
+  // The step that is running, if there is one, as it is by now.
+  std::optional<Progress> Running(std::chrono::system_clock::time_point now) const;
   // Whether a bring-up begins with this line.
   static bool IsStart(const LogLine& line);
 

@@ -1,0 +1,93 @@
+#include "tools/history/history_source.h"
+
+#include <android-base/file.h>
+#include <android-base/strings.h>
+#include <root_folder/root_folder.h>
+
+#include <algorithm>
+
+#include "tools/capture/capture_reader.h"
+#include "tools/capture/capture_source.h"
+#include "tools/history/history_recorder.h"
+
+namespace bthalctl {
+namespace {
+
+// So long until what the service has kept has come.
+constexpr double kKeptPackets = 0.05;
+// As the platform's own bug report has it.
+constexpr std::chrono::seconds kAnswerTime{2};
+
+int64_t NowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+std::string SourceName() { return root_folder::Path().empty() ? "/" : root_folder::Path(); }
+
+}  // namespace
+
+std::vector<LogLine> ReadServiceLog() {
+  std::vector<LogLine> lines;
+  for (const char* const path : {"/run/bthal/log.1", "/run/bthal/log"}) {
+    std::string log;
+    ::android::base::ReadFileToString(root_folder::Resolve(path), &log);
+    for (const std::string& text : ::android::base::Split(log, "\n")) {
+      if (const std::optional<LogLine> line = ParseLogLine(text)) lines.push_back(*line);
+    }
+  }
+  return lines;
+}
+
+History RecordHistory(const Options& options, double seconds) {
+  CatchStopSignals();
+  CaptureWords words;
+  words.bring_up = true;
+  words.no_data = true;
+  const auto service = FindService(options.wait());
+  DemandAnswer(service, kAnswerTime);
+  const auto source = OpenCapture(service, "monitor", words);
+  CaptureReader reader;
+  HistoryRecorder recorder;
+  ForEachRecord(source, EndAfter(std::max(seconds, kKeptPackets)),
+                [&](const CaptureRecord& record) {
+                  reader.Put(record.bytes);
+                  while (const std::optional<Captured> captured = reader.Next()) {
+                    recorder.AddCaptured(*captured);
+                  }
+                  return true;
+                });
+  recorder.AddLog(ReadServiceLog());
+  History history = recorder.Finish(NowNs());
+  history.source = SourceName();
+  return history;
+}
+
+History HistoryOfLog(const std::vector<LogLine>& log) {
+  HistoryRecorder recorder;
+  recorder.AddLog(log);
+  const int64_t end_ns =
+      log.empty()
+          ? 0
+          : std::chrono::duration_cast<std::chrono::nanoseconds>(log.back().time.time_since_epoch())
+                .count();
+  History history = recorder.Finish(end_ns);
+  history.source = SourceName();
+  return history;
+}
+
+History HistoryOfCapture(const std::string& path) {
+  HistoryRecorder recorder;
+  int64_t end_ns = 0;
+  ReadCapture(path, [&](const Captured& captured) {
+    recorder.AddCaptured(captured);
+    end_ns = captured.time_ns;
+    return true;
+  });
+  History history = recorder.Finish(end_ns);
+  history.source = path;
+  return history;
+}
+
+}  // namespace bthalctl
