@@ -179,6 +179,20 @@ TEST(Report, OfHostileFiles_ShowsThemAsTextAndStaysSmall) {
   EXPECT_THAT(html, Not(HasSubstr("00:00:99")));
   EXPECT_THAT(html, Not(HasSubstr("x53, x45")));
   EXPECT_THAT(OpenInBrowser(page), HasSubstr("</html>"));
+
+  const TempDir elsewhere;
+  const std::string archive = elsewhere / "files.tgz";
+  std::string output;
+  ASSERT_EQ(
+      test::Run({"tar", "-czf", archive, "-C", root.path(), "run", "data"}, &output).exit_code, 0);
+  EXPECT_THAT(Ctl("/", {"report", "--from", archive, "-o", page}),
+              HasSubstr("failed at \"serial port\": <script>"));
+  EXPECT_EQ(test::Run({ProgramDir() + "/bthalctl", "report", "--from", root / "run/bthal/log", "-o",
+                       page},
+                      &output)
+                .exit_code,
+            1);
+  EXPECT_THAT(output, HasSubstr("Unrecognized archive format"));
 }
 
 }  // namespace

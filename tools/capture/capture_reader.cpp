@@ -42,6 +42,14 @@ int64_t Nanoseconds(uint64_t time, uint64_t units_per_second) {
   return static_cast<int64_t>(time / units_per_second * kNanoseconds + static_cast<uint64_t>(ns));
 }
 
+// A packet behind its type byte.
+wire::Packet PacketOf(ByteView data) {
+  if (wire::LayoutOf(data[0]) == nullptr) {
+    throw Failure("the capture has a packet of type " + std::to_string(data[0]));
+  }
+  return {static_cast<PacketType>(data[0]), data.From(1).Copy()};
+}
+
 }  // namespace
 
 void CaptureReader::Put(ByteView bytes) {
@@ -119,7 +127,7 @@ void CaptureReader::TakePcapng(const CaptureRecord& record) {
     item.from_controller = data[0] == static_cast<uint8_t>(PacketType::kEvent) || (flags & 3) == 1;
   }
   if (data.empty()) return;
-  item.packet = wire::Packet{static_cast<PacketType>(data[0]), data.From(1).Copy()};
+  item.packet = PacketOf(data);
   items_.push_back(std::move(item));
 }
 
@@ -133,7 +141,7 @@ void CaptureReader::TakeBtsnoop(const CaptureRecord& record) {
   if (data_link_ == kH4Link) {
     if (data.empty()) return;
     item.from_controller = (flags & 1) != 0;
-    item.packet = wire::Packet{static_cast<PacketType>(data[0]), data.From(1).Copy()};
+    item.packet = PacketOf(data);
     items_.push_back(std::move(item));
     return;
   }

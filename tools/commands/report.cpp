@@ -42,6 +42,7 @@ Json ReportOfFolder(const std::string& folder, const ReportOptions& options, boo
   if (child == 0) {
     dup2(in.get(), STDOUT_FILENO);
     std::vector<char*> argv;
+    argv.reserve(command.size() + 1);
     for (std::string& word : command) argv.push_back(word.data());
     argv.push_back(nullptr);
     execv(argv[0], argv.data());

@@ -7,9 +7,10 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Microseconds are what captures have.
-double Seconds(const History& history, int64_t time_ns) {
-  return static_cast<double>((time_ns - history.begin_ns) / 1000) / 1e6;
+// Whole microseconds are what captures have.
+double Seconds(int64_t time_ns) {
+  const int64_t time_us = time_ns / 1000;
+  return static_cast<double>(time_us) / 1e6;
 }
 
 template <typename Value>
@@ -36,9 +37,9 @@ const char* MarkKindName(HistoryMark::Kind kind) {
 }
 
 Json ToJson(const History& history) {
-  const auto at = [&](int64_t time_ns) { return Seconds(history, time_ns); };
+  const auto at = [&](int64_t time_ns) { return Seconds(time_ns - history.begin_ns); };
   Json json = {{"source", history.source},
-               {"begin", static_cast<double>(history.begin_ns / 1000) / 1e6},
+               {"begin", Seconds(history.begin_ns)},
                {"seconds", at(history.end_ns)}};
   Json& steps = json["steps"] = Json::array();
   for (const HistoryStep& step : history.steps) {

@@ -129,12 +129,13 @@ std::string DrawTimeLine(const Json& report) {
     static const std::set<std::string> kOff = {"off", "released", "asleep", "closed"};
     BarRow& row = rows[name];
     row.label = name;
-    row.bars.push_back({state["begin"], state["end"], kOff.count(value) != 0 ? "off" : "on",
-                        name + " " + value + ", " +
-                            SecondsText(state["end"].get<double>() - state["begin"].get<double>()) +
-                            " s"});
+    const double begin = state["begin"], until = state["end"];
+    std::string title = name;
+    title += " " + value + ", " + SecondsText(until - begin) + " s";
+    row.bars.push_back({begin, until, kOff.count(value) != 0 ? "off" : "on", title});
   }
   std::vector<BarRow> list;
+  list.reserve(rows.size());
   for (auto& [name, row] : rows) list.push_back(std::move(row));
   std::string out;
   if (list.empty()) {
