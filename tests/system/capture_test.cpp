@@ -337,12 +337,16 @@ TEST_F(Capture, LiveThroughExtcap_AndTheDissectorNamesTheVendorPart) {
                                std::filesystem::perm_options::add);
   const std::string user =
       geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
-  test::Run({"sh", "-c",
-             "HOME=/nonexistent " + user + "tshark -X lua_script:" + script +
-                 " -d bthci_cmd.vendor,bthal -r - -Y bthal -T fields -e bthal.baud -e "
-                 "bthal.chip_id -e bthal.ram_data 2>&1 <" +
-                 file},
-            &output);
+  const auto dissected = [&](const std::string& capture, const std::string& fields) {
+    std::string lines;
+    test::Run({"sh", "-c",
+               "HOME=/nonexistent " + user + "tshark -X lua_script:" + script +
+                   " -d bthci_cmd.vendor,bthal -r - -Y bthal -T fields -e " +
+                   Replaced(fields, " ", " -e ") + " 2>&1 <" + capture},
+              &lines);
+    return lines;
+  };
+  output = dissected(file, "bthal.baud bthal.chip_id bthal.ram_data");
   EXPECT_THAT(output, HasSubstr("\n4000000\t\t\n"));
   EXPECT_THAT(output, HasSubstr("\n\t0xb5\t\n"));
   std::string data;
@@ -352,6 +356,27 @@ TEST_F(Capture, LiveThroughExtcap_AndTheDissectorNamesTheVendorPart) {
     if (packet.rfind("4cfc", 0) == 0) written += packet.substr(14, 10);
   }
   EXPECT_THAT(data, HasSubstr(written.substr(0, 10)));
+
+  // Reports of the controller, with the values that the simulator puts into them.
+  const std::string reports = folder_ / "reports";
+  EXPECT_EQ(handset_.Ctl({"up", "--detach"}).exit_code, 0);
+  const auto capture = Start({"-o", reports});
+  EXPECT_EQ(handset_.Ctl({"cmd", "0xFD63", "01 03 00 AD 4B 56 C2 01 00 18"}).exit_code, 0);
+  for (const char* report :
+       {"quality monitoring 0x40", "latency-trace 1", "link-layer C2:56:4B:AD:00:03 phy rx"}) {
+    std::vector<std::string> step = {ProgramDir() + "/zvksim", "ctl", handset_.root()};
+    for (const std::string& word : SplitTrimmed(report, ' ')) step.push_back(word);
+    EXPECT_EQ(test::Run(step, &output).exit_code, 0) << output;
+  }
+  EXPECT_TRUE(WaitFor([&] { return TracePackets(handset_, '<', "event ff 17 d0").size() == 1; }));
+  EXPECT_EQ(handset_.Ctl({"cmd", "read_bd_addr"}).exit_code, 0);  // behind all of them
+  End(*capture);
+  EXPECT_THAT(dissected(reports, "bthal.handle bthal.rssi bthal.power bthal.diversity bthal.delay"),
+              ::testing::AllOf(HasSubstr("\n0x0040\t-60,-61\t10,9,-1,-2\t0x11,0x12,0x13,0x14\t\n"),
+                               HasSubstr("\t\t\t\t0,5,7.5,10\n")));
+  EXPECT_THAT(dissected(reports, "bthal.action bthal.address bthal.direction bthal.identifier"),
+              ::testing::AllOf(HasSubstr("1\tc2:56:4b:ad:00:03\t\t0x18\n"),
+                               HasSubstr("\n\tc2:56:4b:ad:00:03\t0x01\t0x18\n")));
 }
 
 TEST(CaptureOnDisk, Property_KeepsTheLastFilesFromTheStartOn) {

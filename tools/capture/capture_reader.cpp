@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <utility>
 
 #include "tools/base/failure.h"
@@ -37,9 +38,8 @@ uint64_t UnitsPerSecond(uint8_t resolution) {
 
 int64_t Nanoseconds(uint64_t time, uint64_t units_per_second) {
   const double rest = static_cast<double>(time % units_per_second) * 1e9;
-  return static_cast<int64_t>(
-      time / units_per_second * kNanoseconds +
-      static_cast<uint64_t>(rest / static_cast<double>(units_per_second) + 0.5));
+  const auto ns = std::llround(rest / static_cast<double>(units_per_second));
+  return static_cast<int64_t>(time / units_per_second * kNanoseconds + static_cast<uint64_t>(ns));
 }
 
 // A packet behind its type byte.

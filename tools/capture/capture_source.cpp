@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -18,6 +19,7 @@ using ::android::base::unique_fd;
 // The service looks for packets every few milliseconds.
 constexpr std::chrono::milliseconds kLastPackets{30};
 constexpr std::chrono::seconds kEndOfAll{1};
+constexpr std::chrono::milliseconds kPause{200};
 
 }  // namespace
 
@@ -54,24 +56,31 @@ unique_fd OpenCapture(const ::android::sp<Hci>& service, const std::string& form
 }
 
 void ForEachRecord(const unique_fd& source, TimePoint deadline,
-                   const std::function<bool(const CaptureRecord&)>& take) {
+                   const std::function<bool(const CaptureRecord&)>& take,
+                   const std::function<void()>& pause) {
   RecordSplitter splitter;
   std::array<uint8_t, 65536> buffer;
   bool begun = false;
   bool stopping = false;
   TimePoint end_of_all = kNever;
+  const auto stop = [&] {
+    stopping = true;
+    end_of_all = Clock::now() + kEndOfAll;
+  };
   while (Clock::now() < end_of_all) {
-    bool ready = false;
+    TimePoint end = stopping ? Clock::now() + kLastPackets : deadline;
+    if (pause != nullptr) end = std::min(end, Clock::now() + kPause);
     try {
-      ready = WaitReadable(source.get(), stopping ? Clock::now() + kLastPackets : deadline);
+      if (!WaitReadable(source.get(), end)) {
+        if (stopping) return;
+        if (pause != nullptr) pause();
+        if (Clock::now() >= deadline) stop();
+        continue;
+      }
     } catch (const Interrupted&) {
       if (stopping) throw;
       ForgetStopSignal();
-    }
-    if (!ready) {
-      if (stopping) return;
-      stopping = true;
-      end_of_all = Clock::now() + kEndOfAll;
+      stop();
       continue;
     }
     const ssize_t n = TEMP_FAILURE_RETRY(read(source.get(), buffer.data(), buffer.size()));

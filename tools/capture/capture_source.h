@@ -30,8 +30,9 @@ struct CaptureWords {
 
 // Calls take for each record, until it returns false, the deadline passes or a stop signal arrives;
 // what has been written by then is taken, too. Throws Failure when the service ends the capture or
-// refuses it.
+// refuses it. In a pause, pause is called now and then, if it is not null.
 void ForEachRecord(const ::android::base::unique_fd& source, TimePoint deadline,
-                   const std::function<bool(const CaptureRecord&)>& take);
+                   const std::function<bool(const CaptureRecord&)>& take,
+                   const std::function<void()>& pause = nullptr);
 
 }  // namespace bthalctl

@@ -50,23 +50,34 @@ class Counter {
     if (visible_) std::fputs("\r\x1b[K", stderr);
   }
   void Add(const CaptureRecord& record, uint64_t bytes) {
-    if (record.kind == RecordKind::kPacket) ++packets;
-    lost += record.lost;
+    if (record.kind == RecordKind::kPacket) ++packets_;
+    lost_ += record.lost;
+    bytes_ = bytes;
+    Show();
+  }
+  // Draws what has been added, but not too often: to be called in every pause as well.
+  void Show() {
     const TimePoint now = Clock::now();
     if (!visible_ || now < next_) return;
     next_ = now + std::chrono::milliseconds(100);
-    std::fprintf(stderr, "\r%s\x1b[K", Text(bytes).c_str());
+    std::fprintf(stderr, "\r%s\x1b[K", Text().c_str());
   }
-  std::string Text(uint64_t bytes) const {
-    return std::to_string(packets) + " packets, " + HumanBytes(bytes) +
-           (lost > 0 ? ", " + std::to_string(lost) + " lost" : "");
+  void End() {
+    std::fprintf(stderr, "%s%s\n", visible_ ? "\r\x1b[K" : "", Text().c_str());
+    visible_ = false;
   }
-
-  uint64_t packets = 0;
-  uint64_t lost = 0;
+  uint64_t packets() const { return packets_; }
 
  private:
-  const bool visible_ = IsRichTerminal(STDERR_FILENO);
+  std::string Text() const {
+    return std::to_string(packets_) + (packets_ == 1 ? " packet, " : " packets, ") +
+           HumanBytes(bytes_) + (lost_ > 0 ? ", " + std::to_string(lost_) + " lost" : "");
+  }
+
+  uint64_t packets_ = 0;
+  uint64_t lost_ = 0;
+  uint64_t bytes_ = 0;
+  bool visible_ = IsRichTerminal(STDERR_FILENO);
   TimePoint next_ = Clock::now();
 };
 
@@ -95,13 +106,15 @@ void Capture(const Options& options, const CaptureOptions& capture) {
   const auto source = OpenCapture(FindService(options.wait()), capture.format, capture.words);
   CaptureFile file(capture.output, rotation);
   Counter counter;
-  ForEachRecord(source, EndAfter(capture.seconds), [&](const CaptureRecord& record) {
-    file.Write(record);
-    counter.Add(record, file.bytes());
-    return capture.count == 0 || counter.packets < capture.count;
-  });
-  std::fprintf(stderr, "%s%s\n", IsRichTerminal(STDERR_FILENO) ? "\r\x1b[K" : "",
-               counter.Text(file.bytes()).c_str());
+  ForEachRecord(
+      source, EndAfter(capture.seconds),
+      [&](const CaptureRecord& record) {
+        file.Write(record);
+        counter.Add(record, file.bytes());
+        return capture.count == 0 || counter.packets() < capture.count;
+      },
+      [&] { counter.Show(); });
+  counter.End();
 }
 
 }  // namespace

@@ -160,8 +160,7 @@ std::string DataText(PacketType type, ByteView packet, size_t header) {
   const unsigned flags = head >> 12;
   const uint16_t handle = head & 0x0FFF;
   const ByteView data = packet.From(header);
-  const std::string text =
-      "handle " + HexCode(handle, 3) + ", " + std::to_string(data.size()) + " bytes";
+  std::string text = "handle " + HexCode(handle, 3) + ", " + std::to_string(data.size()) + " bytes";
   if (data.empty()) return text;
   if (type == PacketType::kAcl) return text + ": " + AclText(handle, flags, data);
   if (type == PacketType::kIso) return text + ": " + IsoText(flags, data);

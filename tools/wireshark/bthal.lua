@@ -62,14 +62,14 @@ local f = {
   vendor_error = field("uint8", "vendor_error", "Vendor error", base.HEX),
   rssi = field("int8", "rssi", "RSSI (dBm)"),
   power = field("int8", "power", "Transmit power (dBm)"),
-  diversity = field("uint8", "diversity", "Beamforming or diversity", base.HEX),
+  diversity = field("uint8", "diversity", "Transmission by", base.HEX),
   quality = field("uint8", "quality", "Link quality"),
   traced = field("uint8", "traced", "Packets traced"),
   timestamp = field("uint32", "timestamp", "Base timestamp"),
   delay = field("double", "delay", "Delay (ms)"),
   last_fragment = field("bool", "last_fragment", "Last fragment"),
   dump = field("bytes", "dump", "Memory"),
-  direction = field("uint8", "direction", "Direction", base.HEX),
+  direction = field("uint8", "direction", "Direction", base.HEX, { [0] = "TX", [1] = "RX" }),
   bt_time = field("uint64", "bluetooth_time", "Bluetooth time"),
   identifier = field("uint8", "identifier", "Link-layer event", base.HEX, { [0xFF] = "CONNECT_IND", [0x18] = "LL_PHY_UPDATE_IND" }),
   toggles = field("uint8", "toggles", "Toggles of the time-sync line"),
@@ -105,7 +105,8 @@ local command_parameters = {
   [0xFE72] = function(tree, tvb, at) add(tree, f.fast, tvb, at + 1, 1) end,
   [0xFD63] = function(tree, tvb, at)
     add(tree, f.action, tvb, at, 1)
-    rest(tree, f.bytes, tvb, at + 1)
+    add_address(tree, tvb, at + 1)
+    for event = at + 9, tvb:len() - 1 do add(tree, f.identifier, tvb, event, 1) end
   end,
   [0xFE20] = function(tree, tvb, at)
     add(tree, f.enabled, tvb, at + 1, 1)
@@ -145,7 +146,9 @@ local function quality_report(tree, tvb, pinfo)
     for i, name in ipairs({ "chain 0", "chain 0 again", "chain 1", "chain 1 again" }) do
       add(tree, f.power, tvb, radio + 1 + i, 1, name)
     end
-    for i = 6, 9 do add(tree, f.diversity, tvb, radio + i, 1) end
+    for i, name in ipairs({ "beamforming", "beamforming again", "diversity", "diversity again" }) do
+      add(tree, f.diversity, tvb, radio + 5 + i, 1, name)
+    end
     for i, name in ipairs({ "overall", "transmit", "receive" }) do
       if tvb:len() >= 248 then add(tree, f.quality, tvb, 228 + i, 1, name) end
     end
