@@ -150,9 +150,9 @@ void AddCapture(CLI::App& app, const Options& options) {
   AddCaptureWords(command, capture.words);
   command.add_option("-n,--count", capture.count, "end after so many packets");
   AddSeconds(command, "-t,--time", capture.seconds, "end after so many seconds", 0, 86400);
-  const std::vector<CLI::Option*> of_captures = command.get_options([&](const CLI::Option* option) {
-    return option != output && option != command.get_help_ptr();
-  });
+  const CLI::Option* const help = command.get_help_ptr();
+  const std::vector<CLI::Option*> of_captures = command.get_options(
+      [output, help](const CLI::Option* option) { return option != output && option != help; });
   CLI::Option* const to_scenario =
       command.add_option("--to-scenario", capture.to_scenario,
                          "make no capture: write a scenario for zvksim of this one");
