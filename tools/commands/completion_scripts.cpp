@@ -144,7 +144,11 @@ std::string ZshArguments(const CompletionCommand& command) {
     std::string rest = "[" + ZshText(option.what) + "]";
     if (option.takes_many) rest += ":*-*";
     if (option.takes_value) rest += ZshValue(option.value);
-    for (const std::string& name : option.names) text += " \\\n    " + Quoted(all + name + rest);
+    for (const std::string& name : option.names) {
+      std::string argument = all;
+      argument.append(name).append(rest);
+      text += " \\\n    " + Quoted(argument);
+    }
   }
   for (size_t i = 0; i < command.positionals.size(); ++i) {
     const bool last = i + 1 == command.positionals.size();
