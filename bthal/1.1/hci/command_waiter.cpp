@@ -25,7 +25,7 @@ uint8_t CommandWaiter::SendAndWait(HciFlowControl& flow, const std::vector<uint8
       }
     }
   }
-  flow.UnregisterEventWatcher(&refusal_);
+  if (!limit) flow.UnregisterEventWatcher(&refusal_);
   flow.UnregisterEventWatcher(this);
   // An answer that came between the end of the wait and here counts.
   GiveUp();
