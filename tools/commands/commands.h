@@ -4,8 +4,10 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tools/link/hci_link.h"
 
@@ -58,6 +60,8 @@ std::unique_ptr<HciLink> OpenLink(const Options& options);
 
 // What the service writes for its debug call: the report, or what the options ask for.
 std::string TakeReport(const Options& options, const std::vector<std::string>& debug_options = {});
+// How the service reaches the controller: what it answers to "state", by name.
+std::map<std::string, std::string> TakeState(const Options& options);
 
 void AddUp(CLI::App& app, const Options& options);
 void AddDown(CLI::App& app, const Options& options);

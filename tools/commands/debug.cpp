@@ -1,4 +1,5 @@
 #include <android-base/file.h>
+#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <cutils/native_handle.h>
 #include <fcntl.h>
@@ -72,6 +73,16 @@ std::string TakeReport(const Options& options, const std::vector<std::string>& d
   lseek(report.get(), 0, SEEK_SET);
   if (!::android::base::ReadFdToString(report, &text)) throw Failure(WithErrno("report"));
   return text;
+}
+
+std::map<std::string, std::string> TakeState(const Options& options) {
+  std::map<std::string, std::string> state;
+  for (const std::string& line : ::android::base::Split(TakeReport(options, {"state"}), "\n")) {
+    if (const size_t sign = line.find('='); sign != std::string::npos) {
+      state[line.substr(0, sign)] = line.substr(sign + 1);
+    }
+  }
+  return state;
 }
 
 void AddDebug(CLI::App& app, const Options& options) {

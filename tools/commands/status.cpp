@@ -1,4 +1,3 @@
-#include <android-base/strings.h>
 #include <root_folder/root_folder.h>
 
 #include <cstdio>
@@ -16,14 +15,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-// What the service answers to "state": lines "name=value".
 Json Transport(const Options& options) {
-  std::map<std::string, std::string> fields;
-  for (const std::string& line : ::android::base::Split(TakeReport(options, {"state"}), "\n")) {
-    if (const size_t sign = line.find('='); sign != std::string::npos) {
-      fields[line.substr(0, sign)] = line.substr(sign + 1);
-    }
-  }
+  std::map<std::string, std::string> fields = TakeState(options);
   Json transport = {{"kind", nullptr}, {"state", fields["state"]}};
   std::string text;
   if (const std::string kind = fields["transport"]; !kind.empty()) {

@@ -13,6 +13,7 @@
 #include "tools/base/failure.h"
 #include "tools/base/terminal.h"
 #include "tools/evidence/evidence_file.h"
+#include "tools/log/log_line.h"
 
 namespace bthalctl {
 namespace {
@@ -65,19 +66,11 @@ Json Entry(const fs::path& path, Json (*parse)(const std::string& text)) {
   return crash;
 }
 
-std::string Date(time_t seconds) {
-  tm local = {};
-  localtime_r(&seconds, &local);
-  char date[32];
-  std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &local);
-  return date;
-}
-
 std::string Describe(const Json& crash) {
   const auto text = [&crash](const char* key) {
     return Printable(crash[key].get_ref<const std::string&>());
   };
-  std::string out = Paint(Colour::kGrey, Date(crash["time"])) + "  ";
+  std::string out = Paint(Colour::kGrey, LocalTimeText(crash["time"])) + "  ";
   if (crash.contains("reason")) {
     out += Paint(Colour::kRed, text("reason")) + ", crash " + crash["count"].dump() +
            " of its process\n";
@@ -125,6 +118,14 @@ Json CollectCrashes() {
   std::stable_sort(crashes.begin(), crashes.end(),
                    [](const Json& a, const Json& b) { return a["time"] < b["time"]; });
   return crashes;
+}
+
+std::string CrashTitle(const Json& crash) {
+  if (crash.contains("reason")) return crash["reason"];
+  if (crash.contains("signal")) {
+    return crash["signal"].get<std::string>() + " in " + crash["function"].get<std::string>();
+  }
+  return crash.value("mistake", "");
 }
 
 std::string DescribeCrashes(const Json& crashes, time_t since) {

@@ -16,6 +16,10 @@ namespace bthalctl {
 // Strings hold whatever bytes the file has.
 nlohmann::json CollectCrashes();
 
+// What a crash of such an array was: its reason, "SIGNAL in FUNCTION", or what is wrong with its
+// file.
+std::string CrashTitle(const nlohmann::json& crash);
+
 // For people: one line, and one more for each file, of every crash since then.
 std::string DescribeCrashes(const nlohmann::json& crashes, time_t since = 0);
 

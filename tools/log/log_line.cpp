@@ -17,6 +17,14 @@ std::optional<time_t> ParseLocalTime(const std::string& text, const char* format
   return mktime(&local);
 }
 
+std::string LocalTimeText(time_t seconds) {
+  tm local = {};
+  localtime_r(&seconds, &local);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  return text;
+}
+
 std::optional<LogLine> ParseLogLine(const std::string& line) {
   constexpr size_t kDateSize = 19;
   const auto time = ParseLocalTime(line.substr(0, kDateSize), "%Y-%m-%d %H:%M:%S");

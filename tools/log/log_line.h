@@ -29,4 +29,7 @@ std::optional<std::string> DetailOf(const LogLine& line, const char* tag, const 
 // or more than that.
 std::optional<time_t> ParseLocalTime(const std::string& text, const char* format);
 
+// "2026-11-21 06:48:18", local time of seconds since 1970.
+std::string LocalTimeText(time_t seconds);
+
 }  // namespace bthalctl

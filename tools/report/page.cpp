@@ -1,11 +1,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "tools/evidence/crash_list.h"
+#include "tools/log/log_line.h"
 #include "tools/report/page_style.h"
 #include "tools/report/report.h"
 #include "tools/report/svg.h"
@@ -46,15 +47,6 @@ std::string Folded(const std::string& name, const std::string& content) {
 std::string SecondsText(double seconds) {
   char text[32];
   std::snprintf(text, sizeof text, "%.3f", seconds);
-  return text;
-}
-
-std::string DateText(double seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  tm local = {};
-  localtime_r(&time, &local);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
   return text;
 }
 
@@ -196,14 +188,7 @@ std::string DrawCrashes(const Json& report) {
   if (report["crashes"].empty()) return "<p>No failure has left files.</p>\n";
   std::string out;
   for (const Json& crash : report["crashes"]) {
-    std::string title = DateText(crash["time"]) + ": ";
-    if (crash.contains("reason")) {
-      title += TextOf(crash["reason"]);
-    } else if (crash.contains("signal")) {
-      title += TextOf(crash["signal"]) + " in " + TextOf(crash["function"]);
-    } else {
-      title += TextOf(crash.value("mistake", Json("")));
-    }
+    const std::string title = LocalTimeText(crash["time"]) + ": " + CrashTitle(crash);
     out += "<article class=\"crash\"><h3>" + Escape(title) + "</h3><dl>";
     for (const char* const key : {"count", "message", "pid", "thread"}) {
       if (crash.contains(key) && !TextOf(crash[key]).empty()) {
@@ -292,7 +277,7 @@ std::string DrawQuality(const Json& report) {
       if (one->contains("overall")) {
         quality[0].points.emplace_back(time, (*one)["overall"].get<double>());
       }
-      table += "<tr>" + Cell(DateText((*one)["time"])) + Cell(TextOf((*one)["kind"])) +
+      table += "<tr>" + Cell(LocalTimeText((*one)["time"])) + Cell(TextOf((*one)["kind"])) +
                NumberCell(TextOf((*one)["rssi_dbm"])) + NumberCell(TextOf((*one)["power_dbm"])) +
                NumberCell(TextOf((*one)["retransmission_power_dbm"])) +
                NumberCell(TextOf(one->value("overall", Json()))) +

@@ -56,24 +56,6 @@ class Texts {
   Json texts_ = Json::array();
 };
 
-std::string DateNow() {
-  const std::time_t now = std::time(nullptr);
-  tm local = {};
-  localtime_r(&now, &local);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-  return text;
-}
-
-Json TransportOf(const std::string& state) {
-  Json transport = Json::object();
-  for (const std::string& line : ::android::base::Split(state, "\n")) {
-    const size_t sign = line.find('=');
-    if (sign != std::string::npos) transport[line.substr(0, sign)] = line.substr(sign + 1);
-  }
-  return transport;
-}
-
 // The last records in a core dump, which begins like a debug report.
 Json LastRecords(const std::string& path) {
   Json records = Json::array();
@@ -144,7 +126,7 @@ Json TrafficOf(const History& history) {
 Json MakeReport(const Options& options, const ReportRequest& request) {
   Texts texts(request.with_addresses);
   Json report = {{"source", root_folder::Path().empty() ? "/" : root_folder::Path()},
-                 {"made", DateNow()},
+                 {"made", LocalTimeText(std::time(nullptr))},
                  {"live", true},
                  {"transport", nullptr},
                  {"activity", nullptr}};
@@ -153,7 +135,7 @@ Json MakeReport(const Options& options, const ReportRequest& request) {
   try {
     history = RecordHistory(options, request.seconds);
     log = ReadServiceLog();
-    report["transport"] = TransportOf(TakeReport(options, {"state"}));
+    report["transport"] = TakeState(options);
     const std::string debug = TakeReport(options);
     for (const Section& section : CutReport(debug)) {
       if (section.name == "crashinfo" || section.name == "coredump") continue;  // below, as files

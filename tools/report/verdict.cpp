@@ -1,35 +1,18 @@
 #include "tools/report/verdict.h"
 
 #include <cstdio>
-#include <ctime>
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "tools/evidence/crash_list.h"
 #include "tools/hci/names.h"
+#include "tools/log/log_line.h"
 #include "tools/report/svg.h"
 
 namespace bthalctl {
 namespace {
 
 using Json = nlohmann::json;
-
-std::string TimeOfDay(double seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  tm local = {};
-  localtime_r(&time, &local);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-  return text;
-}
-
-// What a crash was, in a few words.
-std::string CrashText(const Json& crash) {
-  if (crash.contains("reason")) return crash["reason"];
-  if (crash.contains("signal")) {
-    return crash["signal"].get<std::string>() + " in " + crash["function"].get<std::string>();
-  }
-  return crash.value("mistake", "");
-}
 
 // A line about a command that failed in plain words; any other line as it is.
 std::string Readable(const std::string& error) {
@@ -69,7 +52,7 @@ std::string Crashed(const Json& crashes) {
   const std::string times = crashes.size() == 1 ? "one file of a crash is there, "
                                                 : std::to_string(crashes.size()) +
                                                       " files of crashes are there, the last ";
-  return " Besides, " + times + "of " + TimeOfDay(last["time"]) + ": " + CrashText(last) + ".";
+  return " Besides, " + times + "of " + LocalTimeText(last["time"]) + ": " + CrashTitle(last) + ".";
 }
 
 }  // namespace
@@ -79,7 +62,7 @@ Json VerdictOf(const Json& report) {
   const Json& steps = history["steps"];
   const Json& marks = history["marks"];
   const double begin = history["begin"];
-  const std::string when = "The bring-up of " + TimeOfDay(begin);
+  const std::string when = "The bring-up of " + LocalTimeText(static_cast<time_t>(begin));
   const auto verdict = [](const char* state, const std::string& text) {
     return Json{{"state", state}, {"text", text}};
   };
@@ -97,7 +80,7 @@ Json VerdictOf(const Json& report) {
     for (const Json& crash : report["crashes"]) {
       // Its time is in whole seconds.
       if (crash["time"].get<double>() + 1 < begin || !crash.contains("reason")) continue;
-      text += " The service reported \"" + CrashText(crash) + "\".";
+      text += " The service reported \"" + CrashTitle(crash) + "\".";
       break;
     }
     return verdict("failed", text);
