@@ -60,7 +60,8 @@ std::unique_ptr<HciLink> OpenLink(const Options& options);
 
 // What the service writes for its debug call: the report, or what the options ask for.
 std::string TakeReport(const Options& options, const std::vector<std::string>& debug_options = {});
-// How the service reaches the controller: what it answers to "state", by name.
+// What the service answers to "state", by name: how it reaches the controller, and the steps of the
+// last bring-up as "step.1" and so on.
 std::map<std::string, std::string> TakeState(const Options& options);
 
 void AddUp(CLI::App& app, const Options& options);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "tools/base/failure.h"
 #include "tools/capture/capture_reader.h"
 #include "tools/capture/capture_source.h"
 #include "tools/history/history_recorder.h"
@@ -58,6 +59,12 @@ History RecordHistory(const Options& options, double seconds) {
                   }
                   return true;
                 });
+  try {
+    DemandAnswer(service, kAnswerTime);
+    recorder.AddSteps(TakeState(options));
+  } catch (const Failure&) {
+    // It brings the controller up again, or has just died: its log tells the steps.
+  }
   recorder.AddLog(ReadServiceLog());
   History history = recorder.Finish(NowNs());
   history.source = SourceName();

@@ -111,6 +111,15 @@ Json FindingsOf(bool with_devices) {
   return all;
 }
 
+// How the service reaches the controller.
+Json TransportOf(const std::map<std::string, std::string>& state) {
+  Json transport = Json::object();
+  for (const auto& [name, value] : state) {
+    if (!::android::base::StartsWith(name, "step.")) transport[name] = value;
+  }
+  return transport;
+}
+
 Json TrafficOf(const History& history) {
   uint64_t packets[2] = {}, bytes[2] = {};
   for (const HistoryPacket& packet : history.packets) {
@@ -135,7 +144,7 @@ Json MakeReport(const Options& options, const ReportRequest& request) {
   try {
     history = RecordHistory(options, request.seconds);
     log = ReadServiceLog();
-    report["transport"] = TakeState(options);
+    report["transport"] = TransportOf(TakeState(options));
     const std::string debug = TakeReport(options);
     for (const Section& section : CutReport(debug)) {
       if (section.name == "crashinfo" || section.name == "coredump") continue;  // below, as files
