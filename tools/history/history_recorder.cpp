@@ -79,6 +79,11 @@ size_t LastBringUp(const std::vector<LogLine>& log, int64_t by_ns) {
 
 }  // namespace
 
+int64_t LastBringUpNs(const std::vector<LogLine>& log) {
+  const size_t begin = LastBringUp(log, INT64_MAX - kNsPerMs);
+  return begin < log.size() ? ToNs(log[begin].time) : 0;
+}
+
 void HistoryRecorder::AddCaptured(const Captured& captured) {
   if (history_.begin_ns == 0) history_.begin_ns = captured.time_ns;
   if (captured.lost > 0) {

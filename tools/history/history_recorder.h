@@ -16,11 +16,20 @@
 
 namespace bthalctl {
 
+// When the last bring-up in a log begins, in ns since 1970; 0 when there is none.
+int64_t LastBringUpNs(const std::vector<LogLine>& log);
+
 // Makes the history of a capture and of the service's log.
 class HistoryRecorder {
  public:
   // In their order.
   void AddCaptured(const Captured& captured);
+  // Something that cannot be read, when that was noticed.
+  void AddLoss(const std::string& text) {
+    history_.marks.push_back({HistoryMark::Kind::kLoss, last_ns_, text, ""});
+  }
+  // Of what was captured; 0: nothing.
+  int64_t last_ns() const { return last_ns_; }
   // The steps of the last bring-up as the service tells them: its answer to "state".
   void AddSteps(const std::map<std::string, std::string>& state);
   // Warnings and errors from the last bring-up on, and the steps of that if the service has told

@@ -5,6 +5,8 @@
 #include <root_folder/root_folder.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 
 #include "tools/base/failure.h"
 #include "tools/capture/capture_reader.h"
@@ -23,6 +25,28 @@ int64_t NowNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
              std::chrono::system_clock::now().time_since_epoch())
       .count();
+}
+
+// What "persist.bluetooth.capture" has kept, the oldest file first; the newest 64 MiB.
+std::vector<std::string> CapturesOnDisk() {
+  constexpr uintmax_t kMost = 64 << 20;
+  std::vector<std::string> paths;
+  uintmax_t size = 0;
+  for (const char* const format : {"pcapng", "btsnoop", "monitor"}) {
+    const std::string newest =
+        root_folder::Resolve(std::string("/data/vendor/bluetooth/capture.") + format);
+    std::error_code error;
+    for (int age = 0; size < kMost; ++age) {
+      const std::string path = age == 0 ? newest : newest + "." + std::to_string(age);
+      const uintmax_t bytes = std::filesystem::file_size(path, error);
+      if (error) break;
+      size += bytes;
+      paths.push_back(path);
+    }
+    if (!paths.empty()) break;
+  }
+  std::reverse(paths.begin(), paths.end());
+  return paths;
 }
 
 std::string SourceName() { return root_folder::Path().empty() ? "/" : root_folder::Path(); }
@@ -71,14 +95,27 @@ History RecordHistory(const Options& options, double seconds) {
   return history;
 }
 
-History HistoryOfLog(const std::vector<LogLine>& log) {
+History HistoryOfFiles(const std::vector<LogLine>& log) {
   HistoryRecorder recorder;
+  const int64_t begin_ns = LastBringUpNs(log);
+  for (const std::string& path : CapturesOnDisk()) {
+    try {
+      ReadCapture(path, [&](const Captured& captured) {
+        if (captured.time_ns >= begin_ns) recorder.AddCaptured(captured);
+        return true;
+      });
+    } catch (const Failure& failure) {
+      recorder.AddLoss(std::filesystem::path(path).filename().string() +
+                       ", the capture on disk, can be read up to here only: " + failure.what());
+    }
+  }
   recorder.AddLog(log);
-  const int64_t end_ns =
-      log.empty()
-          ? 0
-          : std::chrono::duration_cast<std::chrono::nanoseconds>(log.back().time.time_since_epoch())
-                .count();
+  int64_t end_ns = recorder.last_ns();
+  if (!log.empty()) {
+    end_ns = std::max<int64_t>(end_ns, std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                           log.back().time.time_since_epoch())
+                                           .count());
+  }
   History history = recorder.Finish(end_ns);
   history.source = SourceName();
   return history;

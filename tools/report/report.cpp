@@ -155,7 +155,7 @@ Json MakeReport(const Options& options, const ReportRequest& request) {
     if (failure.code() != ExitCode::kNoService) throw;
     report["live"] = false;
     log = ReadServiceLog();
-    history = HistoryOfLog(log);
+    history = HistoryOfFiles(log);
   }
   report["history"] = ToJson(history);
   report["history"].erase("packets");
