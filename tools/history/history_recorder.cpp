@@ -84,7 +84,7 @@ int64_t LastBringUpNs(const std::vector<LogLine>& log) {
   return begin < log.size() ? ToNs(log[begin].time) : 0;
 }
 
-void HistoryRecorder::AddCaptured(const Captured& captured) {
+void HistoryRecorder::AddCaptured(const wire::Captured& captured) {
   if (history_.begin_ns == 0) history_.begin_ns = captured.time_ns;
   if (captured.lost > 0) {
     history_.marks.push_back({HistoryMark::Kind::kLoss, captured.time_ns,

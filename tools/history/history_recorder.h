@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "tools/capture/capture_reader.h"
 #include "tools/history/history.h"
 #include "tools/link/exchange.h"
 #include "tools/log/bring_up_steps.h"
 #include "tools/log/log_line.h"
+#include "tools/wire/capture_reader.h"
 
 namespace bthalctl {
 
@@ -23,7 +23,7 @@ int64_t LastBringUpNs(const std::vector<LogLine>& log);
 class HistoryRecorder {
  public:
   // In their order.
-  void AddCaptured(const Captured& captured);
+  void AddCaptured(const wire::Captured& captured);
   // Something that cannot be read, when that was noticed.
   void AddLoss(const std::string& text) {
     history_.marks.push_back({HistoryMark::Kind::kLoss, last_ns_, text, ""});

@@ -6,20 +6,20 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
 #include "tools/base/failure.h"
-#include "tools/capture/capture_reader.h"
 #include "tools/capture/capture_source.h"
 #include "tools/history/history_recorder.h"
+#include "tools/link/attachment.h"
+#include "tools/wire/capture_reader.h"
 
 namespace bthalctl {
 namespace {
 
 // So long until what the service has kept has come.
 constexpr double kKeptPackets = 0.05;
-// As the platform's own bug report has it.
-constexpr std::chrono::seconds kAnswerTime{2};
 
 int64_t NowNs() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -71,21 +71,19 @@ History RecordHistory(const Options& options, double seconds) {
   words.bring_up = true;
   words.no_data = true;
   const auto service = FindService(options.wait());
-  DemandAnswer(service, kAnswerTime);
-  const auto source = OpenCapture(service, "monitor", words);
-  CaptureReader reader;
+  const auto source = OpenCapture(service, "monitor", words, kAnswerTime);
+  wire::CaptureReader reader;
   HistoryRecorder recorder;
   ForEachRecord(source, EndAfter(std::max(seconds, kKeptPackets)),
                 [&](const CaptureRecord& record) {
                   reader.Put(record.bytes);
-                  while (const std::optional<Captured> captured = reader.Next()) {
+                  while (const std::optional<wire::Captured> captured = reader.Next()) {
                     recorder.AddCaptured(*captured);
                   }
                   return true;
                 });
   try {
-    DemandAnswer(service, kAnswerTime);
-    recorder.AddSteps(TakeState(options));
+    recorder.AddSteps(TakeState(options, kAnswerTime));
   } catch (const Failure&) {
     // It brings the controller up again, or has just died: its log tells the steps.
   }
@@ -100,13 +98,13 @@ History HistoryOfFiles(const std::vector<LogLine>& log) {
   const int64_t begin_ns = LastBringUpNs(log);
   for (const std::string& path : CapturesOnDisk()) {
     try {
-      ReadCapture(path, [&](const Captured& captured) {
+      wire::ForEachCaptured(path, [&](const wire::Captured& captured) {
         if (captured.time_ns >= begin_ns) recorder.AddCaptured(captured);
         return true;
       });
-    } catch (const Failure& failure) {
+    } catch (const std::runtime_error& error) {
       recorder.AddLoss(std::filesystem::path(path).filename().string() +
-                       ", the capture on disk, can be read up to here only: " + failure.what());
+                       ", the capture on disk, can be read up to here only: " + error.what());
     }
   }
   recorder.AddLog(log);
@@ -124,7 +122,7 @@ History HistoryOfFiles(const std::vector<LogLine>& log) {
 History HistoryOfCapture(const std::string& path) {
   HistoryRecorder recorder;
   int64_t end_ns = 0;
-  ReadCapture(path, [&](const Captured& captured) {
+  wire::ForEachCaptured(path, [&](const wire::Captured& captured) {
     recorder.AddCaptured(captured);
     end_ns = captured.time_ns;
     return true;

@@ -16,6 +16,7 @@
 #include "tools/evidence/evidence_file.h"
 #include "tools/evidence/report_sections.h"
 #include "tools/history/history_source.h"
+#include "tools/link/attachment.h"
 #include "tools/log/user_data.h"
 #include "tools/report/log_findings.h"
 #include "tools/report/verdict.h"
@@ -144,8 +145,8 @@ Json MakeReport(const Options& options, const ReportRequest& request) {
   try {
     history = RecordHistory(options, request.seconds);
     log = ReadServiceLog();
-    report["transport"] = TransportOf(TakeState(options));
-    const std::string debug = TakeReport(options);
+    report["transport"] = TransportOf(TakeState(options, kAnswerTime));
+    const std::string debug = TakeReport(options, {}, kAnswerTime);
     for (const Section& section : CutReport(debug)) {
       if (section.name == "crashinfo" || section.name == "coredump") continue;  // below, as files
       texts.Add("debug report: " + section.name, section.text);
