@@ -19,9 +19,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #define BACKWARD_HAS_DW 1
@@ -173,6 +176,19 @@ void OnFatalSignal(int signal, siginfo_t* info, void* context) {
   raise(signal);  // delivered when the handler returns
 }
 
+// Such as for want of memory: the tombstone tells of what.
+[[noreturn]] void OnUncaughtException() {
+  try {
+    if (const std::exception_ptr exception = std::current_exception()) {
+      std::rethrow_exception(exception);
+    }
+  } catch (const std::exception& exception) {
+    LOG(FATAL) << "uncaught exception: " << exception.what();
+  } catch (...) {
+  }
+  abort();
+}
+
 }  // namespace
 
 void InstallTombstones() {
@@ -183,14 +199,20 @@ void InstallTombstones() {
   void* warm_up[1];
   backtrace(warm_up, 1);  // loads what the handler must not load
 
-  std::thread writer([] {
-    while (sem_wait(&crash.happened) != 0) {
-    }
-    WriteTombstone();
-    sem_post(&crash.written);
-  });
-  pthread_setname_np(writer.native_handle(), "bthal-tombstone");
-  writer.detach();
+  try {
+    std::thread writer([] {
+      while (sem_wait(&crash.happened) != 0) {
+      }
+      WriteTombstone();
+      sem_post(&crash.written);
+    });
+    pthread_setname_np(writer.native_handle(), "bthal-tombstone");
+    writer.detach();
+  } catch (const std::system_error& error) {
+    LOG(ERROR) << "a crash will leave no tombstone: " << error.what();
+    return;
+  }
+  std::set_terminate(OnUncaughtException);
 
   // A stack overflow of the main thread can be told, too; other threads have no spare stack.
   static char spare_stack[64 * 1024];
