@@ -108,9 +108,13 @@ def play(build, injector, row, reference):
             wrong.append(f"the outcome is: {outcome}")
         if row.evidence != "-" and not re.search(row.evidence, handset.log()):
             wrong.append("there is no evidence")
-        if ended(handset):
-            handset.start_service()
-        if (said := serve(handset, await_answer=True)) != SERVED:
+        for _ in range(3):  # a busy machine may make a bring-up fail, too: its supervisor goes on
+            if ended(handset):
+                handset.start_service()
+            said = serve(handset, await_answer=True)
+            if not ended(handset):
+                break
+        if said != SERVED:
             wrong.append(f"afterwards a stack is served like this: {said}")
         if names := handset.files("run/bthal/new-*"):
             wrong.append(f"unfinished names are left: {names}")

@@ -166,9 +166,9 @@ void OnFatalSignal(int signal, siginfo_t* info, void* context) {
   crash.frame_count = backtrace(crash.frames, kMaxFrames);
   sem_post(&crash.happened);
   timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
   deadline.tv_sec += kWriteTimeS;
-  while (sem_timedwait(&crash.written, &deadline) != 0 && errno == EINTR) {
+  while (sem_clockwait(&crash.written, CLOCK_MONOTONIC, &deadline) != 0 && errno == EINTR) {
   }
   struct sigaction fallback {};
   fallback.sa_handler = SIG_DFL;
