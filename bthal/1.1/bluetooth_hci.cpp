@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "base/own_thread.h"
 #include "base/thread_role.h"
 #include "bluetooth_address.h"
 #include "btzvk_protocol.h"
@@ -62,10 +63,11 @@ BluetoothHci::BluetoothHci() {
   ALOGI("%s", "BluetoothHci");
   activity_watcher_->initialize();
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
-    std::thread([self = sp<BluetoothHci>(this),
-                 turn = Lifecycle::Turn(lifecycle_, Lifecycle::State::kComingUp)]() mutable {
-      self->thread_perform_init(std::move(turn));
-    }).detach();
+    RunOnOwnThread("thread_perform_init",
+                   [self = sp<BluetoothHci>(this),
+                    turn = Lifecycle::Turn(lifecycle_, Lifecycle::State::kComingUp)]() mutable {
+                     self->thread_perform_init(std::move(turn));
+                   });
   }
 }
 
@@ -124,9 +126,10 @@ void BluetoothHci::attach(const sp<V1_0::IBluetoothHciCallbacks>& cb, Lifecycle:
                            "%s: Unable to call initializationComplete(ERR)", kOperation);
   }
   setup_signal_handler();
-  std::thread([self = sp<BluetoothHci>(this), attachment = CurrentAttachment()] {
-    self->startTavioHalExtensions(attachment);
-  }).detach();
+  RunOnOwnThread("startTavioHalExtensions",
+                 [self = sp<BluetoothHci>(this), attachment = CurrentAttachment()] {
+                   self->startTavioHalExtensions(attachment);
+                 });
   ALOGI("BluetoothHci::initialize() completed");
 }
 

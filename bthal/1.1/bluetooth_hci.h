@@ -82,6 +82,8 @@ class BluetoothHci : public IBluetoothHci {
   uint64_t CurrentAttachment() EXCLUDES(extensions_lock_);
 
   void setup_signal_handler();
+  // False when the system refuses one.
+  bool StartSignalThread();
   static void signal_handler(int signum);
   // Acts on the signal, on a thread of its own.
   void HandleTermination(int signum);

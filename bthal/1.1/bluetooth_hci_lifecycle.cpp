@@ -1,14 +1,19 @@
 // Bring-up, recovery and shutdown of BluetoothHci.
 #define LOG_TAG "bthal.zvkbtlinux"
 
+#include <android-base/unique_fd.h>
 #include <log/log.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <system_error>
 #include <thread>
 
+#include "base/own_thread.h"
 #include "bluetooth_hci.h"
 #include "btzvk_protocol.h"
 #include "conf.h"
@@ -53,9 +58,10 @@ void BluetoothHci::OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who
   Lifecycle::Turn turn(lifecycle_, Lifecycle::State::kDead);
   if (!AttachedStack::Get().DetachIf(who)) return;
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
-    std::thread([self = sp<BluetoothHci>(this), turn = std::move(turn)]() mutable {
-      self->thread_perform_reinit(std::move(turn));
-    }).detach();
+    RunOnOwnThread("thread_perform_reinit",
+                   [self = sp<BluetoothHci>(this), turn = std::move(turn)]() mutable {
+                     self->thread_perform_reinit(std::move(turn));
+                   });
   } else {
     close_impl(who, std::move(turn));
   }
@@ -204,19 +210,32 @@ void BluetoothHci::signal_handler(int signum) {
   errno = saved_errno;
 }
 
-void BluetoothHci::setup_signal_handler() {
-  ALOGI("%s:", __func__);
-  if (g_signal_event < 0) {
-    g_signal_event = eventfd(0, EFD_CLOEXEC);
-    std::thread([self = sp<BluetoothHci>(this)] {
+bool BluetoothHci::StartSignalThread() {
+  base::unique_fd event(eventfd(0, EFD_CLOEXEC));
+  if (!event.ok()) {
+    ALOGE("%s: SIGTERM is not handled: %s", __func__, strerror(errno));
+    return false;
+  }
+  try {
+    std::thread([self = sp<BluetoothHci>(this), event = event.get()] {
       pthread_setname_np(pthread_self(), "bthal_signal");
       for (;;) {
         uint64_t value = 0;
-        if (TEMP_FAILURE_RETRY(read(g_signal_event, &value, sizeof value)) < 0) return;
+        if (TEMP_FAILURE_RETRY(read(event, &value, sizeof value)) < 0) continue;
         self->HandleTermination(SIGTERM);
       }
     }).detach();
+  } catch (const std::system_error& error) {
+    ALOGE("%s: SIGTERM is not handled: %s", __func__, error.what());
+    return false;
   }
+  g_signal_event = event.release();
+  return true;
+}
+
+void BluetoothHci::setup_signal_handler() {
+  ALOGI("%s:", __func__);
+  if (g_signal_event < 0 && !StartSignalThread()) return;
   struct sigaction action {};
   action.sa_handler = signal_handler;
   sigemptyset(&action.sa_mask);
