@@ -86,11 +86,12 @@ std::optional<CaptureRecord> RecordSplitter::Next() {
   }
   const bool pcapng = format_ == Format::kPcapng;
   if (!pcapng && rest.size() < record_format::kBtsnoopRecord) return std::nullopt;
-  const size_t size =
+  const uint64_t size =
       pcapng ? rest.U32(4) : record_format::kBtsnoopRecord + record_format::Big(rest, 4, 4);
   if (size < 12 || size > kLongestRecord) throw Failure("the capture is damaged");
   if (rest.size() < size) return std::nullopt;
-  return pcapng ? Pcapng(size) : Btsnoop(size);
+  const auto bytes = static_cast<size_t>(size);
+  return pcapng ? Pcapng(bytes) : Btsnoop(bytes);
 }
 
 }  // namespace bthalctl

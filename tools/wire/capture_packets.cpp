@@ -87,6 +87,10 @@ class PcapngParser {
     return big_endian_ ? Big(bytes, at, width) : bytes.Little(at, width);
   }
 
+  size_t Size(ByteView bytes, size_t at, size_t width) const {
+    return static_cast<size_t>(Number(bytes, at, width));
+  }
+
   size_t TakeBlock(ByteView rest, size_t at) {
     if (rest.U32(0) == kSectionHeader) {
       constexpr uint32_t kByteOrder = 0x1A2B3C4D;
@@ -94,7 +98,7 @@ class PcapngParser {
       if (!big_endian_ && rest.U32(kBlockHead) != kByteOrder) Fail("no byte order" + AtByte(at));
       interfaces_.clear();
     }
-    const uint64_t size = Number(rest, 4, 4);
+    const size_t size = Size(rest, 4, 4);
     if (rest.size() < kBlockHead || size > rest.size()) {
       Fail("it ends inside a block" + AtByte(at));
     }
@@ -118,8 +122,8 @@ class PcapngParser {
   void TakePacket(ByteView body, size_t at) {
     constexpr size_t kPacketHead = 20, kDirectionWord = 4;
     constexpr uint64_t kH4WithDirection = 201;
-    const uint64_t interface = Number(body, 0, 4);
-    const uint64_t captured = Number(body, 12, 4);
+    const size_t interface = Size(body, 0, 4);
+    const size_t captured = Size(body, 12, 4);
     if (interface >= interfaces_.size() || body.size() < kPacketHead ||
         captured > body.size() - kPacketHead || captured <= kDirectionWord) {
       Fail("a damaged packet block" + AtByte(at));
@@ -131,8 +135,7 @@ class PcapngParser {
     }
     const ByteView data = body.Sub(kPacketHead, captured);
     const ByteView drops = Option(body.From(kPacketHead + (captured + 3) / 4 * 4), kDropCount);
-    packets_.Add((data[3] & 1) != 0, data.From(kDirectionWord),
-                 Number(body, 16, 4) - kDirectionWord,
+    packets_.Add((data[3] & 1) != 0, data.From(kDirectionWord), Size(body, 16, 4) - kDirectionWord,
                  Nanoseconds(Number(body, 4, 4) << 32 | Number(body, 8, 4), source.resolution),
                  Number(drops, 0, 8));
   }
@@ -140,7 +143,7 @@ class PcapngParser {
   // Empty when it is not there.
   ByteView Option(ByteView options, uint64_t wanted) const {
     while (Number(options, 0, 2) != kEnd) {
-      const uint64_t size = Number(options, 2, 2);
+      const size_t size = Size(options, 2, 2);
       if (Number(options, 0, 2) == wanted) return options.Sub(4, size);
       options = options.From(4 + (size + 3) / 4 * 4);
     }
@@ -175,7 +178,7 @@ class BtsnoopParser {
     }
     for (size_t at = kFileHead; at < file.size();) {
       const ByteView rest = file.From(at);
-      const uint64_t size = Big(rest, 4, 4);
+      const auto size = static_cast<size_t>(Big(rest, 4, 4));
       if (rest.size() < kRecordHead || size > rest.size() - kRecordHead) {
         Fail("it ends inside a record" + AtByte(at));
       }
@@ -193,8 +196,8 @@ class BtsnoopParser {
   };
 
   void TakeH4(const Record& record) {
-    packets_.Add((record.flags & 1) != 0, record.data, record.original_size, Nanoseconds(record),
-                 NewDrops(record));
+    packets_.Add((record.flags & 1) != 0, record.data, static_cast<size_t>(record.original_size),
+                 Nanoseconds(record), NewDrops(record));
   }
 
   void TakeMonitor(const Record& record) {
