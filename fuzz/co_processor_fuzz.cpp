@@ -3,13 +3,13 @@
 #include <log/log.h>
 #include <qvr/qvr_client.h>
 
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
 #include <utility>
 
 #include "chre/qvr_helper.h"
+#include "target.h"
 
 using android::hardware::hidl_vec;
 using android::hardware::bluetooth::hci::QvrHelper;
@@ -40,7 +40,7 @@ hidl_vec<uint8_t> delivered;
 bool is_delivered;
 
 void Receive(const hidl_vec<uint8_t>& packet) {
-  if (is_delivered) abort();
+  fuzz::Require(!is_delivered, "a message is delivered once");
   is_delivered = true;
   delivered = packet;
 }
@@ -49,7 +49,7 @@ void Connect() {
   android::base::SetMinimumLogSeverity(android::base::ERROR);
   __android_log_set_logger([](const __android_logger_data*, const char*) { ++lines; });
   QvrHelper& helper = QvrHelper::Get();
-  if (!helper.PrepareQvrTransport()) abort();
+  fuzz::Require(helper.PrepareQvrTransport(), "there is a connection");
   helper.InitializeCallback(Receive, Receive, Receive, Receive);
 }
 
@@ -68,6 +68,8 @@ int CreateWorker(const std::string&, std::unique_ptr<Worker>* worker) {
 }
 }  // namespace qvr
 
+std::vector<std::string> fuzz::Seeds() { return Packets("qvr_messages.txt"); }
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool connected = (Connect(), true);
   static_cast<void>(connected);
@@ -75,12 +77,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   is_delivered = false;
   handler(data, size);
   // A message that is refused has a line; the malformed have one of the library's, too.
-  if (is_delivered ? lines != 0 : lines != 1 && lines != 2) abort();
+  fuzz::Require(is_delivered ? lines == 0 : lines == 1 || lines == 2, "a refusal has its lines");
   if (!is_delivered) return 0;
   // The packet lies in the message, behind its length.
   const auto length = static_cast<uint32_t>(delivered.size());
   std::string expected(reinterpret_cast<const char*>(&length), sizeof length);
   expected.append(delivered.begin(), delivered.end());
-  if (std::string(data, data + size).find(expected) == std::string::npos) abort();
+  fuzz::Require(std::string(data, data + size).find(expected) != std::string::npos,
+                "the packet lies in the message");
   return 0;
 }

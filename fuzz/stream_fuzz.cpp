@@ -1,60 +1,71 @@
-// The stream from the controller, cut into reads at places that the input chooses, too. Its events
-// go to the flow control, while commands wait.
+// The stream from the controller, cut into reads as the input says: a count, so many sizes, which
+// are taken in turn, then the stream. What comes out is what went in, in its order, whatever the
+// cuts.
 #include <android/log.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "h4/h4_protocol.h"
-#include "hci_flow_control.h"
+#include "target.h"
 
 using android::hardware::hidl_vec;
 using namespace android::hardware::bluetooth::hci;
 
-namespace {
-
-class Watcher final : public HciEventWatcher {
- public:
-  Watcher(uint8_t code, uint16_t opcode) : HciEventWatcher("fuzz", code, opcode) {}
-  bool OnEventReceive(const hidl_vec<uint8_t>& event) override { return event.size() % 2 == 0; }
-};
-
-// The shortest events that hold an opcode: a shorter one ends the process by design.
-size_t MinimumSize(uint8_t code) {
-  return code == 0x0E ? 5 : code == 0x0F ? 6 : code == 0x19 ? 4 : 2;
+std::vector<std::string> fuzz::Seeds() {
+  std::vector<std::string> streams = Packets("h4_streams.txt");
+  Append(&streams, Packets("h4_garbage.txt"));
+  std::vector<std::string> seeds;
+  for (const char* sizes : {"", "\x01\x01", "\x03\x02\x05\x01"}) {
+    Append(&seeds, Prefixed(*sizes == '\0' ? std::string(1, '\0') : sizes, streams));
+  }
+  return seeds;
 }
-
-// Every packet that comes out is as long as its header says. mask: of the length's second byte.
-PacketReceiver Checked(size_t length_at, unsigned mask, PacketReceiver next) {
-  return [=](const hidl_vec<uint8_t>& packet) {
-    const size_t header = length_at + (mask == 0 ? 1 : 2);
-    const unsigned high = mask == 0 ? 0 : packet[length_at + 1] & mask;
-    if (packet.size() != header + packet[length_at] + 256u * high) abort();
-    next(packet);
-  };
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
-  if (size == 0) return 0;
-  const auto nothing = [](const hidl_vec<uint8_t>&) {};
-  const auto flow = HciFlowControl::Create(
-      {nothing, nothing, nothing, nothing},
-      {[](uint8_t, const uint8_t*, size_t length, bool) { return length; }, [] {}});
-  flow->Connect([](const auto&) {});
-  Watcher any(0x0E, 0), one(0x0E, 0x0C03), vendor(0xFF, 0);
-  for (HciEventWatcher* watcher : {&any, &one, &vendor}) flow->RegisterEventWatcher(watcher);
-  const auto handle = [&](const hidl_vec<uint8_t>& event) {
-    const uint8_t command[] = {0x03, 0x0C, 0x00};
-    flow->Send(HCI_PACKET_TYPE_COMMAND, command, event.size() % 4);
-    if (event.size() >= MinimumSize(event[0])) flow->OnHciEventReady(event, nothing);
+  fuzz::Input input(data, size);
+  const std::string sizes = input.Take(input.Byte() % 8);
+  const std::string stream = input.Rest();
+  const auto* bytes = reinterpret_cast<const uint8_t*>(stream.data());
+
+  std::string out;
+  bool lost = false;
+  const auto receiver = [&](uint8_t type) {
+    return [&, type](const hidl_vec<uint8_t>& packet) {
+      fuzz::Require(!lost, "nothing is delivered after the stream is lost");
+      fuzz::Require(LengthIsRight(static_cast<HciPacketType>(type), packet.data(), packet.size()),
+                    "a packet is as long as its header says");
+      out += static_cast<char>(type);
+      out.append(packet.begin(), packet.end());
+    };
   };
-  H4Protocol h4(-1, Checked(1, 0, handle), Checked(2, 0xFF, nothing), Checked(2, 0, nothing),
-                Checked(2, 0x3F, nothing));
-  const size_t chunk = data[size - 1] + 1u;
-  for (size_t at = 0; at < size; at += chunk) h4.OnBytes(data + at, std::min(chunk, size - at));
-  flow->Halt();
+  H4Protocol* open = nullptr;
+  TransportUpcalls upcalls;
+  upcalls.lost = [&](auto, const std::string&) {
+    lost = true;
+    open->Close();
+    return true;
+  };
+  H4Protocol h4(-1, receiver(4), receiver(2), receiver(3), receiver(5), upcalls);
+  open = &h4;
+  size_t read = 0;
+  for (size_t at = 0; at < stream.size(); ++read) {
+    const size_t wanted = sizes.empty() ? stream.size() : uint8_t(sizes[read % sizes.size()]) + 1u;
+    const size_t chunk = std::min(wanted, stream.size() - at);
+    h4.OnBytes(bytes + at, chunk);
+    at += chunk;
+  }
+  fuzz::Require(stream.compare(0, out.size(), out) == 0, "the packets are the stream");
+  const size_t rest = stream.size() - out.size();
+  if (rest == 0) return 0;
+  const uint8_t type = bytes[out.size()];
+  const bool known = type >= HCI_PACKET_TYPE_ACL_DATA && type <= HCI_PACKET_TYPE_ISO_DATA;
+  fuzz::Require(lost == !known, "the stream is lost at the first unknown type");
+  if (lost) return 0;
+  const HeaderFormat& format = kHeaders[type];
+  const uint8_t* header = bytes + out.size() + 1;
+  // A packet without payload that ends a read is delivered with the next one.
+  fuzz::Require(rest - 1 <= format.size || rest - 1 < format.size + PayloadLength(format, header),
+                "no packet is kept");
   return 0;
 }

@@ -11,6 +11,8 @@ namespace android::hardware::bluetooth::conf {
 class Config {
  public:
   static const Config* GetInstance();
+  // The settings as the files have them now.
+  Config();
 
   // The UART's path; empty unless the userial type is 1.
   const std::string& uart_port() const { return uart_port_; }
@@ -27,8 +29,6 @@ class Config {
   bool IsAcceleratedBtOnSupported() const;
 
  private:
-  Config();
-
   void LoadConfig(const char* path);
   void StoreConfigValue(const char* name, const char* value);
 

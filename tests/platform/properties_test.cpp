@@ -42,7 +42,9 @@ TEST(Properties, Set_RefusesWhatIsNoPropertyAndKeepsThePersistentOnes) {
   EXPECT_TRUE(SetProperty("test.new", ""));
   EXPECT_EQ(GetProperty("test.new", "default"), "default");
   EXPECT_FALSE(SetProperty("", "x"));
-  EXPECT_FALSE(SetProperty("a=b", "x"));
+  EXPECT_TRUE(SetProperty("test.new", " \vx\f"));  // as a file is read
+  EXPECT_EQ(GetProperty("test.new", ""), "x");
+  for (const char* name : {"a=b", " a", "a ", "#a"}) EXPECT_FALSE(SetProperty(name, "x")) << name;
   EXPECT_FALSE(SetProperty("test.lines", "a\nb"));
   EXPECT_TRUE(SetProperty("test.long", std::string(91, 'x')));
   EXPECT_FALSE(SetProperty("test.long", std::string(92, 'x')));

@@ -1,152 +1,16 @@
 // System properties of this process, in place of those of libbase, which neither lie in files nor
-// are safe to use on several threads. Read at first use from vendor/build.prop and then
-// data/property/persistent.prop; those whose name begins with "persist." are written back to the
-// latter as soon as they change. One "name=value" per line, "#" begins a comment.
-#define LOG_TAG "bthal.properties"
-
-#include <android-base/file.h>
-#include <android-base/logging.h>
+// are safe to use on several threads.
 #include <android-base/properties.h>
-#include <android-base/strings.h>
-#include <android-base/thread_annotations.h>
-#include <android-base/unique_fd.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <map>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "root_folder/root_folder.h"
+#include "system/property_store.h"
 
 namespace {
 
-// A value is shorter than this, unless the property can only be set once.
-constexpr size_t kMaxValueBytes = 92;
-
-constexpr char kBuildFile[] = "/vendor/build.prop";
-constexpr char kPersistentFile[] = "/data/property/persistent.prop";
-
-bool IsComment(const std::string& line) {
-  const std::string text = android::base::Trim(line);
-  return text.empty() || text.front() == '#';
+// Made at first use, never destroyed.
+bthal::PropertyStore& Store() {
+  static auto* const store = new bthal::PropertyStore;
+  return *store;
 }
-
-// A line's name and value; nothing when it has none.
-std::optional<std::pair<std::string, std::string>> Parse(const std::string& line) {
-  const size_t equals = line.find('=');
-  if (equals == std::string::npos) return std::nullopt;
-  const std::string name = android::base::Trim(line.substr(0, equals));
-  if (name.empty() || name.find_first_of(" \t") != std::string::npos) return std::nullopt;
-  return std::make_pair(name, android::base::Trim(line.substr(equals + 1)));
-}
-
-std::vector<std::string> ReadLines(const char* path) {
-  std::string text;
-  if (!android::base::ReadFileToString(root_folder::Resolve(path), &text)) {
-    if (errno != ENOENT) PLOG(ERROR) << path;
-    return {};
-  }
-  std::vector<std::string> lines = android::base::Split(text, "\n");
-  if (lines.back().empty()) lines.pop_back();
-  return lines;
-}
-
-// As a whole or not at all, whenever the machine stops.
-bool ReplaceFile(const char* path, const std::vector<std::string>& lines) {
-  const std::string target = root_folder::Resolve(path);
-  const std::string fresh = target + ".new";
-  const std::string text = android::base::Join(lines, '\n') + "\n";
-  mkdir(root_folder::Resolve("/data").c_str(), 0771);
-  mkdir(root_folder::Resolve("/data/property").c_str(), 0700);
-  unlink(fresh.c_str());  // of a process that died, or a link that would be followed
-  const android::base::unique_fd file(
-      open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  return file.get() >= 0 && android::base::WriteStringToFd(text, file) && fsync(file.get()) == 0 &&
-         rename(fresh.c_str(), target.c_str()) == 0;
-}
-
-class PropertyStore {
- public:
-  static PropertyStore& Get() {
-    static auto* const store = new PropertyStore;
-    return *store;
-  }
-
-  // Empty when it is not set; callers cannot tell that from a value that is empty.
-  std::string Value(const std::string& name) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = values_.find(name);
-    return found == values_.end() ? "" : found->second;
-  }
-
-  bool Set(const std::string& name, const std::string& value) {
-    const std::lock_guard<std::mutex> turn(set_mutex_);
-    if (!Change(name, value)) {
-      LOG(WARNING) << "cannot set property \"" << name << "\" to \"" << value << "\"";
-      return false;
-    }
-    if (android::base::StartsWith(name, "persist.") && !WriteBack(name, value)) {
-      PLOG(ERROR) << kPersistentFile;
-    }
-    return true;
-  }
-
- private:
-  PropertyStore() {
-    Load(kBuildFile);
-    Load(kPersistentFile);
-  }
-
-  // False when it may not be set.
-  bool Change(const std::string& name, const std::string& value) {
-    const bool read_only = android::base::StartsWith(name, "ro.");
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (!Parse(name + "=") || name.find('\n') != std::string::npos ||
-        value.find('\n') != std::string::npos || name.find('=') != std::string::npos ||
-        (!read_only && value.size() >= kMaxValueBytes) || (read_only && values_.count(name) != 0)) {
-      return false;
-    }
-    values_[name] = value;
-    return true;
-  }
-
-  void Load(const char* path) NO_THREAD_SAFETY_ANALYSIS {  // from the constructor
-    const std::vector<std::string> lines = ReadLines(path);
-    for (size_t i = 0; i < lines.size(); ++i) {
-      if (IsComment(lines[i])) continue;
-      if (const auto property = Parse(lines[i])) {
-        values_[property->first] = property->second;
-      } else {
-        LOG(WARNING) << path << ":" << i + 1 << ": no name=value: " << lines[i];
-      }
-    }
-  }
-
-  // Changes one line; whatever else the file holds stays.
-  static bool WriteBack(const std::string& name, const std::string& value) {
-    std::vector<std::string> lines = ReadLines(kPersistentFile);
-    const std::string changed = name + "=" + value;
-    bool found = false;
-    for (std::string& line : lines) {
-      const auto property = IsComment(line) ? std::nullopt : Parse(line);
-      if (!property || property->first != name) continue;
-      line = changed;
-      found = true;
-    }
-    if (!found) lines.push_back(changed);
-    return ReplaceFile(kPersistentFile, lines);
-  }
-
-  std::mutex set_mutex_;  // one change at a time, with its file; taken before mutex_
-  std::mutex mutex_;      // a leaf: a reader does not wait for a disk
-  std::map<std::string, std::string> values_ GUARDED_BY(mutex_);
-};
 
 }  // namespace
 
@@ -154,12 +18,12 @@ namespace android::base {
 
 // The other functions of <android-base/properties.h>, in the library, come down to these two.
 std::string GetProperty(const std::string& key, const std::string& default_value) {
-  std::string value = PropertyStore::Get().Value(key);
+  std::string value = Store().Value(key);
   return value.empty() ? default_value : value;
 }
 
 bool SetProperty(const std::string& key, const std::string& value) {
-  return PropertyStore::Get().Set(key, value);
+  return Store().Set(key, value);
 }
 
 }  // namespace android::base

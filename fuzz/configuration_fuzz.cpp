@@ -1,0 +1,49 @@
+// The configuration, its overlay and the property files: four parts, one behind the other.
+#include <algorithm>
+
+#include "conf.h"
+#include "system/property_store.h"
+#include "target.h"
+
+using android::hardware::bluetooth::conf::Config;
+
+namespace {
+
+constexpr char kPersistentFile[] = "/data/property/persistent.prop";
+
+}  // namespace
+
+std::vector<std::string> fuzz::Seeds() {
+  std::vector<std::string> seeds = Texts("config.txt", 0);
+  Append(&seeds, Prefixed({kSeparator}, Texts("config.txt", 1)));
+  Append(&seeds, Prefixed({kSeparator, kSeparator}, Texts("config.txt", 2)));
+  Append(&seeds, Prefixed({kSeparator, kSeparator, kSeparator},
+                          {"# kept\npersist.a=1\n\n b = 2 \nno equals\n=\npersist.a=3\n"}));
+  return seeds;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::LogEverything();
+  fuzz::Input input(data, size);
+  for (const char* path : {"/vendor/etc/bluetooth/bt_vendor.conf",
+                           "/vendor/etc/bluetooth/bt_vendor_overlay.conf", "/vendor/build.prop"}) {
+    fuzz::Put(path, input.Until(fuzz::kSeparator));
+  }
+  const Config config;
+  const std::string& port = config.uart_port();
+  fuzz::Require(port.empty() || config.userial_type() == 1, "only a UART has a port");
+  fuzz::Require(port.find_first_of("=\n\r\t") == std::string::npos, "a value ends before these");
+  fuzz::Require(port.size() < 256, "a line has 255 characters at most");
+
+  // What is set, the next start has.
+  fuzz::Put(kPersistentFile, input.Rest());
+  bthal::PropertyStore store;
+  const std::string name = "persist.set";
+  const std::string other = store.Value("persist.a");
+  if (store.Set(name, port.substr(0, 40))) {
+    const bthal::PropertyStore next;
+    fuzz::Require(next.Value(name) == store.Value(name), "what is set is there after a start");
+    fuzz::Require(next.Value("persist.a") == other, "other properties stay");
+  }
+  return 0;
+}

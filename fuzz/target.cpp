@@ -1,0 +1,132 @@
+#define LOG_TAG "fuzz"
+
+#include "target.h"
+
+#include <android-base/unique_fd.h>
+#include <android/log.h>
+#include <fcntl.h>
+#include <log/log.h>
+#include <pthread.h>
+#include <root_folder/root_folder.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "evidence/report.h"
+#include "support/temp_dir.h"
+#include "support/vectors.h"
+
+namespace fuzz {
+namespace {
+
+const pthread_t main_thread = pthread_self();
+std::atomic<int> fatal_errors{0};
+
+}  // namespace
+
+std::vector<std::string> Packets(const std::string& file, size_t field) {
+  std::vector<std::string> seeds;
+  for (const test::Vector& vector : test::LoadVectors(file)) {
+    if (vector.fields.size() <= field) continue;
+    std::string seed;
+    const std::string& steps = vector.fields[field];
+    const char separator = steps.find(';') == std::string::npos ? ',' : ';';
+    for (const std::string& step : test::SplitTrimmed(steps, separator)) {
+      const bool is_event = step.rfind("event ", 0) == 0;
+      if (!is_event && step.find_first_not_of("0123456789ABCDEF* ") != std::string::npos) continue;
+      const test::Bytes bytes = test::ParseHex(is_event ? step.substr(6) : step);
+      seed.append(bytes.begin(), bytes.end());
+    }
+    seeds.push_back(seed);
+  }
+  return seeds;
+}
+
+std::vector<std::string> Texts(const std::string& file, size_t field) {
+  std::vector<std::string> seeds;
+  for (const test::Vector& vector : test::LoadVectors(file)) {
+    if (vector.fields.size() <= field) continue;
+    if (const auto text = test::ParseText(vector.fields[field])) seeds.push_back(*text);
+  }
+  return seeds;
+}
+
+std::vector<std::string> Prefixed(const std::string& prefix, std::vector<std::string> seeds) {
+  for (std::string& seed : seeds) seed.insert(0, prefix);
+  return seeds;
+}
+
+void Append(std::vector<std::string>* seeds, const std::vector<std::string>& more) {
+  seeds->insert(seeds->end(), more.begin(), more.end());
+}
+
+int FatalErrors() { return fatal_errors; }
+
+void Require(bool condition, const char* what) {
+  if (condition) return;
+  fprintf(stderr, "fuzz: not so: %s\n", what);
+  abort();
+}
+
+std::string Input::Take(size_t count) {
+  const uint8_t* begin = data_;
+  data_ += std::min(count, size());
+  return {begin, data_};
+}
+
+std::string Input::Until(char separator) {
+  const uint8_t* at = std::find(data_, end_, static_cast<uint8_t>(separator));
+  std::string part(data_, at);
+  data_ = at == end_ ? end_ : at + 1;
+  return part;
+}
+
+void Put(const std::string& path, const std::string& content) {
+  Require(!root_folder::Path().empty(), "BTHAL_ROOT names a folder");
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
+  android::base::unique_fd fd(root_folder::Open(path, kFlags, 0600));
+  if (fd.get() < 0) {
+    const std::filesystem::path file = root_folder::Resolve(path);
+    std::filesystem::create_directories(file.parent_path());
+    fd.reset(root_folder::Open(path, kFlags, 0600));
+  }
+  const auto size = static_cast<ssize_t>(content.size());
+  Require(write(fd.get(), content.data(), content.size()) == size, "a file can be written");
+}
+
+void LogEverything() {
+  static const bool done = [] {
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    __android_log_set_logger([](const __android_logger_data*, const char*) {});
+    return true;
+  }();
+  static_cast<void>(done);
+}
+
+}  // namespace fuzz
+
+namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
+
+void Report(BqrErrorCode code, const std::string& why) {
+  ++fuzz::fatal_errors;
+  ALOGE("fatal error %d: %s", static_cast<int>(code), why.c_str());
+  if (pthread_equal(pthread_self(), fuzz::main_thread) == 0) pthread_exit(nullptr);
+  throw fuzz::Fatal();
+}
+
+}  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug
+
+// --seeds FOLDER writes the seeds there, in the place of anything else.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+  if (*argc != 3 || strcmp((*argv)[1], "--seeds") != 0) return 0;
+  int number = 0;
+  for (const std::string& seed : fuzz::Seeds()) {
+    test::WriteFile((*argv)[2] + ("/seed-" + std::to_string(number++)), seed);
+  }
+  exit(0);
+}
