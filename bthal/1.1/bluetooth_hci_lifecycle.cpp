@@ -1,18 +1,24 @@
 // Bring-up, recovery and shutdown of BluetoothHci.
 #define LOG_TAG "bthal.zvkbtlinux"
 
+#include <android-base/unique_fd.h>
 #include <log/log.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <system_error>
 #include <thread>
 
+#include "base/own_thread.h"
 #include "bluetooth_hci.h"
 #include "btzvk_protocol.h"
 #include "conf.h"
 #include "debug_central.h"
+#include "evidence/bring_up_steps.h"
 #include "extensions.h"
 #include "stack/attached_stack.h"
 #include "tap/tap.h"
@@ -22,6 +28,7 @@ namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 namespace {
 
 using ::android::hardware::bluetooth::V1_0::Status;
+using debug::BringUpSteps;
 using debug::DebugAnchor;
 using debug::DebugCentral;
 
@@ -51,9 +58,10 @@ void BluetoothHci::OnStackDied(const sp<::android::hidl::base::V1_0::IBase>& who
   Lifecycle::Turn turn(lifecycle_, Lifecycle::State::kDead);
   if (!AttachedStack::Get().DetachIf(who)) return;
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported()) {
-    std::thread([self = sp<BluetoothHci>(this), turn = std::move(turn)]() mutable {
-      self->thread_perform_reinit(std::move(turn));
-    }).detach();
+    RunOnOwnThread("thread_perform_reinit",
+                   [self = sp<BluetoothHci>(this), turn = std::move(turn)]() mutable {
+                     self->thread_perform_reinit(std::move(turn));
+                   });
   } else {
     close_impl(who, std::move(turn));
   }
@@ -86,6 +94,7 @@ void BluetoothHci::perform_init(Lifecycle::Turn& turn) {
   if (BtZvkProtocol::GetInstacne()->Initialize(handle.get())) {
     BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kControllerReady, "%s: BTZVK controller is ready",
                          __func__);
+    BringUpSteps::Get().EndBringUp("the controller is ready");
     return;
   }
   ALOGE("Initialize() failed");
@@ -102,6 +111,7 @@ bool BluetoothHci::open_coex_dev() {
   const int delay = conf::Config::GetInstance()->big_hammer_reg_on_delay_ms();
   bool opened = false;
   int failures = 0;
+  BringUpSteps::Get().Begin("coexistence device");
   while (!opened && failures < kCoexAttempts) {
     opened = coex_device_.DeviceOpen([this] { resetBtCallback(); }, delay);
     if (opened) break;
@@ -109,6 +119,7 @@ bool BluetoothHci::open_coex_dev() {
     std::this_thread::sleep_for(kCoexRetryPause);
   }
   ALOGI("%s: return ret (%d), count:%d", __func__, opened ? 1 : 0, failures);
+  if (opened) BringUpSteps::Get().End(evidence::AfterFailures("opened", failures));
   evidence::RecordFormat(AnchorType::kCoexOpenTried, "%s, open the coex device (%s), count:%d",
                          __func__, opened ? "Success" : "Failed", failures);
   return opened;
@@ -134,12 +145,15 @@ void BluetoothHci::perform_close(Lifecycle::Turn& turn) {
 void BluetoothHci::thread_perform_init(Lifecycle::Turn turn) {
   evidence::Record(AnchorType::kThreadPerformInit, __func__);
   ALOGI("%s", __func__);
+  BringUpSteps::Get().BeginBringUp("the service brings the controller up ahead of any stack");
   perform_init(turn);
 }
 
 void BluetoothHci::thread_perform_reinit(Lifecycle::Turn turn) {
   evidence::Record(AnchorType::kThreadPerformReinit, __func__);
   ALOGI("%s", __func__);
+  BringUpSteps::Get().BeginBringUp(
+      "the stack has died: the service brings the controller up again");
   stopTavioHalExtensions();
   perform_close(turn);
   perform_init(turn);
@@ -196,19 +210,32 @@ void BluetoothHci::signal_handler(int signum) {
   errno = saved_errno;
 }
 
-void BluetoothHci::setup_signal_handler() {
-  ALOGI("%s:", __func__);
-  if (g_signal_event < 0) {
-    g_signal_event = eventfd(0, EFD_CLOEXEC);
-    std::thread([self = sp<BluetoothHci>(this)] {
+bool BluetoothHci::StartSignalThread() {
+  base::unique_fd event(eventfd(0, EFD_CLOEXEC));
+  if (!event.ok()) {
+    ALOGE("%s: SIGTERM is not handled: %s", __func__, strerror(errno));
+    return false;
+  }
+  try {
+    std::thread([self = sp<BluetoothHci>(this), event = event.get()] {
       pthread_setname_np(pthread_self(), "bthal_signal");
       for (;;) {
         uint64_t value = 0;
-        if (TEMP_FAILURE_RETRY(read(g_signal_event, &value, sizeof value)) < 0) return;
+        if (TEMP_FAILURE_RETRY(read(event, &value, sizeof value)) < 0) continue;
         self->HandleTermination(SIGTERM);
       }
     }).detach();
+  } catch (const std::system_error& error) {
+    ALOGE("%s: SIGTERM is not handled: %s", __func__, error.what());
+    return false;
   }
+  g_signal_event = event.release();
+  return true;
+}
+
+void BluetoothHci::setup_signal_handler() {
+  ALOGI("%s:", __func__);
+  if (g_signal_event < 0 && !StartSignalThread()) return;
   struct sigaction action {};
   action.sa_handler = signal_handler;
   sigemptyset(&action.sa_mask);

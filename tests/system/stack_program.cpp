@@ -15,6 +15,7 @@
 //           die-in-close  NTH microseconds after close() began; with main only
 //           cue           sends Read Voice Setting, for which a scenario may wait; with main only
 //           flood         long ACL packets without a pause are the traffic; with main only
+//           await         the traffic lasts until the controller has answered; with main only
 // It prints "ready" once it is attached, "answered" when the controller answers commands, and
 // "closed". Exit codes: 0 closed, 3 there is no service or it died, 5 a call does not return.
 #include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
@@ -107,7 +108,8 @@ class Stack : public IBluetoothHciCallbacks {
     while (plan_->action == "flood" && alive_ && steady_clock::now() < end) {
       Send(&IBluetoothHci::sendAclData, longest);
     }
-    for (uint8_t i = 0; alive_ && steady_clock::now() < end; ++i) {
+    const auto last = end + (plan_->action == "await" ? kPatience : milliseconds(0));
+    for (uint8_t i = 0; alive_ && steady_clock::now() < (answered_ ? end : last); ++i) {
       Send(&IBluetoothHci::sendAclData, {0x01, 0x00, 0x02, 0x00, i, i});
       Send(&IBluetoothHci::sendScoData, {0x02, 0x00, 0x02, i, i});
       Send(&IBluetoothHci::sendIsoData, {0x00, 0x8E, 0x05, 0x00, i, 0x00, 0x01, 0x00, i});

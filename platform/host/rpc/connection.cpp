@@ -85,8 +85,9 @@ std::shared_ptr<Connection> Connection::Start(android::base::unique_fd socket, S
                                               std::function<void()> on_end) {
   std::shared_ptr<Connection> connection(
       new Connection(std::move(socket), peer_side, std::move(on_end)));
-  IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN, connection);
-  return connection;
+  const bool added =
+      IoLoop::Get().Add(connection->io_key_, connection->socket_.get(), EPOLLIN, connection);
+  return added ? connection : nullptr;
 }
 
 Connection::Connection(android::base::unique_fd socket, Side peer_side,
@@ -320,6 +321,9 @@ bool Connection::ReadMessage() {
     case ReceiveResult::kEnd:
       End(nullptr);
       return false;
+    case ReceiveResult::kFailed:
+      failure = "it cannot be read from";
+      break;
     case ReceiveResult::kMalformed:
       failure = "a malformed message";
       break;

@@ -44,7 +44,7 @@ IoLoop::IoLoop()
   thread.detach();
 }
 
-void IoLoop::Add(uint64_t key, int descriptor, uint32_t events,
+bool IoLoop::Add(uint64_t key, int descriptor, uint32_t events,
                  std::shared_ptr<IoHandler> handler) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -53,7 +53,10 @@ void IoLoop::Add(uint64_t key, int descriptor, uint32_t events,
   epoll_event event{};
   event.events = events;
   event.data.u64 = key;
-  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) PLOG(FATAL) << "epoll_ctl";
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0) return true;
+  PLOG(ERROR) << "a descriptor cannot be waited for";
+  Remove(key, descriptor);
+  return false;
 }
 
 void IoLoop::Change(uint64_t key, int descriptor, uint32_t events) {

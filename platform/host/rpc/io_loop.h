@@ -34,8 +34,9 @@ class IoLoop {
 
   // Names a descriptor in the calls below.
   uint64_t NewKey() { return ++last_key_; }
-  // Watches descriptor for events. The loop holds handler until Remove().
-  void Add(uint64_t key, int descriptor, uint32_t events, std::shared_ptr<IoHandler> handler);
+  // Watches descriptor for events. The loop holds handler until Remove(). False when the system
+  // has no room for one more.
+  bool Add(uint64_t key, int descriptor, uint32_t events, std::shared_ptr<IoHandler> handler);
   void Change(uint64_t key, int descriptor, uint32_t events);
   // handler may still be running when this returns.
   void Remove(uint64_t key, int descriptor);

@@ -19,6 +19,7 @@
 #include "rpc/connection.h"
 #include "rpc/io_loop.h"
 #include "rpc/load.h"
+#include "rpc/proxy.h"
 #include "rpc/wire.h"
 
 namespace bthal::rpc {
@@ -77,7 +78,8 @@ class Listener : public IoHandler {
     } else {
       told_full_ = false;
       ++*peers_;
-      Connection::Start(std::move(peer), Connection::Side::kClient, [peers = peers_] { --*peers; });
+      const auto leave = [peers = peers_] { --*peers; };
+      if (!Connection::Start(std::move(peer), Connection::Side::kClient, leave)) leave();
     }
   }
 
@@ -107,11 +109,13 @@ bool StartListening(const SocketFolder& folder, std::string* socket_name) {
     socket_name->clear();
     return false;
   }
+  PostDeathNotifications({});  // has the thread for them now: later, the system may refuse one
   const int descriptor = socket.get();
   IoLoop& loop = IoLoop::Get();
-  loop.Add(loop.NewKey(), descriptor, EPOLLIN,
-           std::make_shared<Listener>(std::move(socket), group));
-  return true;
+  const bool listens = loop.Add(loop.NewKey(), descriptor, EPOLLIN,
+                                std::make_shared<Listener>(std::move(socket), group));
+  if (!listens) socket_name->clear();
+  return listens;
 }
 
 }  // namespace bthal::rpc

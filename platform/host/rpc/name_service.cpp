@@ -82,9 +82,9 @@ class Names {
     if (known != connections_.end() && !known->second->ended()) return known->second;
     android::base::unique_fd socket = folder.Connect(target);
     if (socket.get() < 0) return nullptr;
-    std::shared_ptr<Connection>& connection = connections_[target];
-    connection = Connection::Start(std::move(socket), Connection::Side::kService,
-                                   [this, target] { Forget(target); });
+    std::shared_ptr<Connection> connection = Connection::Start(
+        std::move(socket), Connection::Side::kService, [this, target] { Forget(target); });
+    if (connection != nullptr) connections_[target] = connection;
     return connection;
   }
 

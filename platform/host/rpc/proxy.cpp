@@ -85,6 +85,7 @@ void PostDeathNotifications(std::vector<sp<Proxy>> dead) {
   static ThreadPool* const thread = [] {
     auto* pool = new ThreadPool("rpc-death", ThreadPool::Idle::kSleep);
     pool->Start();
+    pool->Post([] {});  // starts its thread
     return pool;
   }();
   if (dead.empty()) return;

@@ -86,6 +86,9 @@ unique_fd SocketFolder::Listen(std::string* socket_name, gid_t* group) const {
       fstatat(folder_.get(), unborn.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
       listen(listener.get(), 64) != 0 ||
       renameat(folder_.get(), unborn.c_str(), folder_.get(), socket_name->c_str()) != 0) {
+    const int error = errno;
+    unlinkat(folder_.get(), unborn.c_str(), 0);
+    errno = error;
     return unique_fd();
   }
   *group = status.st_gid;
@@ -110,7 +113,9 @@ int SocketFolder::Link(const std::string& name, const std::string& socket_name) 
   unlinkat(folder_.get(), unborn.c_str(), 0);
   if (symlinkat(socket_name.c_str(), folder_.get(), unborn.c_str()) != 0 ||
       renameat(folder_.get(), unborn.c_str(), folder_.get(), name.c_str()) != 0) {
-    return errno;
+    const int error = errno;
+    unlinkat(folder_.get(), unborn.c_str(), 0);
+    return error;
   }
   return 0;
 }

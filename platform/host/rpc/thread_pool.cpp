@@ -1,8 +1,12 @@
+#define LOG_TAG "bthal.rpc"
+
 #include "rpc/thread_pool.h"
 
+#include <android-base/logging.h>
 #include <pthread.h>
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -86,10 +90,16 @@ void ThreadPool::LeadIsFree() {
 void ThreadPool::StartThreadIfNeeded() {
   const size_t limit = max_threads_ - (awaits_join_ ? 1 : 0);
   if (!started_ || tasks_.size() <= idle_ || threads_ >= limit) return;
-  const std::string name = name_ + "-" + std::to_string(++threads_);
-  std::thread thread(&ThreadPool::Work, this);
-  pthread_setname_np(thread.native_handle(), name.c_str());
-  thread.detach();
+  const std::string name = name_ + "-" + std::to_string(threads_ + 1);
+  try {
+    std::thread thread(&ThreadPool::Work, this);
+    pthread_setname_np(thread.native_handle(), name.c_str());
+    thread.detach();
+    ++threads_;
+  } catch (const std::system_error& error) {
+    // What is posted waits for another thread, or for the next task, which tries again.
+    LOG(ERROR) << "cannot start " << name << ": " << error.what();
+  }
 }
 
 void ThreadPool::Wake() {

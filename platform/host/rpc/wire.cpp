@@ -122,7 +122,7 @@ ReceiveResult ReceiveMessage(int socket, uint8_t* buffer, ReceivedMessage* messa
     size = recvmsg(socket, &incoming, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     // The kernel reports a reset once, before the messages that the peer had sent until then.
   } while (size < 0 && (errno == EINTR || errno == ECONNRESET));
-  if (size < 0) return errno == EAGAIN ? ReceiveResult::kNothingYet : ReceiveResult::kEnd;
+  if (size < 0) return errno == EAGAIN ? ReceiveResult::kNothingYet : ReceiveResult::kFailed;
   message->descriptors = TakeDescriptors(&incoming);
   // A message without bytes cannot be told from the end of the connection, and is taken for it.
   if (size == 0 && message->descriptors.empty()) return ReceiveResult::kEnd;

@@ -88,7 +88,7 @@ struct ReceivedMessage {
   std::vector<android::base::unique_fd> descriptors;
 };
 
-enum class ReceiveResult { kMessage, kNothingYet, kEnd, kMalformed };
+enum class ReceiveResult { kMessage, kNothingYet, kEnd, kMalformed, kFailed };
 
 // Takes one message without blocking. buffer has kMaxMessageBytes.
 ReceiveResult ReceiveMessage(int socket, uint8_t* buffer, ReceivedMessage* message);

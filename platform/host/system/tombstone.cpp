@@ -19,9 +19,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #define BACKWARD_HAS_DW 1
@@ -163,14 +166,27 @@ void OnFatalSignal(int signal, siginfo_t* info, void* context) {
   crash.frame_count = backtrace(crash.frames, kMaxFrames);
   sem_post(&crash.happened);
   timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
   deadline.tv_sec += kWriteTimeS;
-  while (sem_timedwait(&crash.written, &deadline) != 0 && errno == EINTR) {
+  while (sem_clockwait(&crash.written, CLOCK_MONOTONIC, &deadline) != 0 && errno == EINTR) {
   }
   struct sigaction fallback {};
   fallback.sa_handler = SIG_DFL;
   sigaction(signal, &fallback, nullptr);
   raise(signal);  // delivered when the handler returns
+}
+
+// Such as for want of memory: the tombstone tells of what.
+[[noreturn]] void OnUncaughtException() {
+  try {
+    if (const std::exception_ptr exception = std::current_exception()) {
+      std::rethrow_exception(exception);
+    }
+  } catch (const std::exception& exception) {
+    LOG(FATAL) << "uncaught exception: " << exception.what();
+  } catch (...) {
+  }
+  abort();
 }
 
 }  // namespace
@@ -183,14 +199,20 @@ void InstallTombstones() {
   void* warm_up[1];
   backtrace(warm_up, 1);  // loads what the handler must not load
 
-  std::thread writer([] {
-    while (sem_wait(&crash.happened) != 0) {
-    }
-    WriteTombstone();
-    sem_post(&crash.written);
-  });
-  pthread_setname_np(writer.native_handle(), "bthal-tombstone");
-  writer.detach();
+  try {
+    std::thread writer([] {
+      while (sem_wait(&crash.happened) != 0) {
+      }
+      WriteTombstone();
+      sem_post(&crash.written);
+    });
+    pthread_setname_np(writer.native_handle(), "bthal-tombstone");
+    writer.detach();
+  } catch (const std::system_error& error) {
+    LOG(ERROR) << "a crash will leave no tombstone: " << error.what();
+    return;
+  }
+  std::set_terminate(OnUncaughtException);
 
   // A stack overflow of the main thread can be told, too; other threads have no spare stack.
   static char spare_stack[64 * 1024];
