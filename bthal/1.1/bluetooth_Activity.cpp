@@ -8,6 +8,7 @@
 #include <log/log.h>
 
 #include "evidence/anchor_records.h"
+#include "evidence/bring_up_steps.h"
 #include "evidence/debug_files.h"
 #include "hci/packet.h"
 #include "hci/scoped_event_watcher.h"
@@ -69,6 +70,7 @@ BtActivitiesLogger* BtActivitiesLogger::GetInstacne() {
 
 void BtActivitiesLogger::OnBluetoothEnabled(hci::HciFlowControl* flow) {
   ALOGI("%s", __func__);
+  evidence::BringUpSteps::Get().Mark("the extensions are ready");
   auto le_adv_timer = Timer::Create("bthal_le_adv", [this] { LeAdvTimeout(); });
   if (le_adv_timer == nullptr) ALOGE("%s: cannot create le_adv_timer!", __func__);
   auto acl_data_timer = Timer::Create("bthal_acl_data", [this] { AclDataTimeout(); });

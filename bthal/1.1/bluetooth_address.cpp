@@ -16,6 +16,7 @@
 #include <mutex>
 #include <optional>
 
+#include "evidence/bring_up_steps.h"
 #include "evidence/report.h"
 #include "hci/command_waiter.h"
 
@@ -79,6 +80,10 @@ Address Provision() {
             << StringPrintf("%02x:%02x:%02x:%02x:%02x:%02x", address[0], address[1], address[2],
                             address[3], address[4], address[5])
             << ">";
+  // The other way round, as people write it.
+  evidence::BringUpSteps::Get().Begin(
+      "device address", StringPrintf("%02X:%02X:%02X:%02X:%02X:%02X", address[5], address[4],
+                                     address[3], address[2], address[1], address[0]));
   return address;
 }
 
@@ -89,6 +94,11 @@ bool Apply(HciFlowControl& flow, const Address& address, CommandWaiter& waiter) 
   const bool accepted = waiter.SendAndWait(flow, command, std::nullopt) == 0;
   if (waiter.answer().empty()) {
     LOG(WARNING) << __func__ << ": gave up waiting for the controller's answer";
+  }
+  if (accepted) {
+    evidence::BringUpSteps::Get().End();
+  } else {
+    evidence::BringUpSteps::Get().Fail();
   }
   return accepted;
 }

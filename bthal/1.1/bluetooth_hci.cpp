@@ -15,6 +15,7 @@
 #include "btzvk_protocol.h"
 #include "conf.h"
 #include "debug_central.h"
+#include "evidence/bring_up_steps.h"
 #include "stack/attached_stack.h"
 #include "tap/capture.h"
 #include "tap/notes.h"
@@ -24,6 +25,7 @@ namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 namespace {
 
 using ::android::hardware::bluetooth::V1_0::Status;
+using debug::BringUpSteps;
 using debug::DebugAnchor;
 using debug::DebugCentral;
 
@@ -106,11 +108,13 @@ void BluetoothHci::initialize_impl(const sp<V1_0::IBluetoothHciCallbacks>& cb,
 void BluetoothHci::attach(const sp<V1_0::IBluetoothHciCallbacks>& cb, Lifecycle::Turn turn) {
   constexpr char kOperation[] = "initialize_impl";
   if (conf::Config::GetInstance()->IsAcceleratedBtOnSupported() && hci::shim::IsUserialReady()) {
+    BringUpSteps::Get().BeginAttachment("a stack attaches");
     if (!BtZvkProtocol::GetInstacne()->AcceleratedReset()) {
       ALOGE("%s: Accelerated Init failed", kOperation);
       evidence::Report(BqrErrorCode::HostAccelatedBtInitFailed, "Accelerated Init failed");
     }
   } else {
+    BringUpSteps::Get().BeginBringUp("a stack attaches");
     perform_init(turn);
   }
   link_to_death(cb);
@@ -201,7 +205,8 @@ Return<void> BluetoothHci::debug(const hidl_handle& fd, const hidl_vec<hidl_stri
     return Void();
   }
   if (options.size() == 1 && options[0] == "state") {
-    debug::WriteToReader(handle->data[0], hci::shim::CurrentState().Text());
+    debug::WriteToReader(handle->data[0],
+                         hci::shim::CurrentState().Text() + BringUpSteps::Get().Text());
   } else {
     ALOGI("%s: Dump debug log", __func__);
     DebugCentral::Get().Dump(handle->data[0]);

@@ -50,7 +50,8 @@ class BluetoothHci : public IBluetoothHci {
   Return<void> sendScoData(const hidl_vec<uint8_t>& packet) override;
   Return<void> sendIsoData(const hidl_vec<uint8_t>& packet) override;
   Return<void> close() override;
-  // Writes the debug report; with {"state"} as options the lines of hci::TransportState instead.
+  // Writes the debug report; with {"state"} as options the lines of hci::TransportState and of
+  // debug::BringUpSteps instead.
   // With {"capture", FORMAT, …} starts a capture (tap/capture.h) to the descriptor and returns.
   Return<void> debug(const hidl_handle& fd, const hidl_vec<hidl_string>& options) override;
 

@@ -18,6 +18,7 @@
 #include "btzvk_protocol.h"
 #include "conf.h"
 #include "debug_central.h"
+#include "evidence/bring_up_steps.h"
 #include "extensions.h"
 #include "stack/attached_stack.h"
 #include "tap/tap.h"
@@ -27,6 +28,7 @@ namespace android::hardware::bluetooth::V1_1::zvkbtlinux {
 namespace {
 
 using ::android::hardware::bluetooth::V1_0::Status;
+using debug::BringUpSteps;
 using debug::DebugAnchor;
 using debug::DebugCentral;
 
@@ -92,6 +94,7 @@ void BluetoothHci::perform_init(Lifecycle::Turn& turn) {
   if (BtZvkProtocol::GetInstacne()->Initialize(handle.get())) {
     BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kControllerReady, "%s: BTZVK controller is ready",
                          __func__);
+    BringUpSteps::Get().EndBringUp("the controller is ready");
     return;
   }
   ALOGE("Initialize() failed");
@@ -108,6 +111,7 @@ bool BluetoothHci::open_coex_dev() {
   const int delay = conf::Config::GetInstance()->big_hammer_reg_on_delay_ms();
   bool opened = false;
   int failures = 0;
+  BringUpSteps::Get().Begin("coexistence device");
   while (!opened && failures < kCoexAttempts) {
     opened = coex_device_.DeviceOpen([this] { resetBtCallback(); }, delay);
     if (opened) break;
@@ -115,6 +119,7 @@ bool BluetoothHci::open_coex_dev() {
     std::this_thread::sleep_for(kCoexRetryPause);
   }
   ALOGI("%s: return ret (%d), count:%d", __func__, opened ? 1 : 0, failures);
+  if (opened) BringUpSteps::Get().End(evidence::AfterFailures("opened", failures));
   evidence::RecordFormat(AnchorType::kCoexOpenTried, "%s, open the coex device (%s), count:%d",
                          __func__, opened ? "Success" : "Failed", failures);
   return opened;
@@ -140,12 +145,15 @@ void BluetoothHci::perform_close(Lifecycle::Turn& turn) {
 void BluetoothHci::thread_perform_init(Lifecycle::Turn turn) {
   evidence::Record(AnchorType::kThreadPerformInit, __func__);
   ALOGI("%s", __func__);
+  BringUpSteps::Get().BeginBringUp("the service brings the controller up ahead of any stack");
   perform_init(turn);
 }
 
 void BluetoothHci::thread_perform_reinit(Lifecycle::Turn turn) {
   evidence::Record(AnchorType::kThreadPerformReinit, __func__);
   ALOGI("%s", __func__);
+  BringUpSteps::Get().BeginBringUp(
+      "the stack has died: the service brings the controller up again");
   stopTavioHalExtensions();
   perform_close(turn);
   perform_init(turn);

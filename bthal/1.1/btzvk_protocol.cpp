@@ -14,11 +14,14 @@
 #include "bring_up/btzvk_command.h"
 #include "bring_up/firmware_download.h"
 #include "conf.h"
+#include "evidence/bring_up_steps.h"
 #include "evidence/report.h"
 #include "transport_shim.h"
 
 namespace android::hardware::bluetooth {
 namespace {
+
+using evidence::BringUpSteps;
 
 constexpr uint16_t kOpcodeReset = 0x0C03;
 constexpr uint16_t kOpcodeReadLocalName = 0x0C14;
@@ -116,11 +119,13 @@ bool BtZvkProtocol::Initialize(hci::HciFlowControl* flow) {
 
 bool BtZvkProtocol::AcceleratedReset() {
   ALOGI("%s", __func__);
+  BringUpSteps::Get().Mark("the controller is up already: a reset will do");
   return btzvk_reset();
 }
 
 bool BtZvkProtocol::send_hci_reset() {
   ALOGI("%s", __func__);
+  BringUpSteps::Get().Begin("reset and chip id");
   const uint8_t status = send_and_wait(kOpcodeReset);
   LOG(INFO) << __func__ << ": Done (status:" << static_cast<int>(status) << ")";
   return status == 0;
@@ -136,6 +141,7 @@ uint8_t BtZvkProtocol::read_btzvk_chip_id() {
   }
   const uint8_t id = hci::ByteAt(btzvk_last_completion(), kReturnParameters);
   LOG(INFO) << __func__ << ": " << static_cast<int>(id);
+  BringUpSteps::Get().End("chip id " + std::to_string(id));
   evidence::RecordFormat(AnchorType::kChipId, "btzvk_reset, chip_id: %u", id);
   return id;
 }
@@ -169,6 +175,11 @@ bool BtZvkProtocol::baudrate_change(UartBaudRate rate, bool skip_command) {
     return false;
   }
   LOG(INFO) << __func__ << ": Sending Update Baud Rate (" << bits_per_second << ") command";
+  if (skip_command) {
+    BringUpSteps::Get().Begin("firmware starts");
+  } else {
+    BringUpSteps::Get().Begin("line speed", std::to_string(bits_per_second) + " bit/s");
+  }
   if (!skip_command) {
     const uint8_t params[] = {0,
                               0,
@@ -186,6 +197,7 @@ bool BtZvkProtocol::baudrate_change(UartBaudRate rate, bool skip_command) {
   }
   hci::shim::BaudrateChange(rate);
   LOG(INFO) << __func__ << ": Done";
+  if (!skip_command) BringUpSteps::Get().End();
   return true;
 }
 
@@ -203,6 +215,7 @@ bool BtZvkProtocol::firmware_download() {
   baudrate_change(UartBaudRate::kRate115200, true);
   std::this_thread::sleep_for(kFirmwareStartTime);
   BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kDownloadDone, "%s: Done", kOperation);
+  BringUpSteps::Get().End();
   return true;
 }
 
@@ -210,9 +223,11 @@ bool BtZvkProtocol::read_local_name() {
   const evidence::ScopedRecord anchor(AnchorType::kReadLocalName, __func__);
   constexpr char kOperation[] = "btzvk_read_local_name";
   ALOGI("%s", kOperation);
+  BringUpSteps::Get().Begin("local name");
   const uint8_t status = send_and_wait(kOpcodeReadLocalName);
   if (status != 0) {
     LOG(ERROR) << kOperation << ": Read local name failed: " << static_cast<int>(status);
+    BringUpSteps::Get().Fail();
     return false;
   }
   const hidl_vec<uint8_t> event = btzvk_last_completion();
@@ -221,6 +236,7 @@ bool BtZvkProtocol::read_local_name() {
     name += static_cast<char>(event[i]);
   }
   LOG(INFO) << kOperation << ": " << name;
+  BringUpSteps::Get().End(name);
   std::lock_guard<std::mutex> guard(lock_);
   local_name_ = name;
   return true;

@@ -5,6 +5,8 @@
 #include <log/log.h>
 #include <signal.h>
 
+#include <cstdio>
+
 #include "bluetooth_ccc.h"
 #include "bluetooth_ewp.h"
 #include "bluetooth_hci.h"
@@ -36,7 +38,12 @@ void RegisterExtension(const sp<Service>& service, const char* name) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc > 1) {
+    std::fprintf(stderr, "%s takes no options; BTHAL_ROOT is the folder that stands for /\n",
+                 argv[0]);
+    return 2;
+  }
   signal(SIGPIPE, SIG_IGN);
 
   const sp<BluetoothHci> bluetooth_hci = new BluetoothHci;

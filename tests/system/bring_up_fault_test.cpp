@@ -68,6 +68,7 @@ struct Result {
   std::string log;
   std::string stack;
   std::string wire;     // a line per command: speed and bytes
+  std::string verdict;  // the first sentence of the report on a service that has died
   std::string unasked;  // what the host wrote before the answer or pause that it must wait for
   Board::Evidence evidence;
 };
@@ -218,6 +219,11 @@ Result Play(const Row& row) {
     if (!run.end && row.stack) board.stack()->WaitForOutput(ExpectedEvents(row), kDeadline);
     run.stack = board.StackOutput();
   }
+  if (run.end) {
+    Run({ProgramDir() + "/bthalctl", "--root", board.Path(""), "--wait", "0", "report",
+         "--files-only", "-o", board.Path("page.html")},
+        &run.verdict);
+  }
   const Bytes rest = board.StopPlaying();
   if (!rest.empty()) run.unasked += "and " + ToHex(rest) + "\n";
   run.log = board.Log();
@@ -258,7 +264,20 @@ std::string ExpectedEvents(const Row& row) {
   return "event " + ToHex(Completion(row.vector, command, status)) + "\n";
 }
 
+// The step as a report calls it.
+std::string ReportedStep(const std::string& step) {
+  if (step == "set_download_config") return "download mode";  // which waits behind it
+  if (step == "download_minidriver") return "download mode";
+  if (step.rfind("record_", 0) == 0) return "firmware records";
+  if (step.rfind("launch_", 0) == 0) return "launch";
+  return step == "to_4000000" ? "line speed" : "reset and chip id";
+}
+
 void JudgeDeath(const Row& row, const Result& run) {
+  // A record that nobody waits for may be missed by the launch only.
+  EXPECT_THAT(run.verdict,
+              AnyOf(HasSubstr(" failed at \"" + ReportedStep(row.Step().name) + "\": "),
+                    HasSubstr(row.Step().awaited ? "never" : " failed at \"launch\": ")));
   ExpectDeath(std::stoi(row.outcome), ExpectedReason(row), run.end, run.log, run.evidence);
   if (row.stack) {
     // A late completion may still arrive while the process dies.

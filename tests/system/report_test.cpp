@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -49,6 +50,8 @@ std::string Cell(const Json& seconds) {
 TEST(Report, OfARunningService_IsAPageWithTheNumbersOfItsJson) {
   Handset handset(Mode::kPlain);
   const TempDir folder;
+  WriteFile(handset.Path("data/property/persistent.prop"),
+            "persist.bluetooth.capture=pcapng:10m:2\n");
   handset.StartService();
   ASSERT_EQ(handset.Ctl({"up", "--detach"}).exit_code, 0) << handset.Log();
   ASSERT_EQ(handset.Ctl({"residency"}).exit_code, 0);
@@ -78,6 +81,14 @@ TEST(Report, OfARunningService_IsAPageWithTheNumbersOfItsJson) {
     EXPECT_THAT(shown, HasSubstr("<td class=\"number\">" + sums["packets"].dump() +
                                  "</td><td class=\"number\">" + sums["bytes"].dump()));
   }
+  // Its files tell the same when it is dead.
+  handset.service().Signal(SIGKILL);
+  ASSERT_TRUE(handset.service().Wait(kDeadline));
+  const Json left = Json::parse(Ctl(handset.root(), {"report", "--json", "--files-only"}));
+  EXPECT_FALSE(left["live"].get<bool>());
+  EXPECT_EQ(left["history"]["steps"].size(), report["history"]["steps"].size());
+  EXPECT_GE(left["history"]["traffic"]["to_controller"]["packets"],
+            report["history"]["traffic"]["to_controller"]["packets"]);
   // Nothing that a browser would fetch.
   for (const char* const reference : {"src=", "url(", "@import", "href=\"http"}) {
     EXPECT_THAT(ReadFile(page), Not(HasSubstr(reference)));

@@ -7,9 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "tools/capture/record_splitter.h"
+#include "tools/wire/record_splitter.h"
 
 namespace bthalctl {
+
+using wire::Bytes;
+using wire::CaptureRecord;
+using wire::RecordKind;
 
 // FILE, FILE.1, FILE.2, …: at so many bytes a file becomes the next older one. 0: one file without
 // an end.

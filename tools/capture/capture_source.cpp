@@ -1,7 +1,6 @@
 #include "tools/capture/capture_source.h"
 
 #include <android-base/strings.h>
-#include <cutils/native_handle.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -40,25 +39,20 @@ std::vector<std::string> CaptureWords::Words() const {
 }
 
 unique_fd OpenCapture(const ::android::sp<Hci>& service, const std::string& format,
-                      const CaptureWords& words) {
+                      const CaptureWords& words, std::chrono::milliseconds wait) {
   unique_fd source, target;
   if (!::android::base::Pipe(&source, &target, O_CLOEXEC)) throw Failure(WithErrno("pipe"));
   fcntl(source.get(), F_SETPIPE_SZ, 1 << 20);  // where the system allows it
-  NATIVE_HANDLE_DECLARE_STORAGE(storage, 1, 0);
-  native_handle_t* const handle = native_handle_init(storage, 1, 0);
-  handle->data[0] = target.get();
-  std::vector<::android::hardware::hidl_string> options = {"capture", format};
-  for (const std::string& word : words.Words()) options.emplace_back(word);
-  if (!service->debug(::android::hardware::hidl_handle(handle), options).isOk()) {
-    throw Failure(ExitCode::kNoService, "the service died");
-  }
+  std::vector<std::string> options = words.Words();
+  options.insert(options.begin(), {"capture", format});
+  CallDebug(service, std::move(target), options, wait);
   return source;
 }
 
 void ForEachRecord(const unique_fd& source, TimePoint deadline,
                    const std::function<bool(const CaptureRecord&)>& take,
                    const std::function<void()>& pause) {
-  RecordSplitter splitter;
+  wire::RecordSplitter splitter;
   std::array<uint8_t, 65536> buffer;
   bool begun = false;
   bool stopping = false;
@@ -87,7 +81,7 @@ void ForEachRecord(const unique_fd& source, TimePoint deadline,
     if (n < 0) throw Failure(WithErrno("cannot read the capture"));
     if (n == 0) throw Failure(ExitCode::kNoService, "the service ended the capture");
     const wire::ByteView bytes(buffer.data(), static_cast<size_t>(n));
-    if (!begun && !RecordSplitter::IsCapture(bytes)) {
+    if (!begun && !wire::RecordSplitter::IsCapture(bytes)) {
       throw Failure(::android::base::Trim(bytes.Text()));  // why there is none
     }
     begun = true;

@@ -8,10 +8,12 @@
 #include <vector>
 
 #include "tools/base/wait.h"
-#include "tools/capture/record_splitter.h"
 #include "tools/link/attachment.h"
+#include "tools/wire/record_splitter.h"
 
 namespace bthalctl {
+
+using wire::CaptureRecord;
 
 // What the service is asked for besides a format: see bthalctl capture --help.
 struct CaptureWords {
@@ -24,9 +26,11 @@ struct CaptureWords {
   std::vector<std::string> Words() const;
 };
 
-// The end of a pipe to which service writes a capture until it is closed.
+// The end of a pipe to which service writes a capture until it is closed. Throws
+// Failure(kNoService), also when the service has not begun within wait.
 ::android::base::unique_fd OpenCapture(const ::android::sp<Hci>& service, const std::string& format,
-                                       const CaptureWords& words);
+                                       const CaptureWords& words,
+                                       std::chrono::milliseconds wait = kLongestBringUp);
 
 // Calls take for each record, until it returns false, the deadline passes or a stop signal arrives;
 // what has been written by then is taken, too. Throws Failure when the service ends the capture or

@@ -6,6 +6,7 @@
 #include "tools/commands/commands.h"
 #include "tools/evidence/activity_report.h"
 #include "tools/evidence/report_sections.h"
+#include "tools/link/attachment.h"
 
 namespace bthalctl {
 namespace {
@@ -47,7 +48,7 @@ void PrintPeriods(const char* title, const char* counted, const Json& periods) {
 }
 
 void Activity(const Options& options, const CommandValues& values) {
-  const std::string section = SectionsOf(TakeReport(options), {"activity"});
+  const std::string section = SectionsOf(TakeReport(options, {}, kLongestBringUp), {"activity"});
   if (section.empty()) throw Failure("this service's report has no activity section");
   const Json tables = ReadActivityTables(section);
   if (values.json) {

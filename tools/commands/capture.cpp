@@ -10,11 +10,11 @@
 #include "tools/base/terminal.h"
 #include "tools/capture/capture_file.h"
 #include "tools/capture/capture_source.h"
-#include "tools/capture/record_splitter.h"
 #include "tools/capture/scenario_writer.h"
 #include "tools/commands/capture_words.h"
 #include "tools/commands/commands.h"
 #include "tools/wire/capture_packets.h"
+#include "tools/wire/record_splitter.h"
 
 namespace bthalctl {
 namespace {

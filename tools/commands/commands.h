@@ -58,10 +58,14 @@ inline void AddSeconds(CLI::App& command, const char* names, double& seconds, co
 // SIGINT and SIGTERM are Interrupted.
 std::unique_ptr<HciLink> OpenLink(const Options& options);
 
-// What the service writes for its debug call: the report, or what the options ask for.
-std::string TakeReport(const Options& options, const std::vector<std::string>& debug_options = {});
-// How the service reaches the controller: what it answers to "state", by name.
-std::map<std::string, std::string> TakeState(const Options& options);
+// What the service writes for its debug call: the report, or what the options ask for. Throws
+// Failure(kNoService), also when it has not answered within wait.
+std::string TakeReport(const Options& options, const std::vector<std::string>& debug_options,
+                       std::chrono::milliseconds wait);
+// What the service answers to "state", by name: how it reaches the controller, and the steps of the
+// last bring-up as "step.1" and so on.
+std::map<std::string, std::string> TakeState(const Options& options,
+                                             std::chrono::milliseconds wait);
 
 void AddUp(CLI::App& app, const Options& options);
 void AddDown(CLI::App& app, const Options& options);

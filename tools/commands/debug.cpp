@@ -1,7 +1,6 @@
 #include <android-base/file.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
-#include <cutils/native_handle.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -18,7 +17,6 @@ namespace bthalctl {
 namespace {
 
 using ::android::base::unique_fd;
-using ::android::hardware::hidl_handle;
 
 struct DebugOptions : CommandValues {
   std::string output;
@@ -43,7 +41,7 @@ void Debug(const Options& options, const DebugOptions& debug) {
           ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
           : open(debug.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!target.ok()) throw Failure(WithErrno("cannot write " + debug.output));
-  const std::string report = TakeReport(options);
+  const std::string report = TakeReport(options, {}, kLongestBringUp);
   if (debug.list) return List(CutReport(report));
 
   const std::string text = debug.sections.empty() ? report : SectionsOf(report, debug.sections);
@@ -56,28 +54,24 @@ void Debug(const Options& options, const DebugOptions& debug) {
 
 }  // namespace
 
-std::string TakeReport(const Options& options, const std::vector<std::string>& debug_options) {
+std::string TakeReport(const Options& options, const std::vector<std::string>& debug_options,
+                       std::chrono::milliseconds wait) {
   const auto service = FindService(options.wait());
   // The service writes into memory, so that a slow reader of ours cannot hold it up.
   const unique_fd report(memfd_create("report", MFD_CLOEXEC));
   if (!report.ok()) throw Failure(WithErrno("memfd"));
-  NATIVE_HANDLE_DECLARE_STORAGE(storage, 1, 0);
-  native_handle_t* const handle = native_handle_init(storage, 1, 0);
-  handle->data[0] = report.get();
-  const std::vector<::android::hardware::hidl_string> words(debug_options.begin(),
-                                                            debug_options.end());
-  if (!service->debug(hidl_handle(handle), words).isOk()) {
-    throw Failure(ExitCode::kNoService, "the service died while it wrote the report");
-  }
+  CallDebug(service, unique_fd(fcntl(report.get(), F_DUPFD_CLOEXEC, 0)), debug_options, wait);
   std::string text;
   lseek(report.get(), 0, SEEK_SET);
   if (!::android::base::ReadFdToString(report, &text)) throw Failure(WithErrno("report"));
   return text;
 }
 
-std::map<std::string, std::string> TakeState(const Options& options) {
+std::map<std::string, std::string> TakeState(const Options& options,
+                                             std::chrono::milliseconds wait) {
   std::map<std::string, std::string> state;
-  for (const std::string& line : ::android::base::Split(TakeReport(options, {"state"}), "\n")) {
+  for (const std::string& line :
+       ::android::base::Split(TakeReport(options, {"state"}, wait), "\n")) {
     if (const size_t sign = line.find('='); sign != std::string::npos) {
       state[line.substr(0, sign)] = line.substr(sign + 1);
     }

@@ -7,10 +7,10 @@
 
 #include "tools/base/failure.h"
 #include "tools/base/terminal.h"
-#include "tools/capture/capture_reader.h"
 #include "tools/capture/packet_filter.h"
 #include "tools/commands/capture_words.h"
 #include "tools/commands/commands.h"
+#include "tools/wire/capture_reader.h"
 
 namespace bthalctl {
 namespace {
@@ -50,7 +50,7 @@ class Printer {
     if (options.file.empty()) day_ = LocalTime(std::time(nullptr) * int64_t{1'000'000'000}).day;
   }
 
-  void Show(const Captured& item) {
+  void Show(const wire::Captured& item) {
     const LocalTime time(item.time_ns);
     if (!item.note.empty()) ShowNote(time, item.note);
     if (item.lost > 0) {
@@ -114,14 +114,14 @@ class Printer {
 void Monitor(const Options& options, const MonitorOptions& monitor) {
   Printer printer(monitor);
   uint64_t shown = 0;
-  const auto show = [&](const Captured& item) {
+  const auto show = [&](const wire::Captured& item) {
     printer.Show(item);
     if (item.packet) ++shown;
     return shown == 0 || shown != monitor.count;
   };
   if (!monitor.file.empty()) {
     const PacketFilter filter(monitor.words);
-    ReadCapture(monitor.file, [&](Captured item) {
+    wire::ForEachCaptured(monitor.file, [&](wire::Captured item) {
       if (item.packet && !filter.Passes(*item.packet)) item.packet.reset();
       return show(item);
     });
@@ -131,11 +131,11 @@ void Monitor(const Options& options, const MonitorOptions& monitor) {
   // In this format notes come at once, not with the packet behind them.
   const auto source = OpenCapture(FindService(options.wait()), "monitor", monitor.words);
   std::fputs("following the service\n", stderr);
-  CaptureReader reader;
+  wire::CaptureReader reader;
   ForEachRecord(source, EndAfter(monitor.seconds), [&](const CaptureRecord& record) {
     reader.Put(record.bytes);
     bool go_on = true;
-    while (const std::optional<Captured> item = go_on ? reader.Next() : std::nullopt) {
+    while (const std::optional<wire::Captured> item = go_on ? reader.Next() : std::nullopt) {
       go_on = show(*item);
     }
     // Whoever reads this has gone: there is nothing left to do.

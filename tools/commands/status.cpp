@@ -16,7 +16,7 @@ namespace {
 using Json = nlohmann::json;
 
 Json Transport(const Options& options) {
-  std::map<std::string, std::string> fields = TakeState(options);
+  std::map<std::string, std::string> fields = TakeState(options, kAnswerTime);
   Json transport = {{"kind", nullptr}, {"state", fields["state"]}};
   std::string text;
   if (const std::string kind = fields["transport"]; !kind.empty()) {
@@ -46,13 +46,12 @@ Json Transport(const Options& options) {
 Json Status(const Options& options) {
   const std::string& root = root_folder::Path();
   Json status = {{"root", root.empty() ? "/" : root}};
-  const auto service = FindService(options.wait());
-  service
+  status["transport"] = Transport(options);
+  FindService(options.wait())
       ->getDebugInfo([&](const ::android::hidl::base::V1_0::DebugInfo& info) {
         status["service"] = {{"pid", info.pid}};
       })
       .isOk();
-  status["transport"] = Transport(options);
   CatchStopSignals();
   const auto holder = AskHolder(holder::kStatus, std::chrono::seconds(5));
   status["up"] = holder.has_value();

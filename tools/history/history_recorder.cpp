@@ -79,7 +79,12 @@ size_t LastBringUp(const std::vector<LogLine>& log, int64_t by_ns) {
 
 }  // namespace
 
-void HistoryRecorder::AddCaptured(const Captured& captured) {
+int64_t LastBringUpNs(const std::vector<LogLine>& log) {
+  const size_t begin = LastBringUp(log, INT64_MAX - kNsPerMs);
+  return begin < log.size() ? ToNs(log[begin].time) : 0;
+}
+
+void HistoryRecorder::AddCaptured(const wire::Captured& captured) {
   if (history_.begin_ns == 0) history_.begin_ns = captured.time_ns;
   if (captured.lost > 0) {
     history_.marks.push_back({HistoryMark::Kind::kLoss, captured.time_ns,
@@ -208,6 +213,36 @@ void HistoryRecorder::Sample(const std::string& counter, const char* unit, int64
   }
 }
 
+void HistoryRecorder::AddSteps(const std::map<std::string, std::string>& state) {
+  for (size_t number = 1;; ++number) {
+    const auto step = state.find("step." + std::to_string(number));
+    if (step == state.end()) return;
+    AddStep(std::istringstream(step->second));
+  }
+}
+
+// "BEGIN TOOK RESULT NAME: DETAIL"
+void HistoryRecorder::AddStep(std::istringstream fields) {
+  int64_t begin_ns = 0, took_ns = 0;
+  std::string result, name, detail;
+  if (!(fields >> begin_ns >> took_ns >> result) || begin_ns <= 0 || took_ns < 0) return;
+  std::getline(fields >> std::ws, name);
+  const bool mark = result == "mark";
+  if (const size_t colon = name.find(": "); colon != std::string::npos && !mark) {
+    detail = name.substr(colon + 2);
+    name.resize(colon);
+  }
+  told_ = true;
+  if (history_.begin_ns == 0 || begin_ns < history_.begin_ns) history_.begin_ns = begin_ns;
+  if (mark) {
+    history_.marks.push_back({HistoryMark::Kind::kNote, begin_ns, name, ""});
+    return;
+  }
+  const bool running = result == "running";
+  history_.steps.push_back(
+      {name, detail, begin_ns, begin_ns + took_ns, result == "failed", running});
+}
+
 void HistoryRecorder::AddLog(const std::vector<LogLine>& log) {
   const int64_t first_ns = history_.begin_ns == 0 ? INT64_MAX - kNsPerMs : history_.begin_ns;
   const size_t begin = LastBringUp(log, first_ns);
@@ -215,14 +250,19 @@ void HistoryRecorder::AddLog(const std::vector<LogLine>& log) {
   const int64_t start_ns = ToNs(log[begin].time);
   history_.begin_ns = std::min(history_.begin_ns == 0 ? start_ns : history_.begin_ns, start_ns);
   BringUpSteps steps;
+  const auto wanted = [this](Progress::Kind kind) {
+    return !told_ || kind == Progress::Kind::kTrouble;
+  };
   for (size_t i = begin; i < log.size(); ++i) {
     if (HoldsUserData(log[i])) continue;
-    for (const Progress& progress : steps.Feed(log[i])) AddProgress(progress, start_ns);
+    for (const Progress& progress : steps.Feed(log[i])) {
+      if (wanted(progress.kind)) AddProgress(progress, start_ns);
+    }
   }
-  if (const std::optional<Progress> running = steps.Running(log.back().time)) {
+  if (const std::optional<Progress> running = steps.Running(log.back().time);
+      running && wanted(running->kind)) {
     const int64_t at_ns = start_ns + running->at.count() * kNsPerMs;
-    history_.steps.push_back({running->name, running->detail, at_ns,
-                              at_ns + running->took.count() * kNsPerMs, false, true});
+    history_.steps.push_back({running->name, running->detail, at_ns, at_ns, false, true});
   }
 }
 
@@ -259,6 +299,9 @@ void HistoryRecorder::EndStates(int64_t end_ns) {
 History HistoryRecorder::Finish(int64_t end_ns) {
   history_.end_ns = end_ns;
   EndStates(end_ns);
+  for (HistoryStep& step : history_.steps) {
+    if (step.running) step.end_ns = std::max(step.begin_ns, end_ns);
+  }
   for (const size_t direction : {size_t{0}, size_t{1}}) {
     const char* const name =
         direction == 0 ? "bytes a second to the controller" : "bytes a second from the controller";

@@ -17,8 +17,9 @@ std::vector<LogLine> ReadServiceLog();
 // until SIGINT. Throws Failure(kNoService).
 History RecordHistory(const Options& options, double seconds);
 
-// Of a log alone: its last bring-up and what is told from then on.
-History HistoryOfLog(const std::vector<LogLine>& log);
+// Of what a service has left below the root folder: the last bring-up in its log, what is told from
+// then on, and what the captures on disk have of that time.
+History HistoryOfFiles(const std::vector<LogLine>& log);
 
 // Of a file that "bthalctl capture" or another program wrote. Throws Failure.
 History HistoryOfCapture(const std::string& path);

@@ -1,8 +1,11 @@
 #include "tools/link/attachment.h"
 
+#include <android-base/file.h>
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 #include <android/hardware/bluetooth/1.1/IBluetoothHciCallbacks.h>
+#include <cutils/native_handle.h>
+#include <fcntl.h>
 #include <hidl/HidlTransportSupport.h>
 #include <hidl/ServiceManagement.h>
 #include <root_folder/root_folder.h>
@@ -11,15 +14,18 @@
 
 #include <cerrno>
 #include <deque>
-#include <future>
 #include <mutex>
 #include <thread>
 
 #include "tools/base/failure.h"
+#include "tools/base/wait.h"
 
 namespace bthalctl {
 
 using ::android::sp;
+using ::android::base::unique_fd;
+using ::android::hardware::hidl_handle;
+using ::android::hardware::hidl_string;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::Void;
@@ -160,17 +166,27 @@ sp<Hci> FindService(std::chrono::milliseconds wait) {
   return service;
 }
 
-void DemandAnswer(const sp<Hci>& service, std::chrono::milliseconds wait) {
+void CallDebug(const sp<Hci>& service, unique_fd fd, const std::vector<std::string>& options,
+               std::chrono::milliseconds wait) {
+  unique_fd answered, answer;
+  if (!::android::base::Pipe(&answered, &answer, O_CLOEXEC)) throw Failure(WithErrno("pipe"));
   // The thread may wait as long as the service does, also behind the end of this program.
-  std::promise<bool> answered;
-  std::future<bool> answer = answered.get_future();
-  std::thread([service, answered = std::move(answered)]() mutable {
-    answered.set_value(service->ping().isOk());
+  std::thread([service, options, fd = std::move(fd), answer = std::move(answer)] {
+    NATIVE_HANDLE_DECLARE_STORAGE(storage, 1, 0);
+    native_handle_t* const handle = native_handle_init(storage, 1, 0);
+    handle->data[0] = fd.get();
+    const std::vector<hidl_string> words(options.begin(), options.end());
+    if (service->debug(hidl_handle(handle), words).isOk()) {
+      ::android::base::WriteFully(answer, "!", 1);
+    }
   }).detach();
-  if (answer.wait_for(wait) == std::future_status::timeout) {
+  if (!WaitReadable(answered.get(), Clock::now() + wait)) {
     throw Failure(ExitCode::kNoService, "the service does not answer: it is inside a bring-up");
   }
-  if (!answer.get()) throw Failure(ExitCode::kNoService, "the service died");
+  char byte = 0;
+  if (!::android::base::ReadFully(answered, &byte, 1)) {
+    throw Failure(ExitCode::kNoService, "the service died");
+  }
 }
 
 Attachment::Attachment(const sp<Hci>& service) : service_(service), callbacks_(new StackCallbacks) {

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <android/hardware/bluetooth/1.1/IBluetoothHci.h>
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "tools/link/hci_link.h"
 
@@ -15,9 +17,14 @@ using Hci = ::android::hardware::bluetooth::V1_1::IBluetoothHci;
 // Failure(kNoService).
 ::android::sp<Hci> FindService(std::chrono::milliseconds wait);
 
-// Throws Failure(kNoService) when the service does not answer a call within this time: while it is
-// inside a bring-up it takes no other call.
-void DemandAnswer(const ::android::sp<Hci>& service, std::chrono::milliseconds wait);
+// How long an answer of the service is waited for. While it is inside a bring-up it takes no other
+// call: longer than any that ends; and where there is something else to show.
+constexpr std::chrono::seconds kLongestBringUp{30}, kAnswerTime{2};
+
+// The service's debug call with these options; it writes to fd. Throws Failure(kNoService) when it
+// has not answered within this time, or dies.
+void CallDebug(const ::android::sp<Hci>& service, ::android::base::unique_fd fd,
+               const std::vector<std::string>& options, std::chrono::milliseconds wait);
 
 class StackCallbacks;
 

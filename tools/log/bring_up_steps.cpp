@@ -24,6 +24,8 @@ struct Rule {
   const char* step;
 };
 
+constexpr char kPowerTag[] = "bthal.hwcontrol";
+
 constexpr Rule kRules[] = {
     {"bthal.zvkbtlinux", "initialize_impl", nullptr, Meaning::kStart, "a stack attaches"},
     {"bthal.zvkbtlinux", "thread_perform_init", nullptr, Meaning::kStart,
@@ -36,8 +38,8 @@ constexpr Rule kRules[] = {
     {"bthal.qvrhelper", "PrepareQvrTransport", nullptr, Meaning::kBegins, "co-processor"},
     {"bthal.qvrhelper", "PrepareQvrTransport: return ret (1), count:", "", Meaning::kEnds,
      "co-processor"},
-    {"bthal.hwcontrol", "PowerControl: Disabling, state_path: ", "", Meaning::kBegins, "power off"},
-    {"bthal.hwcontrol", "PowerControl: Enabling, state_path: ", "", Meaning::kBegins, "power on"},
+    {kPowerTag, "PowerControl: Disabling, state_path: ", "", Meaning::kBegins, "power off"},
+    {kPowerTag, "PowerControl: Enabling, state_path: ", "", Meaning::kBegins, "power on"},
     {"bthal.hwcontrol", "userial_tty_open: open ", "", Meaning::kBegins, "serial port"},
     {"bthal.hwcontrol", "UserialOpen: USERIAL (", ") Ready", Meaning::kEnds, "serial port"},
     {"bthal.zvkproto", "AcceleratedReset", nullptr, Meaning::kMark,
@@ -159,7 +161,9 @@ std::vector<Progress> BringUpSteps::Feed(const LogLine& line) {
     const bool of_step = explanation == nullptr || explanation->fails_step;
     if ((line.priority != 'W' && of_step) ||
         (rule != nullptr && rule->meaning == Meaning::kFails)) {
-      End(Kind::kFailed, now, &out);
+      // Power goes off at once: other trouble behind it is of the step that was given up.
+      const bool given_up = current_ && current_->name == "power off" && line.tag != kPowerTag;
+      End(given_up ? Kind::kEnd : Kind::kFailed, now, &out);
     }
     if (troubles_.insert(line.text).second) {
       out.push_back({Kind::kTrouble,

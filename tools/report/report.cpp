@@ -16,6 +16,7 @@
 #include "tools/evidence/evidence_file.h"
 #include "tools/evidence/report_sections.h"
 #include "tools/history/history_source.h"
+#include "tools/link/attachment.h"
 #include "tools/log/user_data.h"
 #include "tools/report/log_findings.h"
 #include "tools/report/verdict.h"
@@ -111,6 +112,15 @@ Json FindingsOf(bool with_devices) {
   return all;
 }
 
+// How the service reaches the controller.
+Json TransportOf(const std::map<std::string, std::string>& state) {
+  Json transport = Json::object();
+  for (const auto& [name, value] : state) {
+    if (!::android::base::StartsWith(name, "step.")) transport[name] = value;
+  }
+  return transport;
+}
+
 Json TrafficOf(const History& history) {
   uint64_t packets[2] = {}, bytes[2] = {};
   for (const HistoryPacket& packet : history.packets) {
@@ -135,8 +145,8 @@ Json MakeReport(const Options& options, const ReportRequest& request) {
   try {
     history = RecordHistory(options, request.seconds);
     log = ReadServiceLog();
-    report["transport"] = TakeState(options);
-    const std::string debug = TakeReport(options);
+    report["transport"] = TransportOf(TakeState(options, kAnswerTime));
+    const std::string debug = TakeReport(options, {}, kAnswerTime);
     for (const Section& section : CutReport(debug)) {
       if (section.name == "crashinfo" || section.name == "coredump") continue;  // below, as files
       texts.Add("debug report: " + section.name, section.text);
@@ -146,7 +156,7 @@ Json MakeReport(const Options& options, const ReportRequest& request) {
     if (failure.code() != ExitCode::kNoService) throw;
     report["live"] = false;
     log = ReadServiceLog();
-    history = HistoryOfLog(log);
+    history = HistoryOfFiles(log);
   }
   report["history"] = ToJson(history);
   report["history"].erase("packets");

@@ -1,5 +1,4 @@
-// Captures of HCI traffic in the formats that "bthalctl capture" and other programs write: pcapng
-// (link type 201), btsnoop with data link 1002 (H4) or 2001 (the Linux monitor).
+// Captures of one controller's HCI traffic, whole packets only: what can be played again.
 #pragma once
 
 #include <cstdint>

@@ -13,6 +13,7 @@
 
 #include "bring_up/btzvk_command.h"
 #include "bring_up/firmware_patch.h"
+#include "evidence/bring_up_steps.h"
 #include "evidence/record.h"
 
 namespace android::hardware::bluetooth {
@@ -33,6 +34,8 @@ constexpr std::chrono::milliseconds kMinidriverTime{50};
 
 constexpr char kDownload[] = "firmware_download";
 
+evidence::BringUpSteps& Steps() { return evidence::BringUpSteps::Get(); }
+
 bool Fail(const char* what, const std::string& record, uint8_t status) {
   LOG(ERROR) << kDownload << ": " << what << ": " << int{status};
   evidence::RecordFormat(AnchorType::kDownloadFailed, "%s: %s", kDownload, record.c_str());
@@ -43,6 +46,7 @@ bool Fail(const char* what, const std::string& record, uint8_t status) {
 
 bool FirmwareDownload::enable_fast_download() {
   LOG(INFO) << __func__ << ": Sending Set Download Config command";
+  Steps().Begin("fast download");
   const uint8_t params[] = {0x00, 0x01};
   const uint8_t status = Send(kOpcodeSetDownloadConfig, sizeof params, params);
   if (status == 0) return true;
@@ -63,6 +67,7 @@ bool FirmwareDownload::decide_fast_download() {
   }
   const char* verdict = fast ? "is" : "is not";
   LOG(INFO) << kDownload << ": Fast download " << verdict << " supported";
+  Steps().End(std::string(verdict) + " supported");
   evidence::RecordFormat(AnchorType::kFastDownload, "%s: fast download %s supported", kDownload,
                          verdict);
   return fast;
@@ -85,6 +90,7 @@ bool FirmwareDownload::Run() {
 bool FirmwareDownload::SendRecords(const std::string& path) {
   FirmwarePatch patch;
   LOG(INFO) << kDownload << ": Looking for patchfile [" << path << "]";
+  Steps().Begin("firmware file", path);
   if (!patch.Open(path)) {
     BTHAL_LOG_AND_RECORD(ALOGE, AnchorType::kDownloadFailed, "%s: Unable to open patchfile [%s]",
                          kDownload, path.c_str());
@@ -93,6 +99,7 @@ bool FirmwareDownload::SendRecords(const std::string& path) {
   const bool fast = decide_fast_download();
 
   LOG(INFO) << kDownload << ": Sending Download Minidrv command";
+  Steps().Begin("download mode");
   uint8_t status = Send(kOpcodeDownloadMinidriver, 0, nullptr);
   if (status != 0) {
     return Fail("Download Minidrv command failed",
@@ -100,12 +107,14 @@ bool FirmwareDownload::SendRecords(const std::string& path) {
   }
   std::this_thread::sleep_for(kMinidriverTime);
   LOG(INFO) << kDownload << ": Downloading Firmware Patchram data";
+  Steps().Begin("firmware records");
 
   FirmwarePatch::Record record;
   FirmwarePatch::Result result;
   while ((result = patch.Next(&record)) == FirmwarePatch::Result::kRecord) {
     const bool launch = record.opcode == kOpcodeLaunchRam;
     if (launch) {
+      Steps().Begin("launch");
       LOG(INFO) << kDownload
                 << StringPrintf(": Sending 0x%04x 0x%02x Launch Ram command", record.opcode,
                                 record.length);
@@ -134,6 +143,7 @@ bool FirmwareDownload::SendRecords(const std::string& path) {
   }
   if (record.opcode != kOpcodeLaunchRam) {
     LOG(INFO) << kDownload << ": Sending Launch Ram command";
+    Steps().Begin("launch");
     const uint8_t params[] = {0xFF, 0xFF, 0xFF, 0xFF};
     status = Send(kOpcodeLaunchRam, sizeof params, params);
     if (status != 0) {

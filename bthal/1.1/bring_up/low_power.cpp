@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/wake_lock.h"
+#include "evidence/bring_up_steps.h"
 #include "evidence/record.h"
 
 namespace android::hardware::bluetooth {
@@ -20,11 +21,13 @@ constexpr uint32_t kLongAwakeMs = 10001;
 
 void LowPower::Setup(const std::function<bool()>& set_sleep_mode) {
   ALOGI("lpm_setup");
-  if (!line_.setup()) return;
+  evidence::BringUpSteps::Get().Begin("low power");
+  if (!line_.setup()) return evidence::BringUpSteps::Get().Fail();
   auto timer = Timer::Create("bthal_lpm", [this] { OnTimer(); });
   if (timer == nullptr) {
     BTHAL_LOG_AND_RECORD(ALOGE, AnchorType::kLpmTimerFailed,
                          "lpm_setup: cannot create lpm_wake_timer");
+    evidence::BringUpSteps::Get().Fail();
     Teardown();
     return;
   }
@@ -35,9 +38,11 @@ void LowPower::Setup(const std::function<bool()>& set_sleep_mode) {
   timer.reset();
   if (set_sleep_mode()) {
     LOG(INFO) << "lpm_setup: LPM Enabled";
+    evidence::BringUpSteps::Get().End();
     return;
   }
   const int error = errno;
+  evidence::BringUpSteps::Get().Fail();
   LOG(ERROR) << "lpm_setup: Unable to enable LPM controller:" << strerror(error) << " (" << error
              << ")";
   evidence::RecordFormat(AnchorType::kSleepModeFailed,

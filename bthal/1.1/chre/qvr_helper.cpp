@@ -11,6 +11,7 @@
 
 #include "base/thread_role.h"
 #include "bt_messages_generated.h"
+#include "evidence/bring_up_steps.h"
 #include "evidence/report.h"
 #include "h4/hw_control.h"
 
@@ -127,9 +128,11 @@ bool QvrHelper::Abandon(BqrErrorCode code, const std::string& reason) {
 
 bool QvrHelper::PrepareQvrTransport() {
   ALOGI("%s", __func__);
+  evidence::BringUpSteps::Get().Begin("co-processor");
   for (int failures = 0; failures < kPrepareAttempts; ++failures) {
     if (InitQvrTransport()) {
       ALOGI("%s: return ret (%d), count:%d", __func__, 1, failures);
+      evidence::BringUpSteps::Get().End(evidence::AfterFailures("connected", failures));
       return true;
     }
     std::this_thread::sleep_for(kPreparePause);

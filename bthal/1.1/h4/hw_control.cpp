@@ -18,6 +18,7 @@
 #include <thread>
 #include <utility>
 
+#include "evidence/bring_up_steps.h"
 #include "evidence/debug_files.h"
 #include "evidence/report.h"
 #include "h4/line_settings.h"
@@ -88,6 +89,7 @@ bool ConfigureTty(int fd) {
 
 unique_fd userial_tty_open(const std::string& port) {
   BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kTtyOpened, "%s: open %s", __func__, port.c_str());
+  evidence::BringUpSteps::Get().Begin("serial port", port);
   evidence::SetBtUartDebugPort(port);
   unique_fd fd(root_folder::Open(port, O_RDWR | O_NOCTTY | O_NONBLOCK));
   if (fd.get() < 0 || !ConfigureTty(fd.get())) {
@@ -140,6 +142,7 @@ bool BtHwControl::PowerControl(bool on) {
   BTHAL_LOG_AND_RECORD(ALOGI, AnchorType::kPowerState, "%s: %s, state_path: %s", __func__,
                        on ? "Enabling" : "Disabling", state_path.c_str());
 
+  evidence::BringUpSteps::Get().Begin(on ? "power on" : "power off", state_path);
   const unique_fd fd(root_folder::Open(state_path, O_WRONLY | O_NOCTTY));
   if (fd.get() < 0) {
     LOG(ERROR) << __func__ << ": Unable to open rfkill state {" << state_path
@@ -155,6 +158,7 @@ bool BtHwControl::PowerControl(bool on) {
     return false;
   }
   tap::Tap::Get().State("power", on ? "on" : "off");
+  if (!on) evidence::BringUpSteps::Get().End();
   return true;
 }
 
@@ -167,6 +171,7 @@ bool BtHwControl::UserialOpen(uint32_t userial_type, const std::string& uart_por
   }
   if (userial_type == kUserialTty) std::this_thread::sleep_for(kPortSettleTime);
   LOG(INFO) << __func__ << ": USERIAL (" << fd.get() << ") Ready";
+  evidence::BringUpSteps::Get().End();
   evidence::RecordFormat(AnchorType::kUserialReady, "USERIAL Ready FD: <%d>, type: <%u>", fd.get(),
                          userial_type);
   uart_fd_.store(fd.release(), std::memory_order_release);
