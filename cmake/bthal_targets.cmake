@@ -21,7 +21,7 @@ target_compile_options(bthal_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-att
 # A unity file includes sources, which g++ then takes for headers when it warns of this.
 target_compile_options(bthal_options INTERFACE
                        $<$<AND:$<BOOL:${CMAKE_UNITY_BUILD}>,$<CXX_COMPILER_ID:GNU>>:-Wno-subobject-linkage>)
-if(BTHAL_COMPILE_ONLY)
+if(BTHAL_COMPILE_ONLY AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(bthal_options INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()
 if(BTHAL_SANITIZE)

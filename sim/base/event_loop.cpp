@@ -78,9 +78,9 @@ void EventLoop::ArmTimer() {
   const auto since_epoch = armed_.time_since_epoch();
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since_epoch);
   itimerspec spec{};
-  spec.it_value.tv_sec = seconds.count();
-  spec.it_value.tv_nsec =
-      std::chrono::duration_cast<std::chrono::nanoseconds>(since_epoch - seconds).count();
+  spec.it_value.tv_sec = static_cast<time_t>(seconds.count());
+  spec.it_value.tv_nsec = static_cast<long>(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(since_epoch - seconds).count());
   timerfd_settime(timer_fd_.get(), TFD_TIMER_ABSTIME, &spec, nullptr);
 }
 

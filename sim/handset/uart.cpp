@@ -143,7 +143,7 @@ void Uart::Read() {
       rx_budget_.Rest();
       return;
     }
-    rx_budget_.Spend(received_ - before);
+    rx_budget_.Spend(static_cast<size_t>(received_ - before));
   }
 }
 

@@ -1,4 +1,4 @@
-// A service tells its supervisor that it can be called.
+// A service tells its supervisor that it can be called, and whether anything is attached.
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -7,8 +7,10 @@
 
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <string>
 
+#include "platform/raw_peer.h"
 #include "platform/service_fixture.h"
 
 namespace {
@@ -17,7 +19,7 @@ using android::base::unique_fd;
 using test::ChildProcess;
 using test::ITest;
 
-constexpr timeval kReceiveTime{10, 0};
+constexpr timeval kReceiveTime{20, 0};
 
 // Bound to a path, or to an abstract name behind '@', of exactly that length.
 unique_fd DatagramSocket(const std::string& name) {
@@ -32,6 +34,12 @@ unique_fd DatagramSocket(const std::string& name) {
   return fd;
 }
 
+std::string Receive(const unique_fd& supervisor) {
+  char message[64];
+  const ssize_t size = recv(supervisor.get(), message, sizeof message, 0);
+  return std::string(message, size > 0 ? static_cast<size_t>(size) : 0);
+}
+
 TEST(Readiness, WhenToldOnPathOrAbstractName_ServiceCanBeCalled) {
   const test::TempDir folder;
   for (const std::string& name :
@@ -39,14 +47,33 @@ TEST(Readiness, WhenToldOnPathOrAbstractName_ServiceCanBeCalled) {
     const unique_fd supervisor = DatagramSocket(name);
     const ChildProcess service({test::TestProgram("platform_test_service")},
                                {{"NOTIFY_SOCKET", name}});
-    char message[64];
-    const ssize_t size = recv(supervisor.get(), message, sizeof message, 0);
-    ASSERT_GT(size, 0) << name << ": " << service.Output();
-    EXPECT_EQ(std::string(message, static_cast<size_t>(size)), "READY=1");
+    ASSERT_EQ(Receive(supervisor), "READY=1") << name << ": " << service.Output();
     const android::sp<ITest> found = ITest::tryGetService("default");
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->deaths().withDefault(UINT32_MAX), 0U);
+    char message[64];
     EXPECT_EQ(recv(supervisor.get(), message, sizeof message, MSG_DONTWAIT), -1) << "told twice";
+  }
+}
+
+TEST(Readiness, WhenTheFirstClientAttachesAndTheLastGoes_StatusSaysSo) {
+  const test::TempDir folder;
+  const unique_fd supervisor = DatagramSocket(folder / "notify");
+  const ChildProcess service({test::TestProgram("platform_test_service")},
+                             {{"NOTIFY_SOCKET", folder / "notify"}});
+  ASSERT_EQ(Receive(supervisor), "READY=1") << service.Output();
+  const android::sp<ITest> found = ITest::tryGetService("default");
+  ASSERT_NE(found, nullptr);
+  EXPECT_TRUE(found->attach(new test::Callback, false).isOk()) << "its death is nobody's concern";
+  for (int round = 0; round < 2; ++round) {
+    std::optional<test::RawPeer> first, second;
+    EXPECT_TRUE(first.emplace().Attach());
+    EXPECT_EQ(Receive(supervisor), "STATUS=a client is attached");
+    EXPECT_TRUE(second.emplace().Attach());
+    first.reset();
+    EXPECT_TRUE(test::WaitFor([&] { return found->deaths() == 2U * round + 1; }, test::kDeadline));
+    second.reset();
+    EXPECT_EQ(Receive(supervisor), "STATUS=no client is attached");
   }
 }
 

@@ -29,7 +29,7 @@ constexpr size_t kHexLine = 16;  // bytes
 struct LocalTime {
   explicit LocalTime(int64_t time_ns) {
     time_ns = std::max<int64_t>(time_ns, 0);
-    const time_t seconds = time_ns / 1'000'000'000;
+    const auto seconds = static_cast<time_t>(time_ns / 1'000'000'000);
     tm local = {};
     localtime_r(&seconds, &local);
     char text[32];

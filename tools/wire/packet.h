@@ -39,7 +39,7 @@ inline const PacketLayout* LayoutOf(uint8_t type) {
 inline size_t PacketSize(const PacketLayout& layout, ByteView packet) {
   if (packet.size() < layout.header) return 0;
   const uint64_t length = packet.Little(layout.length_offset, layout.length_width);
-  return layout.header + (length & layout.length_mask);
+  return layout.header + static_cast<size_t>(length & layout.length_mask);
 }
 
 }  // namespace wire

@@ -20,14 +20,14 @@ const uint8_t* NextEntry(const Entries& entries, size_t* at, EntryHeader* header
 }
 
 void EntryRing::Read(uint64_t position, void* to, size_t size) const {
-  const size_t at = position % capacity_;
+  const auto at = static_cast<size_t>(position % capacity_);
   const size_t first = std::min(size, capacity_ - at);
   memcpy(to, memory_.get() + at, first);
   memcpy(static_cast<uint8_t*>(to) + first, memory_.get(), size - first);
 }
 
 void EntryRing::Write(uint64_t position, const void* from, size_t size) {
-  const size_t at = position % capacity_;
+  const auto at = static_cast<size_t>(position % capacity_);
   const size_t first = std::min(size, capacity_ - at);
   memcpy(memory_.get() + at, from, first);
   memcpy(memory_.get(), static_cast<const uint8_t*>(from) + first, size - first);
@@ -54,7 +54,7 @@ void EntryRing::Copy(uint64_t* position, size_t limit, Entries* entries) const {
   while (*position < end_ && *position - from < limit) {
     *position += sizeof(EntryHeader) + HeaderAt(*position).size;
   }
-  const size_t size = *position - from;
+  const auto size = static_cast<size_t>(*position - from);
   const size_t at = entries->size();
   entries->resize(at + size);
   if (size > 0) Read(from, entries->data() + at, size);

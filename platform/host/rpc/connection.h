@@ -58,6 +58,7 @@ class Connection : public IoHandler, public std::enable_shared_from_this<Connect
                                            std::function<void()> on_end);
   ~Connection() override;
 
+  Side peer_side() const { return peer_side_; }
   bool ended() const { return ended_.load(std::memory_order_acquire); }
   // errno of the service that did not take this connection; 0 otherwise. Known when it has ended.
   int refusal() const { return refusal_; }

@@ -2,8 +2,10 @@
 
 #include <hidl/HidlTransportSupport.h>
 
+#include <algorithm>
 #include <utility>
 
+#include "rpc/attached_clients.h"
 #include "rpc/thread_pool.h"
 
 namespace bthal::rpc {
@@ -12,6 +14,11 @@ using android::sp;
 using android::status_t;
 using android::wp;
 using android::hardware::Parcel;
+
+Proxy::~Proxy() {
+  CountLinks(-static_cast<int>(recipients_.size()));
+  connection_->Release(this, object_, received_);
+}
 
 status_t Proxy::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags,
                          TransactCallback callback) {
@@ -33,25 +40,35 @@ status_t Proxy::transactAhead(uint32_t code, const char* method, const Parcel& d
 
 status_t Proxy::linkToDeath(const sp<DeathRecipient>& recipient, void* /*cookie*/,
                             uint32_t /*flags*/) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (connection_->ended()) return android::DEAD_OBJECT;
-  recipients_.push_back(recipient);
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (connection_->ended()) return android::DEAD_OBJECT;
+    recipients_.push_back(recipient);
+  }
+  CountLinks(1);
   return android::OK;
 }
 
 status_t Proxy::unlinkToDeath(const wp<DeathRecipient>& recipient, void* /*cookie*/,
                               uint32_t /*flags*/, wp<DeathRecipient>* out_recipient) {
   sp<DeathRecipient> removed;  // dropped after the lock is free
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (connection_->ended()) return android::DEAD_OBJECT;
-  for (auto i = recipients_.begin(); i != recipients_.end(); ++i) {
-    if (wp<DeathRecipient>(*i) != recipient) continue;
-    if (out_recipient != nullptr) *out_recipient = *i;
-    removed = std::move(*i);
-    recipients_.erase(i);
-    return android::OK;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (connection_->ended()) return android::DEAD_OBJECT;
+    const auto found = std::find_if(
+        recipients_.begin(), recipients_.end(),
+        [&](const sp<DeathRecipient>& linked) { return wp<DeathRecipient>(linked) == recipient; });
+    if (found == recipients_.end()) return android::NAME_NOT_FOUND;
+    if (out_recipient != nullptr) *out_recipient = *found;
+    removed = std::move(*found);
+    recipients_.erase(found);
   }
-  return android::NAME_NOT_FOUND;
+  CountLinks(-1);
+  return android::OK;
+}
+
+void Proxy::CountLinks(int change) {
+  if (change != 0 && connection_->peer_side() == Connection::Side::kClient) CountAttached(change);
 }
 
 void Proxy::NotifyRecipients() {
@@ -60,6 +77,7 @@ void Proxy::NotifyRecipients() {
     const std::lock_guard<std::mutex> lock(mutex_);
     recipients.swap(recipients_);
   }
+  CountLinks(-static_cast<int>(recipients.size()));
   for (const sp<DeathRecipient>& recipient : recipients) recipient->binderDied(this);
 }
 

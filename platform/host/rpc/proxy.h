@@ -20,7 +20,7 @@ class Proxy : public android::hardware::BpHwBinder {
  public:
   Proxy(std::shared_ptr<Connection> connection, uint32_t object)
       : connection_(std::move(connection)), object_(object) {}
-  ~Proxy() override { connection_->Release(this, object_, received_); }
+  ~Proxy() override;
 
   android::status_t transact(uint32_t code, const android::hardware::Parcel& data,
                              android::hardware::Parcel* reply, uint32_t flags,
@@ -40,6 +40,9 @@ class Proxy : public android::hardware::BpHwBinder {
 
  private:
   friend class Connection;
+  // Of recipients: those of a client's object count as attached to this process.
+  void CountLinks(int change);
+
   const std::shared_ptr<Connection> connection_;
   const uint32_t object_;
   std::atomic<uint32_t> received_{0};

@@ -12,11 +12,13 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 namespace bthal {
+namespace {
 
-void TellReadiness() {
+void Notify(const std::string& message, int flags) {
   const char* const variable = getenv("NOTIFY_SOCKET");
   const std::string_view name = variable == nullptr ? "" : variable;
   if (name.empty()) return;
@@ -30,14 +32,19 @@ void TellReadiness() {
   if (name[0] == '@') address.sun_path[0] = '\0';
   // Without the zero byte behind it: one more byte would be another abstract name.
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-  constexpr std::string_view kReady = "READY=1";
   const android::base::unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const timeval limit{2, 0};  // for room in a queue that nobody may empty
   setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  if (fd.get() < 0 || sendto(fd.get(), kReady.data(), kReady.size(), MSG_NOSIGNAL,
+  if (fd.get() < 0 || sendto(fd.get(), message.data(), message.size(), MSG_NOSIGNAL | flags,
                              reinterpret_cast<const sockaddr*>(&address), size) < 0) {
-    PLOG(WARNING) << "cannot tell " << name << " that the service is ready";
+    PLOG(WARNING) << "cannot tell " << name << " \"" << message << "\"";
   }
 }
+
+}  // namespace
+
+void TellReadiness() { Notify("READY=1", 0); }
+
+void TellStatus(const std::string& text) { Notify("STATUS=" + text, MSG_DONTWAIT); }
 
 }  // namespace bthal
