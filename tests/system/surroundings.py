@@ -159,6 +159,20 @@ def simulator_stands_still(handset):
     serve_the_next(handset)
 
 
+def line_hangs_up_and_service_ends(handset):
+    start(handset)
+    serve(handset)
+    handset.simulate("hangup")
+    require(wait_for(lambda: "Unexpected EOF" in handset.log()), "nobody notices")
+    handset.service.terminate()
+    require(wait_for(lambda: "PowerControl: Disabling" in handset.log().split("Caught Signal!")[-1]), "it is not closed")
+    count = handset.log().count("Unexpected EOF")
+    require(count < 10, f"the end of the line is read {count} times")
+    handset.service.kill()
+    handset.service.wait()
+    serve_the_next(handset)
+
+
 def service_stands_still(handset):
     start(handset)
     stack = handset.start_stack("main", "0", "await", "1000")
@@ -172,7 +186,7 @@ def service_stands_still(handset):
 
 
 CASES = [no_descriptors, stack_stands_still, stack_takes_nothing, extension_client_stands_still,
-         provider_stands_still, simulator_stands_still, service_stands_still]
+         line_hangs_up_and_service_ends, provider_stands_still, simulator_stands_still, service_stands_still]
 
 
 def play(build, case, options):

@@ -176,6 +176,18 @@ void AsyncFdWatcher::StopWatchingFileDescriptor(int fd) {
   while (run->called_fd == fd) run->call_ended.wait(run_guard);
 }
 
+void AsyncFdWatcher::Unwatch() {
+  std::shared_ptr<Run> run;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    run = run_;
+  }
+  if (run == nullptr) return;
+  std::lock_guard<std::mutex> run_guard(run->lock);
+  run->watched.clear();
+  run->Wake();
+}
+
 void AsyncFdWatcher::StopWatchingFileDescriptors() {
   std::shared_ptr<Run> run;
   std::thread thread;

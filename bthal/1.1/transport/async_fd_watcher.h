@@ -31,6 +31,9 @@ class AsyncFdWatcher {
   // own thread, once the running call ends.
   void StopWatchingFileDescriptor(int fd) EXCLUDES(lock_);
 
+  // Forgets every descriptor without waiting for the running call.
+  void Unwatch() EXCLUDES(lock_);
+
   // Ends the thread and forgets every descriptor. On the watcher's own thread it only marks the
   // run as ended: the thread ends after the running call.
   void StopWatchingFileDescriptors() EXCLUDES(lock_);

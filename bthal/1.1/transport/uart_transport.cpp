@@ -32,7 +32,10 @@ bool UartTransport::Start() {
                                              [h4 = h4()](int fd) { h4->OnDataReady(fd); }) == 0;
 }
 
+// A line that has hung up stays readable: without the pause that the protocol's closing ends, the
+// reader, of real-time priority, would leave nobody the time to stop it.
 void UartTransport::Stop() {
+  watcher_.Unwatch();
   if (const std::shared_ptr<H4Protocol> h4 = this->h4()) h4->Close();
   watcher_.StopWatchingFileDescriptors();
 }
@@ -51,6 +54,7 @@ void UartTransport::Close() {
 // In this order, no thread reads or writes the descriptor once its number may belong to another
 // file.
 bool UartTransport::Abandon(BqrErrorCode /*code*/, const std::string& /*reason*/) {
+  watcher_.Unwatch();
   if (const std::shared_ptr<H4Protocol> h4 = this->h4()) h4->Close();
   const int fd = hw_.UartFd();
   if (fd >= 0) watcher_.StopWatchingFileDescriptor(fd);
