@@ -13,7 +13,6 @@
 //           close
 //           die           SIGKILL
 //           die-in-close  NTH microseconds after close() began; with main only
-//           cue           sends Read Voice Setting, for which a scenario may wait; with main only
 //           flood         long ACL packets without a pause are the traffic; with main only
 //           await         the traffic lasts until the controller has answered; with main only
 // It prints "ready" once it is attached, "answered" when the controller answers commands, and
@@ -164,7 +163,6 @@ class Stack : public IBluetoothHciCallbacks {
   void Act() {
     if (plan_->action == "die") Die();
     if (plan_->action == "close") (void)service_->close().isOk();
-    if (plan_->action == "cue") Send(&IBluetoothHci::sendHciCommand, {0x25, 0x0C, 0x00});
   }
   void Send(Return<void> (IBluetoothHci::*operation)(const hidl_vec<uint8_t>&),
             const hidl_vec<uint8_t>& packet) {
