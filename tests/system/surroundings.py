@@ -59,13 +59,6 @@ def limit(process, what, most):
     return resource.prlimit(process.pid, what, (most, hard))
 
 
-def extension_client(handset):
-    """Watches a peer's link-layer events; more of them come than its socket holds."""
-    client = handset.start([handset.bin / "bthalctl", "--root", handset.root, "ccc", "watch", "C2:56:4B:AD:00:03"],
-                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    return client
-
-
 def no_descriptors(handset):
     start(handset)
     stack = handset.start_stack("main", "0", "await", "1500")
@@ -101,33 +94,6 @@ def stack_stands_still(handset):
         code, output = handset.ctl("activity")  # others are served
         require(code == 0, f"activity: {output}")
     require(said_by(stack) == SERVED, "the stack is not served on")
-
-
-def stack_takes_nothing(handset):
-    """It is disconnected once its window has been full for ten seconds."""
-    start(handset)
-    stack = handset.start_stack("main", "0", "await", "60000")
-    require(wait_for(lambda: "initialize() completed" in handset.log()), "no stack is attached")
-    with stopped(stack):
-        for _ in range(200):
-            handset.simulate("quality", "monitoring")
-        require(wait_for(lambda: "service died" in handset.log(), 30), "the stack is waited for")
-        serve_the_next(handset)
-    stack.kill()
-
-
-def extension_client_stands_still(handset):
-    start(handset)
-    stack = handset.start_stack("main", "0", "await", "4000")
-    require(wait_for(lambda: "initialize() completed" in handset.log()), "no stack is attached")
-    client = extension_client(handset)
-    require(wait_for(lambda: "ccc" in handset.log().lower() and client.poll() is None), "nobody watches")
-    with stopped(client):
-        for _ in range(300):
-            handset.simulate("link-layer", "C2:56:4B:AD:00:03", "connect")
-        require(said_by(stack) == SERVED, "the stack is not served")
-        serve(handset)
-    require(client.poll() is None, "the client has ended")
 
 
 def provider_stands_still(handset):
@@ -185,8 +151,8 @@ def service_stands_still(handset):
     serve(handset)
 
 
-CASES = [no_descriptors, stack_stands_still, stack_takes_nothing, extension_client_stands_still,
-         line_hangs_up_and_service_ends, provider_stands_still, simulator_stands_still, service_stands_still]
+CASES = [no_descriptors, stack_stands_still, line_hangs_up_and_service_ends, provider_stands_still, simulator_stands_still,
+         service_stands_still]
 
 
 def play(build, case, options):
