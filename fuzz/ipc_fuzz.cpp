@@ -149,33 +149,6 @@ std::vector<std::string> fuzz::Seeds() {
       }
     }
   }
-  const auto message = [](std::string head, const std::string& references, std::string body) {
-    head += {static_cast<char>(body.size()), static_cast<char>(body.size() >> 8)};
-    return head + references + body;
-  };
-  const auto text = [](const char* token) {
-    Parcel parcel;
-    parcel.writeCString(token);
-    return std::string(reinterpret_cast<const char*>(parcel.bytes()), parcel.byteCount());
-  };
-  // A client finds services, gives one an object, pings it, and lets it go.
-  std::string client(1, '\0');
-  const char* const kCcc = "hardware.nuvexa.bluetooth.ccc@1.1::IBluetoothCcc";
-  for (const std::string& name : {std::string(kCcc) + "/default", std::string("residency"),
-                                  hal::IBluetoothHci::descriptor + std::string("/default")}) {
-    client += message({1, 0, 1, 0, 1, 0, 0}, "", text(name.c_str()));
-  }
-  const std::string own("\1\0\0\0\7\0\0\0", 8), theirs("\2\0\0\0\1\0\0\0", 8);
-  client += message({1, 1, 1, 0, 2, 1, 1}, own, text(kCcc) + std::string(32, '\1'));
-  client += message({1, 1, 1, 0, 2, 1, 0}, theirs, text(kCcc) + std::string(32, '\1'));
-  client += message({1, 1, 3, 2, 3, 0, 0}, "", text(kCcc)) + message({3, 1, 1, 0, 0, 0, 0}, "", "");
-  // A service answers with an object, then its calls.
-  std::string service(1, '\1');
-  service += message({2, 0, 0, 0, 1, 1, 0}, own, std::string(4, '\0'));
-  for (char serial = 2; serial < 6; ++serial) {
-    service += message({2, 0, 0, 0, serial, 0, 0}, "", std::string(64, '\0'));
-  }
-  Append(&seeds, {client, service});
   return seeds;
 }
 

@@ -1,15 +1,9 @@
 // The service between its transport and its clients: flow control, every watcher of events, the
 // extensions, as they are called. An input is a row of events as they come; those of three codes
 // are other steps: 00 LENGTH COMMAND, a command of the stack; 01 N SERVICE METHOD PARCEL, a
-// client's call with a parcel of 4 * N bytes; 02 STEP, one of Step.
+// client's call with a parcel of 4 * N bytes (the corpus has one of each); 02 STEP, one of Step.
 #include <android-base/unique_fd.h>
-#include <android/hardware/bluetooth/1.1/BpHwBluetoothHci.h>
 #include <fcntl.h>
-#include <hardware/nuvexa/bluetooth/bt_channel_avoidance/1.0/BpHwBTChannelAvoidance.h>
-#include <hardware/nuvexa/bluetooth/ccc/1.1/BpHwBluetoothCcc.h>
-#include <hardware/nuvexa/bluetooth/ewp/1.0/BpHwBluetoothEwp.h>
-#include <hardware/nuvexa/bluetooth/ext/1.0/BpHwBluetoothExt.h>
-#include <hardware/nuvexa/bluetooth/sar/1.1/BpHwBluetoothSar.h>
 #include <hidl/HidlTransportSupport.h>
 #include <unistd.h>
 
@@ -235,63 +229,6 @@ class Service {
   bool dumps_ = false;
 };
 
-// Stands for an object in another process: keeps the calls as steps of an input.
-class Recorder : public android::hardware::BpHwBinder {
- public:
-  uint8_t service = 0;
-  std::vector<std::string> steps;
-
- private:
-  using Recipient = DeathRecipient;
-  android::status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t /*flags*/,
-                             TransactCallback /*callback*/) override {
-    std::string bytes(reinterpret_cast<const char*>(data.bytes()), data.byteCount());
-    bytes.resize((bytes.size() + 3) / 4 * 4);
-    steps.push_back(std::string{1, static_cast<char>(bytes.size() / 4), static_cast<char>(service),
-                                static_cast<char>(code)} +
-                    bytes);
-    android::hardware::writeToParcel(android::hardware::Status::ok(), reply);
-    reply->writeInt32(0);
-    return reply->setPosition(0);
-  }
-  android::status_t linkToDeath(const sp<Recipient>&, void*, uint32_t) override { return 0; }
-  android::status_t unlinkToDeath(const android::wp<Recipient>&, void*, uint32_t,
-                                  android::wp<Recipient>*) override {
-    return 0;
-  }
-  bool isBinderAlive() const override { return true; }
-};
-
-// A call of each method.
-std::vector<std::string> Calls() {
-  const sp<Recorder> recorder = new Recorder;
-  const Address address{};
-  const auto next = [&](auto* proxy) {
-    ++recorder->service;
-    return sp(proxy);
-  };
-  sp(new vendor::bt_channel_avoidance::V1_0::BpHwBTChannelAvoidance(recorder))
-      ->setBluetoothChannelStatus({});
-  const auto sar = next(new vendor::sar::V1_1::BpHwBluetoothSar(recorder));
-  sar->setBluetoothTxPowerCap(40);
-  sar->setBluetoothTechBasedTxPowerCap(1, 81, -1);
-  sar->setBluetoothModeBasedTxPowerCap({}, {}, {});
-  const auto ewp = next(new vendor::ewp::V1_0::BpHwBluetoothEwp(recorder));
-  ewp->EnableEwp(1000);
-  ewp->DisableEwp();
-  const auto events = next(new ccc::V1_1::BpHwBluetoothCcc(recorder));
-  const sp<CccClient> client = new CccClient;
-  events->registerForLmpEvents(client, address, {ccc::V1_0::LmpEventId::CONNECT_IND});
-  events->registerForLmpEvents_1_1(client, address, {ccc::V1_0::LmpEventId::LL_PHY_UPDATE_IND});
-  events->unregisterLmpEvents(address);
-  next(new vendor::ext::V1_0::BpHwBluetoothExt(recorder))->setBluetoothCmdPacket(0x0C03, {1, 2, 3});
-  const auto hal = next(new V1_1::BpHwBluetoothHci(recorder));
-  hal->sendHciCommand({0x03, 0x0C, 0x00});
-  hal->sendAclData({1, 2, 3, 4});
-  hal->debug(nullptr, {"state"});
-  return recorder->steps;
-}
-
 }  // namespace
 
 std::vector<std::string> fuzz::Seeds() {
@@ -302,16 +239,7 @@ std::vector<std::string> fuzz::Seeds() {
     Append(&seeds, Packets(file));
   }
   Append(&seeds, Packets("activity_packets.txt", 1));
-  // Behind the calls of all clients, and where dumps can be written.
-  const std::vector<std::string> events = seeds, calls = Calls();
-  std::string before;
-  for (const std::string& call : calls) before += call;
-  Append(&seeds, Prefixed(before, events));
   Append(&seeds, Prefixed({2, kDumps}, Packets("debug_events.txt")));
-  Append(&seeds, calls);
-  Append(&seeds,
-         {before + "\2\1" + before + "\2\1\2\2\2\3\2\4\2\6\2" + std::string(1, '\0') + before,
-          std::string("\0\3\3\x0C\0\0\3\x14\x0C\0\x0E\4\1\3\x0C\0", 16)});
   return seeds;
 }
 

@@ -57,13 +57,6 @@ Json ReportOfFolder(const std::string& folder, const ReportOptions& options, boo
   return Json::parse(text);
 }
 
-bool IsReport(const Json& json) {
-  for (const char* const key : {"verdict", "history", "crashes", "findings", "texts"}) {
-    if (!json.is_object() || !json.contains(key)) return false;
-  }
-  return true;
-}
-
 // Of a root folder, a report that was kept as JSON, or an archive of a handset's files.
 Json ReportOf(const std::string& source, const ReportOptions& options) {
   std::error_code error;
@@ -72,11 +65,7 @@ Json ReportOf(const std::string& source, const ReportOptions& options) {
   }
   std::string text;
   if (!::android::base::ReadFileToString(source, &text)) throw Failure(WithErrno(source));
-  if (::android::base::StartsWith(text, "{")) {
-    Json json = Json::parse(text, nullptr, false);
-    if (!IsReport(json)) throw Failure(source + ": it is no report of bthalctl report --json");
-    return json;
-  }
+  if (::android::base::StartsWith(text, "{")) return ParseReport(text, source);
   const TemporaryDir folder;
   Json report = ReportOfFolder(UnpackHandsetFiles(source, folder.path), options, false);
   report["source"] = source;

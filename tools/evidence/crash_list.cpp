@@ -123,7 +123,7 @@ Json CollectCrashes() {
 std::string CrashTitle(const Json& crash) {
   if (crash.contains("reason")) return crash["reason"];
   if (crash.contains("signal")) {
-    return crash["signal"].get<std::string>() + " in " + crash["function"].get<std::string>();
+    return crash.at("signal").get<std::string>() + " in " + crash.at("function").get<std::string>();
   }
   return crash.value("mistake", "");
 }

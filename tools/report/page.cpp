@@ -51,14 +51,14 @@ std::string SecondsText(double seconds) {
 }
 
 std::string DrawVerdict(const Json& report) {
-  const Json& verdict = report["verdict"];
-  std::string out = "<p class=\"verdict " + Escape(TextOf(verdict["state"])) + "\">" +
-                    Escape(TextOf(verdict["text"])) + "</p>\n";
-  out += "<p class=\"made\">Made on " + Escape(TextOf(report["made"])) + " from " +
-         Escape(TextOf(report["source"])) +
-         (report["live"].get<bool>() ? ", with its running service" : ", without a service");
-  if (report["transport"].is_object()) {
-    for (const auto& [name, value] : report["transport"].items()) {
+  const Json& verdict = report.at("verdict");
+  std::string out = "<p class=\"verdict " + Escape(TextOf(verdict.at("state"))) + "\">" +
+                    Escape(TextOf(verdict.at("text"))) + "</p>\n";
+  out += "<p class=\"made\">Made on " + Escape(TextOf(report.at("made"))) + " from " +
+         Escape(TextOf(report.at("source"))) +
+         (report.at("live").get<bool>() ? ", with its running service" : ", without a service");
+  if (report.at("transport").is_object()) {
+    for (const auto& [name, value] : report.at("transport").items()) {
       out += "; " + Escape(name) + " " + Escape(TextOf(value));
     }
   }
@@ -66,16 +66,16 @@ std::string DrawVerdict(const Json& report) {
 }
 
 std::string DrawBringUp(const Json& report) {
-  const Json& steps = report["history"]["steps"];
+  const Json& steps = report.at("history").at("steps");
   if (steps.empty()) return "<p>The log shows none.</p>\n";
   std::vector<BarRow> rows;
   std::string table;
   double end = 0;
   for (const Json& step : steps) {
-    const std::string name = TextOf(step["name"]);
-    const double from = step["begin"], to = step["end"];
-    const bool failed = step["failed"], running = step["running"];
-    const std::string detail = TextOf(step["detail"]);
+    const std::string name = TextOf(step.at("name"));
+    const double from = step.at("begin"), to = step.at("end");
+    const bool failed = step.at("failed"), running = step.at("running");
+    const std::string detail = TextOf(step.at("detail"));
     BarRow row{name, {}};
     row.bars.push_back({from, to,
                         failed    ? "failed"
@@ -113,15 +113,15 @@ std::string DrawBringUp(const Json& report) {
 }
 
 std::string DrawTimeLine(const Json& report) {
-  const Json& history = report["history"];
-  const double end = history["seconds"];
+  const Json& history = report.at("history");
+  const double end = history.at("seconds");
   std::map<std::string, BarRow> rows;
-  for (const Json& state : history["states"]) {
-    const std::string name = TextOf(state["name"]), value = TextOf(state["value"]);
+  for (const Json& state : history.at("states")) {
+    const std::string name = TextOf(state.at("name")), value = TextOf(state.at("value"));
     static const std::set<std::string> kOff = {"off", "released", "asleep", "closed"};
     BarRow& row = rows[name];
     row.label = name;
-    const double begin = state["begin"], until = state["end"];
+    const double begin = state.at("begin"), until = state.at("end");
     std::string title = name;
     title += " " + value + ", " + SecondsText(until - begin) + " s";
     row.bars.push_back({begin, until, kOff.count(value) != 0 ? "off" : "on", title});
@@ -140,10 +140,10 @@ std::string DrawTimeLine(const Json& report) {
   }
   std::vector<Curve> curves;
   std::string legend;
-  for (const auto& [name, counter] : history["counters"].items()) {
+  for (const auto& [name, counter] : history.at("counters").items()) {
     if (name.rfind("bytes a second", 0) != 0) continue;
     Curve curve{name, curves.empty() ? "a" : "b", {}, true};
-    for (const Json& sample : counter["samples"]) {
+    for (const Json& sample : counter.at("samples")) {
       curve.points.emplace_back(sample[0].get<double>(), sample[1].get<double>() / 1000);
     }
     legend += "<span class=\"key " + curve.style + "\"></span> " + Escape(name) + " ";
@@ -154,10 +154,10 @@ std::string DrawTimeLine(const Json& report) {
     out += "<p class=\"legend\">" + legend + "</p>\n";
   }
   std::string table;
-  for (const auto& [direction, sums] : history["traffic"].items()) {
-    table += "<tr>" +
-             Cell(direction == "to_controller" ? "to the controller" : "from the controller") +
-             NumberCell(TextOf(sums["packets"])) + NumberCell(TextOf(sums["bytes"])) + "</tr>";
+  for (const auto& [direction, sums] : history.at("traffic").items()) {
+    table +=
+        "<tr>" + Cell(direction == "to_controller" ? "to the controller" : "from the controller") +
+        NumberCell(TextOf(sums.at("packets"))) + NumberCell(TextOf(sums.at("bytes"))) + "</tr>";
   }
   return out + Table("Traffic that was seen", {"direction", "packets", "bytes"}, table);
 }
@@ -166,17 +166,17 @@ std::string DrawTold(const Json& report) {
   std::string table;
   size_t shown = 0, left_out = 0;
   std::string last;
-  for (const Json& mark : report["history"]["marks"]) {
+  for (const Json& mark : report.at("history").at("marks")) {
     constexpr size_t kMost = 200;
-    const std::string text = TextOf(mark["text"]);
+    const std::string text = TextOf(mark.at("text"));
     if (shown >= kMost) {
       ++left_out;
       continue;
     }
     ++shown;
-    table += "<tr class=\"" + Escape(TextOf(mark["kind"])) + "\">" +
-             NumberCell(SecondsText(mark["time"])) + Cell(TextOf(mark["kind"])) + Cell(text) +
-             Cell(TextOf(mark["meaning"])) + "</tr>";
+    table += "<tr class=\"" + Escape(TextOf(mark.at("kind"))) + "\">" +
+             NumberCell(SecondsText(mark.at("time"))) + Cell(TextOf(mark.at("kind"))) + Cell(text) +
+             Cell(TextOf(mark.at("meaning"))) + "</tr>";
   }
   std::string out =
       Table("What was told, from the bring-up on", {"at, s", "kind", "text", "meaning"}, table);
@@ -185,10 +185,10 @@ std::string DrawTold(const Json& report) {
 }
 
 std::string DrawCrashes(const Json& report) {
-  if (report["crashes"].empty()) return "<p>No failure has left files.</p>\n";
+  if (report.at("crashes").empty()) return "<p>No failure has left files.</p>\n";
   std::string out;
-  for (const Json& crash : report["crashes"]) {
-    const std::string title = LocalTimeText(crash["time"]) + ": " + CrashTitle(crash);
+  for (const Json& crash : report.at("crashes")) {
+    const std::string title = LocalTimeText(crash.at("time")) + ": " + CrashTitle(crash);
     out += "<article class=\"crash\"><h3>" + Escape(title) + "</h3><dl>";
     for (const char* const key : {"count", "message", "pid", "thread"}) {
       if (crash.contains(key) && !TextOf(crash[key]).empty()) {
@@ -196,8 +196,9 @@ std::string DrawCrashes(const Json& report) {
       }
     }
     out += "<dt>files</dt><dd>";
-    for (const Json& file : crash["files"]) {
-      out += Escape(TextOf(file["name"])) + " (" + Escape(TextOf(file["bytes"])) + " bytes)<br>";
+    for (const Json& file : crash.at("files")) {
+      out +=
+          Escape(TextOf(file.at("name"))) + " (" + Escape(TextOf(file.at("bytes"))) + " bytes)<br>";
     }
     out += "</dd></dl>";
     const auto lines = [&](const char* key, const char* name) {
@@ -214,14 +215,14 @@ std::string DrawCrashes(const Json& report) {
 }
 
 std::string DrawResidency(const Json& report) {
-  const Json& states = report["residency"];
+  const Json& states = report.at("residency");
   if (states.empty()) return "";
   std::map<std::string, double> ms;
   std::string table, legend;
   for (const Json& state : states) {
-    ms[TextOf(state["state"])] = state["total_ms"];
-    table += "<tr>" + Cell(TextOf(state["state"])) + NumberCell(TextOf(state["total_ms"])) +
-             NumberCell(TextOf(state["entries"])) + "</tr>";
+    ms[TextOf(state.at("state"))] = state.at("total_ms");
+    table += "<tr>" + Cell(TextOf(state.at("state"))) + NumberCell(TextOf(state.at("total_ms"))) +
+             NumberCell(TextOf(state.at("entries"))) + "</tr>";
   }
   // What it transmits and receives is a part of the time in which it is active.
   const double other = std::max(ms["active"] - ms["transmit"] - ms["receive"], 0.0);
@@ -258,11 +259,11 @@ std::string DrawResidency(const Json& report) {
 }
 
 std::string DrawQuality(const Json& report) {
-  const Json& reports = report["quality"];
+  const Json& reports = report.at("quality");
   if (reports.empty()) return "";
-  const double begin = reports.front()["time"], end = reports.back()["time"];
+  const double begin = reports.front().at("time"), end = reports.back().at("time");
   std::map<unsigned, std::vector<const Json*>> links;
-  for (const Json& one : reports) links[one["handle"].get<unsigned>()].push_back(&one);
+  for (const Json& one : reports) links[one.at("handle").get<unsigned>()].push_back(&one);
   std::string out;
   for (const auto& [handle, list] : links) {
     char name[48];
@@ -270,16 +271,17 @@ std::string DrawQuality(const Json& report) {
     std::vector<Curve> rssi(2), quality(1);
     std::string table;
     for (const Json* one : list) {
-      const double time = (*one)["time"].get<double>() - begin;
+      const double time = (*one).at("time").get<double>() - begin;
       for (size_t chain = 0; chain < 2; ++chain) {
-        rssi[chain].points.emplace_back(time, (*one)["rssi_dbm"][chain].get<double>());
+        rssi[chain].points.emplace_back(time, (*one).at("rssi_dbm").at(chain).get<double>());
       }
       if (one->contains("overall")) {
-        quality[0].points.emplace_back(time, (*one)["overall"].get<double>());
+        quality[0].points.emplace_back(time, (*one).at("overall").get<double>());
       }
-      table += "<tr>" + Cell(LocalTimeText((*one)["time"])) + Cell(TextOf((*one)["kind"])) +
-               NumberCell(TextOf((*one)["rssi_dbm"])) + NumberCell(TextOf((*one)["power_dbm"])) +
-               NumberCell(TextOf((*one)["retransmission_power_dbm"])) +
+      table += "<tr>" + Cell(LocalTimeText((*one).at("time"))) + Cell(TextOf((*one).at("kind"))) +
+               NumberCell(TextOf((*one).at("rssi_dbm"))) +
+               NumberCell(TextOf((*one).at("power_dbm"))) +
+               NumberCell(TextOf((*one).at("retransmission_power_dbm"))) +
                NumberCell(TextOf(one->value("overall", Json()))) +
                NumberCell(TextOf(one->value("transmit", Json()))) +
                NumberCell(TextOf(one->value("receive", Json()))) + "</tr>";
@@ -308,7 +310,7 @@ std::string DrawQuality(const Json& report) {
 }
 
 std::string DrawActivity(const Json& report) {
-  const Json& tables = report["activity"];
+  const Json& tables = report.at("activity");
   if (!tables.is_object()) return "";
   std::string out;
   for (const auto& [name, rows] : tables.items()) {
@@ -328,24 +330,24 @@ std::string DrawActivity(const Json& report) {
 
 std::string DrawFindings(const Json& report) {
   std::string table;
-  for (const Json& finding : report["findings"]) {
-    const std::string level = Escape(TextOf(finding["level"]));
-    table += "<tr class=\"" + level + "\">" + Cell(TextOf(finding["level"])) +
-             Cell(TextOf(finding["what"])) + Cell(TextOf(finding["text"])) +
-             Cell(TextOf(finding["advice"])) + "</tr>";
+  for (const Json& finding : report.at("findings")) {
+    const std::string level = Escape(TextOf(finding.at("level")));
+    table += "<tr class=\"" + level + "\">" + Cell(TextOf(finding.at("level"))) +
+             Cell(TextOf(finding.at("what"))) + Cell(TextOf(finding.at("text"))) +
+             Cell(TextOf(finding.at("advice"))) + "</tr>";
   }
   return Table("What a bring-up needs", {"", "what", "found", "what to do"}, table);
 }
 
 std::string DrawTexts(const Json& report) {
   std::string out;
-  for (const Json& text : report["texts"]) {
-    const size_t left_out = text["left_out"];
-    out +=
-        Folded(TextOf(text["name"]), (left_out == 0 ? ""
-                                                    : "<p>" + std::to_string(left_out) +
-                                                          " bytes before this are left out.</p>") +
-                                         "<pre>" + Escape(TextOf(text["text"])) + "</pre>");
+  for (const Json& text : report.at("texts")) {
+    const size_t left_out = text.at("left_out");
+    out += Folded(TextOf(text.at("name")),
+                  (left_out == 0 ? ""
+                                 : "<p>" + std::to_string(left_out) +
+                                       " bytes before this are left out.</p>") +
+                      "<pre>" + Escape(TextOf(text.at("text"))) + "</pre>");
   }
   return out;
 }
@@ -395,7 +397,7 @@ class Named {
  public:
   Named(const Json& list, const char* key) {
     for (const Json& item : list) {
-      const std::string name = TextOf(item[key]);
+      const std::string name = TextOf(item.at(key));
       std::string unique = name;
       for (int i = 2; Find(unique) != nullptr; ++i) unique = name + " " + std::to_string(i);
       items_.emplace_back(unique, &item);
@@ -423,19 +425,20 @@ class Named {
 
 std::string StepResult(const Json* step) {
   if (step == nullptr) return "-";
-  const std::string detail = TextOf((*step)["detail"]);
-  return std::string((*step)["failed"].get<bool>()    ? "failed"
-                     : (*step)["running"].get<bool>() ? "had not ended"
-                                                      : "ok") +
+  const std::string detail = TextOf((*step).at("detail"));
+  return std::string((*step).at("failed").get<bool>()    ? "failed"
+                     : (*step).at("running").get<bool>() ? "had not ended"
+                                                         : "ok") +
          (detail.empty() ? "" : ", " + detail);
 }
 
 double StepSeconds(const Json* step) {
-  return step == nullptr ? 0 : (*step)["end"].get<double>() - (*step)["begin"].get<double>();
+  return step == nullptr ? 0 : (*step).at("end").get<double>() - (*step).at("begin").get<double>();
 }
 
 std::string FindingText(const Json* finding) {
-  return finding == nullptr ? "-" : TextOf((*finding)["level"]) + ": " + TextOf((*finding)["text"]);
+  return finding == nullptr ? "-"
+                            : TextOf((*finding).at("level")) + ": " + TextOf((*finding).at("text"));
 }
 
 }  // namespace
@@ -452,7 +455,7 @@ std::string ReportPage(const Json& report) {
     parts += std::string("<section id=\"") + part.id + "\"><h2>" + part.title + "</h2>\n" +
              content + "</section>\n";
   }
-  return Page("Bluetooth report of " + TextOf(report["source"]),
+  return Page("Bluetooth report of " + TextOf(report.at("source")),
               body + "</nav>\n<main>\n" + parts + "</main>\n");
 }
 
@@ -461,7 +464,8 @@ std::string ComparisonPage(const Json& one, const Json& other) {
                      DrawVerdict(one) + "</div><div><h2>B</h2>" + DrawVerdict(other) +
                      "</div></div></header>\n<main>\n";
   Differences steps, settings, numbers;
-  const Named steps_a(one["history"]["steps"], "name"), steps_b(other["history"]["steps"], "name");
+  const Named steps_a(one.at("history").at("steps"), "name"),
+      steps_b(other.at("history").at("steps"), "name");
   std::string times;
   for (const std::string& name : steps_a.NamesWith(steps_b)) {
     const Json *const a = steps_a.Find(name), *const b = steps_b.Find(name);
@@ -473,17 +477,18 @@ std::string ComparisonPage(const Json& one, const Json& other) {
              NumberCell(SecondsText(ta)) + NumberCell(SecondsText(tb)) +
              NumberCell(SecondsText(tb - ta)) + "</tr>";
   }
-  const Named findings_a(one["findings"], "what"), findings_b(other["findings"], "what");
+  const Named findings_a(one.at("findings"), "what"), findings_b(other.at("findings"), "what");
   for (const std::string& name : findings_a.NamesWith(findings_b)) {
     settings.Add(name, FindingText(findings_a.Find(name)), FindingText(findings_b.Find(name)));
   }
-  numbers.Add("state", TextOf(one["verdict"]["state"]), TextOf(other["verdict"]["state"]));
-  numbers.Add("files of crashes", std::to_string(one["crashes"].size()),
-              std::to_string(other["crashes"].size()));
+  numbers.Add("state", TextOf(one.at("verdict").at("state")),
+              TextOf(other.at("verdict").at("state")));
+  numbers.Add("files of crashes", std::to_string(one.at("crashes").size()),
+              std::to_string(other.at("crashes").size()));
   for (const char* const direction : {"to_controller", "from_controller"}) {
     numbers.Add(std::string("packets ") + direction,
-                TextOf(one["history"]["traffic"][direction]["packets"]),
-                TextOf(other["history"]["traffic"][direction]["packets"]));
+                TextOf(one.at("history").at("traffic").at(direction).at("packets")),
+                TextOf(other.at("history").at("traffic").at(direction).at("packets")));
   }
   body += "<p>" + std::to_string(steps.count() + settings.count() + numbers.count()) +
           " lines differ; they are marked.</p>\n";
@@ -499,8 +504,9 @@ std::string ComparisonPage(const Json& one, const Json& other) {
   body += "<section id=\"crashes\"><h2>Crashes</h2><div class=\"pair\"><div><h3>A</h3>" +
           DrawCrashes(one) + "</div><div><h3>B</h3>" + DrawCrashes(other) +
           "</div></div></section>\n";
-  return Page("Bluetooth reports of " + TextOf(one["source"]) + " and " + TextOf(other["source"]),
-              body + "</main>\n");
+  return Page(
+      "Bluetooth reports of " + TextOf(one.at("source")) + " and " + TextOf(other.at("source")),
+      body + "</main>\n");
 }
 
 }  // namespace bthalctl

@@ -176,4 +176,14 @@ Json MakeReport(const Options& options, const ReportRequest& request) {
   return report;
 }
 
+Json ParseReport(const std::string& text, const std::string& name) {
+  Json report = Json::parse(text, nullptr, false);
+  try {
+    ReportPage(report);  // reads all of it
+  } catch (const Json::exception&) {
+    throw Failure(name + ": it is no report of bthalctl report --json");
+  }
+  return report;
+}
+
 }  // namespace bthalctl

@@ -27,6 +27,9 @@ struct ReportRequest {
 // Valid UTF-8 throughout. Payload of data packets is not in it; addresses only if asked for.
 nlohmann::json MakeReport(const Options& options, const ReportRequest& request);
 
+// One that was kept as JSON. Throws Failure, which begins with name, for a text that is none.
+nlohmann::json ParseReport(const std::string& text, const std::string& name);
+
 // A page that shows one report, or two beside each other with their differences marked.
 std::string ReportPage(const nlohmann::json& report);
 std::string ComparisonPage(const nlohmann::json& one, const nlohmann::json& other);
