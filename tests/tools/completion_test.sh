@@ -63,4 +63,10 @@ BTHAL_ROOT=$folder offers "bthalctl --root a" 'a folder'
 mkdir -p run/bthal
 touch 'run/bthal/android.hardware.bluetooth@1.1::IBluetoothHci:default'
 BTHAL_ROOT=$folder offers "bthalctl --root ${folder%??????}" "$folder"
+
+# What the last scan has heard; text from the air is never run.
+printf '%s\n' 'ZVK Loop' 'ZVK $(touch run.txt)' C2:56:4B:AD:00:02 >run/bthal/heard_peers
+BTHAL_ROOT=$folder offers 'bthalctl echo ' 'ZVK Loop' 'ZVK $(touch run.txt)' C2:56:4B:AD:00:02
+offers "bthalctl --root $folder read-name C" C2:56:4B:AD:00:02
+[ ! -e run.txt ] || { echo "a name was run" && status=1; }
 exit $status

@@ -3,6 +3,7 @@
 #include "tools/commands/commands.h"
 #include "tools/commands/completion_tree.h"
 #include "tools/commands/extcap.h"
+#include "tools/hci/heard_peers.h"
 
 namespace bthalctl {
 namespace {
@@ -11,11 +12,16 @@ struct CompletionOptions : CommandValues {
   const CLI::App* app = nullptr;
   std::string shell;
   bool roots = false;
+  bool peers = false;
 };
 
 void Completion(const Options& /*options*/, const CompletionOptions& completion) {
   if (completion.roots) {
     for (const std::string& root : FindRoots()) std::puts(root.empty() ? "/" : root.c_str());
+    return;
+  }
+  if (completion.peers) {
+    for (const std::string& peer : HeardPeers()) std::puts(peer.c_str());
     return;
   }
   const CompletionCommand program = ReadCompletionTree(*completion.app);
@@ -37,6 +43,8 @@ void AddCompletion(CLI::App& app, const Options& options) {
   CLI::Option* const roots = command.add_flag("--roots", completion.roots,
                                               "instead, list the root folders of running services");
   shell->excludes(roots);
+  shell->excludes(command.add_flag("--peers", completion.peers,
+                                   "instead, list what the last \"scan\" has heard"));
   command.require_option(1);
   command.footer(
       "The Debian package has installed the scripts. Without it:\n"

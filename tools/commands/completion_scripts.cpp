@@ -48,7 +48,9 @@ std::string BashValue(const CompletionValue& value) {
     case CompletionValue::kFolder:
       return "kind=directory";
     case CompletionValue::kRootFolder:
-      return "kind=directory words=$(\"$1\" completion --roots 2>/dev/null)";
+      return "kind=directory lines=$(\"$1\" completion --roots 2>/dev/null)";
+    case CompletionValue::kPeer:
+      return "lines=$(\"$1\" ${root:+--root \"$root\"} completion --peers 2>/dev/null)";
     case CompletionValue::kAny:
       break;
   }
@@ -57,13 +59,17 @@ std::string BashValue(const CompletionValue& value) {
 
 constexpr char kBashHead[] = R"(# Completion of bthalctl for bash.
 _bthalctl() {
-  local cur=$2 command='' option='' takes='' words='' kind='' word='' count=0 i
+  local cur=$2 command='' option='' takes='' words='' kind='' lines='' line='' root=${BTHAL_ROOT-} word='' count=0 i
   COMPREPLY=()
   # The command, the option whose value is being written, and the number of other words.
   for ((i = 1; i < COMP_CWORD; ++i)); do
     word=${COMP_WORDS[i]}
     if [[ $word == = ]]; then continue; fi
-    if [[ $takes == one ]]; then takes=''; continue; fi
+    if [[ $takes == one ]]; then
+      if [[ $option == --root ]]; then root=$word; fi
+      takes=''
+      continue
+    fi
     if [[ $word == -* ]]; then
       option=$word takes=''
       case $command:$word in
@@ -99,8 +105,13 @@ constexpr char kBashTail[] = R"(    esac
   mapfile -t COMPREPLY < <({
     compgen -W "$words" -- "$cur"
     if [[ $kind ]]; then compgen -A "$kind" -- "$cur"; fi
+    # Not by compgen, which would expand what stands in them; cur is as it is typed.
+    cur=${cur#[\"\']} cur=${cur//\\/}
+    while IFS= read -r line; do
+      if [[ $line && $line == "$cur"* ]]; then printf '%s\n' "$line"; fi
+    done <<<"$lines"
   } | sort -u)
-  if [[ $kind ]]; then compopt -o filenames 2>/dev/null; fi
+  if [[ $kind || $lines ]]; then compopt -o filenames 2>/dev/null; fi
 }
 complete -F _bthalctl bthalctl
 )";
@@ -126,6 +137,8 @@ std::string ZshValue(const CompletionValue& value) {
       return message + "_files -/";
     case CompletionValue::kRootFolder:
       return message + "_bthalctl_roots";
+    case CompletionValue::kPeer:
+      return message + "_bthalctl_peers";
     case CompletionValue::kAny:
       break;
   }
@@ -180,6 +193,8 @@ std::string FishValue(const CompletionValue& value) {
       return " -f -a '(__fish_complete_directories)'";
     case CompletionValue::kRootFolder:
       return " -f -a '(bthalctl completion --roots 2>/dev/null; __fish_complete_directories)'";
+    case CompletionValue::kPeer:
+      return " -f -a '(bthalctl completion --peers 2>/dev/null)'";
     case CompletionValue::kAny:
       break;
   }
@@ -237,6 +252,11 @@ std::string ZshCompletion(const CompletionCommand& program) {
       "  roots=(${(f)\"$(bthalctl completion --roots 2>/dev/null)\"})\n"
       "  compadd -f -- $roots\n"
       "  _files -/\n"
+      "}\n\n"
+      "_bthalctl_peers() {\n"
+      "  local -a peers\n"
+      "  peers=(${(f)\"$(bthalctl completion --peers 2>/dev/null)\"})\n"
+      "  compadd -- $peers\n"
       "}\n";
   ForEach(program, [&](const CompletionCommand& command) {
     text += "\n" + ZshFunction(command) + "() {\n";

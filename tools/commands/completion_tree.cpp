@@ -50,6 +50,8 @@ CompletionValue ValueOf(const CLI::Option& option) {
     value.kind = CompletionValue::kWords;
   } else if (option.check_name("--root")) {
     value.kind = CompletionValue::kRootFolder;
+  } else if (value.name == "PEER") {
+    value.kind = CompletionValue::kPeer;
   } else if (value.name == "DIR") {
     value.kind = CompletionValue::kFolder;
   } else if (value.name == "FILE" || value.name == "PATH") {

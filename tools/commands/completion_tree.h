@@ -10,7 +10,7 @@ namespace bthalctl {
 
 // What can stand in the place of a value.
 struct CompletionValue {
-  enum Kind { kAny, kWords, kFile, kFolder, kRootFolder };
+  enum Kind { kAny, kWords, kFile, kFolder, kRootFolder, kPeer };
 
   Kind kind = kAny;
   std::string name;  // as --help calls it

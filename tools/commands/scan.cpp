@@ -6,6 +6,7 @@
 #include "tools/base/failure.h"
 #include "tools/base/terminal.h"
 #include "tools/commands/commands.h"
+#include "tools/hci/heard_peers.h"
 #include "tools/link/le_peer.h"
 
 namespace bthalctl {
@@ -70,6 +71,12 @@ void ScanAndList(const Options& options, const ScanOptions& scan) {
   for (const auto& [address, device] : heard) devices.push_back(device);
   std::stable_sort(devices.begin(), devices.end(),
                    [](const Device& a, const Device& b) { return a.last.rssi > b.last.rssi; });
+  std::vector<std::string> peers;
+  peers.reserve(devices.size());
+  for (const Device& device : devices) {
+    peers.push_back(device.last.name.empty() ? AddressText(device.last.address) : device.last.name);
+  }
+  KeepHeardPeers(peers);
   if (scan.json) {
     PrintHeardJson(devices);
   } else {

@@ -144,7 +144,7 @@ std::string DrawTimeLine(const Json& report) {
     if (name.rfind("bytes a second", 0) != 0) continue;
     Curve curve{name, curves.empty() ? "a" : "b", {}, true};
     for (const Json& sample : counter.at("samples")) {
-      curve.points.emplace_back(sample[0].get<double>(), sample[1].get<double>() / 1000);
+      curve.points.emplace_back(sample.at(0).get<double>(), sample.at(1).get<double>() / 1000);
     }
     legend += "<span class=\"key " + curve.style + "\"></span> " + Escape(name) + " ";
     curves.push_back(std::move(curve));
