@@ -1,19 +1,13 @@
 #include "evidence/bring_up_steps.h"
 
-#include <time.h>
-
 #include <cstring>
+
+#include "base/clock.h"
 
 namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug {
 namespace {
 
 constexpr char kRunning[] = "running";
-
-int64_t Now(clockid_t clock) {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
 
 }  // namespace
 
@@ -64,14 +58,15 @@ void BringUpSteps::Mark(const char* text) {
 
 void BringUpSteps::Add(const char* result, const char* name, const std::string& detail) {
   if (steps_.size() >= kMost) return;
-  steps_.push_back({result, name, detail, Now(CLOCK_REALTIME), Now(CLOCK_MONOTONIC), 0});
+  steps_.push_back(
+      {result, name, detail, ReadClockNs(CLOCK_REALTIME), ReadClockNs(CLOCK_MONOTONIC), 0});
 }
 
 void BringUpSteps::EndAs(const char* result, const std::string& detail) {
   for (auto step = steps_.rbegin(); step != steps_.rend(); ++step) {
     if (std::strcmp(step->result, kRunning) != 0) continue;
     step->result = result;
-    step->took_ns = Now(CLOCK_MONOTONIC) - step->monotonic_ns;
+    step->took_ns = ReadClockNs(CLOCK_MONOTONIC) - step->monotonic_ns;
     if (step->detail.empty()) step->detail = detail;
     return;
   }

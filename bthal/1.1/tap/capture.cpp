@@ -18,6 +18,7 @@
 #include <thread>
 #include <utility>
 
+#include "base/clock.h"
 #include "tap/capture_format.h"
 #include "tap/capture_sink.h"
 #include "tap/tap.h"

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <string>
 
+#include "base/clock.h"
 #include "hci/packet.h"
 
 namespace android::hardware::bluetooth::tap {
@@ -27,12 +28,6 @@ std::string StateText(std::string_view name, std::string_view value) {
 }
 
 }  // namespace
-
-int64_t ReadClockNs(clockid_t clock) {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
 
 Tap& Tap::Get() {
   static auto* tap = new Tap;

@@ -3,7 +3,6 @@
 
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
-#include <time.h>
 
 #include <atomic>
 #include <cstdint>
@@ -20,8 +19,6 @@
 namespace android::hardware::bluetooth::tap {
 
 class TapReader;
-
-int64_t ReadClockNs(clockid_t clock);
 
 // Sees each packet between flow control and transport, on the thread that has it. While nobody
 // captures, that costs one branch; else one copy into a bounded ring. A reader that falls behind
