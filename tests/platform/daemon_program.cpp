@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
   sigemptyset(&awaited);
   sigaddset(&awaited, SIGUSR1);
   pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
+  kill(getpid(), SIGUSR1);  // kept for sigwait(): no other thread of a daemon takes it
   printf("ready\n");
   fflush(stdout);
   if (mode == "log") {

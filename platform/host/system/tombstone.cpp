@@ -199,6 +199,13 @@ void InstallTombstones() {
   void* warm_up[1];
   backtrace(warm_up, 1);  // loads what the handler must not load
 
+  // The process's signals are for its other threads: one that blocks a signal in order to wait for
+  // it must not lose it to this one.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, &before);
+  bool is_ready = false;
   try {
     std::thread writer([] {
       while (sem_wait(&crash.happened) != 0) {
@@ -208,10 +215,12 @@ void InstallTombstones() {
     });
     pthread_setname_np(writer.native_handle(), "bthal-tombstone");
     writer.detach();
+    is_ready = true;
   } catch (const std::system_error& error) {
     LOG(ERROR) << "a crash will leave no tombstone: " << error.what();
-    return;
   }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  if (!is_ready) return;
   std::set_terminate(OnUncaughtException);
 
   // A stack overflow of the main thread can be told, too; other threads have no spare stack.
