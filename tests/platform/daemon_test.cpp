@@ -53,6 +53,17 @@ TEST_F(Daemon, Log_HoldsLinesInOneForm) {
   EXPECT_TRUE(test::WaitFor([&] { return ReadFile(log_).find("a signal") != std::string::npos; }));
 }
 
+TEST_F(Daemon, LogForTheJournal_HasLevelsAndTagsOnly) {
+  const std::string program = test::TestProgram("platform_test_daemon");
+  ChildProcess daemon({"sh", "-c", "JOURNAL_STREAM=$(stat -Lc %d:%i /dev/stderr) exec " + program},
+                      {{"BTHAL_ROOT", root_.path()}});
+  ASSERT_TRUE(daemon.WaitForOutput("ready", kDeadline));
+  EXPECT_THAT(daemon.Output(),
+              HasSubstr("<6>test.daemon: mode idle\n<4>test.daemon: a warning with "
+                        "17\n<3>test.daemon: two\n<3>test.daemon: lines\n"));
+  EXPECT_THAT(ReadFile(log_), HasSubstr(" W test.daemon: a warning with 17\n"));
+}
+
 TEST_F(Daemon, LogLevel_IsThatOfTheVariable) {
   const struct {
     const char* level;

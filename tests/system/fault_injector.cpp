@@ -100,7 +100,7 @@ struct Plan {
     char target[PATH_MAX] = "";
     snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
     const int saved = errno;
-    syscall(SYS_readlink, link, target, sizeof target - 1);
+    syscall(SYS_readlinkat, AT_FDCWD, link, target, sizeof target - 1);
     errno = saved;
     return Fails(name, target);
   }

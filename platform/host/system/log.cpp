@@ -55,6 +55,32 @@ std::string Prefix(int priority, const char* tag) {
   return std::string(text) + (tag == nullptr ? "" : tag) + ": ";
 }
 
+// Of a line for systemd's journal, which knows time and process itself: "<level>tag: ".
+std::string JournalPrefix(int priority, const char* tag) {
+  constexpr char kLevels[] = "66776432";
+  const char level = priority > 0 && priority < 8 ? kLevels[priority] : '6';
+  return std::string("<") + level + ">" + (tag == nullptr ? "" : tag) + ": ";
+}
+
+// A text of several lines becomes several lines of the log.
+std::string Lines(const std::string& prefix, std::string_view message) {
+  while (!message.empty() && message.back() == '\n') message.remove_suffix(1);
+  std::string text;
+  do {
+    const size_t end = std::min(message.find('\n'), message.size());
+    text.append(prefix).append(message.substr(0, end)).append("\n");
+    message.remove_prefix(std::min(end + 1, message.size()));
+  } while (!message.empty());
+  return text;
+}
+
+// Whether status is that of the stream that systemd has connected to its journal.
+bool IsJournal(const struct stat& status) {
+  const char* const variable = getenv("JOURNAL_STREAM");
+  return variable != nullptr &&
+         variable == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
 // Never destroyed: lines come until the process has gone.
 class Log {
  public:
@@ -63,19 +89,10 @@ class Log {
     return *log;
   }
 
-  // A text of several lines becomes several lines of the log.
   void Write(int priority, const char* tag, std::string_view message) {
-    const std::string prefix = Prefix(priority, tag);
-    while (!message.empty() && message.back() == '\n') message.remove_suffix(1);
-    std::string text;
-    do {
-      const size_t end = std::min(message.find('\n'), message.size());
-      text.append(prefix).append(message.substr(0, end)).append("\n");
-      message.remove_prefix(std::min(end + 1, message.size()));
-    } while (!message.empty());
-
+    const std::string text = Lines(Prefix(priority, tag), message);
     const std::lock_guard<std::mutex> lock(mutex_);
-    WriteToStandardError(text);
+    WriteToStandardError(is_journal_ ? Lines(JournalPrefix(priority, tag), message) : text);
     if (path_.empty() || (!IsThere() && !Reopen())) return;
     if (size_ + text.size() > kMaxFileBytes) StartNewFile();
     android::base::WriteFully(file_, text.data(), text.size());
@@ -91,8 +108,9 @@ class Log {
  private:
   Log() {
     struct stat status {};
-    waits_for_reader_ = fstat(STDERR_FILENO, &status) == 0 &&
-                        (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
+    if (fstat(STDERR_FILENO, &status) != 0) return;
+    waits_for_reader_ = S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
+    is_journal_ = IsJournal(status);
   }
 
   // A reader that takes nothing is waited for once; then it gets what there is room for.
@@ -133,6 +151,7 @@ class Log {
 
   std::mutex mutex_;
   bool waits_for_reader_ = false;  // standard error is a pipe or a socket
+  bool is_journal_ = false;        // and systemd's journal reads it
   bool reader_is_stuck_ GUARDED_BY(mutex_) = false;
   android::base::unique_fd file_ GUARDED_BY(mutex_);
   std::string path_ GUARDED_BY(mutex_);

@@ -1,4 +1,5 @@
-// Where log lines go: stderr, and a file once a daemon has opened one.
+// Where log lines go: stderr, and a file once a daemon has opened one. If stderr is a stream to
+// systemd's journal (JOURNAL_STREAM), its lines begin with "<LEVEL>" in place of time and process.
 #pragma once
 
 #include <string>
