@@ -71,14 +71,16 @@ TEST(Shim, DeinitializeFromInsideACallback_NeitherHangsNorReadsFreedMemory) {
     };
     const auto nothing = [](const hidl_vec<uint8_t>&) {};
     ASSERT_NE(shim::InitializeHciHandle(close, nothing, nothing, nothing), nullptr);
-    // Two events in one read: the second has nobody to go to any more.
+    // Two events in one read: the second has nobody to go to any more, unless the other thread was
+    // about to close and the reader, which cannot wait for that, was sent on.
     rig.pty().WriteToHost(test::ParseHex("04 13 01 00 04 13 01 00"));
-    if (++round % 2 == 0) {
+    const bool reader_is_alone = ++round % 2 == 0;
+    if (reader_is_alone) {
       ASSERT_TRUE(test::WaitFor([&] { return closed > 0; }));
     }
     shim::Deinitialize();
     ASSERT_TRUE(test::WaitFor([] { return !shim::IsUserialReady(); }));
-    EXPECT_LE(closed, 1);
+    EXPECT_LE(closed, reader_is_alone ? 1 : 2);
   });
 }
 
