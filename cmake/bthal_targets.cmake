@@ -61,3 +61,10 @@ function(bthal_test name)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
                        PROPERTIES ${properties})
 endfunction()
+
+# bthal_own_log_tags(TARGET...): each file of a unity build logs with its own tag. <android-base/logging.h> knows of tags
+# only if there is one where it is included first.
+function(bthal_own_log_tags)
+  set_target_properties(${ARGN} PROPERTIES UNITY_BUILD_CODE_BEFORE_INCLUDE
+                        "#undef LOG_TAG\n#define LOG_TAG\n#include <android-base/logging.h>\n#undef LOG_TAG")
+endfunction()
