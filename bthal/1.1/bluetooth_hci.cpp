@@ -57,6 +57,7 @@ BluetoothHci::BluetoothHci() {
     tap::StartCaptureOnDisk(setting);
   }
   hci::shim::SetOwner({[] { BtZvkProtocol::GetInstacne()->LpmWakeUp(); },
+                       [] { BtZvkProtocol::GetInstacne()->LpmSent(); },
                        [] { BtZvkProtocol::GetInstacne()->Shutdown(); }});
   death_recipient_ = new BluetoothDeathRecipient(this);
   activity_watcher_ = ::ndk::SharedRefBase::make<activitywatcher::ControllerActivityWatcher>(this);

@@ -25,8 +25,9 @@ class BtZvkProtocol {
   // Ends the low-power mode and forgets the flow control.
   void Shutdown();
 
-  // Wakes the controller before a transmission.
+  // Wakes the controller before a transmission, which keeps it awake until it is over.
   bool LpmWakeUp() { return low_power_.WakeUp(); }
+  void LpmSent() { low_power_.Sent(); }
 
   // The name that the controller gave after the firmware download.
   std::string LocalName() EXCLUDES(lock_);

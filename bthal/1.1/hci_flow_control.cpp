@@ -92,6 +92,7 @@ bool HciFlowControl::IsHalted(const char* operation) const {
 size_t HciFlowControl::Transmit(uint8_t type, const uint8_t* data, size_t length, bool flag) {
   downlink_.wake_up();
   const size_t sent = downlink_.send(type, data, length, flag);
+  downlink_.sent();
   send_failed_ = sent < length;
   return sent;
 }

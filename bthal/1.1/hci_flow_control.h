@@ -23,7 +23,8 @@ struct Downlink {
   // Writes one packet; flag: it is a flow-controlled command. Returns the bytes that were accepted,
   // fewer than length after an error.
   std::function<size_t(uint8_t type, const uint8_t* data, size_t length, bool flag)> send;
-  std::function<void()> wake_up;  // before each send
+  std::function<void()> wake_up;       // before each send
+  std::function<void()> sent = [] {};  // after each
 };
 
 // Sends commands one at a time under the controller's credits, and routes every event to the

@@ -113,8 +113,8 @@ std::shared_ptr<HciFlowControl> InitializeHciHandle(const PacketReceiver& event_
   Transport& transport = OpenTransport();
   if (!transport.Open(settings)) return nullptr;
 
-  std::shared_ptr<HciFlowControl> flow =
-      HciFlowControl::Create({event_cb, acl_cb, sco_cb, iso_cb}, {Send, state.owner.wake_up});
+  std::shared_ptr<HciFlowControl> flow = HciFlowControl::Create(
+      {event_cb, acl_cb, sco_cb, iso_cb}, {Send, state.owner.wake_up, state.owner.sent});
   {
     std::lock_guard<std::mutex> guard(state.lock);
     state.flow_control = flow;

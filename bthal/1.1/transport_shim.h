@@ -19,6 +19,7 @@ namespace android::hardware::bluetooth::hci::shim {
 // The shim's calls to its owner, on any thread.
 struct Owner {
   std::function<void()> wake_up = [] {};    // before each transmission
+  std::function<void()> sent = [] {};       // after each
   std::function<void()> shut_down = [] {};  // the transport is lost
 };
 // Before anything is opened.

@@ -9,12 +9,14 @@
 #include "base/timer.h"
 #include "bthal/child_case.h"
 #include "bthal/kernel_file.h"
+#include "hci_flow_control.h"
 #include "support/temp_dir.h"
 #include "transport_shim.h"
 
 namespace {
 
 using namespace android::hardware::bluetooth;
+using android::hardware::hidl_vec;
 namespace shim = android::hardware::bluetooth::hci::shim;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -22,6 +24,12 @@ using std::chrono::steady_clock;
 class LowPowerMode : public testing::Test {
  protected:
   ~LowPowerMode() override { low_power_.Teardown(); }
+
+  bool Transmit() {
+    const bool awake = low_power_.WakeUp();
+    low_power_.Sent();
+    return awake;
+  }
 
   test::LowPowerFiles files_;
   LowPower low_power_{
@@ -47,22 +55,38 @@ TEST_F(LowPowerMode, LoneTransmission_SuspendsAfterTwoPeriods) {
   EXPECT_EQ(files_.driver.Text(), "1");
   EXPECT_EQ(files_.line.Text(), "1");
   const auto start = steady_clock::now();
-  EXPECT_TRUE(low_power_.WakeUp());
-  EXPECT_TRUE(low_power_.WakeUp());  // awake already: nothing is written
+  EXPECT_TRUE(Transmit());
+  EXPECT_TRUE(Transmit());  // awake already: nothing is written
   EXPECT_EQ(files_.line.Text(), "11");
   EXPECT_FALSE(files_.WakeLockReleased());
   EXPECT_TRUE(files_.line.WaitForText("110"));
   EXPECT_GE(steady_clock::now() - start, milliseconds(1600));
   EXPECT_TRUE(test::WaitFor([&] { return files_.WakeLockReleased(); }));
   // And once more, up to a tear-down: the timer was only disarmed.
-  EXPECT_TRUE(low_power_.WakeUp());
+  EXPECT_TRUE(Transmit());
   EXPECT_EQ(files_.line.Text(), "1101");
   EXPECT_FALSE(files_.WakeLockReleased());
   low_power_.Teardown();
   EXPECT_TRUE(files_.WakeLockReleased());
   EXPECT_EQ(files_.driver.Text(), "10");
-  EXPECT_TRUE(low_power_.WakeUp());
+  EXPECT_TRUE(Transmit());
   EXPECT_EQ(files_.line.Text(), "1101");
+}
+
+// The line takes nothing for longer than two periods: the rest of the packet is for a controller
+// that is awake.
+TEST_F(LowPowerMode, WriteThatIsHeldUp_KeepsTheControllerAwake) {
+  low_power_.Setup([] { return true; });
+  const auto has_slept = [&] { return files_.line.Text() != "11"; };
+  const auto flow =
+      hci::HciFlowControl::Create({}, {[&](uint8_t, const uint8_t*, size_t length, bool) {
+                                         EXPECT_FALSE(test::WaitFor(has_slept, milliseconds(2000)));
+                                         return length;
+                                       },
+                                       [&] { low_power_.WakeUp(); }, [&] { low_power_.Sent(); }});
+  flow->Connect([](const auto&) {});
+  flow->Send(hci::HCI_PACKET_TYPE_ACL_DATA, hidl_vec<uint8_t>{0x01, 0x00, 0x00, 0x00}.data(), 4);
+  EXPECT_TRUE(files_.line.WaitForText("110"));
 }
 
 // A transport that cannot wake the controller, or put it to sleep, ends the low-power mode.
@@ -85,6 +109,7 @@ TEST_F(LowPowerMode, LineThatFails_IsTornDownOnceAndLeavesNoWakeLock) {
                        [](const LowPower::Awake&) {});
     low_power.Setup([] { return true; });
     EXPECT_EQ(low_power.WakeUp(), wakes);
+    low_power.Sent();
     ASSERT_TRUE(
         test::WaitFor([&] { return teardowns == 1; }, std::chrono::seconds(wakes ? 10 : 0)));
     ASSERT_TRUE(test::WaitFor([&] { return files_.WakeLockReleased(); }));

@@ -47,6 +47,18 @@ class BringUp : public ::testing::TestWithParam<Mode> {
     EXPECT_TRUE(handset_.WaitForStatus(powered ? "\"on\": true" : "\"on\": false"));
     EXPECT_TRUE(handset_.WaitForStatus(powered ? "\"connected\": true" : "\"connected\": false"));
   }
+  // Each step begins once those before it have begun.
+  void ExpectOrderOfClose() {
+    const std::string log = handset_.Log();
+    size_t at = log.rfind(" BluetoothHci::close()\n");
+    for (const char* step :
+         {": Disable Bluetooth HAL Extensions\n", " perform_close\n", " closeHci\n", " Shutdown\n",
+          " Deinitialize\n", "PowerControl: Disabling", "closeHci: hci_handle_ = nullptr\n",
+          " DeviceClose\n", " BluetoothHci::close() Done\n"}) {
+      at = log.find(step, at);
+      ASSERT_NE(at, std::string::npos) << step << "is out of order:\n" << log;
+    }
+  }
   Handset handset_{GetParam()};
 };
 
@@ -82,6 +94,7 @@ TEST_P(BringUp, StacksComeAndGo_ControllerAnswersEachTime) {
     const CtlResult down = handset_.Ctl({"down"});
     ASSERT_EQ(down.exit_code, 0) << down.output << handset_.Log();
     ExpectPowered(Accelerated());
+    if (!Accelerated()) ExpectOrderOfClose();
   }
   // Accelerated keeps the controller up between stacks; plain powers it up for each.
   EXPECT_EQ(CountOf(kReady, handset_.Log()), Accelerated() ? 1 : 2) << handset_.Log();

@@ -270,7 +270,7 @@ TEST_P(StreamToADeafStackSlow, HoldsUpTheLineUntilItsEnd_TheNextStackIsServed) {
     board_.stack()->Signal(SIGKILL);
   } else {
     EXPECT_TRUE(
-        board_.service().WaitForOutput("a call to it was not answered for 10 s", seconds(15)));
+        board_.service().WaitForOutput("a call to it was not answered for 10 s", kDeadline));
   }
   EXPECT_TRUE(board_.service().WaitForOutput("serviceDied", kDeadline)) << board_.Log();
   stop_ = true;

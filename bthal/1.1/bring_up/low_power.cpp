@@ -68,6 +68,7 @@ bool LowPower::WakeUp() {
   {
     // A teardown comes wholly before or wholly after this.
     std::lock_guard<std::mutex> guard(lock_);
+    ++under_way_;
     if (timer_ == nullptr || !line_.is_running()) return true;
     active_ = true;
     ++transmissions_;
@@ -90,10 +91,16 @@ bool LowPower::WakeUp() {
   return false;
 }
 
+void LowPower::Sent() {
+  std::lock_guard<std::mutex> guard(lock_);
+  --under_way_;
+  active_ = true;
+}
+
 void LowPower::OnTimer() {
   {
     std::lock_guard<std::mutex> guard(lock_);
-    if (active_) {
+    if (active_ || under_way_ > 0) {
       active_ = false;
       return;
     }

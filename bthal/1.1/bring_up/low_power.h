@@ -48,6 +48,8 @@ class LowPower {
 
   // Before each transmission. True when the controller is awake, or the mode is off.
   bool WakeUp() EXCLUDES(lock_);
+  // After each: a line that is held up may take longer than two periods.
+  void Sent() EXCLUDES(lock_);
 
  private:
   static constexpr std::chrono::milliseconds kPeriod{800};
@@ -64,6 +66,7 @@ class LowPower {
   std::mutex lock_;
   std::unique_ptr<Timer> timer_ GUARDED_BY(lock_);  // null: the low-power mode is off
   bool active_ GUARDED_BY(lock_) = false;           // something was sent since the last tick
+  int under_way_ GUARDED_BY(lock_) = 0;             // transmissions
   bool awake_ GUARDED_BY(lock_) = false;
   bool wake_lock_held_ GUARDED_BY(lock_) = false;
   uint32_t transmissions_ GUARDED_BY(lock_) = 0;  // since the last suspend
