@@ -259,7 +259,8 @@ class Handset {
       case kOpen:
         return Open();
       case kLineFails:
-        all_.fails = broken_ = !all_.fails;
+        all_.fails = !all_.fails;
+        broken_ = true;  // what it did not take counts as sent
         return;
       case kClientDies:
         return client_->Die();
@@ -362,12 +363,21 @@ class Handset {
     Require(credits_ || !all_.reading, "a command that waits goes out with a credit");
     outstanding_ = true;
     opcode_ = opcode;
-    if (!waiting_.empty() && waiting_.front() == packet) waiting_.pop_front();
+    const auto found = std::find(waiting_.begin(), waiting_.end(), packet);
+    of_the_stack_ = found == waiting_.begin() && found != waiting_.end();
+    if (of_the_stack_) waiting_.pop_front();
+    Require(of_the_stack_ || found == waiting_.end() || IsOwn(), "commands keep their order");
+  }
+
+  // Whether the service itself may send such a command as the last one.
+  bool IsOwn() const {
+    return calls_ > 0 || opcode_ == 0x0C03 || opcode_ == 0xFC79 || opcode_ == 0xFC01;
   }
 
   void ToHost(uint8_t type, const std::string& packet) {
     // One without payload comes with the next one; the target "stream" has those.
     if (all_.reader == nullptr || all_.reading || packet.size() == hci::kHeaders[type].size) return;
+    bool is_for_the_stack = type != 4;
     if (type == 4) {
       const auto code = static_cast<uint8_t>(packet[0]);
       const size_t at = code == 0x0E ? 3 : code == 0x0F ? 4 : code == 0x19 ? 2 : packet.size();
@@ -377,12 +387,13 @@ class Handset {
       } else if (OpcodeIn(packet, at) == opcode_) {
         outstanding_ = false;
         credits_ = grants;
+        is_for_the_stack = of_the_stack_ && !IsOwn();
       }
     }
-    to_host_.push_back(std::string(1, static_cast<char>(type)) + packet);
+    to_host_ = std::string(1, static_cast<char>(type)) + packet;
     const bool attached = IsAttached();
-    all_.Deliver(std::string(to_host_.back()));
-    if (type != 4 && attached) Require(to_host_.empty(), "data reaches the stack");
+    all_.Deliver(std::string(to_host_));
+    if (attached && is_for_the_stack) Require(to_host_.empty(), "answers and data are passed on");
     if (type == 4 && credits_ && !outstanding_ && !broken_ && all_.reader != nullptr) {
       Require(waiting_.empty(), "a credit is used for a command that waits");
     }
@@ -390,13 +401,12 @@ class Handset {
 
   bool IsAttached() const { return V1_1::zvkbtlinux::AttachedStack::Get().g_cb() == stack_; }
 
-  // What the stack gets; the service may have kept what came before.
+  // What the stack gets.
   void OnTold(uint8_t type, const hidl_vec<uint8_t>& packet) {
     std::string bytes(1, static_cast<char>(type));
     bytes.append(packet.begin(), packet.end());
-    while (!to_host_.empty() && to_host_.front() != bytes) to_host_.pop_front();
-    Require(!to_host_.empty(), "packets reach the stack once, as they came, in their order");
-    to_host_.pop_front();
+    Require(bytes == to_host_, "packets reach the stack once, as they came, in their order");
+    to_host_.clear();
     if (std::exchange(close_inside_, false)) hal_->close();
   }
 
@@ -504,13 +514,14 @@ class Handset {
   // What the invariants need; of the line that is open.
   int opening_ = 0;
   bool outstanding_ = false;
+  bool of_the_stack_ = false;  // the command that is under way
   uint16_t opcode_ = 0;
   bool credits_ = true;
   std::deque<std::string> waiting_;  // commands of the stack that have not gone out
   std::string expected_data_;
   bool data_sent_ = false;
   std::chrono::nanoseconds sent_at_{0};
-  std::deque<std::string> to_host_;  // that the stack has not got
+  std::string to_host_;  // the last packet, unless the stack has got it
   bool stack_sends_ = false;
 };
 
@@ -526,6 +537,11 @@ std::vector<std::string> fuzz::Seeds() {
   Append(&seeds, Packets("activity_packets.txt", 1));
   Append(&seeds, Prefixed({2, kDumps}, Packets("debug_events.txt")));
   const std::string command = {0, 3, 3, 0x0C, 0}, again = {2, kOpen};
+  // Two commands, an answer to the first with and without a credit.
+  for (const char credits : {'\0', '\1'}) {
+    seeds.push_back(command +
+                    std::string{0, 3, 1, 0x10, 0, 0x0E, 4, credits, 3, 0x0C, 0, 2, kAnswer});
+  }
   for (char step = 0; step <= kReads; ++step) {
     // Some take what follows.
     seeds.push_back(command + std::string{2, step, 1} + command + again);
