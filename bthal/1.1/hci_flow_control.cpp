@@ -93,34 +93,35 @@ size_t HciFlowControl::Transmit(uint8_t type, const uint8_t* data, size_t length
   downlink_.wake_up();
   const size_t sent = downlink_.send(type, data, length, flag);
   downlink_.sent();
-  send_failed_ = sent < length;
+  send_failed_.store(sent < length, std::memory_order_relaxed);
   return sent;
 }
 
 size_t HciFlowControl::Send(uint8_t type, const uint8_t* data, size_t length) {
+  if (type != HCI_PACKET_TYPE_COMMAND) {
+    std::lock_guard<std::mutex> guard(data_lock_);
+    return IsHalted(__func__) ? 0 : Transmit(type, data, length, false);
+  }
   std::lock_guard<std::mutex> guard(lock_);
   if (IsHalted(__func__)) return 0;
-  const bool command = type == HCI_PACKET_TYPE_COMMAND;
-  if (command) {
-    if (!command_queue_.empty() && send_failed_) {
-      LOG(ERROR) << __func__ << ": the transport takes nothing, command dropped";
-      return 0;
-    }
-    if (command_queue_.size() > kMaxWaiting) {
-      LOG(ERROR) << __func__ << ": " << kMaxWaiting << " commands wait already, command dropped";
-      return 0;
-    }
-    command_queue_.emplace_back(data, length);
-    HciCmdFrame& frame = command_queue_.back();
-    if (command_queue_.size() >= 2) {
-      NoteWaiting();
-      LOG(DEBUG) << __func__ << ": HCI CMD Frame <" << toString(frame.data) << "> enqueued";
-      return length;
-    }
-    LOG(VERBOSE) << __func__ << ": HCI Command <" << toString(frame.data) << "> sending...";
-    frame.sent = true;
+  if (!command_queue_.empty() && send_failed_.load(std::memory_order_relaxed)) {
+    LOG(ERROR) << __func__ << ": the transport takes nothing, command dropped";
+    return 0;
   }
-  return Transmit(type, data, length, command);
+  if (command_queue_.size() > kMaxWaiting) {
+    LOG(ERROR) << __func__ << ": " << kMaxWaiting << " commands wait already, command dropped";
+    return 0;
+  }
+  command_queue_.emplace_back(data, length);
+  HciCmdFrame& frame = command_queue_.back();
+  if (command_queue_.size() >= 2) {
+    NoteWaiting();
+    LOG(DEBUG) << __func__ << ": HCI CMD Frame <" << toString(frame.data) << "> enqueued";
+    return length;
+  }
+  LOG(VERBOSE) << __func__ << ": HCI Command <" << toString(frame.data) << "> sending...";
+  frame.sent = true;
+  return Transmit(type, data, length, true);
 }
 
 size_t HciFlowControl::SendNoAck(uint8_t type, const uint8_t* data, size_t length) {
@@ -212,6 +213,7 @@ void HciFlowControl::UnregisterEventWatcher(HciEventWatcher* watcher) {
 }
 
 void HciFlowControl::Halt() {
+  std::lock_guard<std::mutex> data(data_lock_);
   std::lock_guard<std::mutex> guard(lock_);
   if (IsHalted(__func__)) return;
   halted_.store(true, std::memory_order_release);

@@ -49,7 +49,8 @@ class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
 
   // Sends a packet without its type byte; a command waits for its turn. Returns what the transport
   // accepted, length for a command that waits, 0 when halted or when too many commands wait.
-  size_t Send(uint8_t type, const uint8_t* data, size_t length) EXCLUDES(lock_);
+  size_t Send(uint8_t type, const uint8_t* data, size_t length) EXCLUDES(data_lock_)
+      EXCLUDES(lock_);
 
   // Sends at once, without queue and credits.
   size_t SendNoAck(uint8_t type, const uint8_t* data, size_t length) EXCLUDES(lock_);
@@ -66,8 +67,9 @@ class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
   // Once this returns, watcher is neither being called nor will be.
   void UnregisterEventWatcher(HciEventWatcher* watcher) EXCLUDES(lock_);
 
-  // For good: tells the watchers, which ends every wait for an event.
-  void Halt() EXCLUDES(lock_);
+  // For good: tells the watchers, which ends every wait for an event. Once it returns, nothing is
+  // being sent, nor will be.
+  void Halt() EXCLUDES(data_lock_) EXCLUDES(lock_);
 
  private:
   HciFlowControl(PacketReceivers receivers, Downlink downlink)
@@ -82,15 +84,19 @@ class HciFlowControl : public std::enable_shared_from_this<HciFlowControl> {
   // Logs that operation came too late. Returns whether it did.
   bool IsHalted(const char* operation) const;
   void NoteWaiting() const REQUIRES(lock_);
-  size_t Transmit(uint8_t type, const uint8_t* data, size_t length, bool flag) REQUIRES(lock_);
+  // Under one of the locks.
+  size_t Transmit(uint8_t type, const uint8_t* data, size_t length, bool flag);
 
   const PacketReceivers receivers_;
   const Downlink downlink_;
+  // Held while a data packet is sent. Not the other one: the controller may take no data before its
+  // own is read, and the reader needs that for each event.
+  std::mutex data_lock_ ACQUIRED_BEFORE(lock_);
   std::mutex lock_;  // what may be called under it: docs/threads.md
   std::deque<HciCmdFrame> command_queue_ GUARDED_BY(lock_);  // front: outstanding, or next
   // The last send was cut short: the line takes nothing, and a command that waits behind another
   // one would not go out.
-  bool send_failed_ GUARDED_BY(lock_) = false;
+  std::atomic<bool> send_failed_{false};
   std::vector<HciEventWatcher*> watchers_ GUARDED_BY(lock_);
   std::atomic<bool> connected_{false};
   std::atomic<bool> halted_{true};

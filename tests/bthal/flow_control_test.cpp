@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "bthal/child_case.h"
 #include "bthal/notes.h"
@@ -94,6 +96,25 @@ TEST(FlowControl, SequencesAreExact) {
   for (const char* file : {"flow_control.txt", "flow_watchers.txt"}) {
     for (const test::Vector& v : test::LoadVectors(file)) Play(v);
   }
+}
+
+// A controller that takes no data before its own is read.
+TEST(FlowControl, DataThatIsHeldUp_LetsEventsPass) {
+  std::atomic<bool> inside{false}, passed{false};
+  const auto nothing = [](const auto&) {};
+  const auto flow = HciFlowControl::Create({nothing, nothing, nothing, nothing},
+                                           {[&](uint8_t, const uint8_t*, size_t length, bool) {
+                                              inside = true;
+                                              EXPECT_TRUE(test::WaitFor([&] { return !!passed; }));
+                                              return length;
+                                            },
+                                            [] {}});
+  flow->Connect(nothing);
+  std::thread sender([&] { EXPECT_EQ(Send(*flow, 2, "01 00 00 00"), 4u); });
+  EXPECT_TRUE(test::WaitFor([&] { return !!inside; }));
+  flow->OnHciEventReady(test::ToVec(test::ParseHex("13 05 01 01 00 01 00")), nothing);
+  passed = true;
+  sender.join();
 }
 
 TEST(FlowControl, TooManyWaitingCommands_AreRefused) {
