@@ -23,6 +23,7 @@ Stream::Stream(EventLoop& loop, Limits limits, std::function<void(ByteView bytes
 void Stream::Open(::android::base::unique_fd fd) {
   CloseDescriptor();
   fd_ = std::move(fd);
+  held_ = false;
   loop_.Watch(fd_.get(), EPOLLIN, [this](uint32_t events) { OnReady(events); });
   Flush();
 }
@@ -47,13 +48,23 @@ bool Stream::Send(Bytes message) {
   return true;
 }
 
+void Stream::Hold(bool held) {
+  held_ = held;
+  if (is_open()) ChooseEvents();
+}
+
+void Stream::ChooseEvents() {
+  loop_.Change(fd_.get(), (held_ ? 0u : EPOLLIN) | (waiting_.empty() ? 0u : EPOLLOUT));
+}
+
 void Stream::OnReady(uint32_t events) {
+  if ((events & (EPOLLHUP | EPOLLERR)) != 0) held_ = false;
   if ((events & EPOLLOUT) != 0) Flush();
   if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) Read();
 }
 
 void Stream::Read() {
-  for (int turn = 0; turn < kReadsPerTurn && is_open(); ++turn) {
+  for (int turn = 0; turn < kReadsPerTurn && is_open() && !held_; ++turn) {
     const ssize_t count = read(fd_.get(), received_.data(), received_.size());
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count <= 0) {
@@ -67,6 +78,7 @@ void Stream::Read() {
 
 // A message that cannot be written is lost; the next Read tells whether the other end has gone.
 void Stream::Flush() {
+  const bool had_some = !waiting_.empty();
   while (!waiting_.empty()) {
     const Bytes& message = waiting_.front();
     const ssize_t count = write(fd_.get(), message.data() + written_, message.size() - written_);
@@ -77,7 +89,8 @@ void Stream::Flush() {
     waiting_.pop_front();
     written_ = 0;
   }
-  loop_.Change(fd_.get(), waiting_.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT);
+  ChooseEvents();
+  if (had_some && waiting_.empty()) on_sent_();
 }
 
 }  // namespace zvk

@@ -34,22 +34,32 @@ class Stream {
 
   // Returns false when too much waits.
   bool Send(Bytes message);
+  size_t waiting_bytes() const { return waiting_bytes_; }
+  // Called when nothing waits any more.
+  void SetOnSent(std::function<void()> on_sent) { on_sent_ = std::move(on_sent); }
+
+  // While held it reads nothing, so that the other end has to wait. One that has gone is read to
+  // its end all the same.
+  void Hold(bool held);
 
  private:
   void CloseDescriptor();
   void OnReady(uint32_t events);
   void Read();
   void Flush();
+  void ChooseEvents();
 
   EventLoop& loop_;
   const Limits limits_;
   const std::function<void(ByteView)> on_bytes_;
   const std::function<void()> on_end_;
+  std::function<void()> on_sent_ = [] {};
   ::android::base::unique_fd fd_;
   Bytes received_;
   std::deque<Bytes> waiting_;
   size_t waiting_bytes_ = 0;
   size_t written_ = 0;  // of the first message
+  bool held_ = false;
 };
 
 }  // namespace zvk

@@ -62,8 +62,9 @@ CoProcessor::CoProcessor(EventLoop& loop, const std::string& socket, const std::
                          Board board)
     : loop_(loop),
       board_(std::move(board)),
-      line_(loop, line,
-            [this](PacketType type, ByteView packet) { SendEvent(KindOf(type), packet); }),
+      line_(
+          loop, line, [this](PacketType type, ByteView packet) { SendEvent(KindOf(type), packet); },
+          [this] { socket_.Hold(false); }),
       socket_(loop, socket, [this](const CoMessage& message) { OnMessage(message); }),
       speed_(kBootSpeed) {}
 
@@ -217,7 +218,9 @@ uint32_t CoProcessor::Forward(ByteView payload) {
     return kBadValue;
   }
   if (!powered_) return kNotReady;
-  return line_.Send(type, packet) ? kNone : kContainerFull;
+  if (!line_.Send(type, packet)) return kContainerFull;
+  if (line_.full()) socket_.Hold(true);
+  return kNone;
 }
 
 }  // namespace zvk

@@ -42,6 +42,8 @@ class MessageSocket {
   // A datagram of any content.
   void SendRaw(const Bytes& datagram);
   void Disconnect() { host_.Close(); }
+  // While held, messages of the host wait where they are.
+  void Hold(bool held) { host_.Hold(held); }
   // Removes the socket: no host can connect, as if there were no co-processor.
   void Close();
   void Open();

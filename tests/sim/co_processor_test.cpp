@@ -27,7 +27,7 @@ Bytes RequestTable(uint32_t type, uint32_t server) {
   return B("0C 00 00 00 08 00 0C 00 04 00 08 00 08 00 00 00") + U32(type) + U32(server);
 }
 
-enum Kind : uint32_t { kFind = 1, kSend = 3, kCall = 5 };
+enum Kind : uint32_t { kFind = 1, kSend = 3, kCompleted = 4, kCall = 5 };
 enum Type : uint32_t { kPackets = 8, kControl = 36 };
 
 // A host that speaks the messaging library's protocol.
@@ -67,6 +67,27 @@ class CoHost {
   uint32_t Error(uint32_t kind, const Bytes& table, const Bytes& payload) {
     return U32At(Ask(kind, table, payload), 8);
   }
+  // Sends a request many times, when there is room, and returns how many were refused.
+  int Errors(const Bytes& table, const Bytes& payload, int count) {
+    int answers = 0, refused = 0;
+    for (int sent = 0; answers < count;) {
+      pollfd ready{socket_.get(), static_cast<short>(sent < count ? POLLIN | POLLOUT : POLLIN), 0};
+      if (poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(kDeadline).count())) != 1)
+        return -1;
+      if ((ready.revents & POLLIN) != 0) {
+        const Bytes answer = Next();
+        if (answer.empty()) return -1;
+        if (U32At(answer, 0) != kCompleted) continue;
+        ++answers;
+        if (U32At(answer, 8) != 0) ++refused;
+      } else {
+        SendRaw(U32(kSend) + U32(++serial_) + U32(0) + U32(static_cast<uint32_t>(table.size())) +
+                table + payload);
+        ++sent;
+      }
+    }
+    return refused;
+  }
   uint32_t FindServer() { return U32At(Ask(kFind, {}, B("63 68 72 65 5F 62 74")), 16); }  // chre_bt
 
  private:
@@ -95,6 +116,16 @@ TEST(SimulatorCoProcessor, WrongRequests_AreRefused) {
   EXPECT_EQ(co_host.Error(kCall, RequestTable(kControl, server + 1), on), 7u);
   EXPECT_EQ(co_host.Error(kCall, B("FF FF FF 7F 00 00 00 00"), on), 9u);
   EXPECT_EQ(co_host.Error(kCall, {}, on), 9u);
+}
+
+// The host has to wait; nothing is refused.
+TEST(SimulatorCoProcessor, AControllerThatIsBusy_HoldsUpTheHost) {
+  Host host({"--chip", "ready", "--co-processor"}, "request packet nth 1 hang 1s\n");
+  CoHost co_host(host);
+  const uint32_t server = co_host.FindServer();
+  EXPECT_EQ(co_host.Error(kCall, RequestTable(kControl, server), B("00 00")), 0u);
+  const Bytes acl = B("01 02 40 00 E8 03") + Bytes(1000, 0x55);
+  EXPECT_EQ(co_host.Errors(RequestTable(kPackets, server), acl, 3000), 0);
 }
 
 TEST(SimulatorCoProcessor, BadDatagrams_EndTheConnectionOnly) {
