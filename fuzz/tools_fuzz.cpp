@@ -1,5 +1,6 @@
-// What bthalctl and the simulator read: the first byte says what the rest is, see Kind.
+// What bthalctl and the simulator read: the first byte says what the rest is, see kReaders.
 #include <filesystem>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -7,7 +8,6 @@
 #include "sim/handset/handset.h"
 #include "support/vectors.h"
 #include "target.h"
-#include "tools/base/failure.h"
 #include "tools/capture/scenario_writer.h"
 #include "tools/evidence/activity_report.h"
 #include "tools/evidence/evidence_file.h"
@@ -28,20 +28,6 @@
 namespace {
 
 using namespace bthalctl;
-
-enum Kind : char {
-  kCapture,
-  kScenario,
-  kLog,
-  kCrashInfo,
-  kTombstone,
-  kDebugReport,
-  kStream,
-  kReport,
-  kArchive,
-  kChannels,
-  kKinds,
-};
 
 void ReadCapture(const std::string& file) {
   wire::CaptureReader reader;
@@ -103,40 +89,23 @@ void Unpack(const std::string& archive) {
   UnpackHandsetFiles(root_folder::Resolve("/archive"), folder);
 }
 
-void Read(Kind kind, const std::string& text) {
-  switch (kind) {
-    case kCapture:
-      return ReadCapture(text);
-    case kScenario:
-      zvk::ParseScenario(text, "f", zvk::Handset::ActionTypes());
-      return;
-    case kLog:
-      return ReadLog(text);
-    case kCrashInfo:
-      ParseCrashInfo(text);
-      return;
-    case kTombstone:
-      ParseTombstone(text);
-      return;
-    case kDebugReport:
-      return ReadDebugReport(text);
-    case kStream:
-      return ReadStream(text);
-    case kReport: {
-      const nlohmann::json report = ParseReport(text, "f");
-      ReportPage(report);
-      return;
-    }
-    case kArchive:
-      return Unpack(text);
-    case kChannels: {
+enum Kind : char { kCapture, kScenario, kLog, kCrashInfo, kTombstone, kDebugReport, kStream };
+
+// By Kind, then those that have no seeds.
+void (*const kReaders[])(const std::string&) = {
+    ReadCapture,
+    [](const std::string& text) { zvk::ParseScenario(text, "f", zvk::Handset::ActionTypes()); },
+    ReadLog,
+    [](const std::string& text) { ParseCrashInfo(text); },
+    [](const std::string& text) { ParseTombstone(text); },
+    ReadDebugReport,
+    ReadStream,
+    [](const std::string& text) { ReportPage(ParseReport(text, "f")); },
+    Unpack,
+    [](const std::string& text) {
       ChannelMap::FromHex(text.substr(0, 20)).Avoid(text.substr(std::min<size_t>(20, text.size())));
-      return;
-    }
-    case kKinds:
-      return;
-  }
-}
+    },
+};
 
 }  // namespace
 
@@ -163,10 +132,10 @@ std::vector<std::string> fuzz::Seeds() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::Input input(data, size);
-  const auto kind = static_cast<Kind>(input.Byte() % kKinds);
+  const auto reader = kReaders[input.Byte() % std::size(kReaders)];
   try {
-    Read(kind, input.Rest());
-  } catch (const std::runtime_error&) {  // a Failure, too: refused with a reason
+    reader(input.Rest());
+  } catch (const std::runtime_error&) {  // refused, with a reason
   }
   return 0;
 }
