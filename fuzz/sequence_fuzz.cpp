@@ -253,7 +253,7 @@ class Handset {
         return;
       case kLineIsFull: {
         all_.room = input_->Byte();
-        const int tenths = input_->Byte();
+        const int tenths = input_->Byte() % 24;
         all_.full_for = std::chrono::milliseconds(100) * tenths;
         if (tenths >= 20) broken_ = true;  // the line counts as stuck
         return;
@@ -562,6 +562,7 @@ std::vector<std::string> fuzz::Seeds() {
     seeds.push_back(command +
                     std::string{0, 3, 1, 0x10, 0, 0x0E, 4, credits, 3, 0x0C, 0, 2, kAnswer});
   }
+  seeds.push_back(std::string{2, kLineIsFull, 2, 18} + command + std::string{2, kTime, 20});
   for (char step = 0; step <= kTerminate; ++step) {
     // Some take what follows.
     seeds.push_back(command + std::string{2, step, 1} + command + again);
