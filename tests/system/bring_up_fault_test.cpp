@@ -67,9 +67,9 @@ struct Result {
   bool recovered = false;          // whether a second stack was served after the first was stuck
   std::string log;
   std::string stack;
-  std::string wire;     // a line per command: speed and bytes
-  std::string verdict;  // the first sentence of the report on a service that has died
-  std::string unasked;  // what the host wrote before the answer or pause that it must wait for
+  std::string wire;       // a line per command: speed and bytes
+  std::string verdict;    // the first sentence of the report on a service that has died
+  std::string unasked;    // what the host wrote before the answer or pause that it must wait for
   std::string low_power;  // what the driver was told: on is 1
   Board::Evidence evidence;
 };
