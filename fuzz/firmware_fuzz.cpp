@@ -5,7 +5,7 @@
 using android::hardware::bluetooth::FindFirmwarePatch;
 using android::hardware::bluetooth::FirmwarePatch;
 
-std::vector<std::string> fuzz::Seeds() { return Packets("firmware.txt", 2); }
+std::vector<std::string> fuzz::Seeds() { return Packets("firmware.txt"); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::LogEverything();

@@ -1,13 +1,10 @@
 #include <android-base/file.h>
-#include <android-base/strings.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <thread>
 
 #include "bthal/child_case.h"
@@ -175,47 +172,6 @@ TEST(CrashDump, IsWrittenOnceACycle) {
       ASSERT_EQ(stat(path.c_str(), &status), 0);
       EXPECT_EQ(status.st_mode & 0777, 0444u) << path;
     }
-  }
-}
-
-TEST(CrashDump, FoldersThatAreMissing_AreNamedInOneLine) {
-  std::filesystem::remove_all(test::RootFolder() + "/data");
-  CrashDump dump([] { return ""; });
-  testing::internal::CaptureStderr();
-  dump.Start("NoFolder");
-  const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(log, HasSubstr("start_crash_dump: Failed to open coredump file: "
-                             "/data/vendor/ssrdump/coredump/coredump_bt_"));
-  EXPECT_THAT(log, HasSubstr("failed: No such file or directory (2)"));
-  EXPECT_THAT(log, Not(HasSubstr("crashinfo file")));
-}
-
-TEST(CrashDump, FileThatCannotBeWrittenWhole_IsOneLineAndNotLeftEmpty) {
-  signal(SIGXFSZ, SIG_IGN);
-  const struct {
-    rlim_t limit;        // of a file's size
-    size_t core_dumps;   // and dumps of the controller that are left
-    size_t crash_infos;  // whole, where there is one
-  } cases[] = {{0, 0, 0}, {120, 2, 1}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.limit);
-    const test::CrashFolders root(test::RootFolder());
-    test::LogCapture capture;
-    rlimit limit{c.limit, RLIM_INFINITY};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    CrashDump dump([] { return std::string(200, 'r'); });
-    dump.Start("FullDisk");
-    for (int i = 0; i < 50; ++i) dump.AppendToControllerDump({0xFF, 0x03, 0x58, 0x13, 0x00});
-    limit.rlim_cur = RLIM_INFINITY;
-    setrlimit(RLIMIT_FSIZE, &limit);
-    EXPECT_EQ(root.CoreDumps().size(), c.core_dumps);
-    EXPECT_EQ(root.CrashInfos().size(), c.crash_infos);
-    const std::string log = android::base::Join(capture.Take("bthal.debug_central"), '\n') + "\n";
-    const auto lines = [&](const std::string& text) { return test::CountOf(text, log); };
-    EXPECT_EQ(lines("start_crash_dump: /data/vendor/ssrdump/coredump/coredump_bt_"), 1u) << log;
-    EXPECT_EQ(lines("start_crash_dump: /data/vendor/ssrdump/crashinfo_bt_"), 1 - c.crash_infos);
-    // One line for the dump of the controller, however many fragments it has.
-    EXPECT_EQ(lines(" is not whole: File too large (27)\n"), 3 - c.crash_infos) << log;
   }
 }
 

@@ -50,16 +50,6 @@ Bytes Framed(const Packets& packets) {
   return stream;
 }
 
-Packets PacketsOf(const std::string& field) {
-  Packets packets;
-  for (const std::string& part : test::SplitTrimmed(field, ';')) {
-    const size_t colon = part.find(':');
-    packets.push_back(
-        {test::ParseHex(part.substr(0, colon))[0], test::ParseHex(part.substr(colon + 1))});
-  }
-  return packets;
-}
-
 const UartRig::Packet kProbe = {0x03, {0x01, 0x00, 0x01, 0xCC}};
 
 // Each is delivered with its last byte; one without payload with the byte behind it.
@@ -79,32 +69,6 @@ TEST(H4Framing, SplitAtEveryByte_YieldsSamePackets) {
       for (const UartRig::Packet& more : framer.Take()) packets.push_back(more);
       ASSERT_EQ(packets, (Packets{packet, kProbe})) << "cut at " << cut;
     }
-  }
-}
-
-TEST(H4Framing, Streams_YieldTheirPackets) {
-  for (const test::Vector& v : test::LoadVectors("h4_streams.txt")) {
-    Framer framer;
-    framer.Feed(test::ParseHex(v.fields[0]));
-    EXPECT_EQ(framer.Take(), PacketsOf(v.fields[1])) << v.name;
-  }
-}
-
-TEST(H4Framing, GarbageType_IsReportedOnceAndTheNextReadRecovers) {
-  for (const test::Vector& v : test::LoadVectors("h4_garbage.txt")) {
-    SCOPED_TRACE(v.name);
-    Framer framer;
-    testing::internal::CaptureStderr();
-    framer.Feed(test::ParseHex(v.fields[0]));
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(framer.Take(), PacketsOf(v.fields[1]));
-    const std::string line =
-        "OnDataReady: Unimplemented Packet Type: " + v.fields[2] + " detected!";
-    EXPECT_THAT(log, HasSubstr(line));
-    EXPECT_EQ(log.find("Unimplemented Packet Type", log.find(line) + line.size()),
-              std::string::npos);
-    framer.Feed(Framed({kProbe}));
-    EXPECT_EQ(framer.Take(), Packets{kProbe});
   }
 }
 

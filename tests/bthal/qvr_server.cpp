@@ -64,11 +64,6 @@ void QvrServer::SetScript(Script script) {
   script_ = std::move(script);
 }
 
-void QvrServer::SetFindError(std::optional<uint32_t> error) {
-  const std::lock_guard<std::mutex> guard(lock_);
-  find_error_ = error;
-}
-
 std::vector<QvrRequest> QvrServer::Requests() {
   const std::lock_guard<std::mutex> guard(lock_);
   return requests_;
@@ -148,19 +143,16 @@ void QvrServer::Serve(const Bytes& datagram) {
   const uint32_t kind = Le32(datagram, 0), serial = Le32(datagram, 4);
   const auto table = datagram.begin() + kHeaderBytes;
   const auto payload = table + Le32(datagram, 12);
-  std::unique_lock<std::mutex> guard(lock_);
   if (kind == kQvrFind) {
-    const std::optional<uint32_t> error = find_error_;
-    guard.unlock();
-    if (!error) return;
     Bytes number;
-    if (*error == 0) Append(&number, kServerId);
-    SendDatagram(Datagram(kQvrFound, serial, *error, {}, number));
+    Append(&number, kServerId);
+    SendDatagram(Datagram(kQvrFound, serial, 0, {}, number));
     return;
   }
   const Bytes fields(table, payload);
   const QvrRequest request{kind, serial, Field(fields, 0), Field(fields, 1),
                            Bytes(payload, datagram.end())};
+  std::unique_lock<std::mutex> guard(lock_);
   requests_.push_back(request);
   const Script script = script_;
   guard.unlock();

@@ -48,8 +48,6 @@ class QvrServer {
 
   // Without a script, whatever is asked succeeds.
   void SetScript(Script script);
-  // Finds fail with this error; 0 for success, nothing for no answer.
-  void SetFindError(std::optional<uint32_t> error);
   // What has been asked for so far, from its construction on, but for finds.
   std::vector<QvrRequest> Requests();
   // The same, once there are count of them (or after a deadline).
@@ -75,7 +73,6 @@ class QvrServer {
   std::mutex lock_;                  // of all that follow
   android::base::unique_fd client_;  // changed by the thread only
   Script script_;
-  std::optional<uint32_t> find_error_ = 0;
   std::vector<QvrRequest> requests_;
   std::thread thread_;
 };

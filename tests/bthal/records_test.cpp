@@ -99,13 +99,6 @@ TEST(DebugFiles, DumpFiles_AreTextOrHexadecimalByTheirName) {
   EXPECT_EQ(Written([](int fd) { collect_sscd_logs(fd, "x", "/data/absent/"); }), "");
 }
 
-TEST(DebugCentral, RecognisesTheDebugDumpCommand) {
-  const DebugCentral& central = DebugCentral::Get();
-  EXPECT_TRUE(central.IsControllerDebugDumpOpcode({0x5B, 0xFD}));
-  EXPECT_FALSE(central.IsControllerDebugDumpOpcode({0xFD, 0x5B, 0x00}));
-  EXPECT_FALSE(central.IsControllerDebugDumpOpcode({0x5B}));
-}
-
 // Other calls wait meanwhile: for a reader that takes nothing 2 s, for one that has gone not at
 // all.
 TEST(DebugReport, ReaderThatDoesNotRead_EndsTheReportWithOneLine) {

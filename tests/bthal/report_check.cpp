@@ -61,11 +61,6 @@ void WaitForTheNextSecond() {
   WaitFor([&] { return time(nullptr) > now; });
 }
 
-ReportRoot::ReportRoot() {
-  WriteConfiguration(path(), "UserialType=2\n");
-  WriteFile(path() + "/vendor/firmware/tovu/ZVK.hcd", std::string("\x4C\xFC\x01\x5A"));
-}
-
 void PrintReports() {
   DebugCentral::Get().SetEventSink([](const android::hardware::hidl_vec<uint8_t>& event) {
     printf("sink %s\n", ToHex(ToBytes(event)).c_str());

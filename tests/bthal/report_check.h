@@ -31,11 +31,6 @@ struct CrashRoot : TempDir, CrashFolders {
   CrashRoot() : CrashFolders(path()) {}
 };
 
-// One on the co-processor path, with a firmware of one record.
-struct ReportRoot : CrashRoot {
-  ReportRoot();
-};
-
 // Names of crash files have seconds: those of the next dump get names of their own.
 void WaitForTheNextSecond();
 

@@ -67,9 +67,10 @@ struct Result {
   bool recovered = false;          // whether a second stack was served after the first was stuck
   std::string log;
   std::string stack;
-  std::string wire;     // a line per command: speed and bytes
-  std::string verdict;  // the first sentence of the report on a service that has died
-  std::string unasked;  // what the host wrote before the answer or pause that it must wait for
+  std::string wire;       // a line per command: speed and bytes
+  std::string verdict;    // the first sentence of the report on a service that has died
+  std::string unasked;    // what the host wrote before the answer or pause that it must wait for
+  std::string low_power;  // what the driver was told: on is 1
   Board::Evidence evidence;
 };
 
@@ -227,6 +228,7 @@ Result Play(const Row& row) {
   const Bytes rest = board.StopPlaying();
   if (!rest.empty()) run.unasked += "and " + ToHex(rest) + "\n";
   run.log = board.Log();
+  run.low_power = ReadFile(board.Path("proc/bluetooth/sleep/lpm"));
   run.evidence = board.Left();
   return run;
 }
@@ -339,6 +341,7 @@ void JudgeLife(const Row& row, const Result& run) {
   EXPECT_THAT(run.log, HasSubstr(low_power ? "lpm_setup: LPM Enabled\n"
                                            : "lpm_setup: Unable to enable LPM controller:"));
   EXPECT_THAT(run.log, Not(HasSubstr(low_power ? "Unable to enable LPM" : "LPM Enabled")));
+  EXPECT_THAT(run.low_power, ::testing::EndsWith(low_power ? "1" : "0"));
 }
 
 void PlayAll(Fault fault) {

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <map>
+
 #include "support/wait.h"
 #include "system/handset.h"
 
@@ -75,6 +77,35 @@ TEST_F(Extension, ClientThatNeverReads_DelaysNobody) {
   // The stopped client loses its connection, and so its registration.
   EXPECT_TRUE(WaitFor([&] { return handset_->Status().find(kFirst) == std::string::npos; }))
       << handset_->Status();
+}
+
+TEST_F(Extension, PowerStatistics_AreReadWhileBluetoothIsOn) {
+  Start("after 0xFC01 nth 1 1ms activity tx 5 700ms\n");
+  const std::map<std::string, std::string> environment = {{"BTHAL_ROOT", handset_->root()}};
+  const std::string program = ProgramDir() + "/zvkpowerstats";
+  ChildProcess provider({program}, environment);
+  const auto says = [&](const std::string& text) {
+    return provider.WaitForOutput(text, kDeadline);
+  };
+  ASSERT_TRUE(says("ready\nregistered Bluetooth\n")) << provider.Output() << handset_->Log();
+  std::string refused;
+  EXPECT_EQ(test::Run({program}, &refused, environment).exit_code, 1);
+  EXPECT_EQ(refused, "zvkpowerstats: another power-statistics service runs here\n");
+  // Each reading has the controller asked for the next one.
+  EXPECT_TRUE(WaitFor([&] {
+    provider.Signal(SIGUSR1);
+    return CountOf("Bluetooth transmit: 7", provider.Output()) > 0;
+  })) << provider.Output();
+  EXPECT_EQ(handset_->Ctl({"down"}).exit_code, 0);
+  EXPECT_TRUE(says("unregistered Bluetooth\n")) << provider.Output();
+  EXPECT_EQ(handset_->Ctl({"up", "--detach"}).exit_code, 0);
+  EXPECT_TRUE(says("unregistered Bluetooth\nregistered Bluetooth\n")) << provider.Output();
+  handset_->KillService();
+  EXPECT_TRUE(says("died Bluetooth\n")) << provider.Output();
+  provider.Signal(SIGUSR1);
+  EXPECT_TRUE(says("nobody has registered\n")) << provider.Output();
+  provider.Signal(SIGTERM);
+  EXPECT_EQ(provider.Wait(kDeadline)->exit_code, 0);
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include "support/vectors.h"
 #include "support/wait.h"
 #include "system/handset.h"
-#include "system/parallel.h"
 
 namespace test {
 namespace {
@@ -92,57 +91,6 @@ TEST(Report, OfARunningService_IsAPageWithTheNumbersOfItsJson) {
   // Nothing that a browser would fetch.
   for (const char* const reference : {"src=", "url(", "@import", "href=\"http"}) {
     EXPECT_THAT(ReadFile(page), Not(HasSubstr(reference)));
-  }
-}
-
-TEST(Report, OfAFailedBringUp_SaysStepAndReasonFirst) {
-  constexpr char kSilence[] = " was not answered, or with Hardware Failure (0x03). ";
-  constexpr char kRefusal[] = " was refused with Command Disallowed (0x0C). ";
-  const struct {
-    const char* scenario;
-    std::string sentence;  // behind the time
-  } rows[] = {
-      {"on 0x0C03 no-answer",
-       "failed at \"reset and chip id\": Reset (0x0C03)" + std::string(kSilence) +
-           "The service reported \"Host HCI Reset Error Before FW Download\"."},
-      {"on 0xFC18 status 0x0C", "failed at \"line speed\": Update Baud Rate (0xFC18)" +
-                                    std::string(kRefusal) +
-                                    "The service reported \"Host Change Baudrate Error\"."},
-      {"on 0xFC2E no-answer", "failed at \"download mode\": Download Minidriver (0xFC2E)" +
-                                  std::string(kSilence) +
-                                  "The service reported \"Host Firmware Download Error\"."},
-      {"on 0xFC4C nth 3 status 0x0C", "failed at \"firmware records\": Write RAM (0xFC4C)" +
-                                          std::string(kRefusal) +
-                                          "The service reported \"Host Firmware Download Error\"."},
-      {"on 0xFC4E no-answer", "failed at \"launch\": Launch RAM (0xFC4E)" + std::string(kSilence) +
-                                  "The service reported \"Host Firmware Download Error\"."},
-      {"on 0xFC79 nth 2 no-answer",
-       "failed at \"reset and chip id\": Read Verbose Configuration (0xFC79)" +
-           std::string(kSilence) +
-           "The service reported \"Host HCI Reset Error After FW Download\"."},
-      {"on 0xFC01 no-answer", "is waiting at \"device address\": there the log ends."},
-  };
-  const auto verdicts = InParallel<std::string>(std::size(rows), [&](size_t i) -> std::string {
-    Handset handset(rows[i].scenario + std::string("\n"), Mode::kPlain,
-                    {"--chip", "20", "--firmware-size", "2000"});
-    handset.StartService();
-    const auto stack = handset.StartStack();
-    const std::string expected = rows[i].sentence.substr(0, rows[i].sentence.find("The serv"));
-    std::string text;
-    WaitFor(
-        [&] {
-          if (expected.find("waiting") == std::string::npos && !handset.service().Wait({})) {
-            return false;
-          }
-          text = Json::parse(
-              Ctl(handset.root(), {"report", "--json", "--files-only"}))["verdict"]["text"];
-          return text.find(expected) != std::string::npos;
-        },
-        kDeadline);
-    return text;
-  });
-  for (size_t i = 0; i < std::size(rows); ++i) {
-    EXPECT_THAT(verdicts[i], HasSubstr(" " + rows[i].sentence)) << rows[i].scenario;
   }
 }
 

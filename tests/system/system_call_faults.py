@@ -119,6 +119,8 @@ def play(build, injector, row, reference):
             wrong.append(f"afterwards a stack is served like this: {said}")
         if names := handset.files("run/bthal/new-*"):
             wrong.append(f"unfinished names are left: {names}")
+        if names := [file for file in handset.files("data/vendor/ssrdump/**/*.*") if file.stat().st_size == 0]:
+            wrong.append(f"empty files are left: {names}")
         if not wait_for(lambda: '"held": true' not in handset.status()):
             wrong.append("a wake lock is held")
         more = lambda: [dict(now - usual) for now, usual in zip(left(handset), reference[row.phase == "plain"])]
