@@ -168,7 +168,8 @@ class Handset {
     uart_ = std::make_unique<test::LinkedPty>(root_folder::Resolve("/dev/ttyBT7"));
     all_.on_packet = [this](uint8_t type, const std::string& packet) { OnPacket(type, packet); };
     all_.on_part = [this] {
-      Require(all_.wake_lock || !shim::IsLpmRunning(), "the controller is awake when it is sent to");
+      Require(all_.wake_lock || !shim::IsLpmRunning(),
+              "the controller is awake when it is sent to");
     };
     all_.meanwhile = [this](bool endless) { return Meanwhile(endless); };
     hal_ = new V1_1::zvkbtlinux::BluetoothHci;

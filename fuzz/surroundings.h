@@ -40,13 +40,13 @@ struct Surroundings {
   std::function<void()> coexistence;                         // what a reset notice calls
   std::unique_ptr<std::thread::_State> signal_thread;        // waits for SIGTERM
   bool signalled = false;
-  std::string unread;                                        // on the line
-  size_t read_size = 65536;                                  // what one read takes at most
-  bool reading = false;                                      // the reader's thread runs
-  bool fails = false;                                        // the line, when it is written to
-  size_t room = SIZE_MAX;                                    // what it takes before it is full,
-  std::chrono::nanoseconds full_for{0};                      // for so long
-  std::string taken;                                         // of a packet
+  std::string unread;                    // on the line
+  size_t read_size = 65536;              // what one read takes at most
+  bool reading = false;                  // the reader's thread runs
+  bool fails = false;                    // the line, when it is written to
+  size_t room = SIZE_MAX;                // what it takes before it is full,
+  std::chrono::nanoseconds full_for{0};  // for so long
+  std::string taken;                     // of a packet
   bool wake_lock = false;
   int openings = 0;   // of the line
   bool dead = false;  // a fatal error came on another thread than the one that waits
