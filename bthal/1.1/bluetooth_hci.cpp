@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "base/free_memory.h"
 #include "base/own_thread.h"
 #include "base/thread_role.h"
 #include "bluetooth_address.h"
@@ -195,6 +196,7 @@ void BluetoothHci::close_impl(const sp<::android::hidl::base::V1_0::IBase>& stac
     perform_close(turn);
   }
   AttachedStack::Get().DetachIf(stack);
+  ReturnFreeMemory();
   ALOGI("BluetoothHci::close() Done");
 }
 

@@ -13,6 +13,7 @@
 #include <system_error>
 #include <thread>
 
+#include "base/free_memory.h"
 #include "base/own_thread.h"
 #include "bluetooth_hci.h"
 #include "btzvk_protocol.h"
@@ -156,6 +157,7 @@ void BluetoothHci::thread_perform_reinit(Lifecycle::Turn turn) {
       "the stack has died: the service brings the controller up again");
   stopTavioHalExtensions();
   perform_close(turn);
+  ReturnFreeMemory();
   perform_init(turn);
 }
 
