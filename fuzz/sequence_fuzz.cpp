@@ -73,6 +73,8 @@ enum Step : uint8_t {
   kCloseInside,  // the stack closes when it is called next
   kAccelerated,  // or not
   kReads,        // of so many bytes
+  kLineIsFull,   // after so many bytes, for so many tenths of a second
+  kTerminate,    // SIGTERM
 };
 
 enum Manner : uint8_t { kAnswers, kRefuses, kIsSilent, kGoesOnWithTheInput };
@@ -165,6 +167,10 @@ class Handset {
     fuzz::Put("/vendor/etc/bluetooth/bt_vendor.conf", "UartPort=/dev/ttyBT7\n");
     uart_ = std::make_unique<test::LinkedPty>(root_folder::Resolve("/dev/ttyBT7"));
     all_.on_packet = [this](uint8_t type, const std::string& packet) { OnPacket(type, packet); };
+    all_.on_part = [this] {
+      Require(all_.wake_lock || !shim::IsLpmRunning(),
+              "the controller is awake when it is sent to");
+    };
     all_.meanwhile = [this](bool endless) { return Meanwhile(endless); };
     hal_ = new V1_1::zvkbtlinux::BluetoothHci;
   }
@@ -246,6 +252,13 @@ class Handset {
       case kReads:
         all_.read_size = input_->Byte() + 1u;
         return;
+      case kLineIsFull: {
+        all_.room = input_->Byte();
+        const int tenths = input_->Byte() % 24;
+        all_.full_for = std::chrono::milliseconds(100) * tenths;
+        if (tenths >= 20) broken_ = true;  // the line counts as stuck
+        return;
+      }
       default:
         break;
     }
@@ -281,6 +294,9 @@ class Handset {
         const std::string packet = Packet(&type);
         return type == 4 ? void() : Send(type, packet);
       }
+      case kTerminate:
+        all_.Terminate();
+        return all_.dead ? void() : CheckOff();
       case kAccelerated:
         return Accelerate(!accelerated_);
       default:
@@ -310,8 +326,13 @@ class Handset {
     if (all_.dead) return;
     Require(!stack_->IsLinked(), "a stack that has closed is not waited for");
     if (shim::IsUserialReady()) return;
-    Require(all_.reader == nullptr && !all_.wake_lock, "nobody reads the line or stays awake");
     Require(all_.coexistence == nullptr, "the coexistence device is closed");
+    CheckOff();
+  }
+
+  void CheckOff() {
+    Require(all_.reader == nullptr, "nobody reads the line");
+    Require(!all_.wake_lock, "nobody stays awake");
     Require(test::ReadFile(root_folder::Resolve(kPower)) == "0", "the controller is off");
   }
 
@@ -350,7 +371,6 @@ class Handset {
       credits_ = true;
       waiting_.clear();
     }
-    Require(all_.wake_lock || !shim::IsLpmRunning(), "the controller is awake when it is sent to");
     sent_at_ = all_.now;
     if (type != 1) {
       Require(!data_sent_ && packet == expected_data_, "data goes out once, as it came");
@@ -384,10 +404,10 @@ class Handset {
       const bool grants = at < packet.size() && (code == 0x19 || packet[at - 1] != 0);
       if (!outstanding_) {
         credits_ = credits_ || grants;
-      } else if (OpcodeIn(packet, at) == opcode_) {
+      } else if (OpcodeIn(packet, at) == opcode_) {  // any event completes opcode 0
         outstanding_ = false;
         credits_ = grants;
-        is_for_the_stack = of_the_stack_ && !IsOwn();
+        is_for_the_stack = at < packet.size() && of_the_stack_ && !IsOwn();
       }
     }
     to_host_ = std::string(1, static_cast<char>(type)) + packet;
@@ -454,6 +474,7 @@ class Handset {
     manner_ = kAnswers;
     close_inside_ = died_ = all_.fails = false;
     all_.read_size = 65536;
+    all_.room = SIZE_MAX;
     client_->Die();
     Accelerate(true);
     do {
@@ -542,7 +563,8 @@ std::vector<std::string> fuzz::Seeds() {
     seeds.push_back(command +
                     std::string{0, 3, 1, 0x10, 0, 0x0E, 4, credits, 3, 0x0C, 0, 2, kAnswer});
   }
-  for (char step = 0; step <= kReads; ++step) {
+  seeds.push_back(std::string{2, kLineIsFull, 2, 18} + command + std::string{2, kTime, 20});
+  for (char step = 0; step <= kTerminate; ++step) {
     // Some take what follows.
     seeds.push_back(command + std::string{2, step, 1} + command + again);
     seeds.push_back(std::string{2, kAccelerated, 2, step, 20} + again + command);

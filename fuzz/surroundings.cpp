@@ -1,5 +1,6 @@
 #include "surroundings.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/uio.h>
 
@@ -47,6 +48,7 @@ namespace async {
 struct AsyncFdWatcher::Run {};
 int AsyncFdWatcher::WatchFdForNonBlockingReads(int, const ReadCallback& callback) {
   all.reader = callback;
+  all.taken.clear();
   ++all.openings;
   return 0;
 }
@@ -145,6 +147,16 @@ bool Surroundings::RunThread() {
   return true;
 }
 
+void Surroundings::Terminate() {
+  if (signal_thread == nullptr) return;
+  signalled = true;
+  const As role(ThreadRole::kOther);
+  try {
+    signal_thread->_M_run();
+  } catch (const Blocked&) {
+  }
+}
+
 void Surroundings::Pass(nanoseconds duration) {
   const As role(ThreadRole::kOther);
   const nanoseconds end = now + duration;
@@ -195,6 +207,10 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t*, pthread_mutex_t* mutex, clock
 
 ssize_t __real_read(int fd, void* buffer, size_t size);
 ssize_t __wrap_read(int fd, void* buffer, size_t size) {
+  if (size == sizeof(uint64_t) && !IsLine(fd)) {
+    if (!std::exchange(all.signalled, false)) throw fuzz::Blocked();
+    return sizeof(uint64_t);
+  }
   if (!IsLine(fd)) return __real_read(fd, buffer, size);
   const size_t count = std::min({size, all.read_size, all.unread.size()});
   memcpy(buffer, all.unread.data(), count);
@@ -207,12 +223,35 @@ ssize_t __wrap_writev(int fd, const iovec* parts, int count) {
     errno = EIO;
     return -1;
   }
+  if (all.room == 0) {
+    errno = EAGAIN;
+    return -1;
+  }
   std::string bytes;
   for (int i = 0; i < count; ++i) {
     bytes.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
   }
-  all.on_packet(static_cast<uint8_t>(bytes[0]), bytes.substr(1));
-  return static_cast<ssize_t>(bytes.size());
+  all.on_part();
+  const size_t fits = std::min(all.room, bytes.size());
+  if (all.room != SIZE_MAX) all.room -= fits;
+  all.taken.append(bytes, 0, fits);
+  if (fits == bytes.size()) {
+    const std::string packet = std::exchange(all.taken, {});
+    all.on_packet(static_cast<uint8_t>(packet[0]), packet.substr(1));
+  }
+  return static_cast<ssize_t>(fits);
+}
+
+int __real_poll(pollfd* fds, nfds_t count, int timeout);
+int __wrap_poll(pollfd* fds, nfds_t count, int timeout) {
+  if (!IsLine(fds[0].fd) || fds[0].events != POLLOUT) return __real_poll(fds, count, timeout);
+  const auto wait = std::min(all.full_for, nanoseconds(std::chrono::milliseconds(timeout)));
+  all.Pass(wait);
+  all.full_for -= wait;
+  fds[1].revents = 0;
+  if (all.full_for > nanoseconds(0)) return 0;
+  all.room = SIZE_MAX;
+  return 1;
 }
 
 }  // extern "C"
@@ -240,11 +279,16 @@ void StartThread(std::thread* thread, std::thread::_State_ptr state, void (*depe
   if (!all.on_packet) return StartRealThread(thread, std::move(state), depend);  // the engine's
   const std::thread::_State& task = *state;
   const char* name = typeid(task).name();  // has those of the functions around a lambda
+  *reinterpret_cast<pthread_t*>(thread) = kSimulated;
+  if (strstr(name, "StartSignalThread") != nullptr) {
+    all.signal_thread = std::move(state);
+    return;
+  }
   if (strstr(name, "RunOnOwnThread") == nullptr && strstr(name, "link_to_death") == nullptr) {
+    *reinterpret_cast<pthread_t*>(thread) = 0;
     throw std::system_error(EAGAIN, std::generic_category());
   }
   all.threads.push_back(std::move(state));
-  *reinterpret_cast<pthread_t*>(thread) = kSimulated;
 }
 
 void ReallyDetach(std::thread* thread) __asm__("__real__ZNSt6thread6detachEv");

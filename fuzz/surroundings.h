@@ -23,6 +23,8 @@ struct Surroundings {
 
   // A packet, behind its type byte, that the line has taken.
   std::function<void(uint8_t type, const std::string& packet)> on_packet;
+  // Each part of one, before that.
+  std::function<void()> on_part;
   // Has the controller or the stack do something while the service waits, for ever when endless.
   // Returns whether it did.
   std::function<bool(bool endless)> meanwhile;
@@ -36,10 +38,15 @@ struct Surroundings {
   std::deque<std::unique_ptr<std::thread::_State>> threads;  // not run yet
   std::function<void(int)> reader;                           // null: nobody reads the line
   std::function<void()> coexistence;                         // what a reset notice calls
-  std::string unread;                                        // on the line
-  size_t read_size = 65536;                                  // what one read takes at most
-  bool reading = false;                                      // the reader's thread runs
-  bool fails = false;                                        // the line, when it is written to
+  std::unique_ptr<std::thread::_State> signal_thread;        // waits for SIGTERM
+  bool signalled = false;
+  std::string unread;                    // on the line
+  size_t read_size = 65536;              // what one read takes at most
+  bool reading = false;                  // the reader's thread runs
+  bool fails = false;                    // the line, when it is written to
+  size_t room = SIZE_MAX;                // what it takes before it is full,
+  std::chrono::nanoseconds full_for{0};  // for so long
+  std::string taken;                     // of a packet
   bool wake_lock = false;
   int openings = 0;   // of the line
   bool dead = false;  // a fatal error came on another thread than the one that waits
@@ -49,6 +56,7 @@ struct Surroundings {
   void ResetNotice();
   // The thread that has waited longest. Returns whether there was one.
   bool RunThread();
+  void Terminate();  // SIGTERM
   // Lets time pass, with what the timers do.
   void Pass(std::chrono::nanoseconds duration);
 };

@@ -14,7 +14,11 @@ std::optional<time_t> ParseLocalTime(const std::string& text, const char* format
   local.tm_isdst = -1;
   const char* const rest = strptime(text.c_str(), format, &local);
   if (rest != text.c_str() + text.size()) return std::nullopt;
-  return mktime(&local);
+  const time_t seconds = mktime(&local);
+  // The clock counts nanoseconds, until the year 2262.
+  constexpr auto kEnd = std::chrono::floor<std::chrono::seconds>(system_clock::duration::max());
+  if (seconds < 0 || seconds >= kEnd.count()) return std::nullopt;
+  return seconds;
 }
 
 std::string LocalTimeText(time_t seconds) {

@@ -26,7 +26,7 @@ std::optional<std::string> DetailOf(const LogLine& line, const char* tag, const 
                                     const char* after);
 
 // Seconds since 1970 of a local date, such as strptime() reads by format. Empty when text is none,
-// or more than that.
+// or more than that, or beyond what system_clock can tell.
 std::optional<time_t> ParseLocalTime(const std::string& text, const char* format);
 
 // "2026-11-21 06:48:18", local time of seconds since 1970.

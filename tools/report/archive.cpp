@@ -54,7 +54,8 @@ std::string UnpackHandsetFiles(const std::string& name, const std::string& folde
   archive_read_support_format_zip(reader.get());
   archive_read_support_format_tar(reader.get());
   const auto fail = [&] {
-    throw Failure(name + ": " + std::string(archive_error_string(reader.get())));
+    const char* const reason = archive_error_string(reader.get());  // not every mistake has one
+    throw Failure(name + ": " + (reason != nullptr ? reason : "it is damaged"));
   };
   if (archive_read_open_filename(reader.get(), name.c_str(), 1 << 16) != ARCHIVE_OK) fail();
   int64_t bytes = 0;

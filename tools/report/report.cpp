@@ -5,6 +5,7 @@
 #include <root_folder/root_folder.h>
 
 #include <algorithm>
+#include <cmath>
 #include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -177,7 +178,14 @@ Json MakeReport(const Options& options, const ReportRequest& request) {
 }
 
 Json ParseReport(const std::string& text, const std::string& name) {
-  Json report = Json::parse(text, nullptr, false);
+  // A number beyond what JSON holds exactly counts for none: it may not be read as an integer.
+  const auto without_huge = [](int, Json::parse_event_t event, Json& value) {
+    constexpr double kMost = 9007199254740992;  // 2^53
+    if (event != Json::parse_event_t::value || !value.is_number()) return true;
+    if (std::abs(value.get<double>()) > kMost) value = nullptr;
+    return true;
+  };
+  Json report = Json::parse(text, without_huge, false);
   try {
     ReportPage(report);  // reads all of it
   } catch (const Json::exception&) {
