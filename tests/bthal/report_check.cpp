@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <time.h>
 
-#include <algorithm>
 #include <filesystem>
 
 #include "bthal/uart_rig.h"
@@ -20,15 +19,6 @@ using testing::HasSubstr;
 
 constexpr char kDumps[] = "/data/vendor/ssrdump";
 constexpr char kCoreDumps[] = "/coredump";
-
-std::vector<std::string> FilesIn(const std::string& folder) {
-  std::vector<std::string> paths;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    if (entry.is_regular_file()) paths.push_back(entry.path());
-  }
-  std::sort(paths.begin(), paths.end());
-  return paths;
-}
 
 std::string FileLike(const std::vector<std::string>& paths, const std::string& name) {
   for (const std::string& path : paths) {

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -42,6 +43,16 @@ std::string Written(const std::function<void(int fd)>& f) {
   const std::string text = ReadFile("/proc/self/fd/" + std::to_string(fd));
   close(fd);
   return text;
+}
+
+std::vector<std::string> FilesIn(const std::string& folder) {
+  std::vector<std::string> paths;
+  std::error_code none;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, none)) {
+    if (entry.is_regular_file()) paths.push_back(entry.path());
+  }
+  std::sort(paths.begin(), paths.end());
+  return paths;
 }
 
 void WriteFile(const std::string& path, const std::string& content) {

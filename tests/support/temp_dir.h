@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace test {
 
@@ -24,6 +25,8 @@ class TempDir {
 std::string ReadFile(const std::string& path);
 // What f writes to the descriptor that it is given.
 std::string Written(const std::function<void(int fd)>& f);
+// The paths of the files in a folder, in order; none when it is not there.
+std::vector<std::string> FilesIn(const std::string& folder);
 // Makes the folders above path, too.
 void WriteFile(const std::string& path, const std::string& content);
 

@@ -99,15 +99,6 @@ std::vector<std::string> SplitTrimmed(const std::string& text, char separator) {
   return android::base::Trim(text).empty() ? std::vector<std::string>{} : Split(text, separator);
 }
 
-bool HasShape(const std::string& text, const std::string& shape) {
-  if (text.size() != shape.size()) return false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const bool digit = text[i] >= '0' && text[i] <= '9';
-    if (shape[i] == '#' ? !digit : text[i] != shape[i]) return false;
-  }
-  return true;
-}
-
 std::string Replaced(const std::string& text, const std::string& from, const std::string& to) {
   return android::base::StringReplace(text, from, to, /*all=*/true);
 }

@@ -29,8 +29,6 @@ Bytes Concat(Bytes bytes, const Bytes& more);
 std::optional<std::string> ParseText(const std::string& field);
 // Parts without the blanks around them; none for a text of blanks.
 std::vector<std::string> SplitTrimmed(const std::string& text, char separator);
-// Whether text is shape, in which each # stands for a digit.
-bool HasShape(const std::string& text, const std::string& shape);
 std::string Replaced(const std::string& text, const std::string& from, const std::string& to);
 
 }  // namespace test

@@ -23,7 +23,6 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/random.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -150,14 +149,10 @@ FAULTY(int, getsockopt, fd, (int fd, int level, int name, void* value, socklen_t
 FAULTY(int, tcgetattr, fd, (int fd, termios* settings) noexcept, fd, settings)
 FAULTY(int, tcsetattr, fd, (int fd, int when, const termios* settings) noexcept, fd, when, settings)
 FAULTY(int, tcflush, fd, (int fd, int queue) noexcept, fd, queue)
-FAULTY(int, fsync, fd, (int fd), fd)
 FAULTY(int, flock, fd, (int fd, int operation) noexcept, fd, operation)
-FAULTY(int, connect, fd, (int fd, const sockaddr* address, socklen_t size), fd, address, size)
-FAULTY(ssize_t, getrandom, kThread, (void* data, size_t size, unsigned flags), data, size, flags)
 FAULTY(int, fchmodat, path, (int folder, const char* path, mode_t mode, int flags) noexcept, folder,
        path, mode, flags)
 FAULTY(int, mkdir, path, (const char* path, mode_t mode) noexcept, path, mode)
-FAULTY(int, rename, to, (const char* from, const char* to) noexcept, from, to)
 FAULTY(int, renameat, to,
        (int from_folder, const char* from, int to_folder, const char* to) noexcept, from_folder,
        from, to_folder, to)

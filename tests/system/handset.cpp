@@ -1,47 +1,18 @@
 #include "system/handset.h"
 
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
 #include <sstream>
 #include <stdexcept>
 
-#include "support/vectors.h"
 #include "support/wait.h"
 
 namespace test {
-namespace {
-
-// What every process is given that the test starts: stdin, stdout, stderr, and what the test itself
-// was started with. The listing opens one more.
-const int kInheritedDescriptors = CountDescriptors(getpid()) - 1;
-// There are 18 more while Bluetooth is up.
-const int kMostDescriptors = kInheritedDescriptors + 23;
-
-#ifdef __SANITIZE_THREAD__
-constexpr int kUnnamedThreads = 3;  // the main one, the NDK's, ThreadSanitizer's
-#else
-constexpr int kUnnamedThreads = 2;  // the main one, the NDK's
-#endif
-
-// What follows text up to the end of its line, where it stands last; empty when it does not.
-std::string RestOfLine(const std::string& all, const std::string& text) {
-  const size_t at = all.rfind(text);
-  if (at == std::string::npos) return "";
-  const size_t begin = at + text.size();
-  return all.substr(begin, all.find('\n', begin) - begin);
-}
-
-bool Has(const std::string& all, const char* text) { return all.find(text) != std::string::npos; }
-
-}  // namespace
 
 std::string ModeName(Mode mode) { return mode == Mode::kAccelerated ? "Accelerated" : "Plain"; }
 
@@ -60,14 +31,9 @@ std::unique_ptr<ChildProcess> StartStackOn(const std::string& root,
 }
 
 std::vector<std::string> ContentsOf(const std::string& folder) {
-  std::vector<std::string> paths;
-  std::error_code none;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, none)) {
-    if (entry.is_regular_file()) paths.push_back(entry.path());
-  }
-  std::sort(paths.begin(), paths.end());
-  for (std::string& path : paths) path = ReadFile(path);
-  return paths;
+  std::vector<std::string> files = FilesIn(folder);
+  for (std::string& file : files) file = ReadFile(file);
+  return files;
 }
 
 Handset::Handset(Mode mode, const std::vector<std::string>& simulator_options) {
@@ -149,65 +115,6 @@ std::unique_ptr<ChildProcess> Handset::StartStack(const std::vector<std::string>
 std::string Tail(const std::string& log) {
   constexpr size_t kShown = 6000;
   return log.size() > kShown ? "…" + log.substr(log.size() - kShown) : log;
-}
-
-std::string Handset::WaitForEnd() {
-  const std::optional<ChildResult> end = service().Wait(kDeadline);
-  const std::string log = Log();
-  if (!end) return "the service does not end\n" + Tail(log);
-  const auto wrong = [&](const std::string& what) {
-    return what + ", signal " + std::to_string(end->signal) + ", exit " +
-           std::to_string(end->exit_code) + "\n" + Tail(log);
-  };
-  const std::string reported = RestOfLine(log, "root inflamed event with reason: ");
-  if (end->signal == SIGKILL) {
-    const bool big_hammer = Has(reported, "(127)");
-    const bool no_stack = Has(log, "Calling kill due to an error") || Has(log, "calling kill");
-    return big_hammer || no_stack ? "" : wrong("killed without a reason");
-  }
-  if (end->signal == SIGTERM) {
-    return Has(log, "sigaction(SIGTERM)") ? wrong("SIGTERM was not handled") : "";
-  }
-  // A port that cannot be read ends the process without a report.
-  if (end->signal == SIGABRT && Has(log, "Read packet type error: ")) return "";
-  if (end->signal != SIGABRT || reported.empty()) return wrong("the service died without a report");
-  if (!Has(log, "Bluetooth HAL crash with error code 0, vendor error code ")) {
-    return wrong("it did not say why it aborted");
-  }
-  const std::string core_dump = RestOfLine(log, "Starting to generate Bluetooth ssrdump files: ");
-  std::string crash_info = Replaced(core_dump, "coredump/coredump_bt_", "crashinfo_bt_");
-  crash_info = Replaced(crash_info, ".bin", ".txt");
-  for (const std::string& file : {core_dump, crash_info}) {
-    if (file.empty() || !std::filesystem::exists(root() + file))
-      return wrong("there is no " + file);
-  }
-  return "";
-}
-
-std::string Handset::WaitForRest() {
-  const std::string process = "/proc/" + std::to_string(service().pid());
-  std::string listed;  // a line a thread: number, name, where it waits in the kernel
-  int descriptors = 0;
-  const auto rests = [&] {
-    std::map<std::string, int> threads;
-    listed.clear();
-    std::error_code gone;  // a thread may end while they are listed
-    for (const auto& task : std::filesystem::directory_iterator(process + "/task", gone)) {
-      std::string name = ReadFile((task.path() / "comm").string());
-      name.resize(name.find_last_not_of('\n') + 1);
-      ++threads[name];
-      listed += task.path().filename().string() + " " + name + " " +
-                ReadFile((task.path() / "wchan").string()) + "\n";
-    }
-    descriptors = CountDescriptors(service().pid());
-    for (const auto& [name, count] : threads) {
-      const bool named = name.rfind("android.hardwar", 0) != 0;
-      if (count > (named ? 1 : kUnnamedThreads)) return false;
-    }
-    return descriptors <= kMostDescriptors;
-  };
-  if (WaitFor(rests)) return "";
-  return listed + std::to_string(descriptors) + " descriptors\n" + Tail(Log());
 }
 
 unsigned NewSeed() {

@@ -47,12 +47,6 @@ class Handset {
 
   ChildProcess& simulator() { return *simulator_; }
   ChildProcess& service() { return *service_; }
-  // Waits for the end of the service. Returns what was wrong about it, empty when it left a report
-  // and ended as that report requires: with an abort and crash files, or with SIGKILL.
-  std::string WaitForEnd();
-  // Waits until the service has at most one thread of each name and no more descriptors than a
-  // controller that is up needs. Returns an empty text, or what the process has instead.
-  std::string WaitForRest();
   const std::string& root() const { return folder_.path(); }
   std::string Path(const std::string& path) const { return folder_ / path; }
   // The service's log so far.
