@@ -1,6 +1,7 @@
 #include "tools/evidence/report_sections.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace bthalctl {
 namespace {
@@ -26,16 +27,18 @@ const Heading kHeadings[] = {
 
 // The first heading at or behind from: where the line end before its rule stands, and its section.
 size_t FindHeading(const std::string& report, size_t from, std::string* section) {
-  size_t first = std::string::npos;
-  for (const Heading& heading : kHeadings) {
-    for (const std::string& rule : {kRule, kStars}) {
-      const size_t at = report.find(rule + heading.begin, from);
-      if (at >= first) continue;
-      first = at;
-      *section = heading.section;
+  for (size_t at = report.find('\n', from); at != std::string::npos;
+       at = report.find('\n', at + 1)) {
+    for (const std::string* rule : {&kRule, &kStars}) {
+      if (report.compare(at, rule->size(), *rule) != 0) continue;
+      for (const Heading& heading : kHeadings) {
+        if (report.compare(at + rule->size(), strlen(heading.begin), heading.begin) != 0) continue;
+        *section = heading.section;
+        return at;
+      }
     }
   }
-  return first;
+  return std::string::npos;
 }
 
 // The end of the file whose block begins at begin: it is named once more between two rules.
