@@ -3,7 +3,7 @@
 
 usage: surroundings.py BUILD-FOLDER [NAME-PATTERN]
 """
-import concurrent.futures, contextlib, os, re, resource, signal, subprocess, sys
+import concurrent.futures, contextlib, os, re, resource, signal, subprocess, sys, time
 
 from handset import DEADLINE, SERVICE, Handset, wait_for
 
@@ -96,6 +96,35 @@ def stack_stands_still(handset):
     require(said_by(stack) == SERVED, "the stack is not served on")
 
 
+def provider_stands_still(handset):
+    start(handset)
+    provider = handset.start([handset.bin / "zvkpowerstats"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                             env={**os.environ, "BTHAL_ROOT": str(handset.root)})
+    serve(handset)
+    with stopped(provider):
+        serve(handset)
+        serve(handset)
+    serve(handset)
+
+
+def simulator_stands_still(handset):
+    """A stack waits as long; a bring-up ends with a reason, and the next one works."""
+    start(handset)
+    stack = handset.start_stack("main", "0", "await", "1000")
+    require(wait_for(lambda: "initialize() completed" in handset.log()), "no stack is attached")
+    with stopped(handset.simulator):
+        time.sleep(0.5)
+    require(said_by(stack) == SERVED, "the stack is not served on")
+    handset.service.kill()
+    handset.service.wait()
+    with stopped(handset.simulator):
+        handset.start_service()
+        require(wait_for(lambda: handset.service.poll() is not None), "a bring-up without a controller does not end")
+    require(handset.service.returncode == -signal.SIGABRT and handset.files("data/vendor/ssrdump/crashinfo*"),
+            f"no report: {handset.service.returncode}")
+    serve_the_next(handset)
+
+
 def line_hangs_up_and_service_ends(handset):
     start(handset)
     serve(handset)
@@ -122,7 +151,8 @@ def service_stands_still(handset):
     serve(handset)
 
 
-CASES = [no_descriptors, stack_stands_still, line_hangs_up_and_service_ends, service_stands_still]
+CASES = [no_descriptors, stack_stands_still, line_hangs_up_and_service_ends, provider_stands_still, simulator_stands_still,
+         service_stands_still]
 
 
 def play(build, case, options):
@@ -139,7 +169,8 @@ def main():
     with open(f"{build}/bin/{SERVICE}", "rb") as program:
         sanitized = re.search(b"__(asan|tsan)_init", program.read())
     cases = CASES + ([] if sanitized else [no_memory])  # a sanitizer reserves more than there is
-    plays = [(case, []) for case in cases] + [(stack_stands_still, ["--co-processor"])]
+    plays = [(case, []) for case in cases] + [(case, ["--co-processor"]) for case in CASES if case in (
+        stack_stands_still, simulator_stands_still)]
     plays = [(case, options) for case, options in plays if re.search(pattern, case.__name__)]
     failed = 0
     with concurrent.futures.ThreadPoolExecutor(8) as pool:
