@@ -290,6 +290,7 @@ void Handset::BrownOut() {
 
 void Handset::OnLostSync(uint8_t bad) {
   ++counts_.sync_losses;
+  trace_.Note("no packet begins with byte " + std::to_string(bad));
   replay_ ? replay_->OnLostSync(bad) : controller_->OnLostSync(bad);
 }
 
