@@ -10,7 +10,7 @@ using android::hardware::hidl_vec;
 std::vector<std::string> fuzz::Seeds() { return Texts("device_address.txt", 0); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::LogEverything();
+  fuzz::Log(size);
   const std::string text(data, data + size);
   fuzz::Put("/proc/device-tree/chosen/config/bt_addr", text);
   std::string sent;

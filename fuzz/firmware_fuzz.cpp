@@ -8,7 +8,7 @@ using android::hardware::bluetooth::FirmwarePatch;
 std::vector<std::string> fuzz::Seeds() { return Packets("firmware.txt"); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  fuzz::LogEverything();
+  fuzz::Log(size);
   const std::string file(data, data + size);
   fuzz::Put("/vendor/firmware/tovu/ZVK.hcd", file);
   std::string name;

@@ -120,10 +120,9 @@ void CallService(Connection& connection) {
   provider->unregisterCallback(TheResidencyCallback()).isOk();
 }
 
-int LowestFreeDescriptor() { return unique_fd(open("/dev/null", O_RDONLY | O_CLOEXEC)).get(); }
+int LowestFreeDescriptor() { return unique_fd(fcntl(0, F_DUPFD_CLOEXEC, 0)).get(); }
 
 void Begin() {
-  fuzz::LogEverything();
   client_answer_time = std::chrono::milliseconds(1);
   IoLoop::Get().TryLead();  // for good: this thread reads
   const sp<BluetoothCcc> ccc = new BluetoothCcc;
@@ -155,6 +154,7 @@ std::vector<std::string> fuzz::Seeds() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool begun = (Begin(), true);
   static_cast<void>(begun);
+  fuzz::Log(size);
   fuzz::Input input(data, size);
   const bool is_service = (input.Byte() & 1) != 0;
   const int lowest = LowestFreeDescriptor();

@@ -75,6 +75,7 @@ enum Step : uint8_t {
   kReads,        // of so many bytes
   kLineIsFull,   // after so many bytes, for so many tenths of a second
   kTerminate,    // SIGTERM
+  kCoProcessor,  // is the way to the controller from the next bring-up on, or no longer
 };
 
 enum Manner : uint8_t { kAnswers, kRefuses, kIsSilent, kGoesOnWithTheInput };
@@ -143,6 +144,7 @@ sp<IBinder> BinderOf(Interface* service) {
 }
 
 constexpr char kNotAccelerated[] = "persist.bluetooth.disable.accelerate.bt.on";
+constexpr char kCoProcessorProperty[] = "persist.bluetooth.ulk.path.enabled";
 constexpr char kPower[] = "/sys/class/rfkill/rfkill0/state";
 constexpr uint16_t kUncounted = 0xFD5B;  // goes out beside the flow control when the stack sends it
 
@@ -156,12 +158,11 @@ uint16_t OpcodeIn(const std::string& packet, size_t at) {
 class Handset {
  public:
   Handset() {
-    fuzz::LogEverything();
     fuzz::Put("/proc/bluetooth/timesync", "");
     fuzz::Put("/proc/bluetooth/sleep/lpm", "");
     fuzz::Put("/proc/bluetooth/sleep/btwrite", "");
     fuzz::Put("/proc/device-tree/chosen/config/bt_addr", "00:11:22:33:44:55");
-    fuzz::Put("/sys/class/rfkill/rfkill0/type", "bluetooth\n");
+    fuzz::PutOnDisk("/sys/class/rfkill/rfkill0/type", "bluetooth\n");
     fuzz::Put(kPower, "0");
     fuzz::Put("/vendor/firmware/tovu/ZVK.hcd", "");
     fuzz::Put("/vendor/etc/bluetooth/bt_vendor.conf", "UartPort=/dev/ttyBT7\n");
@@ -299,6 +300,8 @@ class Handset {
         return all_.dead ? void() : CheckOff();
       case kAccelerated:
         return Accelerate(!accelerated_);
+      case kCoProcessor:
+        return ConnectThroughCoProcessor(!co_processor_);
       default:
         return;
     }
@@ -333,12 +336,17 @@ class Handset {
   void CheckOff() {
     Require(all_.reader == nullptr, "nobody reads the line");
     Require(!all_.wake_lock, "nobody stays awake");
-    Require(test::ReadFile(root_folder::Resolve(kPower)) == "0", "the controller is off");
+    Require(fuzz::Get(kPower) == "0", "the controller is off");
   }
 
   void Accelerate(bool accelerated) {
     if (std::exchange(accelerated_, accelerated) == accelerated) return;
     android::base::SetProperty(kNotAccelerated, accelerated ? "false" : "true");
+  }
+
+  void ConnectThroughCoProcessor(bool co_processor) {
+    if (std::exchange(co_processor_, co_processor) == co_processor) return;
+    android::base::SetProperty(kCoProcessorProperty, co_processor ? "true" : "false");
   }
 
   // A packet of the stack.
@@ -477,9 +485,10 @@ class Handset {
     all_.room = SIZE_MAX;
     client_->Die();
     Accelerate(true);
+    ConnectThroughCoProcessor(false);
     do {
-      const bool off =
-          all_.dead || broken_ || V1_1::zvkbtlinux::debug::Evidence::Get().crash_dump.Started();
+      const bool off = all_.dead || broken_ || IsOnCoProcessor() ||
+                       V1_1::zvkbtlinux::debug::Evidence::Get().crash_dump.Started();
       if (all_.dead) all_.threads.clear();
       all_.dead = false;
       try {
@@ -498,8 +507,12 @@ class Handset {
     if (std::exchange(dumps_, false)) std::filesystem::remove_all(DumpFolder());
   }
 
-  // As a reset of the chip does, which waits for nobody.
+  static bool IsOnCoProcessor() { return shim::GetUserialType() == hci::kUserialCoProcessor; }
+
+  // As a reset of the chip does, which waits for nobody. On a co-processor it would end the
+  // process.
   void SwitchOff() {
+    if (IsOnCoProcessor()) shim::Deinitialize();
     all_.ResetNotice();
     while (all_.wake_lock) WakeLock::Get().Release();
     broken_ = false;
@@ -523,6 +536,7 @@ class Handset {
   fuzz::Input* input_ = nullptr;
   Manner manner_ = kAnswers;
   bool accelerated_ = true;
+  bool co_processor_ = false;
   bool close_inside_ = false;
   bool died_ = false;    // the stack, while it was being attached
   bool broken_ = false;  // the line, until it is opened anew
@@ -564,20 +578,21 @@ std::vector<std::string> fuzz::Seeds() {
                     std::string{0, 3, 1, 0x10, 0, 0x0E, 4, credits, 3, 0x0C, 0, 2, kAnswer});
   }
   seeds.push_back(std::string{2, kLineIsFull, 2, 18} + command + std::string{2, kTime, 20});
-  for (char step = 0; step <= kTerminate; ++step) {
+  for (char step = 0; step <= kCoProcessor; ++step) {
     // Some take what follows.
     seeds.push_back(command + std::string{2, step, 1} + command + again);
     seeds.push_back(std::string{2, kAccelerated, 2, step, 20} + again + command);
     seeds.push_back(std::string{2, kController, kIsSilent, 2, step, 1} + again + command);
     seeds.push_back(std::string{2, kController, kGoesOnWithTheInput, 2, kCloseAndOpen, 2, step});
+    seeds.push_back(std::string{2, kCoProcessor, 2, kAccelerated, 2, kCloseAndOpen, 2, step, 1} +
+                    command + again);
   }
   return seeds;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static auto* const handset = new Handset;
-  // What is logged is formatted, too; of one input in four, because it takes as long as the rest.
-  __android_log_set_minimum_priority(size % 4 == 0 ? ANDROID_LOG_VERBOSE : ANDROID_LOG_FATAL);
+  fuzz::Log(size);
   fuzz::Input input(data, size);
   handset->Run(&input);
   return 0;

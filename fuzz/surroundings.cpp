@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <qvr/qvr_client.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include "base/thread_role.h"
 #include "base/timer.h"
 #include "bluetooth_address.h"
+#include "bt_messages_generated.h"
 #include "coex_device.h"
 #include "h4/hw_control.h"
 #include "target.h"
@@ -74,6 +76,69 @@ int CoexDevice::DeviceClose() {
 
 }  // namespace coex_device
 }  // namespace android::hardware::bluetooth
+
+namespace qvr {
+namespace {
+
+class Client : public TransportClient {
+  int Connect() override { return all.fails ? kNotReady : 0; }
+  int FindServer(const std::string&, uint32_t* id) override { return *id = 0; }
+  int SetConnectionHandler(std::function<void()> on_lost) override {
+    on_lost_ = std::move(on_lost);
+    return 0;
+  }
+  int SetMessageHandler(uint32_t, MessageHandler handler) override {
+    all.reader = nullptr;
+    if (!handler) return 0;
+    ++all.openings;
+    all.reader = [this, handler](int) { Read(handler); };
+    return 0;
+  }
+  // What has arrived is one packet; a stray byte is the end of the connection.
+  void Read(const MessageHandler& handler) {
+    const std::string packet = std::exchange(all.unread, {});
+    const int type = static_cast<uint8_t>(packet[0]);
+    if (type > 5) return on_lost_();
+    // ACL data, SCO data, event, ISO data
+    constexpr int kKinds[] = {9, 10, 8, 11};
+    const auto* bytes = reinterpret_cast<const uint8_t*>(packet.data());
+    flatbuffers::FlatBufferBuilder builder;
+    const auto vector = builder.CreateVector(bytes + 1, packet.size() - 1);
+    builder.Finish(chre::bt::CreateEvent(builder, kKinds[type - 2], vector));
+    handler(builder.GetBufferPointer(), builder.GetSize());
+  }
+  int Send(const Request& request, std::function<void(int)>) override {
+    // An error here would end the process with calls under way, which nothing can go on after.
+    const auto& payload = request.payload;  // flow-controlled or not, type, packet
+    if (!all.fails) all.on_packet(payload[1], {payload.begin() + 2, payload.end()});
+    return 0;
+  }
+  int Call(const Request&, std::chrono::milliseconds timeout, int*) override {
+    if (all.fails) all.now += timeout;
+    return all.fails ? kOperationTimedOut : 0;
+  }
+
+  std::function<void()> on_lost_;
+};
+
+struct InlineWorker : Worker {
+  void Post(std::function<void()> task) override { task(); }
+};
+
+}  // namespace
+
+int InitClientManager() { return 0; }
+void ReleaseClientManager() {}
+int CreateTransportClient(int, std::unique_ptr<TransportClient>* client) {
+  *client = std::make_unique<Client>();
+  return 0;
+}
+int CreateWorker(const std::string&, std::unique_ptr<Worker>* worker) {
+  *worker = std::make_unique<InlineWorker>();
+  return 0;
+}
+
+}  // namespace qvr
 
 namespace fuzz {
 namespace {

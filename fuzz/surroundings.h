@@ -1,7 +1,8 @@
 // What surrounds the service, in one thread, in memory and in simulated time, for programs that are
 // linked with these in the place of what starts threads and waits: timers, the reader of the line,
-// the coexistence device, clocks, condition variables. A thread that the service starts for one
-// task runs when it is told to, or when the service waits; other threads are refused.
+// the co-processor's library, the coexistence device, clocks, condition variables. A thread that
+// the service starts for one task runs when it is told to, or when the service waits; other threads
+// are refused.
 #pragma once
 
 #include <chrono>

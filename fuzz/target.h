@@ -56,9 +56,14 @@ class Input {
 // Between the parts of an input that has several.
 inline constexpr char kSeparator = '\x1E';
 
-// Makes path, a file below the root folder of this process, hold content.
+// Makes path, a file below the root folder of this process, hold content: in memory, for
+// root_folder::Open() alone, or on disk.
 void Put(const std::string& path, const std::string& content);
-// Lets the service log as much as it can, to nowhere: its formatting runs, too.
-void LogEverything();
+void PutOnDisk(const std::string& path, const std::string& content);
+// What it holds.
+std::string Get(const std::string& path);
+// What the service logs goes nowhere, but is formatted, too; for one input in four, by its size,
+// because it takes as long as the rest.
+void Log(size_t size);
 
 }  // namespace fuzz

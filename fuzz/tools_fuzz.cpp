@@ -85,7 +85,7 @@ void Unpack(const std::string& archive) {
   const std::string folder = root_folder::Resolve("/unpacked");
   std::filesystem::remove_all(folder);
   std::filesystem::create_directory(folder);
-  fuzz::Put("/archive", archive);
+  fuzz::PutOnDisk("/archive", archive);
   UnpackHandsetFiles(root_folder::Resolve("/archive"), folder);
 }
 

@@ -42,7 +42,8 @@ std::optional<std::pair<std::string, std::string>> Parse(const std::string& line
 
 std::vector<std::string> ReadLines(const char* path) {
   std::string text;
-  if (!android::base::ReadFileToString(root_folder::Resolve(path), &text)) {
+  const android::base::unique_fd file(root_folder::Open(path, O_RDONLY | O_NOFOLLOW));
+  if (file.get() < 0 || !android::base::ReadFdToString(file, &text)) {
     if (errno != ENOENT) PLOG(ERROR) << path;
     return {};
   }
