@@ -375,7 +375,8 @@ class Handset {
   // A packet that the line has taken.
   void OnPacket(uint8_t type, const std::string& packet) {
     if (std::exchange(opening_, all_.openings) != all_.openings) {
-      outstanding_ = broken_ = false;
+      outstanding_ = false;
+      broken_ = all_.room != SIZE_MAX && all_.full_for >= std::chrono::seconds(2);
       credits_ = true;
       waiting_.clear();
     }
