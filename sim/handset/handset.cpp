@@ -129,9 +129,8 @@ bool Handset::Awake() const { return !SleepMode() || !lpm_enabled_ || wake_asser
 
 void Handset::OnPower(bool on, bool more) {
   if (!on) {
-    // Of a power cycle that is seen as a whole, what the host wrote after it is kept.
+    // Of a power cycle that is seen as a whole, what is there may have been written after it.
     if (!more) uart_.Drain();
-    after_power_on_ = uart_.DropBacklog();
     if (powered_) trace_.Note("power off");
     powered_ = false;
     StopController();
@@ -143,10 +142,10 @@ void Handset::OnPower(bool on, bool more) {
   }
   if (powered_) return;
   ++counts_.power_cycles;
-  uart_.DropStale();
+  const Bytes reset = uart_.DropBacklog();
   PowerOn();
   scenario_.OnPowerOn();
-  OnHostBytes(std::exchange(after_power_on_, {}));
+  OnHostBytes(reset);
 }
 
 void Handset::PowerOn() {

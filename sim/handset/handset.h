@@ -111,7 +111,6 @@ class Handset {
   std::unique_ptr<RadioBridge> radio_;      // null with the built-in radio
   H4Framer framer_;
   Uart uart_;
-  Bytes after_power_on_;  // what a hung controller hears once it is switched on again
   LineFaults line_;
   SwitchFile rfkill_;
   SwitchFile lpm_;

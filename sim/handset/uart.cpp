@@ -76,7 +76,6 @@ void Uart::StopReading(EventLoop::Duration time) {
 
 Bytes Uart::DropBacklog() {
   static const Bytes kReset = {0x01, 0x03, 0x0C, 0x00};
-  if (!deaf_) return {};
   Bytes backlog;
   while (const size_t count = pty_->Read(rx_.data(), rx_.size())) {
     backlog.insert(backlog.end(), rx_.begin(), rx_.begin() + static_cast<ptrdiff_t>(count));
@@ -150,11 +149,6 @@ void Uart::Read() {
 void Uart::Drain() {
   while (ReadOnce(SIZE_MAX)) {
   }
-}
-
-void Uart::DropStale() {
-  if (HostSpeed() == kBootSpeed) return;
-  while (const size_t count = pty_->Read(rx_.data(), rx_.size())) received_ += count;
 }
 
 void Uart::Send(ByteView bytes) { tx_.insert(tx_.end(), bytes.begin(), bytes.end()); }

@@ -41,16 +41,14 @@ class Uart {
   void Flush();
   // Reads everything that the host has written so far, at any pace.
   void Drain();
-  // Drops what the host wrote before it opened the line anew, which sets the boot speed.
-  void DropStale();
 
   void SetSpeed(uint32_t bits_per_second) { speed_ = bits_per_second; }
   uint32_t speed() const { return speed_; }
   size_t queued() const { return tx_.size() - tx_head_; }
   // Stops reading for time, or until power-off if time is zero, so that the line fills up.
   void StopReading(EventLoop::Duration time);
-  // Power off after StopReading: drops what was not read. If that ends with an HCI Reset, the host
-  // wrote it after it switched the power on again: it is returned; otherwise the result is empty.
+  // Power on: drops what was not read. If that ends with an HCI Reset, the host wrote it after it
+  // switched the power on: it is returned; otherwise the result is empty.
   Bytes DropBacklog();
   // Power off: forgets what is queued and what the host has not read, and reads again.
   void Clear();
