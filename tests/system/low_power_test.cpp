@@ -127,7 +127,7 @@ TEST_P(LowPowerSlow, WakeLockIsHeldExactlyWhileBringUpRunsOrTheControllerIsAwake
   ASSERT_GE(after_cue.size(), 3u);
   EXPECT_GE(after_cue[0], 0.8 - kTolerance);
   EXPECT_GE(std::min(after_wake[1], after_wake[2]), 1.6 - kTolerance);
-  EXPECT_LT(std::min(after_wake[1], after_wake[2]), 2.4);
+  EXPECT_LT(std::min(after_wake[1], after_wake[2]), 2.4) << Tail(ReadFile(handset_.Path("trace")));
 }
 
 // With gaps of every length, half of them near the moments at which the controller is put to sleep.
