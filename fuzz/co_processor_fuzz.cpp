@@ -31,10 +31,6 @@ class Client : public qvr::TransportClient {
   int Call(const qvr::Request&, std::chrono::milliseconds, int*) override { return 0; }
 };
 
-class InlineWorker : public qvr::Worker {
-  void Post(std::function<void()> task) override { task(); }
-};
-
 int lines;
 hidl_vec<uint8_t> delivered;
 bool is_delivered;
@@ -56,14 +52,8 @@ void Connect() {
 }  // namespace
 
 namespace qvr {
-int InitClientManager() { return 0; }
-void ReleaseClientManager() {}
 int CreateTransportClient(int, std::unique_ptr<TransportClient>* client) {
   *client = std::make_unique<Client>();
-  return 0;
-}
-int CreateWorker(const std::string&, std::unique_ptr<Worker>* worker) {
-  *worker = std::make_unique<InlineWorker>();
   return 0;
 }
 }  // namespace qvr

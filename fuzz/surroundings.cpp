@@ -121,20 +121,10 @@ class Client : public TransportClient {
   std::function<void()> on_lost_;
 };
 
-struct InlineWorker : Worker {
-  void Post(std::function<void()> task) override { task(); }
-};
-
 }  // namespace
 
-int InitClientManager() { return 0; }
-void ReleaseClientManager() {}
 int CreateTransportClient(int, std::unique_ptr<TransportClient>* client) {
   *client = std::make_unique<Client>();
-  return 0;
-}
-int CreateWorker(const std::string&, std::unique_ptr<Worker>* worker) {
-  *worker = std::make_unique<InlineWorker>();
   return 0;
 }
 
