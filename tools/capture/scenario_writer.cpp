@@ -23,6 +23,7 @@ constexpr uint16_t kFirmwareStart = 0xFC4E;
 constexpr uint16_t kVerboseConfig = 0xFC79;
 constexpr int64_t kMillisecond = 1'000'000;         // ns
 constexpr int64_t kLate = 500 * kMillisecond;       // what a host or a user notices
+constexpr int64_t kDay = 86'400'000;                // ms, the longest time of a scenario
 constexpr int64_t kRightAfter = 20 * kMillisecond;  // an event belongs to the command before it
 
 struct Command {
@@ -59,6 +60,9 @@ std::string Number(unsigned value, int digits) {
   std::snprintf(text, sizeof text, "0x%0*X", digits, value);
   return text;
 }
+
+// A longer time than a scenario can have is none: the clock was set meanwhile.
+std::string Time(int64_t ns) { return std::to_string(std::min(ns / kMillisecond, kDay)) + "ms"; }
 
 // Whether Command Complete answers this command (Core 5.3, 4.E.7).
 bool IsCompleted(uint16_t opcode) {
@@ -157,7 +161,7 @@ class ScenarioWriter {
     const std::string from = command.nth == 1 ? on : on + " from " + std::to_string(command.nth);
     const Answer answer(command.answer->packet.bytes);
     const int64_t delay = command.answer->time_ns - command.packet->time_ns;
-    if (delay >= kLate) Add(nth, "late " + std::to_string(delay / kMillisecond) + "ms", name);
+    if (delay >= kLate) Add(nth, "late " + Time(delay), name);
     const unsigned granted = granted_.count(command.opcode) > 0 ? granted_[command.opcode] : 1;
     if (answer.credits != granted) {
       Add(from, "credits " + std::to_string(answer.credits), name);
@@ -207,10 +211,7 @@ class ScenarioWriter {
     }
     return "power nth 1" + After(event.time_ns);
   }
-  static std::string After(int64_t ns) {
-    const int64_t ms = ns / kMillisecond;
-    return ms == 0 ? "" : " " + std::to_string(ms) + "ms";
-  }
+  static std::string After(int64_t ns) { return ns < kMillisecond ? "" : " " + Time(ns); }
 
   void TellEvent(const CapturedPacket& packet, size_t sent) {
     const ByteView bytes(packet.packet.bytes);
