@@ -23,7 +23,7 @@ class Packets {
     const auto& [type, bytes] = *item.packet;
     if (item.cut_short) throw std::runtime_error(name + " is cut short in the capture");
     const PacketLayout& layout = *LayoutOf(static_cast<uint8_t>(type));
-    if (PacketSize(layout, bytes) != bytes.size()) {
+    if (bytes.empty() || PacketSize(layout, bytes) != bytes.size()) {
       throw std::runtime_error(
           name + " has another length than its header says: " + Hex(bytes, layout.header));
     }
