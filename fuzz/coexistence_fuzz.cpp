@@ -2,6 +2,7 @@
 // thread of the device runs in its turn, on this one: a thread for each input takes ten times as
 // long as the input.
 #include <dlfcn.h>
+#include <poll.h>
 #include <pthread.h>
 
 #include <utility>
@@ -19,6 +20,7 @@ namespace {
 bool opens = false;                 // the device is the one that starts a thread
 void* (*routine)(void*) = nullptr;  // its thread, which has not run yet
 void* argument = nullptr;
+std::string written;  // by the device
 
 }  // namespace
 
@@ -47,6 +49,20 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
   argument = shared;
   return 0;
 }
+// The file is ready always, and takes what is written.
+int __wrap_poll(pollfd* fds, nfds_t, int) {
+  fds[0].revents = POLLIN;
+  return 1;
+}
+ssize_t __wrap_write(int, const void* bytes, size_t size) {
+  written.append(static_cast<const char*>(bytes), size);
+  return static_cast<ssize_t>(size);
+}
+// The kernel has no such descriptors: nobody polls them.
+int __wrap_socketpair(int, int, int, int sockets[2]) {
+  sockets[0] = sockets[1] = 1 << 20;
+  return 0;
+}
 int __wrap_pthread_join(pthread_t, void**) { return 0; }
 int __wrap_pthread_setname_np(pthread_t, const char*) { return 0; }
 
@@ -69,6 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   const int fatal_errors = fuzz::FatalErrors();
   int notices = 0;
+  written.clear();
   CoexDevice device;
   opens = true;
   fuzz::Require(device.DeviceOpen([&] { ++notices; }, 0), "the device can be opened");
@@ -81,5 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   device.DeviceClose();
   fuzz::Require(notices == (notice < size ? 1 : 0), "one call for the first notice");
   fuzz::Require(fuzz::FatalErrors() - fatal_errors == notices, "a notice is a fatal error");
+  const bool acknowledged = notices > 0 && data[notice + 3] == 0x43;
+  fuzz::Require(written == (acknowledged ? "\2\2\4\x81" : ""), "one kind is acknowledged");
   return 0;
 }

@@ -1,4 +1,6 @@
 // The configuration, its overlay and the property files: four parts, one behind the other.
+#include <android-base/properties.h>
+
 #include <algorithm>
 
 #include "conf.h"
@@ -13,6 +15,16 @@ constexpr char kPersistentFile[] = "/data/property/persistent.prop";
 
 }  // namespace
 
+// In the place of SetProperty() (the linker's --wrap): it would replace the file of this process's
+// properties for each that a configuration sets.
+bool SetProperty(const std::string& key, const std::string& value) __asm__(
+    "__wrap__ZN7android4base11SetPropertyERKNSt7__cxx1112basic_stringIcSt11char_"
+    "traitsIcESaIcEEES8_");
+bool SetProperty(const std::string& key, const std::string& value) {
+  fuzz::Require(key.rfind("persist.bluetooth.", 0) == 0 && value.size() < 256, "one of those");
+  return true;
+}
+
 std::vector<std::string> fuzz::Seeds() {
   std::vector<std::string> seeds = Texts("config.txt", 0);
   Append(&seeds, Prefixed({kSeparator}, Texts("config.txt", 1)));
@@ -23,6 +35,11 @@ std::vector<std::string> fuzz::Seeds() {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const bool is_debug_build = [] {
+    fuzz::Put("/vendor/build.prop", "ro.build.type=eng\n");
+    return android::base::GetProperty("ro.build.type", "") == "eng";
+  }();
+  fuzz::Require(is_debug_build, "some values are taken in one only");
   fuzz::Log(size);
   fuzz::Input input(data, size);
   for (const char* path : {"/vendor/etc/bluetooth/bt_vendor.conf",
@@ -37,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // What is set, the next start has. Replacing a file takes longer than all the rest: for some
   // inputs.
-  const bool is_set = size % 16 == 0;
+  const bool is_set = size % 64 == 63;
   (is_set ? fuzz::PutOnDisk : fuzz::Put)(kPersistentFile, input.Rest());
   bthal::PropertyStore store;
   const std::string name = "persist.set";

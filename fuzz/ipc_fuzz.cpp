@@ -8,11 +8,15 @@
 #include <android/hardware/bluetooth/1.1/BpHwBluetoothHci.h>
 #include <fcntl.h>
 #include <hidl/HidlTransportSupport.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <deque>
 
 #include "bluetooth_ccc.h"
 #include "bthal/command_sender.h"
@@ -20,7 +24,6 @@
 #include "rpc/connection.h"
 #include "rpc/name_service.h"
 #include "rpc/thread_pool.h"
-#include "support/wait.h"
 #include "target.h"
 
 namespace {
@@ -43,8 +46,8 @@ struct ResidencyCallback : BnTavioStateResidencyCallback {
   }
 };
 
-// The next message, as a peer sends it.
-std::string NextMessage(fuzz::Input* input, uint8_t* descriptors) {
+// The next message, as a peer sends it, and whether it sends more at once.
+std::string NextMessage(fuzz::Input* input, uint8_t* descriptors, bool* more) {
   const uint8_t type = input->Byte();
   MessageHeader header;
   header.type = MessageType{type};
@@ -52,6 +55,7 @@ std::string NextMessage(fuzz::Input* input, uint8_t* descriptors) {
   header.code = input->Byte();
   const unsigned flags = input->Byte();
   header.flags = (flags & IBinder::FLAG_ONEWAY) | (flags << 7 & (kRunsAhead | kAsksForProgress));
+  *more = (flags & 0x80) != 0;
   header.serial = input->Byte();
   header.references = input->Byte();
   *descriptors = static_cast<uint8_t>(input->Byte() % (kMaxDescriptors + 1));
@@ -65,31 +69,24 @@ std::string NextMessage(fuzz::Input* input, uint8_t* descriptors) {
   return std::string(reinterpret_cast<const char*>(&header), sizeof header) + references + body;
 }
 
-void Send(int socket, const std::string& message, uint8_t descriptors) {
-  iovec part{const_cast<char*>(message.data()), message.size()};
-  msghdr outgoing{};
-  outgoing.msg_iov = &part;
-  outgoing.msg_iovlen = 1;
-  alignas(cmsghdr) char control[CMSG_SPACE(kMaxDescriptors * sizeof(int))] = {};
-  if (descriptors > 0) {
-    outgoing.msg_control = control;
-    outgoing.msg_controllen = CMSG_SPACE(descriptors * sizeof(int));
-    cmsghdr* rights = CMSG_FIRSTHDR(&outgoing);
-    *rights = {CMSG_LEN(descriptors * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-    for (auto* at = reinterpret_cast<int*>(CMSG_DATA(rights)); descriptors > 0; --descriptors) {
-      *at++ = socket;
-    }
-  }
-  sendmsg(socket, &outgoing, MSG_NOSIGNAL | MSG_DONTWAIT);
-}
+// The connection's socket: the kernel takes longer for one than the service for an input.
+constexpr int kSocket = 1 << 20;
+struct Sent {
+  std::string bytes;
+  uint8_t descriptors;
+};
+std::deque<Sent> sent;  // by the peer, which reads whatever it is sent
+bool has_end = false;   // the peer sends no more
 
-// Runs what has been posted to a pool, on this thread.
-void Drain(ThreadPool& pool) {
-  struct Done {};
-  pool.Post([] { throw Done(); });
-  try {
-    pool.Join();
-  } catch (const Done&) {
+// What has been posted to the pools and waits.
+std::deque<std::unique_ptr<Task>> tasks;
+
+// Runs it, on this thread.
+void Drain() {
+  while (!tasks.empty()) {
+    const std::unique_ptr<Task> task = std::move(tasks.front());
+    tasks.pop_front();
+    task->Run();
   }
 }
 
@@ -123,8 +120,8 @@ void CallService(Connection& connection) {
 int LowestFreeDescriptor() { return unique_fd(fcntl(0, F_DUPFD_CLOEXEC, 0)).get(); }
 
 void Begin() {
-  client_answer_time = std::chrono::milliseconds(1);
-  IoLoop::Get().TryLead();  // for good: this thread reads
+  client_answer_time = std::chrono::milliseconds(0);  // a client has said what it says
+  IoLoop::Get().TryLead();                            // for good: this thread reads
   const sp<BluetoothCcc> ccc = new BluetoothCcc;
   fuzz::Require(ccc->registerAsService() == 0, "a service can be registered");
   fuzz::Require(sp(new test::CommandSender)->registerAsService() == 0, "and another one");
@@ -133,6 +130,77 @@ void Begin() {
 }
 
 }  // namespace
+
+// In the place of the threads of the pools.
+namespace bthal::rpc {
+
+class FunctionTask : public Task {
+ public:
+  explicit FunctionTask(std::function<void()> function) : function_(std::move(function)) {}
+  void Run() override { function_(); }
+
+ private:
+  const std::function<void()> function_;
+};
+
+ThreadPool::ThreadPool(std::string name, Idle idle) : name_(std::move(name)), idle_kind_(idle) {}
+void ThreadPool::Configure(size_t, bool) {}
+void ThreadPool::Start() {}
+void ThreadPool::Join() { abort(); }
+void ThreadPool::Post(std::unique_ptr<Task> task) { tasks.push_back(std::move(task)); }
+void ThreadPool::Post(std::function<void()> task) {
+  Post(std::make_unique<FunctionTask>(std::move(task)));
+}
+void ThreadPool::DropObsolete() { TakeObsolete(tasks); }
+bool ThreadPool::HasOwnTask() { return false; }
+void ThreadPool::LeadIsFree() {}
+
+ThreadPool& HidlThreadPool() {
+  static auto* const pool = new ThreadPool("hidl-rpc", ThreadPool::Idle::kSleep);
+  return *pool;
+}
+ThreadPool& NdkThreadPool() { return HidlThreadPool(); }
+
+}  // namespace bthal::rpc
+
+// In the place of the kernel's functions (the linker's --wrap). This thread asks each connection
+// itself whether there is something to read.
+extern "C" {
+
+int __wrap_epoll_ctl(int, int, int, epoll_event*) { return 0; }
+int __wrap_poll(pollfd* fds, nfds_t count, int) {
+  fds[0].revents = 0;
+  if (count < 2 || (sent.empty() && !has_end)) return 0;
+  fds[1].revents = POLLIN;
+  return 1;
+}
+ssize_t __wrap_sendmsg(int, const msghdr* message, int) {
+  size_t size = 0;
+  for (size_t i = 0; i < message->msg_iovlen; ++i) size += message->msg_iov[i].iov_len;
+  return static_cast<ssize_t>(size);
+}
+ssize_t __wrap_recvmsg(int, msghdr* message, int) {
+  message->msg_controllen = 0;
+  message->msg_flags = 0;
+  if (sent.empty()) {
+    errno = EAGAIN;
+    return has_end ? 0 : -1;
+  }
+  const auto [bytes, descriptors] = std::move(sent.front());
+  sent.pop_front();
+  fuzz::Require(bytes.size() <= message->msg_iov->iov_len, "a message fits");
+  memcpy(message->msg_iov->iov_base, bytes.data(), bytes.size());
+  if (descriptors > 0) {
+    message->msg_controllen = CMSG_SPACE(descriptors * sizeof(int));
+    cmsghdr* const rights = CMSG_FIRSTHDR(message);
+    *rights = {CMSG_LEN(descriptors * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+    auto* const numbers = reinterpret_cast<int*>(CMSG_DATA(rights));
+    for (int i = 0; i < descriptors; ++i) numbers[i] = fcntl(0, F_DUPFD_CLOEXEC, 0);
+  }
+  return static_cast<ssize_t>(bytes.size());
+}
+
+}  // extern "C"
 
 std::vector<std::string> fuzz::Seeds() {
   std::vector<std::string> seeds;
@@ -160,29 +228,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int lowest = LowestFreeDescriptor();
   int ends = 0;
   {
-    int sockets[2];
-    fuzz::Require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) == 0, "a socket");
-    const unique_fd peer(sockets[1]);
+    sent.clear();
+    has_end = false;
     const auto side = is_service ? Connection::Side::kService : Connection::Side::kClient;
-    const auto connection = Connection::Start(unique_fd(sockets[0]), side, [&] { ++ends; });
-    while (!input.empty()) {
-      uint8_t descriptors = 0;
-      const std::string message = NextMessage(&input, &descriptors);
-      Send(peer.get(), message, descriptors);
-      if (is_service) continue;
+    const auto connection = Connection::Start(unique_fd(kSocket), side, [&] { ++ends; });
+    while (!input.empty() && !connection->ended()) {
+      Sent message;
+      bool more = false;
+      message.bytes = NextMessage(&input, &message.descriptors, &more);
+      sent.push_back(std::move(message));
+      if (is_service || more) continue;
       connection->OnReady(EPOLLIN);
-      Drain(HidlThreadPool());
-      Drain(NdkThreadPool());
+      Drain();
     }
-    shutdown(peer.get(), SHUT_WR);
+    has_end = true;
     if (is_service) CallService(*connection);
-    while (!connection->ended()) connection->OnReady(EPOLLIN);
-    Drain(HidlThreadPool());
-    Drain(NdkThreadPool());
+    do {
+      connection->OnReady(EPOLLIN);
+      Drain();
+    } while (!connection->ended());
   }
   fuzz::Require(ends == 1, "the end of a connection is told once");
-  // Deaths are told on another thread, which holds the connection until then.
-  fuzz::Require(test::WaitFor([&] { return LowestFreeDescriptor() == lowest; }),
-                "no descriptor is left open");
+  fuzz::Require(LowestFreeDescriptor() == lowest, "no descriptor is left open");
   return 0;
 }

@@ -159,11 +159,11 @@ class Handset {
  public:
   Handset() {
     fuzz::Put("/proc/bluetooth/timesync", "");
-    fuzz::Put("/proc/bluetooth/sleep/lpm", "");
-    fuzz::Put("/proc/bluetooth/sleep/btwrite", "");
+    fuzz::PutOnDisk("/proc/bluetooth/sleep/lpm", "");
+    fuzz::PutOnDisk("/proc/bluetooth/sleep/btwrite", "");
     fuzz::Put("/proc/device-tree/chosen/config/bt_addr", "00:11:22:33:44:55");
     fuzz::PutOnDisk("/sys/class/rfkill/rfkill0/type", "bluetooth\n");
-    fuzz::Put(kPower, "0");
+    fuzz::PutOnDisk(kPower, "0");
     fuzz::Put("/vendor/firmware/tovu/ZVK.hcd", "");
     fuzz::Put("/vendor/etc/bluetooth/bt_vendor.conf", "UartPort=/dev/ttyBT7\n");
     uart_ = std::make_unique<test::LinkedPty>(root_folder::Resolve("/dev/ttyBT7"));

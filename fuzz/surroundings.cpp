@@ -246,6 +246,8 @@ int __wrap_release_wake_lock(const char*) {
   return 0;
 }
 
+int __wrap_malloc_trim(size_t) { return 0; }
+
 int __wrap_nanosleep(const timespec* duration, timespec*) {
   all.now += std::chrono::seconds(duration->tv_sec) + nanoseconds(duration->tv_nsec);
   return 0;
@@ -260,13 +262,12 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t*, pthread_mutex_t* mutex, clock
   return fuzz::Wait(deadline) ? 0 : ETIMEDOUT;
 }
 
-ssize_t __real_read(int fd, void* buffer, size_t size);
 ssize_t __wrap_read(int fd, void* buffer, size_t size) {
   if (size == sizeof(uint64_t) && !IsLine(fd)) {
     if (!std::exchange(all.signalled, false)) throw fuzz::Blocked();
     return sizeof(uint64_t);
   }
-  if (!IsLine(fd)) return __real_read(fd, buffer, size);
+  if (!IsLine(fd)) return fuzz::Read(fd, buffer, size);
   const size_t count = std::min({size, all.read_size, all.unread.size()});
   memcpy(buffer, all.unread.data(), count);
   all.unread.erase(0, count);

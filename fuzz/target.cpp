@@ -9,7 +9,6 @@
 #include <log/log.h>
 #include <pthread.h>
 #include <root_folder/root_folder.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,6 +23,8 @@
 #include "support/temp_dir.h"
 #include "support/vectors.h"
 
+extern "C" ssize_t __real_read(int descriptor, void* buffer, size_t size);
+
 namespace fuzz {
 namespace {
 
@@ -31,7 +32,22 @@ using android::base::unique_fd;
 
 const pthread_t main_thread = pthread_self();
 std::atomic<int> fatal_errors{0};
-std::map<std::string, unique_fd> files;  // in memory, by path
+
+// In memory. Its descriptor is one that the kernel has not; all that is open of it has one offset.
+struct File {
+  int descriptor;
+  std::string content;
+  size_t offset = 0;
+};
+std::map<std::string, File> files;  // by path
+int next_descriptor = 1 << 24;
+
+File* FindFile(int descriptor) {
+  for (auto& [path, file] : files) {
+    if (file.descriptor == descriptor) return &file;
+  }
+  return nullptr;
+}
 
 }  // namespace
 
@@ -93,12 +109,9 @@ std::string Input::Until(char separator) {
 }
 
 void Put(const std::string& path, const std::string& content) {
-  unique_fd& file = files[path];
-  if (file.get() < 0) file.reset(memfd_create("put", MFD_CLOEXEC));
-  const auto size = static_cast<ssize_t>(content.size());
-  Require(pwrite(file.get(), content.data(), content.size(), 0) == size &&
-              ftruncate(file.get(), size) == 0,
-          "a file in memory can be written");
+  const auto file = files.try_emplace(path, File{next_descriptor, {}});
+  if (file.second) ++next_descriptor;
+  file.first->second.content = content;
 }
 
 void PutOnDisk(const std::string& path, const std::string& content) {
@@ -113,6 +126,15 @@ std::string Get(const std::string& path) {
   std::string content;
   Require(android::base::ReadFdToString(file, &content), "a file can be read");
   return content;
+}
+
+ssize_t Read(int descriptor, void* buffer, size_t size) {
+  File* const file = FindFile(descriptor);
+  if (file == nullptr) return __real_read(descriptor, buffer, size);
+  const size_t count = std::min(size, file->content.size() - file->offset);
+  memcpy(buffer, file->content.data() + file->offset, count);
+  file->offset += count;
+  return static_cast<ssize_t>(count);
 }
 
 void Log(size_t size) {
@@ -137,8 +159,22 @@ void Report(BqrErrorCode code, const std::string& why) {
 
 }  // namespace android::hardware::bluetooth::V1_1::zvkbtlinux::debug
 
-// In the place of platform/root_folder/: opening a file by its path takes longer than most inputs.
-// What has been put has one offset, wherever it is open.
+// In the place of what the service calls: opening and reading a file takes the kernel longer than
+// most inputs take the service.
+extern "C" __attribute__((weak)) ssize_t __wrap_read(int descriptor, void* buffer, size_t size) {
+  return fuzz::Read(descriptor, buffer, size);
+}
+
+bool android::base::ReadFdToString(borrowed_fd file, std::string* content) {
+  content->clear();
+  char part[4096];
+  ssize_t count;
+  while ((count = TEMP_FAILURE_RETRY(read(file.get(), part, sizeof part))) > 0) {
+    content->append(part, static_cast<size_t>(count));
+  }
+  return count == 0;
+}
+
 namespace root_folder {
 
 const std::string& Path() {
@@ -155,8 +191,8 @@ std::string Resolve(const std::string& path) { return Path() + path; }
 int Open(const std::string& path, int flags, mode_t mode) {
   const auto found = fuzz::files.find(path);
   if (found == fuzz::files.end()) return open(Resolve(path).c_str(), flags | O_CLOEXEC, mode);
-  lseek(found->second.get(), 0, SEEK_SET);
-  return fcntl(found->second.get(), F_DUPFD_CLOEXEC, 0);
+  found->second.offset = 0;
+  return found->second.descriptor;
 }
 
 DIR* OpenDirectory(const std::string& path) { return opendir(Resolve(path).c_str()); }

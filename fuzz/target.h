@@ -6,6 +6,8 @@
 // Fatal instead, on a thread of the service's own it ends that thread. Either is an allowed end.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -56,12 +58,14 @@ class Input {
 // Between the parts of an input that has several.
 inline constexpr char kSeparator = '\x1E';
 
-// Makes path, a file below the root folder of this process, hold content: in memory, for
-// root_folder::Open() alone, or on disk.
+// Makes path, a file below the root folder of this process, hold content: in memory, to be opened
+// by root_folder::Open() and read, or on disk.
 void Put(const std::string& path, const std::string& content);
 void PutOnDisk(const std::string& path, const std::string& content);
 // What it holds.
 std::string Get(const std::string& path);
+// read(), which knows the files in memory.
+ssize_t Read(int descriptor, void* buffer, size_t size);
 // What the service logs goes nowhere, but is formatted, too; for one input in four, by its size,
 // because it takes as long as the rest.
 void Log(size_t size);
