@@ -2,6 +2,7 @@
 #include <android-base/properties.h>
 
 #include <algorithm>
+#include <numeric>
 
 #include "conf.h"
 #include "system/property_store.h"
@@ -54,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // What is set, the next start has. Replacing a file takes longer than all the rest: for some
   // inputs.
-  const bool is_set = size % 64 == 63;
+  const bool is_set = std::accumulate(data, data + size, 0) % 64 == 0;
   (is_set ? fuzz::PutOnDisk : fuzz::Put)(kPersistentFile, input.Rest());
   bthal::PropertyStore store;
   const std::string name = "persist.set";

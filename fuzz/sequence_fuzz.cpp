@@ -164,6 +164,7 @@ class Handset {
     fuzz::Put("/proc/device-tree/chosen/config/bt_addr", "00:11:22:33:44:55");
     fuzz::PutOnDisk("/sys/class/rfkill/rfkill0/type", "bluetooth\n");
     fuzz::PutOnDisk(kPower, "0");
+    fuzz::PutOnDisk("/data/property", "");  // no folder: properties stay in memory
     fuzz::Put("/vendor/firmware/tovu/ZVK.hcd", "");
     fuzz::Put("/vendor/etc/bluetooth/bt_vendor.conf", "UartPort=/dev/ttyBT7\n");
     uart_ = std::make_unique<test::LinkedPty>(root_folder::Resolve("/dev/ttyBT7"));
