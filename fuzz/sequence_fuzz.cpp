@@ -7,7 +7,6 @@
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <android/log.h>
-#include <fcntl.h>
 #include <hidl/HidlTransportSupport.h>
 #include <unistd.h>
 
