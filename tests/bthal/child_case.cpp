@@ -120,7 +120,10 @@ int main(int argc, char** argv) {
     return test::RunCase(argv[2], test::Arguments(argv + 3, argv + argc));
   }
   // A sanitizer starts a thread of its own with the first one: before any test counts threads.
-  std::thread([] {}).join();
+  // A joined thread may be counted for a moment longer.
+  pid_t joined = 0;
+  std::thread([&] { joined = gettid(); }).join();
+  test::WaitFor([&] { return tgkill(getpid(), joined, 0) != 0; });
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -61,7 +61,7 @@ TEST(CoexDevice, OpenAndCloseOrHangUpManyTimes_LeavesNothing) {
     const auto start = steady_clock::now();
     ASSERT_TRUE(device.DeviceOpen([] {}, 100));
     ASSERT_TRUE(device.DeviceOpen([] {}, 200));  // while it is open: another callback and delay
-    EXPECT_EQ(test::CountThreads(getpid()), threads + 1);
+    EXPECT_TRUE(test::WaitFor([&] { return test::CountThreads(getpid()) == threads + 1; }));
     if (++round % 2 == 1) {
       driver.HangUp();
       return;

@@ -24,6 +24,11 @@ std::vector<char*> Pointers(std::vector<std::string>& strings) {
   return pointers;
 }
 
+int InStatus(pid_t pid, const std::string& name) {
+  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+  return std::stoi(status.substr(status.find("\n" + name + ":") + name.size() + 2));
+}
+
 int CountEntries(const std::string& folder) {
   std::error_code error;
   int count = 0;
@@ -115,12 +120,8 @@ size_t CountOf(const std::string& text, const std::string& all) {
   return count;
 }
 
-int CountThreads(pid_t pid) { return CountEntries("/proc/" + std::to_string(pid) + "/task"); }
+int CountThreads(pid_t pid) { return InStatus(pid, "Threads"); }
 int CountDescriptors(pid_t pid) { return CountEntries("/proc/" + std::to_string(pid) + "/fd"); }
-
-int ResidentKilobytes(pid_t pid) {
-  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
-  return std::stoi(status.substr(status.find("VmRSS:") + 6));
-}
+int ResidentKilobytes(pid_t pid) { return InStatus(pid, "VmRSS"); }
 
 }  // namespace test
