@@ -327,6 +327,9 @@ bool Connection::ReadMessage() {
     case ReceiveResult::kMalformed:
       failure = "a malformed message";
       break;
+    case ReceiveResult::kDescriptorsLost:
+      failure = "a message with more descriptors than can be opened";
+      break;
     case ReceiveResult::kMessage:
       failure = Handle(std::move(message));
       break;

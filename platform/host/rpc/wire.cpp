@@ -131,7 +131,8 @@ ReceiveResult ReceiveMessage(int socket, uint8_t* buffer, ReceivedMessage* messa
     return ReceiveResult::kMessage;
   }
   message->descriptors.clear();
-  return ReceiveResult::kMalformed;
+  return (incoming.msg_flags & MSG_CTRUNC) != 0 ? ReceiveResult::kDescriptorsLost
+                                                : ReceiveResult::kMalformed;
 }
 
 }  // namespace bthal::rpc

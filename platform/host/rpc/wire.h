@@ -88,7 +88,9 @@ struct ReceivedMessage {
   std::vector<android::base::unique_fd> descriptors;
 };
 
-enum class ReceiveResult { kMessage, kNothingYet, kEnd, kMalformed, kFailed };
+// kDescriptorsLost: more descriptors came with the message than one may bring, or than this process
+// can open.
+enum class ReceiveResult { kMessage, kNothingYet, kEnd, kMalformed, kDescriptorsLost, kFailed };
 
 // Takes one message without blocking. buffer has kMaxMessageBytes.
 ReceiveResult ReceiveMessage(int socket, uint8_t* buffer, ReceivedMessage* message);
