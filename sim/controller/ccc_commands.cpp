@@ -12,7 +12,7 @@ constexpr unsigned kMostOffset = 625;  // µs from an event to the toggle after 
 enum Operation : uint8_t { kAdd = 1, kRemove = 2, kRemoveAll = 3 };
 
 // Operation, address, 1; an addition continues with 0 and the events.
-constexpr size_t kHead = 8;
+constexpr size_t kFixedPart = 8;
 
 uint64_t Microseconds(EventLoop::Time time) {
   return static_cast<uint64_t>(
@@ -35,13 +35,13 @@ Writer CccCommands::Run(ByteView params) {
     registered_.clear();
     return {status::kSuccess};
   }
-  if (params.size() < kHead || params[7] != 1) return {status::kInvalidParameters};
+  if (params.size() < kFixedPart || params[7] != 1) return {status::kInvalidParameters};
   const Address address = AddressAt(params, 1);
-  if (params[0] == kRemove && params.size() == kHead) {
+  if (params[0] == kRemove && params.size() == kFixedPart) {
     return {registered_.erase(address) == 1 ? status::kSuccess : status::kUnknownConnection};
   }
-  if (params[0] == kAdd && params.size() > kHead + 1 && params[8] == 0) {
-    return Add(address, params.From(kHead + 1));
+  if (params[0] == kAdd && params.size() > kFixedPart + 1 && params[8] == 0) {
+    return Add(address, params.From(kFixedPart + 1));
   }
   return {status::kInvalidParameters};
 }
