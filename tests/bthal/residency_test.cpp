@@ -149,11 +149,6 @@ TEST(Residency, FrozenProvider_HoldsNobodyUpAndIsToldLater) {
   const auto provider = NewProvider();
   auto watcher = ndk::SharedRefBase::make<ControllerActivityWatcher>(nullptr);
   ASSERT_TRUE(watcher->initialize());
-  ASSERT_TRUE(test::WaitFor([&] {
-    watcher->stopWatcher();
-    return watcher->startWatcher();
-  }));
-
   const struct {
     std::string steps;  // + on, - off
     int calls;
@@ -161,6 +156,14 @@ TEST(Residency, FrozenProvider_HoldsNobodyUpAndIsToldLater) {
   } rows[] = {{"-+", 2, true}, {"-+-", 1, false}, {"+-", 2, false}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.steps);
+    // It is found, and its answer to the row before is no longer on its way.
+    ASSERT_TRUE(test::WaitFor([&] {
+      const int calls = provider->calls();
+      const bool from_on = row.steps[0] == '-';
+      return (from_on ? watcher->stopWatcher() : watcher->startWatcher()) &&
+             (from_on ? watcher->startWatcher() : watcher->stopWatcher()) &&
+             provider->calls() == calls + 2;
+    }));
     const int before = provider->calls();
     {
       const std::lock_guard<std::mutex> frozen(provider->lock());
